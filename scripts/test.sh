@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the plain build, then the whole suite under
+# AddressSanitizer + UndefinedBehaviorSanitizer and under ThreadSanitizer.
+#   scripts/test.sh            everything (what CI runs)
+#   scripts/test.sh --quick    the plain build only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+jobs=${JOBS:-$(nproc)}
+run_suite() {
+  local name=$1
+  shift
+  echo "=== $name ==="
+  cmake -S . -B "build/$name" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "build/$name" -j "$jobs"
+  ctest --test-dir "build/$name" -j "$jobs" --output-on-failure
+}
+
+run_suite release
+if [ "${1:-}" != "--quick" ]; then
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    run_suite asan-ubsan -DREPLAY_SANITIZE=address,undefined
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    run_suite tsan -DREPLAY_SANITIZE=thread
+fi

@@ -1,0 +1,166 @@
+#include "tests/support/TestSupport.h"
+
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "libreplay/ReplayDebug.h"
+#include "reference/src/target_root.h"
+
+namespace ReplayTest {
+
+void TargetRootTest::SetUp() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/libreplay-test-XXXXXX";
+    std::vector<char> path(pattern.begin(), pattern.end());
+    path.push_back('\0');
+    ASSERT_NE(mkdtemp(path.data()), nullptr) << "cannot create a temporary root";
+    m_root = path.data();
+    std::filesystem::create_directories(m_root + "/work");
+    std::filesystem::create_directories(m_root + "/tmp");
+
+    char current[4096];
+    m_previousDirectory = getcwd(current, sizeof current) != nullptr ? current : "/";
+    ASSERT_EQ(chdir((m_root + "/work").c_str()), 0);
+    ReplayPlatform::SetTargetRoot(m_root);
+}
+
+void TargetRootTest::TearDown() {
+    ReplayPlatform::SetTargetRoot("");
+    if (!m_previousDirectory.empty()) {
+        (void)chdir(m_previousDirectory.c_str());
+    }
+    std::error_code ignored;
+    if (!m_root.empty()) {
+        std::filesystem::remove_all(m_root, ignored);
+    }
+}
+
+std::string TargetRootTest::MakeTargetDirectory(const std::string& absolutePath) const {
+    const std::string path = m_root + absolutePath;
+    std::filesystem::create_directories(path);
+    return path;
+}
+
+std::string TargetRootTest::WriteTargetFile(const std::string& absolutePath,
+                                            const std::string& content) const {
+    const std::string path = m_root + absolutePath;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    WriteFile(path, content);
+    return path;
+}
+
+std::string TargetRootTest::ReadTargetFile(const std::string& absolutePath) const {
+    return ReadFile(m_root + absolutePath);
+}
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
+             std::chrono::milliseconds poll) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return condition();
+        }
+        std::this_thread::sleep_for(poll);
+    }
+    return true;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+namespace {
+
+struct Capture {
+    std::mutex mutex;
+    std::vector<CapturedDebug::Line> lines;
+};
+
+Capture& TheCapture() {
+    static Capture capture;
+    return capture;
+}
+
+void Record(CapturedDebug::Channel channel, const char* format, va_list arguments) {
+    char text[4096];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    Capture& capture = TheCapture();
+    std::lock_guard<std::mutex> lock(capture.mutex);
+    capture.lines.push_back({channel, text});
+}
+
+void OnMessage(const char* format, va_list arguments) {
+    Record(CapturedDebug::kMessage, format, arguments);
+}
+void OnWarning(const char* format, va_list arguments) {
+    Record(CapturedDebug::kWarning, format, arguments);
+}
+void OnError(const char* format, va_list arguments) {
+    Record(CapturedDebug::kError, format, arguments);
+}
+
+}  // namespace
+
+CapturedDebug::CapturedDebug(const char* appName) {
+    Clear();
+    SetupLoggingHandlers(appName, &OnMessage, &OnWarning, &OnError);
+}
+
+CapturedDebug::~CapturedDebug() {
+    SetupLoggingHandlers(nullptr, nullptr, nullptr, nullptr);
+}
+
+std::vector<CapturedDebug::Line> CapturedDebug::Lines() const {
+    Capture& capture = TheCapture();
+    std::lock_guard<std::mutex> lock(capture.mutex);
+    return capture.lines;
+}
+
+int CapturedDebug::Count(const std::string& fragment) const {
+    int count = 0;
+    for (const Line& line : Lines()) {
+        count += line.text.find(fragment) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+int CapturedDebug::Count(Channel channel, const std::string& fragment) const {
+    int count = 0;
+    for (const Line& line : Lines()) {
+        count += line.channel == channel && line.text.find(fragment) != std::string::npos ? 1 : 0;
+    }
+    return count;
+}
+
+void CapturedDebug::Clear() {
+    Capture& capture = TheCapture();
+    std::lock_guard<std::mutex> lock(capture.mutex);
+    capture.lines.clear();
+}
+
+std::string CapturedDebug::Dump() const {
+    static const char* const names[] = {"message", "warning", "error"};
+    std::string out;
+    for (const Line& line : Lines()) {
+        out += std::string(names[line.channel]) + ": " + line.text;
+    }
+    return out;
+}
+
+}  // namespace ReplayTest

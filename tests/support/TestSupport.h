@@ -1,0 +1,71 @@
+#ifndef TESTS_SUPPORT_TESTSUPPORT_H
+#define TESTS_SUPPORT_TESTSUPPORT_H
+
+// Shared helpers for the tests: a private target root and working directory
+// per test, polling with a deadline, and capture of the debug channels.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace ReplayTest {
+
+// Creates a fresh temporary directory, makes it the target root and the
+// working directory ("<root>/work"), and removes it afterwards.
+class TargetRootTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // The temporary root, without trailing separator.
+    const std::string& Root() const { return m_root; }
+    // Root() + absolutePath, creating the parent directories.
+    std::string MakeTargetDirectory(const std::string& absolutePath) const;
+    std::string WriteTargetFile(const std::string& absolutePath, const std::string& content) const;
+    std::string ReadTargetFile(const std::string& absolutePath) const;
+
+  private:
+    std::string m_root;
+    std::string m_previousDirectory;
+};
+
+// Polls `condition` every `poll` until it holds or `deadline` has passed;
+// returns its last value.
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
+             std::chrono::milliseconds poll = std::chrono::milliseconds(1));
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+
+// Installs capturing handlers on the three debug channels for its lifetime.
+// Only one may exist at a time.
+class CapturedDebug {
+  public:
+    enum Channel { kMessage, kWarning, kError };
+    struct Line {
+        Channel channel;
+        std::string text;
+    };
+
+    explicit CapturedDebug(const char* appName = "test");
+    ~CapturedDebug();
+    CapturedDebug(const CapturedDebug&) = delete;
+    CapturedDebug& operator=(const CapturedDebug&) = delete;
+
+    std::vector<Line> Lines() const;
+    // Number of captured lines containing `fragment` (on any channel, or on
+    // the given one).
+    int Count(const std::string& fragment) const;
+    int Count(Channel channel, const std::string& fragment) const;
+    bool Contains(const std::string& fragment) const { return Count(fragment) > 0; }
+    void Clear();
+    std::string Dump() const;
+};
+
+}  // namespace ReplayTest
+
+#endif
