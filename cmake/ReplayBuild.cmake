@@ -17,3 +17,9 @@ endif()
 # can shadow a system header of the same name.
 set(REPLAY_ROOT_INCLUDE ${PROJECT_SOURCE_DIR})
 set(REPLAY_PUBLIC_INCLUDE ${PROJECT_SOURCE_DIR}/include)
+
+# Fuzz builds instrument every object for coverage; the targets themselves add
+# the libFuzzer driver.
+if(REPLAY_BUILD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang under ASan+UBSan and runs each one
+# from its seed corpus, failing on the first finding.
+#   scripts/fuzz.sh [seconds-per-target] [target...]
+#   FUZZ_RUNS=1000000 scripts/fuzz.sh      a fixed number of executions instead
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+seconds=${1:-30}
+shift || true
+jobs=${JOBS:-$(nproc)}
+CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DREPLAY_BUILD_FUZZ=ON -DREPLAY_BUILD_TESTS=OFF -DREPLAY_SANITIZE=address,undefined >/dev/null
+cmake --build build/fuzz -j "$jobs"
+
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  for source in fuzz/*Fuzz.cpp; do targets+=("$(basename "$source" .cpp)"); done
+fi
+
+for target in "${targets[@]}"; do
+  work=$(mktemp -d)
+  [ -d "fuzz/corpus/$target" ] && cp -r "fuzz/corpus/$target/." "$work/"
+  limit=(-max_total_time="$seconds")
+  [ -n "${FUZZ_RUNS:-}" ] && limit=(-runs="$FUZZ_RUNS")
+  echo "=== $target ==="
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    "build/fuzz/fuzz/$target" "${limit[@]}" -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" \
+    "$work" tests/data 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)|ERROR" || true
+  status=${PIPESTATUS[0]}
+  rm -rf "$work"
+  [ "$status" -eq 0 ] || { echo "$target: finding (exit $status)"; exit 1; }
+done
