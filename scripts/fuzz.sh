@@ -25,10 +25,12 @@ for target in "${targets[@]}"; do
   limit=(-max_total_time="$seconds")
   [ -n "${FUZZ_RUNS:-}" ] && limit=(-runs="$FUZZ_RUNS")
   echo "=== $target ==="
+  log="build/fuzz/$target.log"
+  status=0
   ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    "build/fuzz/fuzz/$target" "${limit[@]}" -print_final_stats=1 -artifact_prefix="build/fuzz/$target-" \
-    "$work" tests/data 2>&1 | grep -E "^(stat::number_of_executed_units|==|SUMMARY|Done)|ERROR" || true
-  status=${PIPESTATUS[0]}
+    "build/fuzz/fuzz/$target" "${limit[@]}" -print_final_stats=1 \
+    -artifact_prefix="build/fuzz/$target-" "$work" tests/data >"$log" 2>&1 || status=$?
+  grep -E "^stat::number_of_executed_units|^Done|ERROR|SUMMARY" "$log" || true
   rm -rf "$work"
-  [ "$status" -eq 0 ] || { echo "$target: finding (exit $status)"; exit 1; }
+  [ "$status" -eq 0 ] || { echo "$target: finding (exit $status), see $log"; exit 1; }
 done
