@@ -192,7 +192,9 @@ void OpenOutputDevice() {
     // O_WRONLY | O_NONBLOCK: when no logger service reads the device (a FIFO
     // without reader) the open fails at once with ENXIO instead of blocking the
     // logging thread, and a full FIFO gives a short write instead of a wait.
-    const int fd = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    // O_APPEND: when the device is a plain file, every process (and every
+    // re-open) adds to its end instead of overwriting it.
+    const int fd = open(path, O_WRONLY | O_NONBLOCK | O_APPEND | O_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
         Count(blockBuffer_openErrors);
