@@ -85,14 +85,6 @@ TEST_F(ExecutionTimerTest, UnstoppedTimerPrintsOnlyWhenRunningAtDestruction) {
         << debug.Dump();
 }
 
-TEST_F(ExecutionTimerTest, StopWithoutStartAddsTheWholeClock) {
-    ExecutionTimer timer("unstarted");
-    Now(13250);
-    EXPECT_EQ(timer.Stop(), 3250000u);
-    EXPECT_EQ(timer.GetTotalTime(), 3250000u);
-    EXPECT_EQ(timer.GetCalls(), 1u);
-}
-
 // 32-bit microseconds wrap after 4294.967296 s; an interval across the wrap
 // still comes out right.
 TEST_F(ExecutionTimerTest, ThirtyTwoBitClockWraps) {
@@ -111,44 +103,13 @@ TEST_F(ExecutionTimerTest, ThirtyTwoBitClockWraps) {
     EXPECT_EQ(late.CurrentTime(), 32704u);  // (5000 - 705) s, modulo 2^32 microseconds
 }
 
-TEST_F(ExecutionTimerTest, FailingClockReadsZero) {
-    CapturedDebug debug;
-    ExecutionTimer timer("broken");
-    Now(-1);
-    EXPECT_EQ(timer.CurrentTime(), 0u);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "libReplay::ExecutionTimer::CurrentTime: Error Returned by "
-                          "clock_gettime\n"),
-              1);
-}
-
-TEST_F(ExecutionTimerTest, RealClockAdvances) {
-    ReplayCore::SetClockSourceForTesting(nullptr);
-    ExecutionTimer timer("real");
-    const unsigned int first = timer.CurrentTime();
-    EXPECT_TRUE(
-        ReplayTest::WaitFor([&] { return timer.CurrentTime() > first; }, std::chrono::seconds(5)));
-    EXPECT_LT(first, 2000000u);  // within a second or two of its base second
-}
-
 // The manager is process-wide; tests use names of their own and work with
 // whatever other tests in the same process have left.
-TEST_F(ExecutionTimerTest, ManagerFindsTimersByName) {
-    ExecutionTimerManager& manager = ExecutionTimerManager::Get();
-    EXPECT_EQ(&ExecutionTimerManager::Get(), &manager);
-    const unsigned int before = manager.GetCount();
-    ExecutionTimer& first = manager.GetTimer("manager-a");
-    const unsigned int after = manager.GetCount();
-    EXPECT_EQ(&manager.GetTimer("manager-a"), &first);
-    EXPECT_EQ(manager.GetCount(), after);
-    if (before < ExecutionTimerManager::kMaximumTimers) {
-        EXPECT_EQ(first.GetName(), "manager-a");
-    }
-}
-
 TEST_F(ExecutionTimerTest, FiftyFirstNameSharesTheLastTimer) {
     CapturedDebug debug;
     ExecutionTimerManager& manager = ExecutionTimerManager::Get();
+    ExecutionTimer& named = manager.GetTimer("manager-a");
+    EXPECT_EQ(&manager.GetTimer("manager-a"), &named);
     for (int i = 0; manager.GetCount() < ExecutionTimerManager::kMaximumTimers; ++i) {
         manager.GetTimer("fill-" + std::to_string(i));
     }
