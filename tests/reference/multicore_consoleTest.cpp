@@ -343,3 +343,38 @@ TEST_F(MulticoreConsoleTest, OverlongRootsAreRefusedOncePerConsole) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(MulticoreConsoleTest, CommandsCanChangeWhileAnotherThreadDispatches) {
+    miInternal_setInternalACLineFuntions();
+    mi_setDebugLevel('f', 0);  // keep the "change function" notices out of the pool
+    std::atomic<bool> done{false};
+    std::thread changer([&] {
+        for (int round = 0; round < 300; ++round) {
+            mi_aclineSetFunction("toggle", round % 3 == 0 ? nullptr : &RecordingCommand, "t");
+            mi_aclineSetFunction(("extra" + std::to_string(round % 40)).c_str(), &OtherCommand,
+                                 nullptr);
+        }
+        done = true;
+    });
+    int rounds = 0;
+    int unexpected = 0;
+    while (!done.load()) {
+        // The command is either removed or records the call.
+        const char* reply = miInternal_aclineMain("toggle now", 0);
+        const std::string text = reply != nullptr ? reply : "(null)";
+        unexpected += text == "first" || text == "ERROR : No acline command found" ? 0 : 1;
+        ++rounds;
+        mi_setDebugLevel('a', rounds % 4 - 1);
+        miInternal_aclineMain("showdbglvl", 0);
+        miInternal_aclineMain(nullptr, 0);  // repeats "showdbglvl"
+    }
+    changer.join();
+    EXPECT_EQ(unexpected, 0);
+    mi_aclineSetFunction("toggle", &OtherCommand, nullptr);
+    EXPECT_STREQ(miInternal_aclineMain("TOGGLE", 0), "second");
+    EXPECT_STREQ(miInternal_aclineMain("extra39", 0), "second");
+}
+
+}  // namespace
