@@ -26,37 +26,38 @@ void MakeFile(const std::string& path, const char* content) {
     }
 }
 
+// The device root: kept in static storage that outlives every exit handler,
+// because the interface keeps the pointer.
+char g_root[] = "/tmp/aclinefuzz-XXXXXX";
+
+void RemoveDeviceTree() {
+    const std::string tree = g_root;
+    for (const char* file : {"/navi/multi", "/navi/a", "/navi/S", "/ioc1/0"}) {
+        unlink((tree + file).c_str());
+    }
+    for (const char* directory : {"/navi", "/ioc1", "/custom", ""}) {
+        rmdir((tree + directory).c_str());
+    }
+}
+
 // Builds the device tree once: output to /dev/null, a few input consoles.
-const std::string& DeviceRoot() {
-    static const std::string root = [] {
-        char pattern[] = "/tmp/aclinefuzz-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            std::perror("mkdtemp");
-            std::abort();
-        }
-        const std::string made = pattern;
-        for (const char* directory : {"/navi", "/ioc1", "/custom"}) {
-            mkdir((made + directory).c_str(), 0700);
-        }
-        if (symlink("/dev/null", (made + "/navi/multi").c_str()) != 0) {
-            std::perror("symlink");
-            std::abort();
-        }
-        MakeFile(made + "/navi/a", "input for a\n");
-        MakeFile(made + "/navi/S", "input for S\n");
-        MakeFile(made + "/ioc1/0", "");
-        std::atexit([] {
-            const std::string& tree = DeviceRoot();
-            for (const char* file : {"/navi/multi", "/navi/a", "/navi/S", "/ioc1/0"}) {
-                unlink((tree + file).c_str());
-            }
-            for (const char* directory : {"/navi", "/ioc1", "/custom", ""}) {
-                rmdir((tree + directory).c_str());
-            }
-        });
-        return made;
-    }();
-    return root;
+void MakeDeviceTree() {
+    if (mkdtemp(g_root) == nullptr) {
+        std::perror("mkdtemp");
+        std::abort();
+    }
+    const std::string tree = g_root;
+    for (const char* directory : {"/navi", "/ioc1", "/custom"}) {
+        mkdir((tree + directory).c_str(), 0700);
+    }
+    if (symlink("/dev/null", (tree + "/navi/multi").c_str()) != 0) {
+        std::perror("symlink");
+        std::abort();
+    }
+    MakeFile(tree + "/navi/a", "input for a\n");
+    MakeFile(tree + "/navi/S", "input for S\n");
+    MakeFile(tree + "/ioc1/0", "");
+    std::atexit(&RemoveDeviceTree);
 }
 
 }  // namespace
@@ -64,7 +65,8 @@ const std::string& DeviceRoot() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool ready = [] {
         ReplayPlatform::SetSystemLogSink(&DiscardSystemLog);
-        mi_setLogFileName(DeviceRoot().c_str());
+        MakeDeviceTree();
+        mi_setLogFileName(g_root);
         miInternal_setInternalACLineFuntions();
         return true;
     }();
