@@ -1,9 +1,9 @@
 #ifndef FUZZ_FUZZSUPPORT_H
 #define FUZZ_FUZZSUPPORT_H
 
-// Shared set-up of the fuzz targets: a private target root (so the file log
-// never lands in the real /tmp), standard output silenced, and debug handlers
-// that format every message so that its arguments are exercised.
+// Shared set-up of the fuzz targets: a private target root (so nothing lands
+// in the real /tmp), standard output silenced, the file log off, and debug
+// handlers that format every message so that its arguments are exercised.
 
 #include <cstdarg>
 #include <cstdio>
@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "libreplay/FileLogger.h"
 #include "libreplay/ReplayDebug.h"
 #include "reference/src/target_root.h"
 
@@ -50,6 +51,10 @@ inline void Initialise() {
         std::fprintf(stderr, "could not silence standard output\n");
     }
     SetupLoggingHandlers("fuzz", FormatAndDrop, FormatAndDrop, FormatAndDrop);
+    // The file log opens the file for every line and, past its cap of lines,
+    // leaves each stream open; millions of runs would exhaust the process's
+    // descriptors. The texts are still formatted before the level check.
+    ReplayCore::FileLogger::SetLogginglevel(-1);
 }
 
 }  // namespace FuzzSupport
