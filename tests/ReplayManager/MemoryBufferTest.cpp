@@ -12,6 +12,10 @@ namespace {
 using ReplayCore::MemoryBuffer;
 using ReplayTest::CapturedDebug;
 
+// Capturing the debug channels logs to the file log, so every test keeps a
+// private target root.
+class MemoryBufferTest : public ReplayTest::TargetRootTest {};
+
 bool AllZero(const unsigned char* data, unsigned int length) {
     for (unsigned int i = 0; i < length; ++i) {
         if (data[i] != 0) {
@@ -21,7 +25,7 @@ bool AllZero(const unsigned char* data, unsigned int length) {
     return true;
 }
 
-TEST(MemoryBufferTest, GrowsToTheNextPowerOfTwoAboveTheRequest) {
+TEST_F(MemoryBufferTest, GrowsToTheNextPowerOfTwoAboveTheRequest) {
     CapturedDebug debug;
     const struct {
         unsigned int request;
@@ -39,7 +43,7 @@ TEST(MemoryBufferTest, GrowsToTheNextPowerOfTwoAboveTheRequest) {
               1);
 }
 
-TEST(MemoryBufferTest, EmptyBufferHasNoStorageAndIndexZeroIsNotAnError) {
+TEST_F(MemoryBufferTest, EmptyBufferHasNoStorageAndIndexZeroIsNotAnError) {
     CapturedDebug debug;
     MemoryBuffer buffer("Empty", 0, 100);
     EXPECT_EQ(buffer.Get(), nullptr);
@@ -50,7 +54,7 @@ TEST(MemoryBufferTest, EmptyBufferHasNoStorageAndIndexZeroIsNotAnError) {
     EXPECT_TRUE(debug.Lines().empty()) << debug.Dump();
 }
 
-TEST(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) {
+TEST_F(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) {
     MemoryBuffer buffer("Reuse", 100, 1000);
     unsigned char* storage = buffer.Get();
     ASSERT_NE(storage, nullptr);
@@ -66,7 +70,7 @@ TEST(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) 
     EXPECT_EQ(buffer.Length(), 17u);
 }
 
-TEST(MemoryBufferTest, GrowthDropsContentsAndResetsLength) {
+TEST_F(MemoryBufferTest, GrowthDropsContentsAndResetsLength) {
     CapturedDebug debug;
     MemoryBuffer buffer("Drop", 16, 4096);
     std::memset(buffer.Get(), 0x77, buffer.Capacity());
@@ -78,7 +82,7 @@ TEST(MemoryBufferTest, GrowthDropsContentsAndResetsLength) {
     EXPECT_EQ(debug.Count("Bytes requested=100; Current Buffer Size=32; New size = 128"), 1);
 }
 
-TEST(MemoryBufferTest, LimitAllowsTheLimitItselfAndRefusesOneMore) {
+TEST_F(MemoryBufferTest, LimitAllowsTheLimitItselfAndRefusesOneMore) {
     CapturedDebug debug;
     MemoryBuffer buffer("Limited", 0, 1000);
     ASSERT_NE(buffer.ExpandBuffer(1000, false), nullptr);
@@ -97,7 +101,7 @@ TEST(MemoryBufferTest, LimitAllowsTheLimitItselfAndRefusesOneMore) {
               1);
 }
 
-TEST(MemoryBufferTest, CapacityBeyondThirtyTwoBitsFailsAndKeepsStorage) {
+TEST_F(MemoryBufferTest, CapacityBeyondThirtyTwoBitsFailsAndKeepsStorage) {
     CapturedDebug debug;
     MemoryBuffer buffer("Huge", 8, UINT_MAX);
     unsigned char* storage = buffer.Get();
@@ -110,7 +114,7 @@ TEST(MemoryBufferTest, CapacityBeyondThirtyTwoBitsFailsAndKeepsStorage) {
               1);
 }
 
-TEST(MemoryBufferTest, IndexAcceptsOnePastTheEndAndFallsBackToByteZeroBeyond) {
+TEST_F(MemoryBufferTest, IndexAcceptsOnePastTheEndAndFallsBackToByteZeroBeyond) {
     CapturedDebug debug;
     MemoryBuffer buffer("Index", 10, 100);
     ASSERT_EQ(buffer.Capacity(), 16u);
