@@ -30,26 +30,10 @@ void* operator new(std::size_t size) {
     }
     throw std::bad_alloc();
 }
-void* operator new[](std::size_t size) {
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size != 0 ? size : 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
@@ -87,20 +71,13 @@ std::string Encode(CMessageEncode& encoder, const Bytes& data) {
 // then the one to three bytes left.
 void ReferencePutRawData(Ascii7Encoder::DBG_CODE7BIT_T* writer, const unsigned char* data,
                          unsigned int length) {
-    unsigned int i = 0;
-    for (; i + 4 <= length; i += 4) {
-        long word = 0;
-        for (unsigned int b = 0; b < 4; ++b) {
-            word |= static_cast<long>(data[i + b]) << (8 * b);
-        }
-        Ascii7Encoder::dbg_code7bit(writer, word, 32);
-    }
-    if (i < length) {
+    for (unsigned int i = 0; i < length; i += 4) {
+        const unsigned int count = length - i < 4 ? length - i : 4;
         long value = 0;
-        for (unsigned int b = 0; i + b < length; ++b) {
+        for (unsigned int b = 0; b < count; ++b) {
             value |= static_cast<long>(data[i + b]) << (8 * b);
         }
-        Ascii7Encoder::dbg_code7bit(writer, value, static_cast<int>(8 * (length - i)));
+        Ascii7Encoder::dbg_code7bit(writer, value, static_cast<int>(8 * count));
     }
 }
 
@@ -138,10 +115,6 @@ TEST_F(Ascii7Test, KnownVectorsEncodeAndDecodeByteForByte) {
                   binary.size());
         EXPECT_EQ(Bytes(decoded.begin(), decoded.begin() + binary.size()), binary);
     }
-    const Bytes zero = {0x00};
-    const Bytes ones = {0xFF};
-    EXPECT_EQ(Encode(encoder, zero), "%%");
-    EXPECT_EQ(Encode(encoder, ones), std::string("\xA4&"));
 }
 
 TEST_F(Ascii7Test, InputsBeyondTheOutputOrTheLimitAreRejected) {
@@ -251,7 +224,7 @@ TEST_F(Ascii7Test, DecoderMatchesTheBitReaderOnTextsWithStrayCharacters) {
     }
 }
 
-TEST_F(Ascii7Test, DecodingStopsOnlyOutsideTheAlphabet) {
+TEST_F(Ascii7Test, BitReaderReadsEveryWidthAndStopsOnlyOutsideTheAlphabet) {
     // Sixteen characters make fourteen bytes; a stop after eight leaves seven.
     const std::string valid = "abcdefgh:%%%%%%%";
     char out[32];
@@ -262,10 +235,7 @@ TEST_F(Ascii7Test, DecodingStopsOnlyOutsideTheAlphabet) {
         EXPECT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>(text.c_str()), 32, out), 7u)
             << static_cast<int>(stop);
     }
-    EXPECT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>("\xA4"), 1, out), 0u);
-}
 
-TEST_F(Ascii7Test, BitReaderReadsBackEveryWidthTheBitWriterWrote) {
     std::mt19937 random(32);
     unsigned char text[2048];
     Ascii7Encoder::DBG_CODE7BIT_T writer;
@@ -295,9 +265,7 @@ TEST_F(Ascii7Test, BitReaderReadsBackEveryWidthTheBitWriterWrote) {
 TEST_F(Ascii7Test, CloseTwiceAndWritesAfterClose) {
     CMessageEncode encoder;
     const unsigned char data[] = {1, 2, 3};
-    encoder.init();
     unsigned int length = 0;
-    EXPECT_EQ(encoder.getContent(length), nullptr);
     EXPECT_EQ(encoder.putRawData(data, 3), CMessage::ERROR_OK);
     EXPECT_EQ(encoder.close(), CMessage::ERROR_OK);
     EXPECT_EQ(encoder.close(), CMessage::ERROR_MESSAGE_CLOSED);
@@ -315,43 +283,22 @@ TEST_F(Ascii7Test, CloseTwiceAndWritesAfterClose) {
 }
 
 TEST_F(Ascii7Test, RunLengthPackingAndThePercentOnlyUnpacker) {
-    const struct {
-        std::string text;
-        std::string packed;
-    } cases[] = {
-        {"%", "%"},
-        {"%%", "\xAA"},
-        {std::string(15, '%'), "\xB7"},
+    // 168 + k stands for k '%'; 169, c, (k - 4) + 37 for k of c; 168, c for
+    // three. Hex escapes keep each expected text one literal.
+    const std::pair<std::string, std::string> cases[] = {
         {std::string(16, '%'), "\xB7%"},
         {std::string(17, '%'), "\xB7\xAA"},
-        {"AA", "AA"},
-        {"AAA",
-         "\xA8"
-         "A"},
-        {"AAAA",
-         "\xA9"
-         "A%"},
-        {std::string(19, 'B'),
-         "\xA9"
-         "B4"},
-        {std::string(20, 'B'),
-         "\xA9"
-         "B4B"},
-        {std::string(22, 'B'),
-         "\xA9"
-         "B4\xA8"
-         "B"},
-        {"xyz%%%q",
-         "xyz\xAB"
-         "q"},
+        {"xAAyAAAzAAAA", "xAAy\xA8\x41z\xA9\x41%"},
+        {std::string(20, 'B'), "\xA9\x42\x34\x42"},
+        {std::string(22, 'B'), "\xA9\x42\x34\xA8\x42"},
     };
     for (const auto& c : cases) {
-        std::vector<unsigned char> text(c.text.begin(), c.text.end());
+        std::vector<unsigned char> text(c.first.begin(), c.first.end());
         text.push_back(0);
         int length = -1;
         Ascii7Encoder::dbg_code7rle2(text.data(), &length);
-        EXPECT_EQ(std::string(reinterpret_cast<char*>(text.data())), c.packed) << c.text;
-        EXPECT_EQ(length, static_cast<int>(c.packed.size()));
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(text.data())), c.second) << c.first;
+        EXPECT_EQ(length, static_cast<int>(c.second.size()));
     }
 
     // Only the '%' runs come back; the 168 and 169 escapes stay as they are.
@@ -359,9 +306,8 @@ TEST_F(Ascii7Test, RunLengthPackingAndThePercentOnlyUnpacker) {
     unsigned char out[32];
     int length = 0;
     ASSERT_NE(Ascii7Decoder::dbg_decode7rle2(packed, out, sizeof out, &length), nullptr);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(out)), "x" + std::string(15, '%') +
-                                                             "\xA9"
-                                                             "B4");
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(out)),
+              "x" + std::string(15, '%') + "\xA9\x42\x34");
     EXPECT_EQ(length, 19);
     // A count that reaches the output size gives null and no terminator.
     std::memset(out, '#', sizeof out);
