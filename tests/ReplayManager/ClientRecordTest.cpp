@@ -160,7 +160,7 @@ TEST_F(ClientRecordTest, ClientNames) {
     EXPECT_TRUE(ClientNameValid(""));
     EXPECT_TRUE(ClientNameValid("0:;<=>?@[\\]^_`z"));
     for (const std::string& name : {std::string(21, 'A'), std::string("Nav-Gps"),
-                                   std::string("Nav Gps"), std::string("Nav{\xE9")}) {
+                                    std::string("Nav Gps"), std::string("Nav{\xE9")}) {
         EXPECT_FALSE(ClientNameValid(name)) << name;
     }
 }
