@@ -5,6 +5,7 @@
 // replay states and the commands that move them, and the millisecond clock
 // with its time slots.
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -116,15 +117,24 @@ class REPLAY_API MSTime {
 
     static MSTimeStruct CurrentTimeMS() { return MSTimeStruct::GetCurrentTimeMS(); }
 
+    MSTime() = default;
+    MSTime(const MSTime& other);
+    MSTime& operator=(const MSTime& other);
+
     // From now on ExecutionTimeMS() reads `start` plus the time elapsed.
+    // Safe to call while other threads read the clock.
     void SetStartTime(MSTimeStruct start);
     MSTimeStruct ExecutionTimeMS() const;
-    MSTimeStruct GetStartTime() const { return m_startTime; }
-    MSTimeStruct GetOffsetTime() const { return m_offsetTime; }
+    MSTimeStruct GetStartTime() const;
+    // Seconds 0, milliseconds = clock reading at SetStartTime minus start.
+    MSTimeStruct GetOffsetTime() const;
 
   private:
-    MSTimeStruct m_startTime;
-    MSTimeStruct m_offsetTime;
+    // One clock is read by several client threads while the read thread sets
+    // it, so the fields are atomic; each is read and written on its own.
+    std::atomic<int64_t> m_startSeconds{0};
+    std::atomic<int64_t> m_startMilliseconds{0};
+    std::atomic<int64_t> m_offsetMilliseconds{0};
 };
 
 // The tenth of a second within the current second, rounded to the nearest:
@@ -132,8 +142,9 @@ class REPLAY_API MSTime {
 REPLAY_API unsigned int GetTimeSlotFromTime(MSTime::MSTimeStruct time);
 REPLAY_API unsigned int GetTimeSlotFromCurrentTime();
 
-// Tests replace the clock behind GetCurrentTimeMS with a function returning
-// milliseconds; null restores the monotonic clock.
+// Tests replace the monotonic clock behind GetCurrentTimeMS (and the execution
+// timers) with a function returning milliseconds; a negative value stands for
+// a failing clock. Null restores the monotonic clock.
 typedef int64_t (*ClockSourceFunction)();
 REPLAY_API void SetClockSourceForTesting(ClockSourceFunction source);
 

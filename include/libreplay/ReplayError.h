@@ -69,6 +69,8 @@ class REPLAY_API ReplayErrorManager {
     void SetLimitRepeats(bool limit);
     unsigned int GetErrorCount() const;
     ReplayError::ErrorSeverity GetLowestSeverity() const;
+    // Back to the state of a fresh manager (tests only).
+    void ResetForTesting();
 
   private:
     ReplayErrorManager() = default;

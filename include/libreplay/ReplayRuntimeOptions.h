@@ -10,6 +10,19 @@
 
 #include "libreplay/ReplayExport.h"
 
+// The texts that feed the defaults. Paths are target paths, resolved through
+// the target root where the file system is touched.
+inline constexpr const char* k_optionsFileName = "ReplayConfig.txt";
+inline constexpr const char* k_htmlFileName = "index.html";
+inline constexpr const char* k_replayFilePath = "/fs/etfs";
+inline constexpr const char* k_replayEnabledCookie = "/fs/etfs/REPLAY_ENABLED";
+inline constexpr const char* k_altReplayEnabledCookie = "/fs/usb0/REPLAY_ENABLED";
+inline constexpr const char* k_temporaryFilePath = "/tmp";
+inline constexpr const char* k_networkSharePath = "/mnt/net";
+inline constexpr const char* k_replayResultsFile = "ReplayOutput.txt";
+inline constexpr const char* k_supportPath = "/fs/mmc0/app/share/replay";
+inline constexpr const char* k_outputFilePath = k_temporaryFilePath;
+
 enum ReplayOptionsEnum {
     eReplayEnabled = 0,
     eReplayEnabledCookie,

@@ -16,10 +16,17 @@ CThread::CThread(int stackSize, int priority, const char* threadName)
       priority(priority),
       threadName(threadName),
       running(false),
-      started(false) {}
+      started(false),
+      createdId(),
+      joinable(false) {}
 
+// Cancels but does not wait; a thread that is not going to be joined is
+// detached so that its resources are released when it ends.
 CThread::~CThread() {
     cancel();
+    if (joinable.exchange(false)) {
+        pthread_detach(createdId);
+    }
 }
 
 bool CThread::start() {
@@ -38,8 +45,13 @@ bool CThread::start() {
     // could overwrite the invalid id of a thread that has already finished.
     // The creation result is not examined: a failed creation never sets
     // `started`, and the wait below does not end.
-    pthread_t created;
-    pthread_create(&created, &attributes, &CThread::functionEntryPoint, this);
+    // A previous thread that finished without being joined is released.
+    if (joinable.exchange(false)) {
+        pthread_detach(createdId);
+    }
+    if (pthread_create(&createdId, &attributes, &CThread::functionEntryPoint, this) == 0) {
+        joinable.store(true);
+    }
     pthread_attr_destroy(&attributes);
 
     while (!started.load(std::memory_order_acquire)) {
@@ -49,11 +61,10 @@ bool CThread::start() {
 }
 
 bool CThread::join() {
-    const pthread_t id = threadId.load(std::memory_order_relaxed);
-    if (id == INVALID_THREAD_ID) {
+    if (!joinable.exchange(false)) {
         return false;
     }
-    return pthread_join(id, nullptr) == 0;
+    return pthread_join(createdId, nullptr) == 0;
 }
 
 bool CThread::cancel() {

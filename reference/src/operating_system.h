@@ -24,6 +24,8 @@ class REPLAY_API CThread {
     // Starts the thread and returns once it runs; a second start while the
     // thread exists does nothing and returns true.
     bool start();
+    // Waits for the thread this object started, also when it has already
+    // finished; false when there is none left to wait for.
     bool join();
     bool cancel();
 
@@ -51,6 +53,11 @@ class REPLAY_API CThread {
     // Set once the new thread has begun; unlike `running` it stays set when
     // execute() returns at once, so start() cannot miss a short-lived thread.
     std::atomic<bool> started;
+    // The last thread created and not yet joined or detached. `threadId` is
+    // cleared when execute() returns, but a finished thread must still be
+    // joined (or detached) to release it.
+    pthread_t createdId;
+    std::atomic<bool> joinable;
 };
 
 class REPLAY_API CBaseMutex {

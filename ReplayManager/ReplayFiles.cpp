@@ -1,0 +1,456 @@
+#include "libreplay/ReplayFiles.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayDebug.h"
+#include "reference/src/target_root.h"
+
+extern char** environ;
+
+namespace ReplayFiles {
+
+const char* const s_supportPath = "/fs/mmc0/app/share/replay";
+const char* const s_etfsSupportPath = "/fs/etfs/usr/share/replay";
+
+namespace {
+
+using ReplayCore::FileLogger;
+
+// A diagnostic utility that does not finish within this time is killed.
+constexpr std::chrono::seconds kShellCommandTimeout(10);
+
+// The first word of a shell command line: the program it starts.
+std::string ProgramOf(const std::string& command) {
+    const size_t begin = command.find_first_not_of(" \t");
+    if (begin == std::string::npos) {
+        return std::string();
+    }
+    const size_t end = command.find_first_of(" \t|<>;&", begin);
+    return command.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+}
+
+bool ProgramIsAvailable(const std::string& program) {
+    if (program.empty()) {
+        return false;
+    }
+    if (program.find('/') != std::string::npos) {
+        return access(program.c_str(), X_OK) == 0;
+    }
+    const char* searchPath = std::getenv("PATH");
+    const std::string directories = searchPath != nullptr ? searchPath : "/usr/bin:/bin";
+    size_t start = 0;
+    while (start <= directories.size()) {
+        size_t end = directories.find(':', start);
+        if (end == std::string::npos) {
+            end = directories.size();
+        }
+        const std::string directory =
+            end > start ? directories.substr(start, end - start) : std::string(".");
+        if (access((directory + "/" + program).c_str(), X_OK) == 0) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+// Runs `command` through the shell and returns its wait status, or -1 when it
+// could not be run. The report's utilities exist only on the target system, so
+// on other hosts they must fail silently: instead of system() the command is
+// started with posix_spawn of "sh -c" with stdin and stderr on /dev/null (no
+// "not found" noise on the application's terminal, no reads from its
+// terminal), a program missing from PATH counts as a call that could not be
+// run, and the wait is bounded so that a stuck utility cannot hang the caller.
+int RunShellCommand(const std::string& command) {
+    if (!ProgramIsAvailable(ProgramOf(command))) {
+        return -1;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_init(&attributes);
+    // Own process group, so that a timeout can stop the whole pipeline; no
+    // blocked signals inherited from the client's start-up.
+    sigset_t noSignals;
+    sigemptyset(&noSignals);
+    posix_spawnattr_setsigmask(&attributes, &noSignals);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
+
+    std::string commandText = command;
+    char shellName[] = "sh";
+    char option[] = "-c";
+    char* arguments[] = {shellName, option, &commandText[0], nullptr};
+    pid_t child = 0;
+    const int spawned = posix_spawn(&child, "/bin/sh", &actions, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (spawned != 0) {
+        return -1;
+    }
+
+    const auto deadline = std::chrono::steady_clock::now() + kShellCommandTimeout;
+    int status = 0;
+    for (;;) {
+        const pid_t done = waitpid(child, &status, WNOHANG);
+        if (done == child) {
+            return status;
+        }
+        if (done < 0 && errno != EINTR) {
+            return -1;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            kill(-child, SIGKILL);
+            while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+            }
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+bool EqualsIgnoringCase(const std::string& text, const char* expected) {
+    return strcasecmp(text.c_str(), expected) == 0;
+}
+
+}  // namespace
+
+bool FileExists(const char* path) {
+    return path != nullptr && access(path, F_OK) == 0;
+}
+
+bool DirectoryExists(const char* path) {
+    if (!FileExists(path)) {
+        return false;
+    }
+    struct stat status;
+    return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+unsigned int GetFileSize(const char* path) {
+    struct stat status;
+    if (!FileExists(path) || stat(path, &status) != 0) {
+        return static_cast<unsigned int>(-1);
+    }
+    return static_cast<unsigned int>(status.st_size);
+}
+
+std::string GetWorkingDirectory() {
+    char directory[255];
+    if (getcwd(directory, sizeof directory) == nullptr) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: Error Returned by GetCurrentDir: %s\n", DebugAppName(),
+                     "libReplay::ReplayFiles::GetWorkingDirectory", std::strerror(errno));
+        }
+        return std::string();
+    }
+    return directory;
+}
+
+std::string SplitPathName(const std::string& path, std::string& directory, std::string& name,
+                          std::string& extension) {
+    if (path.empty()) {
+        return std::string();
+    }
+    const size_t slash = path.rfind('/');
+    const size_t backslash = path.rfind('\\');
+    size_t separator = std::string::npos;
+    if (slash != std::string::npos && backslash != std::string::npos) {
+        separator = slash > backslash ? slash : backslash;
+    } else {
+        separator = slash != std::string::npos ? slash : backslash;
+    }
+    std::string filePart = path;
+    if (separator != std::string::npos) {
+        directory = path.substr(0, separator);
+        filePart = path.substr(separator + 1);
+    }
+    name = filePart;
+    const size_t dot = filePart.rfind('.');
+    if (dot != std::string::npos) {
+        extension = filePart.substr(dot + 1);
+        name = filePart.substr(0, dot);
+    }
+    return filePart;
+}
+
+std::string GetFileName(const std::string& path) {
+    std::string directory;
+    std::string name;
+    std::string extension;
+    return SplitPathName(path, directory, name, extension);
+}
+
+std::string GetExtension(const std::string& path) {
+    const size_t dot = path.rfind('.');
+    return dot == std::string::npos ? std::string() : path.substr(dot + 1);
+}
+
+std::string GetParentDirectory(const std::string& path) {
+    if (path.size() < 2) {
+        return path;
+    }
+    // Searching from the second-to-last character ignores one trailing separator.
+    const size_t from = path.size() - 2;
+    const size_t slash = path.rfind('/', from);
+    const size_t backslash = path.rfind('\\', from);
+    size_t cut = std::string::npos;
+    if (slash != std::string::npos && backslash != std::string::npos) {
+        cut = slash > backslash ? slash : backslash;
+    } else {
+        cut = slash != std::string::npos ? slash : backslash;
+    }
+    return cut == std::string::npos ? path : path.substr(0, cut);
+}
+
+bool GetSupportFilePath(const std::string& path, std::string& found) {
+    found = path;
+    if (FileExists(found.c_str())) {
+        return true;
+    }
+    FileLogger::LogToFile(FileLogger::eSeverityDebug, "FilePath %s Not Valid", path.c_str());
+    const std::string fileName = GetFileName(path);
+    if (fileName.empty()) {
+        FileLogger::LogToFile(FileLogger::eSeverityError, "Unable to get filename from %s",
+                              path.c_str());
+        return false;
+    }
+    // The working directory candidates are real paths; only the fixed support
+    // directories are target paths.
+    const std::string workingDirectory = GetWorkingDirectory();
+    const std::string candidates[] = {
+        workingDirectory + "/" + fileName,
+        ReplayPlatform::TargetPath(std::string(s_supportPath) + "/" + fileName),
+        ReplayPlatform::TargetPath(std::string(s_etfsSupportPath) + "/" + fileName),
+        GetParentDirectory(workingDirectory) + "/" + fileName,
+    };
+    for (const std::string& candidate : candidates) {
+        found = candidate;
+        if (FileExists(found.c_str())) {
+            return true;
+        }
+        FileLogger::LogToFile(FileLogger::eSeverityDebug, "FilePath %s Not Valid", found.c_str());
+    }
+    FileLogger::LogToFile(FileLogger::eSeverityWarning, "File %s not found", fileName.c_str());
+    return false;
+}
+
+bool IsTraceFile(std::string extension) {
+    return EqualsIgnoringCase(extension, "trc") || EqualsIgnoringCase(extension, "trc0");
+}
+
+bool IsLogFile(std::string extension) {
+    return EqualsIgnoringCase(extension, "3X0") || EqualsIgnoringCase(extension, "4X0") ||
+           EqualsIgnoringCase(extension, "13XX") || EqualsIgnoringCase(extension, "14XX");
+}
+
+ReplayFileType GetFileType(const char* path) {
+    if (path == nullptr) {
+        return kNotReplayFile;
+    }
+    if (DirectoryExists(path)) {
+        return kDirectory;
+    }
+    const std::string extension = GetExtension(path);
+    if (IsLogFile(extension)) {
+        return kLogFile;
+    }
+    // Only "trc" here: a "trc0" file is not classified as a trace file.
+    if (EqualsIgnoringCase(extension, "trc")) {
+        return kTraceFile;
+    }
+    return kNotReplayFile;
+}
+
+DirectoryFileIterator::DirectoryFileIterator(const std::string& directory, ReplayFileType mask)
+    : m_directory(nullptr), m_mask(mask), m_path(directory), m_firstCall(true) {
+    m_directory = opendir(m_path.c_str());
+    if (m_directory == nullptr) {
+        char text[128];
+        std::snprintf(text, sizeof text, "Failed to Open Directory %s", m_path.c_str());
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: %s\n", DebugAppName(), "libReplay::ReplayFiles::ctor", text);
+        }
+    }
+}
+
+DirectoryFileIterator::~DirectoryFileIterator() {
+    if (m_directory != nullptr) {
+        closedir(m_directory);
+    }
+}
+
+bool DirectoryFileIterator::CheckFileType(const std::string& name) const {
+    const std::string extension = GetExtension(name);
+    if (extension.empty()) {
+        return false;
+    }
+    if (IsTraceFile(extension) && (m_mask & kTraceFile) != 0) {
+        return true;
+    }
+    return IsLogFile(extension) && (m_mask & kLogFile) != 0;
+}
+
+bool DirectoryFileIterator::GetNextFile(std::string& name) {
+    if (m_directory == nullptr) {
+        return false;
+    }
+    if (m_firstCall) {
+        m_firstCall = false;
+        if ((m_mask & kDirectory) != 0) {
+            name = "..";
+            return true;
+        }
+    }
+    while (const dirent* entry = readdir(m_directory)) {
+        name = entry->d_name;
+        const std::string fullPath = m_path + name;
+        struct stat status;
+        if (stat(fullPath.c_str(), &status) != 0) {
+            if (DebugOutputAttached()) {
+                dbgError("%s::%s: Error Returned by stat: %s\n", DebugAppName(),
+                         "libReplay::ReplayFiles::GetNextFile", std::strerror(errno));
+            }
+            return false;
+        }
+        if (S_ISDIR(status.st_mode)) {
+            if (DebugOutputAttached()) {
+                dbgMessage("%s::%s: Directory %s Encountered\n", DebugAppName(),
+                           "libReplay::ReplayFiles::GetNextFile", name.c_str());
+            }
+            if ((m_mask & kDirectory) != 0 && name != "." && name != "..") {
+                return true;
+            }
+        } else if (CheckFileType(name)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void WriteReplayFileVersions(bool force) {
+    const std::string reportFile = ReplayPlatform::TargetPath(kVersionReportFile);
+    if (force || !FileExists(reportFile.c_str())) {
+        static const char* const programs[] = {"ReplayManager", "libreplay.so", "pmx",
+                                               "gpsfeed-dev"};
+        for (size_t index = 0; index < sizeof programs / sizeof programs[0]; ++index) {
+            const std::string command = std::string("use -i ") + programs[index] +
+                                        (index == 0 ? " > " : " >> ") + reportFile;
+            if (RunShellCommand(command) == -1) {
+                if (DebugOutputAttached()) {
+                    dbgError("%s::%s: use command failed for %s\n", DebugAppName(),
+                             "libReplay::ReplayFiles::WriteReplayFileVersions", programs[index]);
+                }
+                break;
+            }
+        }
+        (void)RunShellCommand("ifconfig | grep address >> " + reportFile);
+    }
+
+    std::ifstream report(reportFile);
+    if (!report.is_open()) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: versionInfo: Failed to open %s\n", DebugAppName(),
+                     "libReplay::ReplayFiles::WriteReplayFileVersions", reportFile.c_str());
+        }
+    } else {
+        std::string paragraph;
+        std::string line;
+        while (std::getline(report, line)) {
+            if (line.size() >= 5) {
+                paragraph += line + "; ";
+                continue;
+            }
+            if (paragraph.size() > 1 && DebugOutputAttached()) {
+                dbgWarning("%s::%s: %s\n", DebugAppName(),
+                           "libReplay::ReplayFiles::WriteReplayFileVersions", paragraph.c_str());
+            }
+            paragraph.clear();
+        }
+    }
+
+    WriteVersionText();
+    (void)GetCommandLine("ReplayManager");
+    (void)GetCommandLine(" pmx");
+    (void)GetCommandLine("gpsfeed-dev");
+}
+
+void WriteVersionText() {
+    const std::string versionFile = ReplayPlatform::TargetPath(kVersionTextFile);
+    if (!FileExists(versionFile.c_str())) {
+        if (DebugOutputAttached()) {
+            dbgWarning("%s::%s: %s not found\n", DebugAppName(),
+                       "libReplay::ReplayFiles::WriteVersionText", versionFile.c_str());
+        }
+        return;
+    }
+    std::ifstream version(versionFile);
+    if (!version.is_open()) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: Failed to read from /version/version.txt\n", DebugAppName(),
+                     "libReplay::ReplayFiles::WriteVersionText");
+        }
+        return;
+    }
+    std::string joined;
+    std::string line;
+    // The end of the file reads as an empty line and so ends the text too.
+    while (std::getline(version, line) && line.size() >= 5) {
+        joined += line + "; ";
+    }
+    if (DebugOutputAttached()) {
+        dbgWarning("%s::%s: %s\n\n", DebugAppName(), "libReplay::ReplayFiles::WriteVersionText",
+                   joined.c_str());
+    }
+}
+
+std::string GetCommandLine(const std::string& process) {
+    const std::string outputFile = ReplayPlatform::TargetPath(kCommandLineFile);
+    const std::string command = " pidin a | grep " + process + " > " + outputFile;
+    if (RunShellCommand(command) == -1) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: Command %s failed\n", DebugAppName(),
+                     "libReplay::ReplayFiles::GetCommandLine", command.c_str());
+        }
+        return std::string();
+    }
+    std::ifstream output(outputFile);
+    if (!output.is_open()) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: Failed to read from /tmp/ReplayCL.txt\n", DebugAppName(),
+                     "libReplay::ReplayFiles::GetCommandLine");
+        }
+        return std::string();
+    }
+    std::string line;
+    if (!std::getline(output, line)) {
+        if (DebugOutputAttached()) {
+            dbgError("%s::%s: /tmp/ReplayCL.txt is empty\n", DebugAppName(),
+                     "libReplay::ReplayFiles::GetCommandLine");
+        }
+        return std::string();
+    }
+    if (DebugOutputAttached()) {
+        dbgWarning("%s::%s: %s\n\n", DebugAppName(), "libReplay::ReplayFiles::GetCommandLine",
+                   line.c_str());
+    }
+    return line;
+}
+
+}  // namespace ReplayFiles

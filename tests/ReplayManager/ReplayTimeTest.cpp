@@ -1,0 +1,224 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayCore.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayCore::MSTime;
+using TimeValue = ReplayCore::MSTime::MSTimeStruct;
+using ReplayTest::CapturedDebug;
+
+std::atomic<int64_t> g_fakeNow{0};
+int64_t FakeClock() {
+    return g_fakeNow.load(std::memory_order_relaxed);
+}
+
+// Runs each test on an injected clock (set with Now()) and a private target
+// root that receives the assertion records.
+class ReplayTimeTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ReplayCore::FileLogger::ResetForTesting();
+        Now(1000);
+        ReplayCore::SetClockSourceForTesting(&FakeClock);
+    }
+    void TearDown() override {
+        ReplayCore::SetClockSourceForTesting(nullptr);
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+    static void Now(int64_t milliseconds) { g_fakeNow.store(milliseconds); }
+    std::string LogText() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
+};
+
+// The real monotonic clock; the fixture keeps assertion records private.
+class MSTimeRealClockTest : public ReplayTest::TargetRootTest {};
+
+unsigned int Slot(int64_t milliseconds) {
+    return ReplayCore::GetTimeSlotFromTime(TimeValue(0, milliseconds));
+}
+
+TEST_F(ReplayTimeTest, SlotsRoundToTheNearestTenth) {
+    EXPECT_EQ(Slot(1000), 0u);
+    EXPECT_EQ(Slot(1050), 0u);
+    EXPECT_EQ(Slot(1051), 1u);
+    EXPECT_EQ(Slot(1149), 1u);
+    EXPECT_EQ(Slot(1150), 1u);
+    EXPECT_EQ(Slot(1151), 2u);
+    EXPECT_EQ(Slot(1950), 9u);
+    // The end of a second rounds up to slot 10, not slot 0 of the next one.
+    EXPECT_EQ(Slot(1951), 10u);
+    EXPECT_EQ(Slot(1999), 10u);
+    EXPECT_EQ(Slot(2000), 0u);
+    EXPECT_EQ(LogText(), "");
+
+    Now(12345000);
+    EXPECT_EQ(ReplayCore::GetTimeSlotFromCurrentTime(), 0u);
+    Now(12345951);
+    EXPECT_EQ(ReplayCore::GetTimeSlotFromCurrentTime(), 10u);
+}
+
+TEST_F(ReplayTimeTest, SlotOfTimeBeyond31BitsAssertsAndUsesNegativeValue) {
+    // 2^31 + 150 ms: the low 32 bits read as -2147483498.
+    EXPECT_EQ(Slot(2147483648LL + 150), static_cast<unsigned int>(-4));
+    EXPECT_NE(LogText().find("milliseconds >= 0 at line 370 of ReplayManager/ReplayCore"),
+              std::string::npos)
+        << LogText();
+    // Only the low 32 bits count.
+    EXPECT_EQ(Slot(4294967296LL + 1051), 1u);
+}
+
+TEST(MSTimeTextTest, ToStringPadsMilliseconds) {
+    EXPECT_EQ(TimeValue(0, 83061).ToString(), "83.061");
+    EXPECT_EQ(TimeValue(0, 5).ToString(), "0.005");
+    EXPECT_EQ(TimeValue(0, 0).ToString(), "0.000");
+    EXPECT_EQ(TimeValue(0, 31535999999LL).ToString(), "31535999.999");
+    EXPECT_EQ(TimeValue(0, -1500).ToString(), "-1.500");
+    EXPECT_EQ(TimeValue(99, 7000).ToString(), "7.000");  // seconds field is not shown
+}
+
+TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
+    struct Case {
+        const char* text;
+        int64_t seconds;
+        int64_t milliseconds;
+    };
+    const Case cases[] = {
+        {"7", 7, 7000},        {"7.", 7, 7000},     {"7.250", 7, 7250},
+        {"7.25", 7, 7025},     {"12.5", 12, 12005}, {"12.500", 12, 12500},
+        {"83.061", 83, 83061}, {"0.005", 0, 5},     {"-2.500", -2, -1500},
+        {"7.-5", 7, 7000},     {"", 0, 0},          {"abc", 0, 0},
+        {"x.250", 0, 0},       {".250", 0, 0},      {"3 .1", 3, 3000},
+    };
+    for (const Case& c : cases) {
+        const TimeValue parsed{std::string(c.text)};
+        EXPECT_EQ(parsed.m_timeSeconds, c.seconds) << '"' << c.text << '"';
+        EXPECT_EQ(parsed.m_timeMilliseconds, c.milliseconds) << '"' << c.text << '"';
+    }
+}
+
+TEST(MSTimeTextTest, TextRoundTrips) {
+    for (int64_t milliseconds : {1LL, 999LL, 1000LL, 83061LL, 31535999999LL}) {
+        const TimeValue value(0, milliseconds);
+        EXPECT_EQ(TimeValue(value.ToString()).m_timeMilliseconds, milliseconds);
+    }
+}
+
+TEST_F(ReplayTimeTest, ClockWrapsEvery365Days) {
+    Now(31536000LL * 1000 + 1234);
+    const TimeValue now = MSTime::CurrentTimeMS();
+    EXPECT_EQ(now.m_timeMilliseconds, 1234);
+    EXPECT_EQ(now.m_timeSeconds, 0);
+    Now(31536000LL * 1000 - 1);
+    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 31536000LL * 1000 - 1);
+    EXPECT_EQ(LogText(), "");
+
+    // The exact wrap moment reads 0, which is recorded as a failed expectation.
+    Now(31536000LL * 1000);
+    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
+    EXPECT_NE(LogText().find("currentTime.m_timeMilliseconds > 0 at line 283 of "
+                             "ReplayManager/ReplayCore"),
+              std::string::npos)
+        << LogText();
+}
+
+TEST_F(ReplayTimeTest, FailingClockReadsZero) {
+    CapturedDebug debug;
+    Now(-1);
+    const TimeValue now = TimeValue::GetCurrentTimeMS();
+    EXPECT_EQ(now.m_timeMilliseconds, 0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "libReplay::MSTime::MSTimeStruct: Error Returned by clock_gettime\n"),
+              1);
+}
+
+TEST_F(MSTimeRealClockTest, MonotonicMilliseconds) {
+    const TimeValue first = MSTime::CurrentTimeMS();
+    const TimeValue second = MSTime::CurrentTimeMS();
+    EXPECT_GT(first.m_timeMilliseconds, 0);
+    EXPECT_GE(second.m_timeMilliseconds, first.m_timeMilliseconds);
+    EXPECT_LT(second.m_timeMilliseconds - first.m_timeMilliseconds, 1000);
+    EXPECT_LT(ReplayCore::GetTimeSlotFromCurrentTime(), 11u);
+}
+
+TEST_F(ReplayTimeTest, ExecutionTimeRunsFromTheStartTime) {
+    CapturedDebug debug;
+    MSTime clock;
+    Now(50000);
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 50000);  // plain clock before a start
+
+    clock.SetStartTime(TimeValue(7, 7250));
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 7250);
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeSeconds, 0);
+    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, 42750);
+    EXPECT_EQ(clock.GetStartTime().m_timeSeconds, 7);
+    EXPECT_EQ(clock.GetStartTime().m_timeMilliseconds, 7250);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage,
+                          "libReplay::MSTime::SetStartTime: Current Time=50.000; Raw Seconds = 0; "
+                          "Start Time=7.250; Offset Time = 42.750\n"),
+              1)
+        << debug.Dump();
+
+    Now(51234);
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 8484);
+
+    // A start in the future runs backwards from now: a negative offset.
+    clock.SetStartTime(TimeValue(0, 90000));
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 90000);
+    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, -38766);
+
+    const MSTime copy(clock);
+    EXPECT_EQ(copy.GetOffsetTime().m_timeMilliseconds, -38766);
+    EXPECT_EQ(copy.GetStartTime().m_timeMilliseconds, 90000);
+    EXPECT_EQ(LogText().find(" at line "), std::string::npos) << LogText();
+}
+
+TEST_F(ReplayTimeTest, ExecutionTimeNotAfterZeroIsRecorded) {
+    MSTime clock;
+    Now(5000);
+    clock.SetStartTime(TimeValue(0, 0));
+    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 0);
+    EXPECT_NE(LogText().find("adjustedTime > 0 at line 344 of ReplayManager/ReplayCore"),
+              std::string::npos)
+        << LogText();
+}
+
+TEST_F(MSTimeRealClockTest, StartTimeHoldsOnTheRealClock) {
+    MSTime clock;
+    const TimeValue start(0, 123456);
+    clock.SetStartTime(start);
+    const int64_t elapsed = clock.ExecutionTimeMS().m_timeMilliseconds - start.m_timeMilliseconds;
+    EXPECT_GE(elapsed, 0);
+    EXPECT_LT(elapsed, 1000);
+}
+
+// One thread resets the clock while others read it, as the client's read
+// thread does while senders stamp records. Run under ThreadSanitizer.
+TEST_F(MSTimeRealClockTest, ClockCanBeSetWhileOthersReadIt) {
+    MSTime clock;
+    clock.SetStartTime(TimeValue(0, 1000000));
+    std::atomic<bool> stop{false};
+    std::atomic<int> reads{0};
+    std::thread reader([&] {
+        while (!stop.load()) {
+            if (clock.ExecutionTimeMS().m_timeMilliseconds >= 1000000) {
+                reads.fetch_add(1);
+            }
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        clock.SetStartTime(TimeValue(0, 1000000 + i));
+    }
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return reads.load() > 0; }, std::chrono::seconds(10)));
+    stop.store(true);
+    reader.join();
+}
+
+}  // namespace

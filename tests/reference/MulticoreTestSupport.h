@@ -1,0 +1,135 @@
+#ifndef TESTS_REFERENCE_MULTICORETESTSUPPORT_H
+#define TESTS_REFERENCE_MULTICORETESTSUPPORT_H
+
+// Fixture and helpers for the multicore logging tests: a fresh interface and
+// target root per test, an injected clock, the output device as a regular
+// file, and capture of the interface's system log.
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "reference/src/multicore_internal.h"
+#include "reference/src/system_log.h"
+#include "tests/support/TestSupport.h"
+
+namespace MulticoreTest {
+
+struct Record {
+    char console;
+    std::string text;
+};
+
+// Splits the device contents into records (console code, length, text).
+// A truncated tail becomes a record with console '\0'.
+inline std::vector<Record> ParseRecords(const std::string& device) {
+    std::vector<Record> records;
+    size_t position = 0;
+    while (position + 2 <= device.size()) {
+        const size_t length = static_cast<unsigned char>(device[position + 1]);
+        if (position + 2 + length > device.size()) {
+            records.push_back({'\0', device.substr(position)});
+            return records;
+        }
+        records.push_back({device[position], device.substr(position + 2, length)});
+        position += 2 + length;
+    }
+    if (position != device.size()) {
+        records.push_back({'\0', device.substr(position)});
+    }
+    return records;
+}
+
+class SystemLogCapture {
+  public:
+    SystemLogCapture() {
+        Clear();
+        m_previous = ReplayPlatform::SetSystemLogSink(&Record);
+    }
+    ~SystemLogCapture() { ReplayPlatform::SetSystemLogSink(m_previous); }
+    SystemLogCapture(const SystemLogCapture&) = delete;
+    SystemLogCapture& operator=(const SystemLogCapture&) = delete;
+
+    int Count(const std::string& fragment) const {
+        std::lock_guard<std::mutex> lock(State().mutex);
+        int count = 0;
+        for (const std::string& line : State().lines) {
+            count += line.find(fragment) != std::string::npos ? 1 : 0;
+        }
+        return count;
+    }
+    std::string Dump() const {
+        std::lock_guard<std::mutex> lock(State().mutex);
+        std::string all;
+        for (const std::string& line : State().lines) {
+            all += line + "\n";
+        }
+        return all;
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> lock(State().mutex);
+        State().lines.clear();
+    }
+
+  private:
+    struct Lines {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    static Lines& State() {
+        static Lines lines;
+        return lines;
+    }
+    static void Record(const char* text) {
+        std::lock_guard<std::mutex> lock(State().mutex);
+        State().lines.push_back(text);
+    }
+    ReplayPlatform::SystemLogSink m_previous = nullptr;
+};
+
+inline std::atomic<unsigned long long>& FakeNow() {
+    static std::atomic<unsigned long long> now{0};
+    return now;
+}
+
+inline unsigned long long FakeClock() {
+    return FakeNow().load();
+}
+
+// Default device root under the test's target root; the output device exists
+// as an empty regular file and the clock stands at 1000 s after boot.
+class Fixture : public ReplayTest::TargetRootTest {
+  protected:
+    static constexpr const char* kDevice = "/kfsystem/multicore/navi/multi";
+
+    void SetUp() override {
+        ReplayTest::TargetRootTest::SetUp();
+        miInternal_resetForTesting();
+        FakeNow() = 1000 * 1000;
+        miInternal_setTimeSourceForTesting(&FakeClock);
+        WriteTargetFile(kDevice, "");
+    }
+    void TearDown() override {
+        miInternal_resetForTesting();
+        ReplayTest::TargetRootTest::TearDown();
+    }
+
+    std::string Device() const { return ReadTargetFile(kDevice); }
+    std::vector<Record> Records() const { return ParseRecords(Device()); }
+    // Flushes, then returns the texts written to the device.
+    std::vector<std::string> FlushedTexts() const {
+        mi_flushBuffer();
+        std::vector<std::string> texts;
+        for (const Record& record : Records()) {
+            texts.push_back(record.text);
+        }
+        return texts;
+    }
+
+    SystemLogCapture m_systemLog;
+};
+
+}  // namespace MulticoreTest
+
+#endif

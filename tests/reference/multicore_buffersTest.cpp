@@ -1,0 +1,406 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/reference/MulticoreTestSupport.h"
+
+namespace {
+
+using MulticoreTest::Record;
+
+class MulticoreBuffersTest : public MulticoreTest::Fixture {};
+
+std::string RecordBytes(char console, const std::string& text) {
+    return std::string(1, console) + static_cast<char>(text.size()) + text;
+}
+
+TEST_F(MulticoreBuffersTest, RecordsAreConsoleCodeLengthAndTextWithOneNewline) {
+    // The first line after start-up is written at once: the last batch is
+    // "long ago".
+    EXPECT_EQ(mi_multicoreLog('a', 0, "hello %d", 42), 1);
+    EXPECT_EQ(Device(), RecordBytes('a', "hello 42\n"));
+
+    EXPECT_EQ(mi_multicoreLog('b', 0, "ends in newline\n"), 1);
+    EXPECT_EQ(mi_multicoreLog('c', 0, "%s", ""), 1);
+    char* raw = mi_getMulticoreBuffer();
+    ASSERT_NE(raw, nullptr);
+    std::memcpy(raw, "no\0nl", 5);
+    EXPECT_EQ(mi_multicoreLogBuffer('d' + 256, 5, raw), 1);  // code taken modulo 256
+    mi_flushBuffer();
+
+    EXPECT_EQ(Device(), RecordBytes('a', "hello 42\n") + RecordBytes('b', "ends in newline\n") +
+                            RecordBytes('c', "\n") + RecordBytes('d', std::string("no\0nl", 5)));
+}
+
+TEST_F(MulticoreBuffersTest, QuietProcessWritesWithTheNextLineAfterTheWaitOrOnFlush) {
+    mi_multicoreLog('a', 0, "first");
+    ASSERT_EQ(Records().size(), 1u);
+
+    MulticoreTest::FakeNow() += 500;  // not yet past the wait
+    mi_multicoreLog('a', 0, "second");
+    EXPECT_EQ(Records().size(), 1u);
+
+    MulticoreTest::FakeNow() += 1;
+    mi_multicoreLog('a', 0, "third");
+    ASSERT_EQ(Records().size(), 3u);
+    EXPECT_EQ(Records()[2].text, "third\n");
+
+    mi_multicoreLog('a', 0, "fourth");
+    EXPECT_EQ(Records().size(), 3u);
+    mi_flushBuffer();
+    EXPECT_EQ(Records().size(), 4u);
+
+    // A shorter wait takes effect; the largest wait is 5000 ms.
+    EXPECT_EQ(mi_setBufferConfig(0, 100000), 5000);
+    MulticoreTest::FakeNow() += 4999;
+    mi_multicoreLog('a', 0, "fifth");
+    EXPECT_EQ(Records().size(), 4u);
+    MulticoreTest::FakeNow() += 2;
+    mi_multicoreLog('a', 0, "sixth");
+    EXPECT_EQ(Records().size(), 6u);
+}
+
+TEST_F(MulticoreBuffersTest, LinesWithoutPauseAreWrittenWhenThePoolRunsDry) {
+    // Queued lines keep their buffers until their batch is written, so a
+    // process that never pauses writes a batch each time the pool of 100 is
+    // used up: at the 101st and the 201st line.
+    mi_flushBuffer();  // the batch clock starts now
+    for (int line = 0; line < 100; ++line) {
+        ASSERT_EQ(mi_multicoreLog('a', 0, "line %d", line), 1);
+    }
+    EXPECT_EQ(Device(), "");
+    for (int line = 100; line < 201; ++line) {
+        ASSERT_EQ(mi_multicoreLog('a', 0, "line %d", line), 1);
+    }
+    std::vector<Record> records = Records();
+    ASSERT_EQ(records.size(), 200u);
+    EXPECT_EQ(records.front().text, "line 0\n");
+    EXPECT_EQ(records.back().text, "line 199\n");
+    EXPECT_EQ(miInternal_getOutputCounters().writeCount, 2u);
+    mi_flushBuffer();
+    records = Records();
+    ASSERT_EQ(records.size(), 201u);
+    EXPECT_EQ(records.back().text, "line 200\n");
+    EXPECT_EQ(mi_getLostPrintfErrorCount(), 0u);
+}
+
+TEST_F(MulticoreBuffersTest, MissingDeviceDropsEachBatchReportsOnceAndFreesBuffers) {
+    std::remove((Root() + kDevice).c_str());
+    mi_setBufferConfig(0, 5000);
+    mi_flushBuffer();  // nothing queued: starts the batch clock without opening
+    for (int batch = 0; batch < 3; ++batch) {
+        for (int line = 0; line < 50; ++line) {
+            mi_multicoreLog('a', 0, "line %d", line);
+        }
+        mi_flushBuffer();
+    }
+    EXPECT_EQ(m_systemLog.Count("MultiConsole write open"), 1) << m_systemLog.Dump();
+    const miInternal_OutputCounters counters = miInternal_getOutputCounters();
+    EXPECT_EQ(counters.openErrors, 3u);
+    EXPECT_EQ(counters.writeIgnoredCount, 3u);
+    EXPECT_EQ(counters.openCount, 0u);
+
+    std::vector<char*> taken;
+    for (int buffer = 0; buffer < MI_CPP_SUPPORT_MAX_BUFFERS; ++buffer) {
+        taken.push_back(mi_getMulticoreBuffer());
+        ASSERT_NE(taken.back(), nullptr) << "buffer " << buffer << " was not freed";
+    }
+    for (char* buffer : taken) {
+        mi_multicoreLogBuffer('a', 0, buffer);
+    }
+
+    // After a successful open the next failure is reported again.
+    WriteTargetFile(kDevice, "");
+    mi_multicoreLog('a', 0, "arrives");
+    mi_flushBuffer();
+    EXPECT_EQ(Records().size(), 1u);
+    EXPECT_EQ(m_systemLog.Count("writeQueuedOutput Opened " + Root() + kDevice + " fd"), 1);
+    mi_setLogFileName("missing");
+    mi_multicoreLog('a', 0, "lost");
+    mi_flushBuffer();
+    EXPECT_EQ(m_systemLog.Count("MultiConsole write open missing/navi/multi error 2"), 1);
+}
+
+TEST_F(MulticoreBuffersTest, FifoWithoutReaderFailsAtOnceAndWorksWithOne) {
+    const std::string fifo = Root() + kDevice;
+    std::remove(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+    mi_multicoreLog('a', 0, "nobody listens");                         // must not block
+    EXPECT_EQ(m_systemLog.Count("error 6"), 1) << m_systemLog.Dump();  // ENXIO
+
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    mi_multicoreLog('a', 0, "heard");
+    mi_flushBuffer();
+    char received[64] = {};
+    const ssize_t count = read(reader, received, sizeof received);
+    close(reader);
+    EXPECT_EQ(std::string(received, count > 0 ? count : 0), RecordBytes('a', "heard\n"));
+}
+
+TEST_F(MulticoreBuffersTest, DeviceRootCanBeChangedAndIsLimitedInLength) {
+    MakeTargetDirectory("/work/dev/navi");
+    ReplayTest::WriteFile(Root() + "/work/dev/navi/multi", "");
+    mi_multicoreLog('a', 0, "default");
+    mi_setLogFileName("dev");
+    EXPECT_STREQ(mi_getLogFileName(), "dev");
+    EXPECT_EQ(mi_getLogFileNameLength(), 3);
+    mi_multicoreLog('a', 0, "moved");
+    mi_flushBuffer();
+    EXPECT_EQ(Device(), RecordBytes('a', "default\n"));
+    EXPECT_EQ(ReplayTest::ReadFile(Root() + "/work/dev/navi/multi"), RecordBytes('a', "moved\n"));
+
+    const std::string tooLong(53, 'r');
+    mi_setLogFileName(tooLong.c_str());
+    mi_multicoreLog('a', 0, "dropped");
+    mi_flushBuffer();
+    EXPECT_EQ(m_systemLog.Count("writeQueuedOutput Opened filename root too big " + tooLong +
+                                " len =  53"),
+              1);
+    EXPECT_EQ(miInternal_getOutputCounters().writeIgnoredCount, 1u);
+}
+
+TEST_F(MulticoreBuffersTest, PoolExhaustionReturnsNullAndWarnsOncePerRun) {
+    std::vector<char*> taken;
+    for (int buffer = 0; buffer < MI_CPP_SUPPORT_MAX_BUFFERS; ++buffer) {
+        taken.push_back(mi_getMulticoreBuffer());
+        ASSERT_NE(taken.back(), nullptr);
+    }
+    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
+    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
+    EXPECT_EQ(m_systemLog.Count("mi_getMulticoreBuffer : no free buffers"), 1);
+    EXPECT_EQ(mi_multicoreLog('a', 0, "no room"), 0);
+    EXPECT_EQ(mi_getLostPrintfErrorCount(), 1u);
+
+    // A success ends the run of failures; the next failure warns again.
+    mi_multicoreLogBuffer('a', 0, taken.back());
+    taken.back() = mi_getMulticoreBuffer();
+    ASSERT_NE(taken.back(), nullptr);
+    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
+    EXPECT_EQ(m_systemLog.Count("mi_getMulticoreBuffer : no free buffers"), 2);
+    for (char* buffer : taken) {
+        mi_multicoreLogBuffer('a', 0, buffer);
+    }
+}
+
+TEST_F(MulticoreBuffersTest, RequestWithEveryBufferQueuedFlushesTheBatch) {
+    mi_flushBuffer();
+    for (int line = 0; line < MI_CPP_SUPPORT_MAX_BUFFERS; ++line) {
+        char* buffer = mi_getMulticoreBuffer();
+        ASSERT_NE(buffer, nullptr);
+        buffer[0] = 'x';
+        ASSERT_EQ(mi_multicoreLogBuffer('a', 1, buffer), 1);
+    }
+    EXPECT_EQ(Device(), "");
+    char* buffer = mi_getMulticoreBuffer();
+    EXPECT_NE(buffer, nullptr);
+    EXPECT_EQ(Records().size(), 100u);
+    EXPECT_EQ(m_systemLog.Count("no free buffers"), 0);
+    mi_multicoreLogBuffer('a', 0, buffer);
+}
+
+TEST_F(MulticoreBuffersTest, BadHandBacksAreRejectedOrRepaired) {
+    mi_flushBuffer();  // keep the lines queued until the end
+    char foreign[MI_MULTICORE_BUFFER_SIZE];
+    EXPECT_EQ(mi_multicoreLogBuffer('a', 1, foreign), 0);
+    EXPECT_EQ(m_systemLog.Count("mi_multicoreLogBuffer : invalid buffer ptr"), 1);
+
+    char* buffer = mi_getMulticoreBuffer();
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(mi_multicoreLogBuffer('a', 1, buffer + 1), 0);  // not the start of a buffer
+    EXPECT_EQ(m_systemLog.Count("!= &outputBuffers["), 1);
+
+    // Overlong line: clipped to the buffer; bytes past it overwrite the end marker.
+    std::memset(buffer, 'o', MI_MULTICORE_BUFFER_SIZE + 4);
+    EXPECT_EQ(mi_multicoreLogBuffer('a', 150, buffer), 1);
+    EXPECT_EQ(m_systemLog.Count("probable buffer overrun length 150 > max 102"), 1);
+    EXPECT_EQ(m_systemLog.Count("possible buffer overrun End marker 6f6f6f6f"), 1);
+    EXPECT_EQ(mi_multicoreLogBuffer('a', 1, buffer), 0);  // handed back twice
+    EXPECT_EQ(m_systemLog.Count("not BUSY but 2"), 1);
+    mi_flushBuffer();
+    ASSERT_EQ(Records().size(), 1u);
+    EXPECT_EQ(Records()[0].text, std::string(MI_MULTICORE_BUFFER_SIZE, 'o'));
+}
+
+TEST_F(MulticoreBuffersTest, InvalidConsolesArriveOnZButAreCountedUnderTheirOwnCode) {
+    EXPECT_FALSE(mi_isValidConsole('D'));
+    EXPECT_FALSE(mi_isValidConsole(31));
+    EXPECT_FALSE(mi_isValidConsole(224));
+    EXPECT_TRUE(mi_isValidConsole(223));
+    EXPECT_TRUE(mi_isValidConsole(' '));
+
+    EXPECT_EQ(mi_multicoreLog('D', 0, "debug"), 1);
+    EXPECT_EQ(mi_multicoreLog(7, 0, "bell"), 1);
+    miInternal_cppStats();
+    mi_flushBuffer();
+    const std::vector<Record> records = Records();
+    ASSERT_GE(records.size(), 2u);
+    EXPECT_EQ(records[0].console, 'z');
+    EXPECT_EQ(records[0].text, "debug\n");
+    EXPECT_EQ(records[1].console, 'z');
+    EXPECT_EQ(m_systemLog.Count("invalid console 68 specified mapped to z (122)"), 1);
+
+    std::vector<std::string> texts;
+    for (const Record& record : records) {
+        texts.push_back(record.text);
+    }
+    auto has = [&](const std::string& text) {
+        return std::find(texts.begin(), texts.end(), text) != texts.end();
+    };
+    EXPECT_TRUE(has("Console D ( 68) :      1 sent      6 bytes\n"));
+    EXPECT_TRUE(has("Console ? (  7) :      1 sent      5 bytes\n"));
+    EXPECT_FALSE(has("Console z (122) :      2 sent     11 bytes\n"));
+    EXPECT_TRUE(has("outputBufferLengthHistogram[6] = 1\n"));
+}
+
+TEST_F(MulticoreBuffersTest, PrefixFlagsGiveBootTimeProcessNameAndThread) {
+    MulticoreTest::FakeNow() = 123456789;
+    EXPECT_EQ(mi_setLogProcessName("navigation"), 9);  // the last 9 characters
+    EXPECT_EQ(mi_setLogMyThreadName("main"), 1);
+    EXPECT_EQ(mi_setConsoleFlags('a' + 256, 7), 'a');
+    mi_multicoreLog('a', 0, "text");
+    mi_multicoreLog('b', 0, "plain");
+
+    MulticoreTest::FakeNow() = 12005;
+    mi_setConsoleFlags('c', MI_PREFIX_BOOT_TIME | MI_PREFIX_THREAD);
+    std::thread([] { mi_multicoreLog('c', 0, "from another thread"); }).join();
+
+    const std::vector<std::string> texts = FlushedTexts();
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0], "123456.789 avigation [  main] text\n");
+    EXPECT_EQ(texts[1], "plain\n");
+    EXPECT_TRUE(std::regex_match(texts[2], std::regex("00012\\.005 \\[0\\d\\d\\] from another "
+                                                      "thread\n")))
+        << texts[2];
+    EXPECT_EQ(miInternal_getTid(0), 1);  // gtest runs the test on the main thread
+    EXPECT_EQ(mi_setLogThreadName(10, "ten"), 0);
+
+    // Without a name set the process id stands in.
+    mi_setLogProcessName(nullptr);
+    EXPECT_EQ(std::string(miInternal_getLogProcessName()), std::to_string(getpid()).substr(0, 9));
+}
+
+TEST_F(MulticoreBuffersTest, TextThatDoesNotFitBecomesDataLost) {
+    const std::string long100(100, 'x');
+    EXPECT_EQ(mi_multicoreLog('a', 0, "%s", long100.c_str()), 1);  // 100 + newline fits
+    const std::string long101(101, 'x');
+    EXPECT_EQ(mi_multicoreLog('a', 0, "%s", long101.c_str()), 1);  // with the newline: full
+    EXPECT_EQ(mi_multicoreLog('a', 0, "%s", std::string(102, 'x').c_str()), 0);
+
+    // A format too long even for the "DATA LOST" line replaces the prefix too.
+    mi_setConsoleFlags('b', MI_PREFIX_BOOT_TIME);
+    const std::string longFormat = std::string(95, 'f') + "%d";
+    EXPECT_EQ(mi_multicoreLog('b', 0, longFormat.c_str(), 1), 0);
+    EXPECT_EQ(mi_getLostPrintfErrorCount(), 2u);
+
+    const std::vector<std::string> texts = FlushedTexts();
+    ASSERT_EQ(texts.size(), 4u);
+    EXPECT_EQ(texts[0], long100 + "\n");
+    EXPECT_EQ(texts[1], long101 + "\n");
+    EXPECT_EQ(texts[2], "DATA LOST " + std::string(8, ' ') + "%s\n");
+    EXPECT_EQ(texts[3], "DATA LOST\n");
+}
+
+TEST_F(MulticoreBuffersTest, DebugLevelFiltersLinesBeforeAnyBufferIsTaken) {
+    EXPECT_EQ(mi_multicoreLog('a', 3, "verbose"), 1);
+    EXPECT_EQ(mi_multicoreLog('a', 2, "normal"), 1);
+    const char* noFormat = nullptr;
+    EXPECT_EQ(mi_multicoreLog('a', 0, noFormat), 1);
+    mi_setDebugLevel('a', 3);
+    EXPECT_EQ(mi_multicoreLog('a', 3, "now verbose"), 1);
+    EXPECT_EQ(FlushedTexts(), (std::vector<std::string>{"normal\n", "now verbose\n"}));
+}
+
+TEST_F(MulticoreBuffersTest, ConcurrentLoggersAndFlusherAccountForEveryLine) {
+    // Under contention a logger may find the pool used up again right after
+    // its own flush; such a line is dropped and counted, never half-written.
+    miInternal_setTimeSourceForTesting(nullptr);  // real boot clock
+    constexpr int kThreads = 4;
+    constexpr int kLines = 1500;
+    std::atomic<bool> done{false};
+    std::thread flusher([&] {
+        while (!done.load()) {
+            mi_flushBuffer();
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::vector<int>> dropped(kThreads);
+    std::vector<std::thread> loggers;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        loggers.emplace_back([&, thread] {
+            mi_setConsoleFlags('a' + thread, MI_PREFIX_THREAD);
+            for (int line = 0; line < kLines; ++line) {
+                if (mi_multicoreLog('a' + thread, 0, "%d %d", thread, line) != 1) {
+                    dropped[thread].push_back(line);
+                }
+            }
+        });
+    }
+    for (std::thread& logger : loggers) {
+        logger.join();
+    }
+    done = true;
+    flusher.join();
+    mi_flushBuffer();
+
+    const miInternal_OutputCounters counters = miInternal_getOutputCounters();
+    EXPECT_EQ(counters.writeErrors, 0u);
+    EXPECT_EQ(counters.openCount, 1u);
+
+    // Every line is either on the device, in order, or reported as lost.
+    std::vector<std::vector<int>> delivered(kThreads);
+    for (const Record& record : Records()) {
+        const int thread = record.console - 'a';
+        ASSERT_TRUE(thread >= 0 && thread < kThreads) << record.text;
+        int id = 0, from = -1, line = -1;
+        ASSERT_EQ(std::sscanf(record.text.c_str(), "[%d] %d %d\n", &id, &from, &line), 3)
+            << record.text;
+        EXPECT_EQ(from, thread);
+        delivered[thread].push_back(line);
+    }
+    size_t lost = 0;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        lost += dropped[thread].size();
+        std::vector<int> all = delivered[thread];
+        EXPECT_TRUE(std::is_sorted(all.begin(), all.end())) << "lines of a thread stay in order";
+        all.insert(all.end(), dropped[thread].begin(), dropped[thread].end());
+        std::sort(all.begin(), all.end());
+        ASSERT_EQ(all.size(), static_cast<size_t>(kLines)) << "thread " << thread;
+        for (int line = 0; line < kLines; ++line) {
+            ASSERT_EQ(all[line], line) << "thread " << thread;
+        }
+    }
+    EXPECT_EQ(mi_getLostPrintfErrorCount(), lost);
+    EXPECT_LT(lost, static_cast<size_t>(kThreads * kLines / 10)) << "most lines arrive";
+}
+
+TEST_F(MulticoreBuffersTest, LoggerServiceIsActiveWhenItsControlDeviceOpens) {
+    EXPECT_FALSE(mi_RTLoggerActive());
+    EXPECT_EQ(miInternal_getOutputCounters().openErrors, 1u);
+    WriteTargetFile("/kfsystem/multicore/ioc1/0", "");
+    EXPECT_TRUE(mi_RTLoggerActive());
+    EXPECT_TRUE(mi_RTLoggerActive());
+    EXPECT_EQ(m_systemLog.Count("RTLoggerActive Opened"), 1);
+
+    miInternal_resetOutputForTesting();
+    mi_setLogFileName("");
+    EXPECT_FALSE(mi_RTLoggerActive());
+    EXPECT_EQ(m_systemLog.Count("RTLoggerActive Opened file name root to big  len =  0"), 1);
+}
+
+TEST_F(MulticoreBuffersTest, UnknownLockIdUsesASpareLock) {
+    EXPECT_EQ(miInternal_Lock(7), 0);
+    miInternal_Unlock(7);
+    EXPECT_EQ(m_systemLog.Count("getMutex 7 : unknown lock"), 2);
+}
+
+}  // namespace

@@ -1,0 +1,326 @@
+#include "reference/src/operating_system.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ReplayTest::WaitFor;
+
+// Counts its runs and, when asked to, holds execute() until released.
+class GateThread : public CThread {
+  public:
+    explicit GateThread(bool holdUntilReleased, int stackSize = 0)
+        : CThread(stackSize, 10, "gate"), m_hold(holdUntilReleased) {}
+    ~GateThread() override { Release(); }
+
+    void Release() { m_release.store(true); }
+    int Runs() const { return m_runs.load(); }
+    pthread_t SeenId() const { return m_seenId.load(); }
+    bool SawRunning() const { return m_sawRunning.load(); }
+
+  protected:
+    void execute() override {
+        m_seenId.store(getCurrentID());
+        m_sawRunning.store(isRunning());
+        m_runs.fetch_add(1);
+        while (m_hold && !m_release.load()) {
+            sleep(1);
+        }
+    }
+
+  private:
+    const bool m_hold;
+    std::atomic<bool> m_release{false};
+    std::atomic<int> m_runs{0};
+    std::atomic<pthread_t> m_seenId{CThread::INVALID_THREAD_ID};
+    std::atomic<bool> m_sawRunning{false};
+};
+
+TEST(CThreadTest, StartRunsExecuteOnANewThreadThatRecordsItsId) {
+    GateThread thread(true);
+    EXPECT_EQ(thread.getThreadId(), CThread::INVALID_THREAD_ID);
+    EXPECT_FALSE(thread.isRunning());
+    ASSERT_TRUE(thread.start());
+    EXPECT_TRUE(thread.isRunning());
+    ASSERT_TRUE(WaitFor([&] { return thread.Runs() == 1; }, std::chrono::seconds(10)));
+    EXPECT_EQ(thread.getThreadId(), thread.SeenId());
+    EXPECT_NE(thread.SeenId(), CThread::getCurrentID());
+    EXPECT_TRUE(thread.SawRunning());
+    thread.Release();
+    EXPECT_TRUE(thread.join());
+}
+
+TEST(CThreadTest, SecondStartOfARunningThreadCreatesNoOther) {
+    GateThread thread(true);
+    ASSERT_TRUE(thread.start());
+    const pthread_t id = thread.getThreadId();
+    EXPECT_TRUE(thread.start());
+    EXPECT_TRUE(thread.start());
+    EXPECT_EQ(thread.getThreadId(), id);
+    thread.Release();
+    EXPECT_TRUE(thread.join());
+    EXPECT_EQ(thread.Runs(), 1);
+}
+
+TEST(CThreadTest, FinishedThreadClearsItsIdAndCanBeJoinedAndRestarted) {
+    GateThread thread(false);
+    ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(WaitFor([&] { return thread.getThreadId() == CThread::INVALID_THREAD_ID; },
+                        std::chrono::seconds(10)));
+    EXPECT_FALSE(thread.isRunning());
+    // The finished thread is still joined once, and only once.
+    EXPECT_TRUE(thread.join());
+    EXPECT_FALSE(thread.join());
+    EXPECT_FALSE(thread.cancel());
+
+    ASSERT_TRUE(thread.start());
+    EXPECT_TRUE(thread.join());
+    EXPECT_EQ(thread.Runs(), 2);
+}
+
+TEST(CThreadTest, JoinAndCancelWithoutAThreadFail) {
+    GateThread thread(false);
+    EXPECT_FALSE(thread.join());
+    EXPECT_FALSE(thread.cancel());
+}
+
+TEST(CThreadTest, StackSizeIsAppliedOnlyWhenGiven) {
+    struct StackProbe : CThread {
+        explicit StackProbe(int size) : CThread(size, 0, nullptr) {}
+        std::atomic<size_t> stack{0};
+        void execute() override {
+            pthread_attr_t attributes;
+            if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+                size_t size = 0;
+                pthread_attr_getstacksize(&attributes, &size);
+                stack.store(size);
+                pthread_attr_destroy(&attributes);
+            }
+        }
+    };
+    StackProbe sized(1024 * 1024);
+    ASSERT_TRUE(sized.start());
+    ASSERT_TRUE(sized.join());
+    EXPECT_EQ(sized.stack.load(), 1024u * 1024u);
+
+    StackProbe standard(0);
+    ASSERT_TRUE(standard.start());
+    ASSERT_TRUE(standard.join());
+    pthread_attr_t defaults;
+    pthread_attr_init(&defaults);
+    size_t defaultSize = 0;
+    pthread_attr_getstacksize(&defaults, &defaultSize);
+    pthread_attr_destroy(&defaults);
+    EXPECT_EQ(standard.stack.load(), defaultSize);
+}
+
+TEST(CThreadTest, SleepWaitsAtLeastTheGivenMilliseconds) {
+    const auto before = Clock::now();
+    CThread::sleep(30);
+    EXPECT_GE(Clock::now() - before, std::chrono::milliseconds(30));
+    CThread::sleep(0);
+}
+
+TEST(CMutexTest, TryLockOfAHeldMutexFailsAtOnce) {
+    CPosixMutex mutex;
+    ASSERT_TRUE(mutex.lock(true));
+    std::atomic<int> result{-1};
+    std::thread other([&] { result.store(mutex.lock(false) ? 1 : 0); });
+    other.join();
+    EXPECT_EQ(result.load(), 0);
+    EXPECT_EQ(mutex.unlock(), 0);
+    std::thread again([&] {
+        result.store(mutex.lock(false) ? 1 : 0);
+        mutex.unlock();
+    });
+    again.join();
+    EXPECT_EQ(result.load(), 1);
+}
+
+TEST(CMutexTest, ScopedLocksExcludeEachOther) {
+    CMutex mutex;
+    long counter = 0;  // plain: ThreadSanitizer checks the exclusion
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 4; ++t) {
+        workers.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                CMutexScopedLock lock(mutex);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_EQ(counter, 8000);
+}
+
+TEST(CBinarySemaphoreTest, FirstLockWaitsForAnUnlock) {
+    CBinarySemaphore semaphore;
+    EXPECT_FALSE(semaphore.lock(false));  // starts at 0
+    std::atomic<bool> acquired{false};
+    std::thread waiter([&] {
+        semaphore.lock(true);
+        acquired.store(true);
+    });
+    EXPECT_FALSE(acquired.load());
+    EXPECT_TRUE(semaphore.unlock());
+    EXPECT_TRUE(WaitFor([&] { return acquired.load(); }, std::chrono::seconds(10)));
+    waiter.join();
+    EXPECT_FALSE(semaphore.lock(false));
+}
+
+TEST(CBinarySemaphoreTest, TimedLockTimesOut) {
+    CBinarySemaphore semaphore;
+    auto before = Clock::now();
+    EXPECT_FALSE(semaphore.timedlock(0));
+    EXPECT_FALSE(semaphore.timedlock(-5));
+    EXPECT_LT(Clock::now() - before, std::chrono::milliseconds(100));
+
+    before = Clock::now();
+    EXPECT_FALSE(semaphore.timedlock(1150));  // crosses a second boundary
+    const auto waited = Clock::now() - before;
+    EXPECT_GE(waited, std::chrono::milliseconds(1140));
+    EXPECT_LT(waited, std::chrono::milliseconds(5000));
+}
+
+TEST(CBinarySemaphoreTest, TimedLockTakesAPostedSemaphore) {
+    CBinarySemaphore semaphore;
+    EXPECT_TRUE(semaphore.unlock());
+    EXPECT_TRUE(semaphore.timedlock(0));
+    EXPECT_TRUE(semaphore.unlock());
+    const auto before = Clock::now();
+    EXPECT_TRUE(semaphore.timedlock(10000));
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(5));
+
+    std::thread poster([&] { semaphore.unlock(); });
+    EXPECT_TRUE(semaphore.timedlock(10000));
+    poster.join();
+}
+
+bool DescriptorOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+bool Blocking(int fd) {
+    return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+}
+
+TEST(CPipeTest, OpenedEndsCarryDataAndStayBlocking) {
+    CPipe pipe;
+    EXPECT_EQ(pipe.getReadDescriptor(), -1);
+    EXPECT_EQ(pipe.getWriteDescriptor(), -1);
+    ASSERT_TRUE(pipe.open(true, false));
+    ASSERT_TRUE(DescriptorOpen(pipe.getReadDescriptor()));
+    ASSERT_TRUE(DescriptorOpen(pipe.getWriteDescriptor()));
+    // The request for a non-blocking end does not switch it.
+    EXPECT_TRUE(Blocking(pipe.getReadDescriptor()));
+    EXPECT_TRUE(Blocking(pipe.getWriteDescriptor()));
+
+    EXPECT_EQ(pipe.write("record", 6), 6);
+    char buffer[8] = {};
+    EXPECT_EQ(pipe.read(buffer, sizeof buffer), 6);
+    EXPECT_STREQ(buffer, "record");
+
+    CPipe both;
+    ASSERT_TRUE(both.open(false, false));
+    EXPECT_TRUE(Blocking(both.getReadDescriptor()));
+    EXPECT_TRUE(Blocking(both.getWriteDescriptor()));
+}
+
+TEST(CPipeTest, CloseSelectsEnds) {
+    CPipe pipe;
+    ASSERT_TRUE(pipe.open(true, true));
+    const int readFd = pipe.getReadDescriptor();
+    const int writeFd = pipe.getWriteDescriptor();
+    pipe.close(CPipe::eRead);
+    EXPECT_EQ(pipe.getReadDescriptor(), -1);
+    EXPECT_FALSE(DescriptorOpen(readFd));
+    EXPECT_TRUE(DescriptorOpen(writeFd));
+    pipe.close(CPipe::eRead);  // nothing left to close
+    EXPECT_TRUE(DescriptorOpen(writeFd));
+    pipe.close(CPipe::eBoth);
+    EXPECT_EQ(pipe.getWriteDescriptor(), -1);
+    EXPECT_FALSE(DescriptorOpen(writeFd));
+}
+
+TEST(CPipeTest, CopiesShareDescriptors) {
+    // The original is never destroyed: once the copy has closed the shared
+    // descriptors a second close could hit unrelated files.
+    alignas(CPipe) unsigned char storage[sizeof(CPipe)];
+    CPipe* original = new (storage) CPipe;
+    ASSERT_TRUE(original->open(true, true));
+    const int readFd = original->getReadDescriptor();
+    const int writeFd = original->getWriteDescriptor();
+    {
+        CPipe copy(*original);
+        EXPECT_EQ(copy.getReadDescriptor(), readFd);
+        EXPECT_EQ(copy.getWriteDescriptor(), writeFd);
+        CPipe assigned;
+        assigned = copy;
+        EXPECT_EQ(assigned.getWriteDescriptor(), writeFd);
+        // Data written through one is read through the other.
+        EXPECT_EQ(assigned.write("x", 1), 1);
+        char c = 0;
+        EXPECT_EQ(original->read(&c, 1), 1);
+        EXPECT_EQ(c, 'x');
+        assigned.close(CPipe::eBoth);
+        EXPECT_EQ(assigned.getReadDescriptor(), -1);
+    }
+    EXPECT_FALSE(DescriptorOpen(readFd));
+    EXPECT_FALSE(DescriptorOpen(writeFd));
+    EXPECT_EQ(original->getReadDescriptor(), readFd);
+}
+
+TEST(CPipeTest, ReadOfAPipeNeverOpenedFails) {
+    CPipe pipe;
+    char c;
+    errno = 0;
+    EXPECT_EQ(pipe.read(&c, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(pipe.write(&c, 1), -1);
+}
+
+// When no pipe can be made the object loses the descriptors it held.
+TEST(CPipeTest, FailedOpenClosesTheDescriptorsHeldBefore) {
+    CPipe pipe;
+    ASSERT_TRUE(pipe.open(true, true));
+    const int readFd = pipe.getReadDescriptor();
+    const int writeFd = pipe.getWriteDescriptor();
+
+    rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit lowered = saved;
+    lowered.rlim_cur = static_cast<rlim_t>(writeFd > readFd ? writeFd : readFd) + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    std::vector<int> fillers;  // take every free descriptor below the limit
+    for (int fd = dup(readFd); fd != -1; fd = dup(readFd)) {
+        fillers.push_back(fd);
+    }
+    const bool opened = pipe.open(true, true);
+    for (int fd : fillers) {
+        ::close(fd);
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(pipe.getReadDescriptor(), -1);
+    EXPECT_EQ(pipe.getWriteDescriptor(), -1);
+    EXPECT_FALSE(DescriptorOpen(readFd));
+    EXPECT_FALSE(DescriptorOpen(writeFd));
+}
+
+}  // namespace
