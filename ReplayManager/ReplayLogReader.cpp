@@ -8,14 +8,16 @@
 #include <cstdio>
 #include <cstring>
 
+#include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogRecord.h"
 
 namespace ReplayCore {
 
 namespace {
 
-const char kMarker[] = "Q\t[-M-] \t";
-const char kLoggingSystemName[] = "multicore";
+// "Q\t[-M-] \t" and "multicore".
+const char* const& kMarker = SpecialStrings::kReplayMarker;
+const char* const& kLoggingSystemName = SpecialStrings::kLoggingSystem;
 const char kReconnectText[] = "reconnecting";
 
 const unsigned char kEscapedCarriageReturn = 215;
