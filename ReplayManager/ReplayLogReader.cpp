@@ -66,7 +66,9 @@ bool ParseLengthField(const char* field, size_t& length) {
 
 namespace LogFormat {
 
-const char* StoredMarker() { return kMarker; }
+const char* StoredMarker() {
+    return kMarker;
+}
 
 bool FrameRecord(const std::string& payload, std::string& framed) {
     framed.clear();
@@ -210,7 +212,9 @@ const char* LogSkipKindName(LogSkip::Kind kind) {
 ReplayLogReader::ReplayLogReader(size_t bufferSize)
     : m_buffer(bufferSize < kMinimumBufferSize ? kMinimumBufferSize : bufferSize) {}
 
-ReplayLogReader::~ReplayLogReader() { Reset(); }
+ReplayLogReader::~ReplayLogReader() {
+    Reset();
+}
 
 void ReplayLogReader::Reset() {
     if (m_fd >= 0) {
@@ -297,8 +301,8 @@ size_t ReplayLogReader::FindMarker(size_t from) const {
     if (from >= m_end) {
         return m_end;
     }
-    const void* found = memmem(m_buffer.data() + from, m_end - from, kMarker,
-                               LogFormat::kMarkerLength);
+    const void* found =
+        memmem(m_buffer.data() + from, m_end - from, kMarker, LogFormat::kMarkerLength);
     if (found != nullptr) {
         return static_cast<size_t>(static_cast<const char*>(found) - m_buffer.data());
     }
@@ -343,10 +347,10 @@ ReplayLogReader::ParseResult ReplayLogReader::ParseAt(size_t position, LogRecord
         const size_t lineLength = end - field < kMaxReconnectLine ? end - field : kMaxReconnectLine;
         if (LineContains(data + field, lineLength, kReconnectText)) {
             const void* lineEnd = memchr(data + field, '\n', lineLength);
-            consumed = lineEnd != nullptr
-                           ? static_cast<size_t>(static_cast<const char*>(lineEnd) - data) + 1 -
-                                 position
-                           : field + lineLength - position;
+            consumed =
+                lineEnd != nullptr
+                    ? static_cast<size_t>(static_cast<const char*>(lineEnd) - data) + 1 - position
+                    : field + lineLength - position;
             return ParseResult::kReconnect;
         }
         return fieldComplete || !m_endOfInput ? ParseResult::kBadFraming : ParseResult::kTruncated;
@@ -386,8 +390,9 @@ ReplayLogReader::ParseResult ReplayLogReader::ParseAt(size_t position, LogRecord
             stored += 2;
         } else if (stored < end && data[stored] == '\n') {
             stored += 1;
-        } else if (stored < end && (end - stored < LogFormat::kMarkerLength ||
-                                    memcmp(data + stored, kMarker, LogFormat::kMarkerLength) != 0)) {
+        } else if (stored < end &&
+                   (end - stored < LogFormat::kMarkerLength ||
+                    memcmp(data + stored, kMarker, LogFormat::kMarkerLength) != 0)) {
             // The length field does not match the stored line.
             return ParseResult::kBadFraming;
         }
@@ -449,8 +454,7 @@ bool ReplayLogReader::Next(LogRecord& record) {
                 continue;
             }
             const size_t next = FindMarker(position + 1);
-            AddSkip(result == ParseResult::kTruncated ? LogSkip::kTruncated
-                                                      : LogSkip::kBadFraming,
+            AddSkip(result == ParseResult::kTruncated ? LogSkip::kTruncated : LogSkip::kBadFraming,
                     offset, next - position);
             m_begin = next;
             continue;

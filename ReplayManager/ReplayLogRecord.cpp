@@ -11,7 +11,9 @@ namespace {
 constexpr size_t kChecksumSuffix = 9;
 constexpr size_t kMaxClientName = 20;
 
-bool NameCharacterValid(char c) { return c >= '0' && c <= 'z'; }
+bool NameCharacterValid(char c) {
+    return c >= '0' && c <= 'z';
+}
 
 }  // namespace
 

@@ -34,8 +34,7 @@ LogSegmentStatistics& LogStatistics::SegmentFor(const LogRecord& record) {
         segment.index = record.segment;
         segment.offset = record.offset;
         if (record.kind == LogRecordKind::kHeader) {
-            segment.hasHeader =
-                LogFormat::ParseHeaderPayload(record.payload, segment.startTimeMs);
+            segment.hasHeader = LogFormat::ParseHeaderPayload(record.payload, segment.startTimeMs);
         }
         m_segments.push_back(std::move(segment));
     }
@@ -88,7 +87,8 @@ void LogStatistics::AddClientRecord(const LogRecord& record, LogSegmentStatistic
     const bool checksumValid = LogRecordChecksumValid(record.payload.data(), record.payload.size());
     if (!checksumValid) {
         snprintf(text, sizeof text, "client %s: checksum mismatch in record at %s",
-                 m_fields.clientName.c_str(), LogFormat::FormatRecordTime(m_fields.blockTimeMs).c_str());
+                 m_fields.clientName.c_str(),
+                 LogFormat::FormatRecordTime(m_fields.blockTimeMs).c_str());
         AddProblem(LogProblem::kChecksum, record.offset, text);
     }
 
@@ -105,8 +105,8 @@ void LogStatistics::AddClientRecord(const LogRecord& record, LogSegmentStatistic
             }
         } else if (blockTime < segment.lastRecordMs - kReorderToleranceMs) {
             ++segment.timeOrderViolations;
-            snprintf(text, sizeof text, "client %s: record time %s is %" PRId64
-                     " ms before the latest record time %s",
+            snprintf(text, sizeof text,
+                     "client %s: record time %s is %" PRId64 " ms before the latest record time %s",
                      m_fields.clientName.c_str(), LogFormat::FormatRecordTime(blockTime).c_str(),
                      segment.lastRecordMs - blockTime,
                      LogFormat::FormatRecordTime(segment.lastRecordMs).c_str());

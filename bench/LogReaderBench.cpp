@@ -45,9 +45,9 @@ class GeneratedLog {
         for (unsigned int i = 0; written < kLogSize; ++i) {
             const unsigned int client = i % 5;
             time += 7;
-            std::string body = (client == 1 ? "$" : "!") + ReplayCore::LogFormat::FormatRecordTime(time) +
-                               ":" + clients[client] + ":!1 " +
-                               std::to_string(++sequence[client]) + ":";
+            std::string body = (client == 1 ? "$" : "!") +
+                               ReplayCore::LogFormat::FormatRecordTime(time) + ":" +
+                               clients[client] + ":!1 " + std::to_string(++sequence[client]) + ":";
             body += std::string(60 + (i % 120), static_cast<char>('%' + i % 90));
             body.push_back(static_cast<char>(0xDE));
             body += ReplayCore::LogFormat::FormatRecordTime(time + 3) + ":second item";

@@ -50,11 +50,10 @@ size_t RecordChannelParser::Parse(const char* data, size_t length) {
             // Drop up to the next line end: records normally end there, so the
             // stream is most likely back in step after it.
             const void* lineEnd = memchr(data + position, '\n', length - position);
-            const size_t dropped = lineEnd != nullptr ? static_cast<size_t>(
-                                                            static_cast<const char*>(lineEnd) -
-                                                            (data + position)) +
-                                                            1
-                                                      : length - position;
+            const size_t dropped =
+                lineEnd != nullptr
+                    ? static_cast<size_t>(static_cast<const char*>(lineEnd) - (data + position)) + 1
+                    : length - position;
             m_malformedBytes += dropped;
             position += dropped;
             continue;

@@ -180,8 +180,8 @@ void LoggerService::Stop() {
 
 std::string LoggerService::Summary() const {
     char text[160];
-    snprintf(text, sizeof text, "%" PRIu64 " records written, %" PRIu64 " dropped, %" PRIu64
-             " bytes",
+    snprintf(text, sizeof text,
+             "%" PRIu64 " records written, %" PRIu64 " dropped, %" PRIu64 " bytes",
              m_statistics.recordsWritten.load(), m_statistics.RecordsDropped(),
              m_statistics.bytesWritten.load());
     return text;

@@ -57,7 +57,8 @@ int main(int argc, char** argv) {
         ReplayPlatform::SetTargetRoot(root);
     }
     options.deviceRoot = ReplayPlatform::TargetPath("/kfsystem/multicore");
-    options.logFile = logFile.empty() ? ReplayPlatform::TargetPath("/fs/usb0/LOGFILE.DAT") : logFile;
+    options.logFile =
+        logFile.empty() ? ReplayPlatform::TargetPath("/fs/usb0/LOGFILE.DAT") : logFile;
     options.consoleLogFile =
         consoleGiven ? consoleFile : ReplayPlatform::TargetPath("/tmp/ReplayConsole.txt");
 

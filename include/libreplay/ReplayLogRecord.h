@@ -59,7 +59,8 @@ size_t ForEachLogItem(const std::string& record, const LogClientRecord& fields, 
     size_t count = 0;
     bool first = true;
     for (;;) {
-        const void* found = memchr(position, kLogItemSeparator, static_cast<size_t>(end - position));
+        const void* found =
+            memchr(position, kLogItemSeparator, static_cast<size_t>(end - position));
         const char* separator = found != nullptr ? static_cast<const char*>(found) : end;
         const char* data = position;
         size_t length = static_cast<size_t>(separator - position);

@@ -51,7 +51,8 @@ std::vector<LogRecord> ReadMemory(const std::string& data, ReplayLogReader& read
 TEST(ReplayLogFormatTest, FramingAndStoredFormMatchTheWriterByteForByte) {
     std::string framed;
     ASSERT_TRUE(LogFormat::FrameRecord("!a\nb\n", framed));
-    EXPECT_EQ(framed, std::string("   5|!a\xd8" "b\n"));
+    EXPECT_EQ(framed, std::string("   5|!a\xd8"
+                                  "b\n"));
     ASSERT_TRUE(LogFormat::FrameRecord("", framed));
     EXPECT_EQ(framed, "   0|");
     EXPECT_TRUE(LogFormat::FrameRecord(std::string(2043, 'x'), framed));
@@ -119,16 +120,16 @@ TEST(ReplayLogReaderTest, SurvivesDamageAndReportsWhatItSkipped) {
     const std::string text = "\"1.200:ui:!1 1:quoted Q\t[-M-] \t   5|fake\n";
     const std::string cut = Stored(good1).substr(0, 20);
     std::string log;
-    log += "leading garbage\r\n";                   // garbage at 0
-    log += Stored(good1);                           // record
-    log += std::string("\x00\xff\x80junk", 7);      // binary junk without line end
-    log += Stored(Checksummed(text));               // marker inside a payload
-    log += "Q\t[-M-] \t9999|too long\r\n";          // length larger than allowed
-    log += "Q\t[-M-] \treconnecting\r\n";           // re-attach line
-    log += "-- reconnecting --\r\n";                // and one without marker
-    log += cut;                                     // cut short, then a record
+    log += "leading garbage\r\n";               // garbage at 0
+    log += Stored(good1);                       // record
+    log += std::string("\x00\xff\x80junk", 7);  // binary junk without line end
+    log += Stored(Checksummed(text));           // marker inside a payload
+    log += "Q\t[-M-] \t9999|too long\r\n";      // length larger than allowed
+    log += "Q\t[-M-] \treconnecting\r\n";       // re-attach line
+    log += "-- reconnecting --\r\n";            // and one without marker
+    log += cut;                                 // cut short, then a record
     log += Stored(good2);
-    log += Stored(good1).substr(0, 30);             // truncated tail
+    log += Stored(good1).substr(0, 30);  // truncated tail
 
     for (size_t bufferSize : {ReplayLogReader::kMinimumBufferSize, size_t(1 << 20)}) {
         ReplayLogReader reader(bufferSize);
@@ -144,8 +145,8 @@ TEST(ReplayLogReaderTest, SurvivesDamageAndReportsWhatItSkipped) {
             kinds.push_back(skip.kind);
         }
         const std::vector<LogSkip::Kind> expected = {
-            LogSkip::kGarbage,    LogSkip::kGarbage,   LogSkip::kBadFraming, LogSkip::kReconnect,
-            LogSkip::kReconnect,  LogSkip::kBadFraming, LogSkip::kTruncated};
+            LogSkip::kGarbage,   LogSkip::kGarbage,    LogSkip::kBadFraming, LogSkip::kReconnect,
+            LogSkip::kReconnect, LogSkip::kBadFraming, LogSkip::kTruncated};
         EXPECT_EQ(kinds, expected);
         EXPECT_EQ(reader.Skips().front().offset, 0u);
         EXPECT_EQ(reader.Skips().back().offset, log.size() - 30);
@@ -177,17 +178,19 @@ TEST_F(ReplayLogFileTest, MissingFileIsReportedNotRead) {
 // Statistics over records built here, so each fault is known exactly.
 TEST_F(ReplayLogFileTest, StatisticsFindChecksumGapAndTimeOrderFaults) {
     std::string log = Stored(LogFormat::HeaderPayload(1000));
-    log += Stored(Checksummed("!1.100:gps:!1 1:a\xde" "1.150:b"));
+    log +=
+        Stored(Checksummed("!1.100:gps:!1 1:a\xde"
+                           "1.150:b"));
     log += Stored(Checksummed("!1.200:gps:!1 2:c"));
-    log += Stored(Checksummed("!1.250:gps:!1 5:d"));        // blocks 3 and 4 missing
+    log += Stored(Checksummed("!1.250:gps:!1 5:d"));  // blocks 3 and 4 missing
     std::string damaged = Checksummed("!1.300:can:!1 1:e");
     damaged[16] = 'E';
     log += Stored(damaged);
-    log += Stored(Checksummed("!1.299:can:!1 2:f"));        // reordered within tolerance
-    log += Stored(Checksummed("!0.100:can:!1 3:g"));        // far too old
+    log += Stored(Checksummed("!1.299:can:!1 2:f"));  // reordered within tolerance
+    log += Stored(Checksummed("!0.100:can:!1 3:g"));  // far too old
     log += Stored(Checksummed("#1.400:can:#stop"));
     log += Stored(LogFormat::HeaderPayload(9000));
-    log += Stored(Checksummed("!9.100:gps:!1 9:h"));        // new segment: no gap
+    log += Stored(Checksummed("!9.100:gps:!1 9:h"));  // new segment: no gap
     const std::string path = WriteTargetFile("/fs/usb0/LOGFILE.DAT", log);
 
     ReplayCore::LogStatistics statistics;

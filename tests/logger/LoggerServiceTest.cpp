@@ -84,7 +84,9 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
     ASSERT_EQ(write(debug, "Error:disk full\n", 16), 16);
     const int console = open(Device(LoggerService::kConsoleDevice).c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_GE(console, 0);
-    const std::string batch = std::string("a\x06line1\n") + "0\x05" "line2";
+    const std::string batch = std::string("a\x06line1\n") +
+                              "0\x05"
+                              "line2";
     ASSERT_EQ(write(console, batch.data(), batch.size()), static_cast<ssize_t>(batch.size()));
     // The presence probe: a zero-length write answers 0 while the service runs.
     const int probe = open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK);
@@ -93,10 +95,12 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
 
     ASSERT_TRUE(ReplayTest::WaitFor(
         [&] { return service.Statistics().recordsWritten.load() == payloads.size(); }, 10s));
-    ASSERT_TRUE(ReplayTest::WaitFor([&] {
-        return ReplayTest::ReadFile(Root() + "/tmp/ReplayConsole.txt").find("line2") !=
-               std::string::npos;
-    }, 10s));
+    ASSERT_TRUE(ReplayTest::WaitFor(
+        [&] {
+            return ReplayTest::ReadFile(Root() + "/tmp/ReplayConsole.txt").find("line2") !=
+                   std::string::npos;
+        },
+        10s));
     EXPECT_EQ(ReadBack(), payloads);
     EXPECT_EQ(ReplayTest::ReadFile(Root() + "/tmp/ReplayConsole.txt"),
               "q\tError:disk full\na\tline1\n0\tline2\n");
@@ -109,8 +113,8 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
     close(console);
     close(probe);
     service.Stop();
-    EXPECT_EQ(service.Summary(), "5 records written, 0 dropped, " +
-                                     std::to_string(stored.size()) + " bytes");
+    EXPECT_EQ(service.Summary(),
+              "5 records written, 0 dropped, " + std::to_string(stored.size()) + " bytes");
     // The devices are gone, so a late writer fails at once.
     EXPECT_LT(OpenChannel(), 0);
     EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kProbeDevice)));
@@ -241,10 +245,9 @@ TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {
     }
 
     std::vector<std::string> lines;
-    ReplayLogger::ConsoleChannelParser console(
-        [&](char code, const char* text, size_t length) {
-            lines.push_back(std::string(1, code) + std::string(text, length));
-        });
+    ReplayLogger::ConsoleChannelParser console([&](char code, const char* text, size_t length) {
+        lines.push_back(std::string(1, code) + std::string(text, length));
+    });
     const std::string batch = std::string("a\x03xyz") + std::string("b\0", 2) + "c\x01!";
     for (char c : batch) {
         console.Feed(&c, 1);

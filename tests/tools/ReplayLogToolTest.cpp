@@ -18,8 +18,8 @@ struct Result {
 };
 
 Result RunTool(const std::string& arguments) {
-    const std::string command = std::string(REPLAY_BINARY_DIR) + "/tools/replaylog/replaylog " +
-                                arguments + " 2>&1";
+    const std::string command =
+        std::string(REPLAY_BINARY_DIR) + "/tools/replaylog/replaylog " + arguments + " 2>&1";
     Result result;
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
@@ -100,7 +100,8 @@ TEST(ReplayLogToolTest, DumpFiltersByClientSegmentAndTime) {
     EXPECT_EQ(CountLines(gps.out), 2) << gps.out;
     EXPECT_NE(gps.out.find("lat=49.1"), std::string::npos);
 
-    Result window = RunTool("dump --json --from 100.150 --to 100.300 " + Golden("two_segments.dat"));
+    Result window =
+        RunTool("dump --json --from 100.150 --to 100.300 " + Golden("two_segments.dat"));
     EXPECT_EQ(CountLines(window.out), 3) << window.out;
     EXPECT_EQ(nlohmann::json::parse(window.out.substr(0, window.out.find('\n')))["client"], "can");
 }
@@ -120,7 +121,8 @@ class ReplayLogToolFileTest : public ReplayTest::TargetRootTest {};
 
 TEST_F(ReplayLogToolFileTest, CutWritesAReadableLogWithAHeader) {
     const std::string cut = Root() + "/tmp/cut.dat";
-    Result result = RunTool("cut -c gps --from 100.200 -o " + cut + " " + Golden("two_segments.dat"));
+    Result result =
+        RunTool("cut -c gps --from 100.200 -o " + cut + " " + Golden("two_segments.dat"));
     ASSERT_EQ(result.status, 0) << result.out;
     EXPECT_NE(result.out.find("3 records written"), std::string::npos);
 
@@ -142,8 +144,9 @@ TEST_F(ReplayLogToolFileTest, CutWritesAReadableLogWithAHeader) {
 TEST(ReplayLogToolTest, MistakesGetOneLineErrorsAndDocumentedStatuses) {
     Result missing = RunTool("info /nonexistent/LOGFILE.DAT");
     EXPECT_EQ(missing.status, 2);
-    EXPECT_EQ(missing.out, "replaylog: cannot read /nonexistent/LOGFILE.DAT: No such file or "
-                           "directory\n");
+    EXPECT_EQ(missing.out,
+              "replaylog: cannot read /nonexistent/LOGFILE.DAT: No such file or "
+              "directory\n");
     Result directory = RunTool("dump /");
     EXPECT_EQ(directory.status, 2);
     EXPECT_EQ(CountLines(directory.out), 1) << directory.out;

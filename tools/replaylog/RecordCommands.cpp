@@ -21,7 +21,9 @@ using ReplayCore::ReplayLogReader;
 using ReplayCore::LogFormat::FormatRecordTime;
 using Json = nlohmann::ordered_json;
 
-std::string DumpJson(const Json& j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
+std::string DumpJson(const Json& j) {
+    return j.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
 
 bool OpenLog(ReplayLogReader& reader, const std::string& path) {
     if (!reader.Open(path)) {
@@ -39,7 +41,9 @@ int FinishReading(const ReplayLogReader& reader, const std::string& path) {
     return kExitOk;
 }
 
-bool IsBinary(const LogClientRecord& fields) { return fields.typeCharacter == '$'; }
+bool IsBinary(const LogClientRecord& fields) {
+    return fields.typeCharacter == '$';
+}
 
 }  // namespace
 
@@ -68,8 +72,8 @@ int RunDump(const CommonOptions& options, const RecordFilter& filter) {
                 if (fields.hasSequence) {
                     j["sequence"] = fields.sequenceNumber;
                 }
-                j["checksum_ok"] =
-                    ReplayCore::LogRecordChecksumValid(record.payload.data(), record.payload.size());
+                j["checksum_ok"] = ReplayCore::LogRecordChecksumValid(record.payload.data(),
+                                                                      record.payload.size());
             }
             // Escaped so that binary bytes survive in JSON text.
             j["payload"] = Printable(record.payload);
@@ -81,8 +85,8 @@ int RunDump(const CommonOptions& options, const RecordFilter& filter) {
                    fields.hasSequence ? std::to_string(fields.sequenceNumber).c_str() : "-",
                    Printable(record.payload).c_str());
         } else {
-            printf("%" PRIu64 " [%u] %s %s\n", record.offset, record.segment,
-                   KindName(record.kind), Printable(record.payload).c_str());
+            printf("%" PRIu64 " [%u] %s %s\n", record.offset, record.segment, KindName(record.kind),
+                   Printable(record.payload).c_str());
         }
     }
     return FinishReading(reader, options.logFile);

@@ -12,10 +12,10 @@ namespace ReplayLogTool {
 namespace {
 
 using ReplayCore::LogClientStatistics;
-using ReplayCore::LogFormat::FormatRecordTime;
 using ReplayCore::LogProblem;
 using ReplayCore::LogSegmentStatistics;
 using ReplayCore::LogStatistics;
+using ReplayCore::LogFormat::FormatRecordTime;
 using Json = nlohmann::ordered_json;
 
 bool Collect(const CommonOptions& options, LogStatistics& statistics) {

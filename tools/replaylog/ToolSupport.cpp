@@ -24,7 +24,8 @@ bool RecordFilter::Prepare(std::string& error) {
 }
 
 bool RecordFilter::SegmentSelected(uint32_t segment) const {
-    return segments.empty() || std::find(segments.begin(), segments.end(), segment) != segments.end();
+    return segments.empty() ||
+           std::find(segments.begin(), segments.end(), segment) != segments.end();
 }
 
 bool RecordFilter::Selects(const ReplayCore::LogRecord& record,
@@ -72,7 +73,9 @@ std::string Printable(const char* data, size_t length) {
     return out;
 }
 
-std::string Printable(const std::string& bytes) { return Printable(bytes.data(), bytes.size()); }
+std::string Printable(const std::string& bytes) {
+    return Printable(bytes.data(), bytes.size());
+}
 
 std::string HexBytes(const std::string& bytes) {
     static const char digits[] = "0123456789abcdef";
@@ -119,6 +122,8 @@ const char* KindName(ReplayCore::LogRecordKind kind) {
     return "other";
 }
 
-void ReportError(const std::string& text) { fprintf(stderr, "replaylog: %s\n", text.c_str()); }
+void ReportError(const std::string& text) {
+    fprintf(stderr, "replaylog: %s\n", text.c_str());
+}
 
 }  // namespace ReplayLogTool
