@@ -43,94 +43,64 @@ class ClientLoggingTest : public ReplayTest::TargetRootTest {
         SetupLoggingHandlers("appNameNotSet", nullptr, nullptr, nullptr);
         ReplayInternal::ResetClientLoggingForTesting();
         mi_setDebugLevel(kConsoleQ, -1);
-        if (m_reader >= 0) {
-            close(m_reader);
-        }
         FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
-
-    std::string Device() const { return Root() + ReplayInternal::kDefaultLoggerDevice; }
-    // Creates the device as the logger service does, and a non-blocking reader
-    // of it for the test.
-    void MakeDeviceFifo() {
+    // Creates the device as the logger service does; returns a non-blocking
+    // reader of it.
+    int MakeDeviceFifo() {
         MakeTargetDirectory("/kfsystem/multicore/navi");
-        ASSERT_EQ(mkfifo(Device().c_str(), 0600), 0);
+        const std::string device = Root() + ReplayInternal::kDefaultLoggerDevice;
+        EXPECT_EQ(mkfifo(device.c_str(), 0600), 0);
+        return open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     }
-    void OpenReader() {
-        m_reader = open(Device().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        ASSERT_GE(m_reader, 0);
-    }
-    // Everything written to the device since the last call.
-    std::string Drain() {
+    static std::string Drain(int reader) {
         std::string out;
         char buffer[4096];
-        ssize_t n;
-        while ((n = read(m_reader, buffer, sizeof buffer)) > 0) {
+        for (ssize_t n; (n = read(reader, buffer, sizeof buffer)) > 0;) {
             out.append(buffer, static_cast<size_t>(n));
         }
         return out;
     }
     std::string Log() const { return ReadTargetFile(FileLogger::kLogFileLocation); }
-
-    int m_reader = -1;
 };
 
-TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeMessages) {
-    MakeDeviceFifo();
-    OpenReader();
+TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeTexts) {
+    const int reader = MakeDeviceFifo();
+    ASSERT_GE(reader, 0);
     ReplayInternal::SetupDefaultMessageHandlers("navapp");
     ASSERT_GT(g_defaultLoggerFD.load(), 0);
     EXPECT_STREQ(DebugAppName(), "navapp");
-    EXPECT_NE(Log().find("ReplayInternal: Setting up Default Logging for navapp"),
-              std::string::npos);
 
     // Default console level 2: errors and warnings, no messages.
     dbgError("%s::%s: broken %d\n", DebugAppName(), "libReplay::T::f", 1);
-    dbgWarning("%s::%s: careful\n", DebugAppName(), "libReplay::T::f");
-    dbgMessage("%s::%s: chatter\n", DebugAppName(), "libReplay::T::f");
-    EXPECT_EQ(Drain(),
-              "Error:navapp::libReplay::T::f: broken 1\nnavapp::libReplay::T::f: careful\n");
-
-    ASSERT_EQ(mi_setDebugLevel(kConsoleQ, 3), 1);
-    dbgMessage("chatter %s", "now");
-    EXPECT_EQ(Drain(), "chatter now");
-
-    ASSERT_EQ(mi_setDebugLevel(kConsoleQ, 1), 1);
-    dbgWarning("careful");
+    dbgWarning("careful\n");
+    dbgMessage("chatter\n");
+    EXPECT_EQ(Drain(reader), "Error:navapp::libReplay::T::f: broken 1\ncareful\n");
+    mi_setDebugLevel(kConsoleQ, 3);
     dbgMessage("chatter");
-    dbgError("still here");
-    EXPECT_EQ(Drain(), "Error:still here");
+    EXPECT_EQ(Drain(reader), "chatter");
+    mi_setDebugLevel(kConsoleQ, 1);
+    dbgWarning("careful");
+    dbgError("%s", std::string(400, 'x').c_str());  // cut to 255 after the prefix
+    EXPECT_EQ(Drain(reader), "Error:" + std::string(255, 'x'));
+    close(reader);
 
-    // Texts are cut to 255 characters; the error prefix comes on top.
-    const std::string longText(400, 'x');
-    dbgError("%s", longText.c_str());
-    EXPECT_EQ(Drain(), "Error:" + std::string(255, 'x'));
-
-    // Once the device is open, a repeated setup changes nothing.
-    SetupLoggingHandlers("other", nullptr, nullptr, nullptr);
-    ReplayInternal::SetupDefaultMessageHandlers("again");
-    EXPECT_EQ(g_dbgErrorPtr.load(), nullptr);
-}
-
-TEST_F(ClientLoggingTest, ApplicationHandlersStayInstalled) {
-    MakeDeviceFifo();
+    // An application's own handlers stay; the device is opened all the same.
+    ReplayInternal::ResetClientLoggingForTesting();
     CapturedDebug debug("hostapp");
     SetupDefaultMessageHandlers("navapp");
     EXPECT_STREQ(DebugAppName(), "hostapp");
-    EXPECT_GT(g_defaultLoggerFD.load(), 0);  // opened all the same
-    ReplayClient::LogClientMessage(FileLogger::eSeverityError, "went %s", "wrong");
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "hostapp::libReplay::ReplayClient::LogClientMessage: went wrong\n"),
-              1);
+    EXPECT_GT(g_defaultLoggerFD.load(), 0);
 }
 
 TEST_F(ClientLoggingTest, NoLoggingPathBlocksOrRaisesWhateverTheDevice) {
     const auto everyPath = [] {
+        const std::string filler(200, '.');
         for (int i = 0; i < 2000; ++i) {
             SetupDefaultMessageHandlers("navapp");
-            dbgError("error %d with some text to fill the pipe faster ........", i);
-            dbgWarning("warning %d with some text to fill the pipe faster ......", i);
+            dbgError("error %d %s", i, filler.c_str());
+            dbgWarning("warning %d %s", i, filler.c_str());
             dbgMessage("message %d", i);
             ReplayClient::LogClientMessage(i % 5, "client message %d", i);
             ReplayClient::LogDebugMessage("debug message %d", i);
@@ -141,114 +111,82 @@ TEST_F(ClientLoggingTest, NoLoggingPathBlocksOrRaisesWhateverTheDevice) {
     };
     mi_setDebugLevel(kConsoleQ, 3);
     g_LoggingLevel = 5;
+    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0) << "device missing";
 
-    // Device missing.
-    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0);
-
-    // A FIFO nobody reads: the process's own read end keeps writes from
+    // Nobody reads the FIFO: the process's own read end keeps writes from
     // raising SIGPIPE, and once the pipe is full messages are dropped.
-    MakeDeviceFifo();
-    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0);
-    EXPECT_EQ(ReplayTest::RunInChildProcess(
-                  [&] {
-                      ReplayInternal::SetupDefaultMessageHandlers("navapp");
-                      const int fd = g_defaultLoggerFD.load();
-                      const std::string chunk(4096, 'f');
-                      while (write(fd, chunk.data(), chunk.size()) > 0) {
-                      }
-                      if (errno != EAGAIN) {
-                          return 2;
-                      }
-                      return everyPath();
-                  },
-                  60s),
-              0);
-
-    // A reader that comes and goes.
-    OpenReader();
-    close(m_reader);
-    m_reader = -1;
-    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0);
+    close(MakeDeviceFifo());
+    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0) << "FIFO without reader";
+    const auto fillFirst = [&] {
+        ReplayInternal::SetupDefaultMessageHandlers("navapp");
+        const std::string chunk(4096, 'f');
+        while (write(g_defaultLoggerFD.load(), chunk.data(), chunk.size()) > 0) {
+        }
+        return errno == EAGAIN ? everyPath() : 2;
+    };
+    EXPECT_EQ(ReplayTest::RunInChildProcess(fillFirst, 60s), 0) << "full pipe";
 }
 
 TEST_F(ClientLoggingTest, ConnectionFailuresAreReportedEveryFiftiethTimeUntil2000) {
     SetupLoggingHandlers("navapp", nullptr, nullptr, nullptr);
     const std::string notice = "navapp: Failed to open multicore, msg=No such file or directory";
-    for (int i = 1; i <= 49; ++i) {
-        EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 0);
+    const int reportsAfter[][2] = {{49, 0}, {50, 1}, {2000, 40}, {2200, 40}};
+    int failures = 0;
+    for (const auto& expected : reportsAfter) {
+        for (; failures < expected[0]; ++failures) {
+            EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 0);
+        }
+        EXPECT_EQ(Occurrences(Log(), notice), expected[1]) << "after " << failures;
     }
-    EXPECT_EQ(Occurrences(Log(), notice), 0);
-    ReplayInternal::ConnectToDefaultLogger();
-    EXPECT_EQ(Occurrences(Log(), notice), 1);
-    for (int i = 51; i <= 2000; ++i) {
-        ReplayInternal::ConnectToDefaultLogger();
-    }
-    EXPECT_EQ(Occurrences(Log(), notice), 40);
-    for (int i = 2001; i <= 2200; ++i) {
-        ReplayInternal::ConnectToDefaultLogger();
-    }
-    EXPECT_EQ(Occurrences(Log(), notice), 40);
-
-    // The device appearing later is still picked up.
-    MakeDeviceFifo();
+    // A device that appears later is still picked up.
+    close(MakeDeviceFifo());
     EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 1);
     EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 0);
 }
 
-TEST_F(ClientLoggingTest, ClientMessagesRouteBySeverityAndLimitInformationInTheFile) {
+TEST_F(ClientLoggingTest, ClientMessagesRouteBySeverityAndLimitTheFileLog) {
     CapturedDebug debug("navapp");
     const std::string before = Log();
     ReplayClient::LogClientMessage(FileLogger::eSeverityError, "ab");
     ReplayClient::LogDebugMessage("ab");
+    g_LoggingLevel = 5;
+    ReplayClient::LogVerboseMessage("ab");
     EXPECT_TRUE(debug.Lines().empty());
     EXPECT_EQ(Log(), before);
 
     ReplayClient::LogClientMessage(FileLogger::eSeverityAssert, "zero");
     ReplayClient::LogClientMessage(FileLogger::eSeverityWarning, "two");
-    ReplayClient::LogClientMessage(FileLogger::eSeverityDebug, "four");
+    ReplayClient::LogClientMessage(FileLogger::eSeverityDebug, "four");  // first informational
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "LogClientMessage: zero"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "LogClientMessage: two"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "LogClientMessage: four"), 1);
-
-    // "four" was the first informational message; 24 more reach the file.
     for (int i = 2; i <= 26; ++i) {
         ReplayClient::LogClientMessage(FileLogger::eSeverityInfo, "info %02d", i);
     }
     ReplayClient::LogClientMessage(FileLogger::eSeverityError, "late error");
-    const std::string log = Log();
+    std::string log = Log();
     EXPECT_NE(log.find(":tester:info 25"), std::string::npos);
     EXPECT_EQ(log.find("info 26"), std::string::npos);
-    EXPECT_NE(log.find(":tester:late error"), std::string::npos);
-    EXPECT_NE(log.find(":tester:zero"), std::string::npos);
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "info 26"), 1);
-    // The file's own level (3) keeps severity 4 out regardless.
-    EXPECT_EQ(log.find("four"), std::string::npos);
+    EXPECT_NE(log.find(":tester:late error"), std::string::npos);
+
+    // Verbose messages go to the file only, and only from level 5 on.
+    FileLogger::SetLogginglevel(5);
+    g_LoggingLevel = 4;
+    ReplayClient::LogVerboseMessage("verbose one");
+    g_LoggingLevel = 5;
+    ReplayClient::LogVerboseMessage("verbose %s", "two");
+    log = Log();
+    EXPECT_EQ(log.find("verbose one"), std::string::npos);
+    EXPECT_NE(log.find(":tester:verbose two"), std::string::npos);
+    EXPECT_EQ(debug.Count("verbose"), 0);
 
     ReplayClient::LogAssertion(77, "ReplayManager/X", "x > 0");
     EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "navapp::libReplay::ReplayClient::LogAssertion: Client tester: x > 0 at "
-                          "line 77 of ReplayManager/X\n"),
+                          "navapp::libReplay::ReplayClient::LogAssertion: "
+                          "Client tester: x > 0 at line 77 of "
+                          "ReplayManager/X\n"),
               1);
-}
-
-TEST_F(ClientLoggingTest, DebugAndVerboseMessagesFollowTheLoggingLevels) {
-    FileLogger::SetLogginglevel(5);
-    CapturedDebug debug("navapp");
-    ReplayClient::LogDebugMessage("detail %d", 7);
-    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "LogDebugMessage: detail 7"), 1);
-    EXPECT_NE(Log().find(":tester:detail 7"), std::string::npos);
-
-    g_LoggingLevel = 4;
-    ReplayClient::LogVerboseMessage("verbose one");
-    EXPECT_EQ(Log().find("verbose one"), std::string::npos);
-
-    g_LoggingLevel = 5;
-    ReplayClient::LogVerboseMessage("ab");
-    ReplayClient::LogVerboseMessage("verbose %s", "two");
-    const std::string log = Log();
-    EXPECT_EQ(Occurrences(log, ":tester:"), 2);  // the debug line and this one
-    EXPECT_NE(log.find(":tester:verbose two"), std::string::npos);
-    EXPECT_EQ(debug.Count("verbose"), 0);  // file only
 }
 
 }  // namespace
