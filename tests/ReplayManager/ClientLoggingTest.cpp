@@ -149,8 +149,6 @@ TEST_F(ClientLoggingTest, ClientMessagesRouteBySeverityAndLimitTheFileLog) {
     const std::string before = Log();
     ReplayClient::LogClientMessage(FileLogger::eSeverityError, "ab");
     ReplayClient::LogDebugMessage("ab");
-    g_LoggingLevel = 5;
-    ReplayClient::LogVerboseMessage("ab");
     EXPECT_TRUE(debug.Lines().empty());
     EXPECT_EQ(Log(), before);
 
@@ -180,13 +178,6 @@ TEST_F(ClientLoggingTest, ClientMessagesRouteBySeverityAndLimitTheFileLog) {
     EXPECT_EQ(log.find("verbose one"), std::string::npos);
     EXPECT_NE(log.find(":tester:verbose two"), std::string::npos);
     EXPECT_EQ(debug.Count("verbose"), 0);
-
-    ReplayClient::LogAssertion(77, "ReplayManager/X", "x > 0");
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "navapp::libReplay::ReplayClient::LogAssertion: "
-                          "Client tester: x > 0 at line 77 of "
-                          "ReplayManager/X\n"),
-              1);
 }
 
 }  // namespace
