@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -123,8 +124,19 @@ TEST_F(MulticoreBuffersTest, FifoWithoutReaderFailsAtOnceAndWorksWithOne) {
     mi_flushBuffer();
     char received[64] = {};
     const ssize_t count = read(reader, received, sizeof received);
-    close(reader);
     EXPECT_EQ(std::string(received, count > 0 ? count : 0), RecordBytes('a', "heard\n"));
+
+    // The service going away must not raise SIGPIPE in the application; the
+    // device is reopened (and refused) on the next batch.
+    close(reader);
+    mi_multicoreLog('a', 0, "reader gone");
+    mi_flushBuffer();
+    mi_multicoreLog('a', 0, "still alive");
+    mi_flushBuffer();
+    sigset_t pending;
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    EXPECT_EQ(m_systemLog.Count("error 6"), 2);
 }
 
 TEST_F(MulticoreBuffersTest, DeviceRootCanBeChangedAndIsLimitedInLength) {
