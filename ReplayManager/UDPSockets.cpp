@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "libreplay/FileLogger.h"
+#include "libreplay/MemoryBuffer.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayDebug.h"
 #include "libreplay/ReplayError.h"
@@ -30,6 +31,11 @@ constexpr int kLineAddressFailed = 198;
 constexpr int kLineConnectFailed = 209;
 constexpr int kLineSendAssertion = 241;
 constexpr int kLineSendFailed = 254;
+constexpr int kLineBufferAssertion = 309;
+constexpr int kLineOutOfMemory = 323;
+
+// The largest datagram io_handler takes.
+constexpr unsigned int kReceiveLimit = 65535;
 
 constexpr size_t kErrorTextSize = 128;
 
@@ -262,3 +268,44 @@ int UDPSocketClient::Read(void* buffer, unsigned int length) {
     return received;
 }
 
+void UDPSocketClient::io_handler(int /*unused*/) {
+    // Shared by every notification: only one may be handled at a time.
+    static ReplayCore::MemoryBuffer buffer("UDPSocketClient::io_handler", 0, kReceiveLimit);
+    const int fd = Get().Socket();
+    const MessageReceivedHandler handler = m_messageRecievedHandler.load(std::memory_order_relaxed);
+
+    int waiting = 0;
+    if (::ioctl(fd, FIONREAD, &waiting) != 0) {
+        waiting = 0;
+    }
+    if (waiting == 0) {
+        if (handler != nullptr) {
+            handler(nullptr, 0);
+        }
+        return;
+    }
+    if (buffer.ExpandBuffer(static_cast<unsigned int>(waiting), true) == nullptr) {
+        char text[kErrorTextSize];
+        std::snprintf(text, sizeof text,
+                      "Error: UDPSocketClient::io_handler: Out of Memory; bytes needed=%d",
+                      waiting);
+        LogSocketError(kLineOutOfMemory, text);
+        errno = ENOMEM;
+        if (handler != nullptr) {
+            handler(nullptr, -1);
+        }
+        return;
+    }
+    const unsigned int bufferSize = buffer.Capacity();
+    if (bufferSize == 0) {
+        ReplayCore::FileLogger::LogAssertion(kLineBufferAssertion, kSourceFile, "bufferSize > 0");
+    }
+    // The whole buffer is offered, not just the waiting count.
+    sockaddr sender;
+    socklen_t senderLength = sizeof sender;
+    const int received =
+        static_cast<int>(::recvfrom(fd, buffer.Get(), bufferSize, 0, &sender, &senderLength));
+    if (handler != nullptr) {
+        handler(buffer.Get(), received);
+    }
+}
