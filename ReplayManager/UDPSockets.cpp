@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "libreplay/FileLogger.h"
+#include "libreplay/MemoryBuffer.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayDebug.h"
 #include "libreplay/ReplayError.h"
@@ -30,6 +31,11 @@ constexpr int kLineAddressFailed = 198;
 constexpr int kLineConnectFailed = 209;
 constexpr int kLineSendAssertion = 241;
 constexpr int kLineSendFailed = 254;
+constexpr int kLineBufferAssertion = 309;
+constexpr int kLineOutOfMemory = 323;
+
+// The largest datagram io_handler takes.
+constexpr unsigned int kReceiveLimit = 65535;
 
 constexpr size_t kErrorTextSize = 128;
 
@@ -52,7 +58,7 @@ void KeepAddressList(addrinfo* list) {
 UDPSocket::~UDPSocket() {
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: Destroying UDPSocket %d\n", DebugAppName(),
-                   "libReplay::UDPSocket::dtor", m_socket);
+                   "libReplay::UDPSocket::dtor", Socket());
     }
     close();
 }
@@ -70,31 +76,31 @@ int UDPSocket::closeSocket(int fd) {
 }
 
 int UDPSocket::close() {
-    if (m_socket == INVALID_SOCKET) {
+    const int fd = m_socket.exchange(INVALID_SOCKET, std::memory_order_relaxed);
+    if (fd == INVALID_SOCKET) {
         return 0;
     }
-    const int result = closeSocket(m_socket);
-    m_socket = INVALID_SOCKET;
-    return result;
+    return closeSocket(fd);
 }
 
 int UDPSocket::Receive(void* buffer, unsigned int length) {
-    return static_cast<int>(::recv(m_socket, buffer, length, 0));
+    return static_cast<int>(::recv(Socket(), buffer, length, 0));
 }
 
 int UDPSocket::Listen(timeval* timeout) {
-    if (m_socket == INVALID_SOCKET) {
+    const int fd = Socket();
+    if (fd == INVALID_SOCKET) {
         return -1;
     }
-    if (m_socket < FD_SETSIZE) {
+    if (fd < FD_SETSIZE) {
         fd_set readSet;
         FD_ZERO(&readSet);
-        FD_SET(m_socket, &readSet);
-        return ::select(m_socket + 1, &readSet, nullptr, nullptr, timeout);
+        FD_SET(fd, &readSet);
+        return ::select(fd + 1, &readSet, nullptr, nullptr, timeout);
     }
     // A host application with many open files can hand us a descriptor that
     // an fd_set cannot hold; poll answers the same question for it.
-    pollfd entry{m_socket, POLLIN, 0};
+    pollfd entry{fd, POLLIN, 0};
     const int milliseconds =
         timeout == nullptr
             ? -1
@@ -166,7 +172,7 @@ int UDPSocketClient::Open(const char* serverName, int port) {
     if (DebugOutputAttached()) {
         dbgWarning("%s::%s: Constructing Synchronous Client Socket\n", DebugAppName(), kTag);
     }
-    m_socket = newSocket;
+    m_socket.store(newSocket, std::memory_order_relaxed);
 
     char portText[16];
     std::snprintf(portText, sizeof portText, "%d", port);
@@ -194,7 +200,7 @@ int UDPSocketClient::Open(const char* serverName, int port) {
 
     // Only the first address is tried. A UDP connect only fixes the peer; it
     // does not reach the server.
-    if (::connect(m_socket, addresses->ai_addr, addresses->ai_addrlen) != 0) {
+    if (::connect(newSocket, addresses->ai_addr, addresses->ai_addrlen) != 0) {
         const int error = errno;
         char text[kErrorTextSize];
         std::snprintf(text, sizeof text, "Failed to Connect to Server %s", shownName);
@@ -208,30 +214,30 @@ int UDPSocketClient::Open(const char* serverName, int port) {
     }
     if (DebugOutputAttached()) {
         dbgWarning("%s::%s: Connected to Port %s on Server %s; socket = %d\n", DebugAppName(), kTag,
-                   portText, shownName, m_socket);
+                   portText, shownName, newSocket);
     }
-    return m_socket;
+    return newSocket;
 }
 
 int UDPSocketClient::Send(const void* data, unsigned int length) {
     static const char* const kTag = "libReplay::UDPSocketClient::Send";
-    if (m_socket < 1) {
+    const int fd = Socket();
+    if (fd < 1) {
         ReplayCore::FileLogger::LogAssertion(kLineSendAssertion, kSourceFile, "m_socket > 0");
-        if (m_socket < 0) {
+        if (fd < 0) {
             if (DebugOutputAttached()) {
-                dbgError("%s::%s: m_socket=%d\n", DebugAppName(), kTag, m_socket);
+                dbgError("%s::%s: m_socket=%d\n", DebugAppName(), kTag, fd);
             }
             return -1;
         }
     }
     // MSG_NOSIGNAL: a failed send must never raise SIGPIPE in the host.
-    const int sent = static_cast<int>(::send(m_socket, data, length, MSG_NOSIGNAL));
+    const int sent = static_cast<int>(::send(fd, data, length, MSG_NOSIGNAL));
     if (sent < 0) {
         const int error = errno;
         char text[kErrorTextSize];
         std::snprintf(text, sizeof text, "Send Failed to Server %s; socket=%d; nbytes=%d; Error=%s",
-                      m_serverName.c_str(), m_socket, static_cast<int>(length),
-                      std::strerror(error));
+                      m_serverName.c_str(), fd, static_cast<int>(length), std::strerror(error));
         LogSocketError(kLineSendFailed, text);
         if (DebugOutputAttached()) {
             dbgError("%s::%s: %s\n", DebugAppName(), kTag, text);
@@ -243,13 +249,14 @@ int UDPSocketClient::Send(const void* data, unsigned int length) {
 
 int UDPSocketClient::Read(void* buffer, unsigned int length) {
     static const char* const kTag = "libReplay::UDPSocketClient::Read";
-    if (m_socket <= 0) {
+    const int fd = Socket();
+    if (fd <= 0) {
         if (DebugOutputAttached()) {
             dbgError("%s::%s: Invalid Socket\n", DebugAppName(), kTag);
         }
         return -1;
     }
-    const int received = static_cast<int>(::recv(m_socket, buffer, length, 0));
+    const int received = static_cast<int>(::recv(fd, buffer, length, 0));
     if (received <= 0) {
         const int error = errno;
         if (DebugOutputAttached()) {
@@ -259,4 +266,46 @@ int UDPSocketClient::Read(void* buffer, unsigned int length) {
         errno = error;
     }
     return received;
+}
+
+void UDPSocketClient::io_handler(int /*unused*/) {
+    // Shared by every notification: only one may be handled at a time.
+    static ReplayCore::MemoryBuffer buffer("UDPSocketClient::io_handler", 0, kReceiveLimit);
+    const int fd = Get().Socket();
+    const MessageReceivedHandler handler = m_messageRecievedHandler.load(std::memory_order_relaxed);
+
+    int waiting = 0;
+    if (::ioctl(fd, FIONREAD, &waiting) != 0) {
+        waiting = 0;
+    }
+    if (waiting == 0) {
+        if (handler != nullptr) {
+            handler(nullptr, 0);
+        }
+        return;
+    }
+    if (buffer.ExpandBuffer(static_cast<unsigned int>(waiting), true) == nullptr) {
+        char text[kErrorTextSize];
+        std::snprintf(text, sizeof text,
+                      "Error: UDPSocketClient::io_handler: Out of Memory; bytes needed=%d",
+                      waiting);
+        LogSocketError(kLineOutOfMemory, text);
+        errno = ENOMEM;
+        if (handler != nullptr) {
+            handler(nullptr, -1);
+        }
+        return;
+    }
+    const unsigned int bufferSize = buffer.Capacity();
+    if (bufferSize == 0) {
+        ReplayCore::FileLogger::LogAssertion(kLineBufferAssertion, kSourceFile, "bufferSize > 0");
+    }
+    // The whole buffer is offered, not just the waiting count.
+    sockaddr sender;
+    socklen_t senderLength = sizeof sender;
+    const int received =
+        static_cast<int>(::recvfrom(fd, buffer.Get(), bufferSize, 0, &sender, &senderLength));
+    if (handler != nullptr) {
+        handler(buffer.Get(), received);
+    }
 }

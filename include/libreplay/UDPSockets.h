@@ -18,9 +18,9 @@ class REPLAY_API UDPSocket {
 
     UDPSocket() = default;
     // Copies share the descriptor; only one of them may close it.
-    UDPSocket(const UDPSocket& other) : m_socket(other.m_socket) {}
+    UDPSocket(const UDPSocket& other) : m_socket(other.Socket()) {}
     UDPSocket& operator=(const UDPSocket& other) {
-        m_socket = other.m_socket;
+        m_socket.store(other.Socket(), std::memory_order_relaxed);
         return *this;
     }
     virtual ~UDPSocket();
@@ -38,10 +38,12 @@ class REPLAY_API UDPSocket {
     // select(2) result, or -1 on a closed socket.
     int Listen(timeval* timeout);
 
-    int Socket() const { return m_socket; }
+    int Socket() const { return m_socket.load(std::memory_order_relaxed); }
 
   protected:
-    int m_socket = INVALID_SOCKET;
+    // Atomic because a reader thread may look at it while another thread
+    // reconnects; pass Socket() (not the atomic) to printf-style calls.
+    std::atomic<int> m_socket{INVALID_SOCKET};
 };
 
 class REPLAY_API UDPSocketClient : public UDPSocket {

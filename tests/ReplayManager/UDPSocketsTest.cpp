@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <string>
+#include <vector>
 
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayCore.h"
@@ -26,6 +26,15 @@ int64_t FakeClock() {
     return g_fakeNow.load();
 }
 
+// Each call as (bytes, length); "null" stands for a null buffer.
+std::vector<std::pair<std::string, int>> g_handlerCalls;
+void RecordingHandler(const unsigned char* data, int length) {
+    g_handlerCalls.emplace_back(
+        data == nullptr ? "null"
+                        : std::string(reinterpret_cast<const char*>(data), std::max(length, 0)),
+        length);
+}
+
 bool CloseOnExec(int fd) {
     const int flags = fcntl(fd, F_GETFD);
     return flags >= 0 && (flags & FD_CLOEXEC) != 0;
@@ -36,91 +45,73 @@ class UDPSocketsTest : public ReplayTest::TargetRootTest {
     void SetUp() override {
         TargetRootTest::SetUp();
         ReplayErrorManager::Get().ResetForTesting();
+        g_handlerCalls.clear();
         ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 0);
     }
     void TearDown() override {
         ReplayCore::SetClockSourceForTesting(nullptr);
+        UDPSocketClient::m_messageRecievedHandler = nullptr;
         ReplayErrorManager::Get().ResetForTesting();
         ReplayCore::FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
-    std::string LastErrorText() const { return ReplayErrorManager::Get().GetLastError().GetText(); }
-    std::string LastErrorLocation() const {
-        return ReplayErrorManager::Get().GetLastError().GetLocation();
-    }
-    // A loopback port with nobody behind it: a fake server bound and gone.
-    static std::string VanishedServerAddress() {
-        FakeServer gone(false);
-        return gone.Address();
-    }
+    static ReplayError LastError() { return ReplayErrorManager::Get().GetLastError(); }
 };
 
-TEST_F(UDPSocketsTest, ClosedSocketIsHarmless) {
+TEST_F(UDPSocketsTest, ClosedSocketRefusesEverythingQuietly) {
     CapturedDebug debug;
     UDPSocketClient client;
-    EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
-    EXPECT_EQ(client.close(), 0);
     EXPECT_EQ(client.close(), 0);
     EXPECT_FALSE(debug.Contains("Closing Socket"));
-
     timeval forever{1000, 0};
-    EXPECT_EQ(client.Listen(&forever), -1);  // returns at once, never selects
-
+    EXPECT_EQ(client.Listen(&forever), -1);  // at once, without waiting
     char buffer[16];
     EXPECT_EQ(client.Read(buffer, sizeof buffer), -1);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Invalid Socket"), 1);
-
     EXPECT_EQ(client.Send("abc", 3), -1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Invalid Socket"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "m_socket=-1"), 1);
     EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("m_socket > 0 at line 241"),
               std::string::npos);
+
+    UDPSocketClient::m_messageRecievedHandler = &RecordingHandler;
+    UDPSocketClient::io_handler(0);
+    EXPECT_EQ(g_handlerCalls, (decltype(g_handlerCalls){{"null", 0}}));
 }
 
-TEST_F(UDPSocketsTest, SocketsAreCloseOnExecAndCloseOnce) {
-    CapturedDebug debug;
-    UDPSocket plain;
-    const int fd = plain.makeSocket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(fd, 0);
-    EXPECT_TRUE(CloseOnExec(fd));
-    EXPECT_EQ(plain.closeSocket(fd), 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Closing Socket " + std::to_string(fd)), 1);
-
+TEST_F(UDPSocketsTest, ConnectedTrafficOnCloseOnExecSockets) {
     FakeServer server;
     ASSERT_TRUE(server.IsBound());
-    UDPSocketClient client;
-    const int opened = client.Open(server.Address().c_str(), server.Port());
-    ASSERT_GT(opened, 0);
-    EXPECT_EQ(client.Socket(), opened);
-    EXPECT_TRUE(CloseOnExec(opened));
-    EXPECT_EQ(client.ConnectionType(), AF_INET);
-
-    // Opening again replaces the socket instead of leaking it.
-    debug.Clear();
+    UDPSocketClient& client = UDPSocketClient::Get();
     ASSERT_GT(client.Open(server.Address().c_str(), server.Port()), 0);
-    EXPECT_EQ(debug.Count("Closing Socket " + std::to_string(opened)), 1);
-
-    EXPECT_EQ(client.close(), 0);
-    EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
-    EXPECT_EQ(client.close(), 0);
-}
-
-TEST_F(UDPSocketsTest, SendAndReadThroughConnectedSocket) {
-    FakeServer server;
-    ASSERT_TRUE(server.IsBound());
-    UDPSocketClient client;
-    ASSERT_GT(client.Open(server.Address().c_str(), server.Port()), 0);
-
+    EXPECT_TRUE(CloseOnExec(client.Socket()));
     EXPECT_EQ(client.Send("record-1", 8), 8);
     ASSERT_TRUE(server.WaitForDatagrams(1, 5s));
     const ReplayTest::Datagram first = server.Datagrams()[0];
     EXPECT_EQ(first.bytes, "record-1");
 
-    ASSERT_TRUE(server.Reply(first, "#record"));
+    // Synchronous read, then two notifications (with a datagram larger than
+    // the first buffer) and one with nothing waiting.
     timeval limit{5, 0};
-    EXPECT_EQ(client.Listen(&limit), 1);
     char buffer[64] = {0};
+    ASSERT_TRUE(server.Reply(first, "#record"));
+    ASSERT_EQ(client.Listen(&limit), 1);
     EXPECT_EQ(client.Read(buffer, sizeof buffer), 7);
-    EXPECT_EQ(std::string(buffer), "#record");
+    EXPECT_STREQ(buffer, "#record");
+
+    UDPSocketClient::m_messageRecievedHandler = &RecordingHandler;
+    const std::string big(1500, 'r');
+    ASSERT_TRUE(server.Reply(first, "#replay"));
+    ASSERT_TRUE(server.Reply(first, big));
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(client.Listen(&limit), 1);
+        UDPSocketClient::io_handler(0);
+    }
+    UDPSocketClient::io_handler(0);
+    EXPECT_EQ(g_handlerCalls, (decltype(g_handlerCalls){{"#replay", 7}, {big, 1500}, {"null", 0}}));
+
+    EXPECT_EQ(client.close(), 0);
+    EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
+    EXPECT_EQ(client.close(), 0);
 }
 
 TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
@@ -128,86 +119,41 @@ TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
     ReplayCore::SetClockSourceForTesting(&FakeClock);
     g_fakeNow = 19999;
     CapturedDebug debug;
-
     UDPSocketClient client;
-    EXPECT_TRUE(client.IsLocalHost());
     EXPECT_GT(client.Open("127.0.0.1", FakeServer::kReplayPort), 0);
-    EXPECT_TRUE(client.IsLocalHost());
+    EXPECT_GT(client.Open(nullptr, 4401), 0);  // passive, no name: no wait
+    EXPECT_EQ(client.GetServerName(), "127.0.0.1");
     EXPECT_FALSE(debug.Contains("Waiting for External Connection"));
 
     for (const char* other : {"localhost", "127.000.000.001", "127.0.0.2"}) {
-        debug.Clear();
         EXPECT_EQ(client.Open(other, FakeServer::kReplayPort), -1) << other;
         EXPECT_FALSE(client.IsLocalHost());
-        EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
-        EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Waiting for External Connection"), 1);
-        EXPECT_FALSE(debug.Contains("Constructing Synchronous Client Socket"));
+        EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);  // the open socket is gone too
     }
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Waiting for External Connection"), 3);
 
-    // Once the clock has run the whole wait, a remote name is tried.
     g_fakeNow = 20000;
     EXPECT_GT(client.Open("127.0.0.2", FakeServer::kReplayPort), 0);
-    EXPECT_EQ(client.GetServerName(), "127.0.0.2");
-}
-
-TEST_F(UDPSocketsTest, NullNameSkipsTheWaitAndKeepsTheServerName) {
-    ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 1000000);
-    UDPSocketClient client;
-    client.SetServerName("10.1.2.3");
-    EXPECT_GT(client.Open(nullptr, 4401), 0);
-    EXPECT_EQ(client.GetServerName(), "10.1.2.3");
-    client.SetServerName(nullptr);
-    EXPECT_EQ(client.GetServerName(), "10.1.2.3");
 }
 
 TEST_F(UDPSocketsTest, FailedOpenLeavesTheSocketClosedAndIsRecorded) {
     CapturedDebug debug;
     UDPSocketClient client;
-
     // An unknown service name fails the look-up without any network.
     EXPECT_EQ(client.Open("127.0.0.1", -1), -1);
     EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
-    EXPECT_NE(LastErrorText().find("UDPSockets line 198: getaddrinfo error"), std::string::npos)
-        << LastErrorText();
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "getaddrinfo error"), 2);  // record + own
-    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Closing Socket"), 1);
+    EXPECT_EQ(LastError().GetLocation(), "198:UDPSockets");
+    EXPECT_NE(LastError().GetText().find("getaddrinfo error"), std::string::npos);
 
     // An IPv6 address resolves, but the IPv4 socket cannot connect to it.
-    debug.Clear();
     EXPECT_EQ(client.Open("::1", FakeServer::kReplayPort), -1);
     EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);
-    EXPECT_EQ(LastErrorLocation(), "209:UDPSockets");
-    EXPECT_NE(LastErrorText().find("Failed to Connect to Server ::1"), std::string::npos);
-    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Closing Socket"), 1);
+    EXPECT_EQ(LastError().GetLocation(), "209:UDPSockets");
+    EXPECT_NE(LastError().GetText().find("Failed to Connect to Server ::1"), std::string::npos);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Closing Socket"), 2);
 }
 
-TEST_F(UDPSocketsTest, SendToAbsentServerReportsRefusal) {
-    const std::string address = VanishedServerAddress();
-    CapturedDebug debug;
-    UDPSocketClient client;
-    ASSERT_GT(client.Open(address.c_str(), FakeServer::kReplayPort), 0);
-
-    // The first datagram leaves; the port-unreachable answer fails a later
-    // send on the connected socket.
-    int result = 0;
-    ASSERT_TRUE(ReplayTest::WaitFor(
-        [&] {
-            result = client.Send("ping", 4);
-            return result < 0;
-        },
-        5s, 5ms));
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(LastErrorLocation(), "254:UDPSockets");
-    const std::string expected = "Send Failed to Server " + address +
-                                 "; socket=" + std::to_string(client.Socket()) +
-                                 "; nbytes=4; Error=Connection refused";
-    EXPECT_NE(LastErrorText().find(expected), std::string::npos) << LastErrorText();
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, expected), 2);  // record + own
-    EXPECT_GT(client.Socket(), 0);  // the caller decides about reconnecting
-}
-
-TEST_F(UDPSocketsTest, ReadAfterServerVanishedReportsRefusal) {
+TEST_F(UDPSocketsTest, AbsentServerIsReportedOnSendAndRead) {
     FakeServer server;
     ASSERT_TRUE(server.IsBound());
     CapturedDebug debug;
@@ -215,15 +161,27 @@ TEST_F(UDPSocketsTest, ReadAfterServerVanishedReportsRefusal) {
     ASSERT_GT(client.Open(server.Address().c_str(), server.Port()), 0);
     server.Close();
 
+    // The first datagram leaves; the port-unreachable answer makes the next
+    // receive on the connected socket fail...
     ASSERT_EQ(client.Send("state", 5), 5);
     timeval limit{5, 0};
-    ASSERT_EQ(client.Listen(&limit), 1);  // the pending error wakes the reader
+    ASSERT_EQ(client.Listen(&limit), 1);
     char buffer[32];
     EXPECT_EQ(client.Read(buffer, sizeof buffer), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "-1 Bytes Returned by recvfrom; Error=Connection refused"),
-              1);
+    EXPECT_EQ(debug.Count("-1 Bytes Returned by recvfrom; Error=Connection refused"), 1);
+
+    // ...and a later send.
+    int result = 0;
+    ASSERT_TRUE(ReplayTest::WaitFor([&] { return (result = client.Send("ping", 4)) < 0; }, 5s));
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(LastError().GetLocation(), "254:UDPSockets");
+    const std::string expected = "Send Failed to Server " + server.Address() +
+                                 "; socket=" + std::to_string(client.Socket()) +
+                                 "; nbytes=4; Error=Connection refused";
+    EXPECT_NE(LastError().GetText().find(expected), std::string::npos) << LastError().GetText();
+    EXPECT_GT(client.Socket(), 0);  // reconnecting is the caller's decision
 }
 
 }  // namespace

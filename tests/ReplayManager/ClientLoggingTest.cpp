@@ -1,0 +1,183 @@
+#include "ReplayManager/ClientLogging.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "ReplayManager/ClientGlobals.h"
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayDebug.h"
+#include "libreplay/multicore.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ReplayCore::FileLogger;
+using ReplayTest::CapturedDebug;
+
+constexpr int kConsoleQ = 'q';
+
+int Occurrences(const std::string& text, const std::string& fragment) {
+    int count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+class ClientLoggingTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ReplayInternal::ResetClientLoggingForTesting();
+        g_LoggingLevel = 4;
+        g_clientName = "tester";
+    }
+    void TearDown() override {
+        SetupLoggingHandlers("appNameNotSet", nullptr, nullptr, nullptr);
+        ReplayInternal::ResetClientLoggingForTesting();
+        mi_setDebugLevel(kConsoleQ, -1);
+        FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+    // Creates the device as the logger service does; returns a non-blocking
+    // reader of it.
+    int MakeDeviceFifo() {
+        MakeTargetDirectory("/kfsystem/multicore/navi");
+        const std::string device = Root() + ReplayInternal::kDefaultLoggerDevice;
+        EXPECT_EQ(mkfifo(device.c_str(), 0600), 0);
+        return open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    static std::string Drain(int reader) {
+        std::string out;
+        char buffer[4096];
+        for (ssize_t n; (n = read(reader, buffer, sizeof buffer)) > 0;) {
+            out.append(buffer, static_cast<size_t>(n));
+        }
+        return out;
+    }
+    std::string Log() const { return ReadTargetFile(FileLogger::kLogFileLocation); }
+};
+
+TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeTexts) {
+    const int reader = MakeDeviceFifo();
+    ASSERT_GE(reader, 0);
+    ReplayInternal::SetupDefaultMessageHandlers("navapp");
+    ASSERT_GT(g_defaultLoggerFD.load(), 0);
+    EXPECT_STREQ(DebugAppName(), "navapp");
+
+    // Default console level 2: errors and warnings, no messages.
+    dbgError("%s::%s: broken %d\n", DebugAppName(), "libReplay::T::f", 1);
+    dbgWarning("careful\n");
+    dbgMessage("chatter\n");
+    EXPECT_EQ(Drain(reader), "Error:navapp::libReplay::T::f: broken 1\ncareful\n");
+    mi_setDebugLevel(kConsoleQ, 3);
+    dbgMessage("chatter");
+    EXPECT_EQ(Drain(reader), "chatter");
+    mi_setDebugLevel(kConsoleQ, 1);
+    dbgWarning("careful");
+    dbgError("%s", std::string(400, 'x').c_str());  // cut to 255 after the prefix
+    EXPECT_EQ(Drain(reader), "Error:" + std::string(255, 'x'));
+    close(reader);
+
+    // An application's own handlers stay; the device is opened all the same.
+    ReplayInternal::ResetClientLoggingForTesting();
+    CapturedDebug debug("hostapp");
+    SetupDefaultMessageHandlers("navapp");
+    EXPECT_STREQ(DebugAppName(), "hostapp");
+    EXPECT_GT(g_defaultLoggerFD.load(), 0);
+}
+
+TEST_F(ClientLoggingTest, NoLoggingPathBlocksOrRaisesWhateverTheDevice) {
+    const auto everyPath = [] {
+        const std::string filler(200, '.');
+        for (int i = 0; i < 2000; ++i) {
+            SetupDefaultMessageHandlers("navapp");
+            dbgError("error %d %s", i, filler.c_str());
+            dbgWarning("warning %d %s", i, filler.c_str());
+            dbgMessage("message %d", i);
+            ReplayClient::LogClientMessage(i % 5, "client message %d", i);
+            ReplayClient::LogDebugMessage("debug message %d", i);
+            ReplayClient::LogVerboseMessage("verbose message %d", i);
+            ReplayClient::LogAssertion(i, "file", "expression");
+        }
+        return 0;
+    };
+    mi_setDebugLevel(kConsoleQ, 3);
+    g_LoggingLevel = 5;
+    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0) << "device missing";
+
+    // Nobody reads the FIFO: the process's own read end keeps writes from
+    // raising SIGPIPE, and once the pipe is full messages are dropped.
+    close(MakeDeviceFifo());
+    EXPECT_EQ(ReplayTest::RunInChildProcess(everyPath, 60s), 0) << "FIFO without reader";
+    const auto fillFirst = [&] {
+        ReplayInternal::SetupDefaultMessageHandlers("navapp");
+        const std::string chunk(4096, 'f');
+        while (write(g_defaultLoggerFD.load(), chunk.data(), chunk.size()) > 0) {
+        }
+        return errno == EAGAIN ? everyPath() : 2;
+    };
+    EXPECT_EQ(ReplayTest::RunInChildProcess(fillFirst, 60s), 0) << "full pipe";
+}
+
+TEST_F(ClientLoggingTest, ConnectionFailuresAreReportedEveryFiftiethTimeUntil2000) {
+    SetupLoggingHandlers("navapp", nullptr, nullptr, nullptr);
+    const std::string notice = "navapp: Failed to open multicore, msg=No such file or directory";
+    const int reportsAfter[][2] = {{49, 0}, {50, 1}, {2000, 40}, {2200, 40}};
+    int failures = 0;
+    for (const auto& expected : reportsAfter) {
+        for (; failures < expected[0]; ++failures) {
+            EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 0);
+        }
+        EXPECT_EQ(Occurrences(Log(), notice), expected[1]) << "after " << failures;
+    }
+    // A device that appears later is still picked up.
+    close(MakeDeviceFifo());
+    EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 1);
+    EXPECT_EQ(ReplayInternal::ConnectToDefaultLogger(), 0);
+}
+
+TEST_F(ClientLoggingTest, ClientMessagesRouteBySeverityAndLimitTheFileLog) {
+    CapturedDebug debug("navapp");
+    const std::string before = Log();
+    ReplayClient::LogClientMessage(FileLogger::eSeverityError, "ab");
+    ReplayClient::LogDebugMessage("ab");
+    EXPECT_TRUE(debug.Lines().empty());
+    EXPECT_EQ(Log(), before);
+
+    ReplayClient::LogClientMessage(FileLogger::eSeverityAssert, "zero");
+    ReplayClient::LogClientMessage(FileLogger::eSeverityWarning, "two");
+    ReplayClient::LogClientMessage(FileLogger::eSeverityDebug, "four");  // first informational
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "LogClientMessage: zero"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "LogClientMessage: two"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "LogClientMessage: four"), 1);
+    for (int i = 2; i <= 26; ++i) {
+        ReplayClient::LogClientMessage(FileLogger::eSeverityInfo, "info %02d", i);
+    }
+    ReplayClient::LogClientMessage(FileLogger::eSeverityError, "late error");
+    std::string log = Log();
+    EXPECT_NE(log.find(":tester:info 25"), std::string::npos);
+    EXPECT_EQ(log.find("info 26"), std::string::npos);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "info 26"), 1);
+    EXPECT_NE(log.find(":tester:late error"), std::string::npos);
+
+    // Verbose messages go to the file only, and only from level 5 on.
+    FileLogger::SetLogginglevel(5);
+    g_LoggingLevel = 4;
+    ReplayClient::LogVerboseMessage("verbose one");
+    g_LoggingLevel = 5;
+    ReplayClient::LogVerboseMessage("verbose %s", "two");
+    log = Log();
+    EXPECT_EQ(log.find("verbose one"), std::string::npos);
+    EXPECT_NE(log.find(":tester:verbose two"), std::string::npos);
+    EXPECT_EQ(debug.Count("verbose"), 0);
+}
+
+}  // namespace
