@@ -94,6 +94,11 @@ ReplayState ClientStateManager::SetClientState(ReplayState newState,
     return GetState();
 }
 
+void ClientStateManager::MarkShutDown() {
+    m_state.store(ReplayCore::eStateShutDown, std::memory_order_relaxed);
+    clientPingThread.Wake();
+}
+
 void ClientStateManager::SetClientConnected() {
     if (IsConnectedState(GetState())) {
         return;
@@ -187,6 +192,12 @@ void ShutDownClient(int notifyServer, char* reason) {
     // The error that led here, before the state report can change it.
     const int error = errno;
     g_clientStateManager.SetClientState(ReplayCore::eStateShutDown, nullptr);
+    if (g_clientStateManager.GetState() != ReplayCore::eStateShutDown) {
+        // A client that never connected (Disconnected) may not change to
+        // Shut Down, yet a failed initialisation must end it for good; there
+        // is no server to tell.
+        g_clientStateManager.MarkShutDown();
+    }
 
     const char* text = reason;
     if (text == nullptr && error != 0) {

@@ -38,6 +38,8 @@ class ClientStateManager {
     // A connecting (or disconnected, or even shut-down) client becomes
     // Stopped without a report: the send that led here told the server.
     void SetClientConnected();
+    // Ends the client without the table's check or a report.
+    void MarkShutDown();
     ReplayCore::ReplayState GetState() const {
         return static_cast<ReplayCore::ReplayState>(m_state.load(std::memory_order_relaxed));
     }

@@ -58,9 +58,9 @@ TEST_F(SynchronousReadThreadTest, LateServerTimeIsAssertedAndGivesANegativeLaten
     Connect(ReplayCore::eStateStopped);
     CapturedDebug debug;
     g_nowMs = 200000;
-    Handle("#record t=200.300;");
+    Handle("#record t=201.300;");
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
-    EXPECT_EQ(debug.Count("Latency = -0.300"), 1) << debug.Dump();
+    EXPECT_EQ(debug.Count("Latency = -1.300"), 1) << debug.Dump();
     EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("clockTime >= serverTime at line 397"),
               std::string::npos);
 }
