@@ -103,11 +103,24 @@ class ClientFixture : public ReplayTest::TargetRootTest {
     // last and waited for (one socket's datagrams arrive in order on
     // loopback).
     std::vector<std::string> Received() {
-        const size_t before = m_server.Count();
-        EXPECT_GT(ReplayClient::SendClientMessage("sync", 4), 0);
-        EXPECT_TRUE(m_server.WaitForDatagrams(before + 1, 5s));
+        const std::string marker = ":sync" + std::to_string(++m_syncs);
+        EXPECT_GT(ReplayClient::SendClientMessage(marker.c_str() + 1,
+                                                  static_cast<unsigned int>(marker.size() - 1)),
+                  0);
+        std::vector<ReplayTest::Datagram> datagrams;
+        EXPECT_TRUE(ReplayTest::WaitFor(
+            [&] {
+                datagrams = m_server.Datagrams();
+                for (const ReplayTest::Datagram& datagram : datagrams) {
+                    if (datagram.bytes.find(marker) != std::string::npos) {
+                        return true;
+                    }
+                }
+                return false;
+            },
+            5s));
         std::vector<std::string> texts;
-        for (const ReplayTest::Datagram& datagram : m_server.Datagrams()) {
+        for (const ReplayTest::Datagram& datagram : datagrams) {
             if (datagram.bytes.find(":sync") == std::string::npos) {
                 texts.push_back(datagram.bytes);
             }
@@ -121,6 +134,7 @@ class ClientFixture : public ReplayTest::TargetRootTest {
     }
 
     ReplayTest::FakeServer m_server;
+    int m_syncs = 0;
 };
 
 }  // namespace ClientTest
