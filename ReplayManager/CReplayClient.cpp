@@ -5,14 +5,18 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/ReplayClientInternal.h"
 #include "libreplay/ClientLogging.h"
+#include "libreplay/ExecutionTimer.h"
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayDebug.h"
+#include "libreplay/ReplayError.h"
+#include "libreplay/ReplayOutputFiler.h"
 #include "libreplay/ReplayRuntimeOptions.h"
 
 using ReplayCore::FileLogger;
@@ -53,6 +57,25 @@ void ReportReplayDisabled() {
     FileLogger::LogToFile(FileLogger::eSeverityError, "%s not found; Replay System Disabled",
                           cookie.c_str());
     ReplayClient::ShutDownClient(0, nullptr);
+}
+
+// At exit the client threads are ended before the process-wide objects they
+// use are destroyed: those are created first, then the handler is
+// registered, so that it runs before their destructors.
+void StopClientThreadsAtExit() {
+    clientReadThread.RequestStop();
+    clientPingThread.RequestStop();
+}
+
+void RegisterThreadStopAtExit() {
+    static const bool registered = [] {
+        ReplayCore::ExecutionTimerManager::Get();
+        ReplayOutputFiler::Get();
+        ReplayRuntimeOptions::Get();
+        ReplayErrorManager::Get();
+        return std::atexit(&StopClientThreadsAtExit) == 0;
+    }();
+    (void)registered;
 }
 
 // Common first steps of both overloads; false when replay is disabled.
@@ -296,6 +319,7 @@ int SetupConnection(const char* clientName, bool asynchronous, const void* initD
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: Starting Ping Thread\n", DebugAppName(), kTag);
     }
+    RegisterThreadStopAtExit();
     if (!clientPingThread.start()) {
         // The read thread is never started and the signal stays blocked.
         ReplayClient::LogClientMessage(FileLogger::eSeverityInfo,

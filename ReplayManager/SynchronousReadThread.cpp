@@ -69,13 +69,15 @@ bool SynchronousReadThread::Ending() const {
 
 void SynchronousReadThread::RequestStop() {
     m_stopRequested.store(true, std::memory_order_relaxed);
-    if (!isRunning() || getThreadId() == CThread::getCurrentID()) {
+    if (getThreadId() == CThread::getCurrentID()) {
         return;
     }
-    // A blocking read ends when the socket's receiving side is shut.
-    const int socket = g_replayClient.Socket();
-    if (socket > 0) {
-        ::shutdown(socket, SHUT_RD);
+    if (isRunning()) {
+        // A blocking read ends when the socket's receiving side is shut.
+        const int socket = g_replayClient.Socket();
+        if (socket > 0) {
+            ::shutdown(socket, SHUT_RD);
+        }
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kExitWaitMs);
     while (isRunning() && std::chrono::steady_clock::now() < deadline) {
