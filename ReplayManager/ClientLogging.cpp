@@ -15,11 +15,6 @@
 #include "libreplay/multicore.h"
 #include "reference/src/target_root.h"
 
-// Until the client's own translation unit takes them over, the client
-// settings that logging reads live here.
-std::string g_clientName = "clientNameNotSet";
-std::atomic<unsigned int> g_LoggingLevel{0};
-
 std::atomic<int> g_defaultLoggerFD{-1};
 
 namespace {

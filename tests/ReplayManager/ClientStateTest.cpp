@@ -1,0 +1,133 @@
+#include <cstring>
+
+#include "tests/ReplayManager/ClientTestFixture.h"
+
+namespace {
+
+using namespace ClientTest;
+using ReplayCore::ReplayState;
+using ReplayTest::CapturedDebug;
+
+class ClientStateTest : public ClientFixture {};
+
+// The message text of a status record, without time, name and trailer.
+std::string StatusText(const std::string& datagram) {
+    const size_t second = datagram.find(':', datagram.find(':') + 1);
+    return datagram.substr(second + 1, datagram.size() - 9 - second - 1);
+}
+
+class ClosingHandler : public ReplayClient::ReplayMessageHandlerBase {
+  public:
+    ClosingHandler() : ReplayMessageHandlerBase(false) {}
+    int ReplayCallback(void*, unsigned int, unsigned int) override { return 0; }
+    void ReplayComplete(unsigned int size, char* text) override {
+        std::snprintf(text, size, "%s", "all done");
+    }
+};
+
+TEST_F(ClientStateTest, TransitionsFollowTheTableAndOnlyChangesAreReported) {
+    Connect();
+    const ReplayState kStates[] = {ReplayCore::eStateStopped,      ReplayCore::eStateRecord,
+                                   ReplayCore::eStateReplay,       ReplayCore::eStateShutDown,
+                                   ReplayCore::eStateDisconnected, ReplayCore::eStateConnecting};
+    int expectedReports = 0;
+    for (ReplayState from : kStates) {
+        for (ReplayState to : kStates) {
+            g_clientStateManager.SetStateForTesting(from);
+            const bool allowed =
+                from != to && from != ReplayCore::eStateShutDown &&
+                (from != ReplayCore::eStateDisconnected || to == ReplayCore::eStateConnecting);
+            const ReplayState result = g_clientStateManager.SetClientState(to, nullptr);
+            EXPECT_EQ(result, allowed ? to : from) << from << " -> " << to;
+            // Disconnected has no command word, so a change to it is not
+            // reported even when allowed.
+            if (allowed && to != ReplayCore::eStateDisconnected) {
+                ++expectedReports;
+            }
+        }
+    }
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateStopped);
+    EXPECT_EQ(g_clientStateManager.SetClientState(ReplayCore::eStateUnknown, nullptr),
+              ReplayCore::eStateStopped);
+    EXPECT_EQ(static_cast<int>(Received().size()), expectedReports);
+}
+
+TEST_F(ClientStateTest, EndOfReplaySendsTheClosingTextBeforeTheStateReport) {
+    Connect(ReplayCore::eStateReplay);
+    ClosingHandler handler;
+    g_clientStateManager.SetClientState(ReplayCore::eStateStopped, &handler);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_EQ(StatusText(datagrams[0]), "#replay w=all done;");
+    EXPECT_EQ(StatusText(datagrams[1]), "#stop");
+    EXPECT_TRUE(ChecksumValid(datagrams[1]));
+}
+
+TEST_F(ClientStateTest, StateTextsAtTheLimitAreRefused) {
+    Connect(ReplayCore::eStateRecord);
+    CapturedDebug debug;
+    EXPECT_EQ(ReplayClient::SendClientState(std::string(128, 'a').c_str(), 'e', 128), -1);
+    EXPECT_EQ(debug.Count("Message Length of 196 Exceeds Limit"), 1);
+    EXPECT_GT(ReplayClient::SendClientState(std::string(127, 'a').c_str(), 'e', 128), 0);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 1u);
+    EXPECT_EQ(StatusText(datagrams[0]), "#record e=" + std::string(127, 'a') + ";");
+}
+
+TEST_F(ClientStateTest, PingWhileRecordingSendsAnOldBlockInsteadOfAReport) {
+    Connect(ReplayCore::eStateRecord);
+    ReplayClient::SendClientData("young", 5, false, kDataTypeAsciiText);
+    g_nowMs = 101999;
+    EXPECT_EQ(ReplayClient::PingServer(), 0);  // block younger than 2 s: nothing
+    EXPECT_TRUE(Received().empty());
+
+    g_nowMs = 102000;
+    EXPECT_EQ(ReplayClient::PingServer(), 0);
+    std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 1u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).items, std::vector<std::string>{"young"});
+
+    // An old empty block: a plain state report.
+    g_nowMs = 104000;
+    EXPECT_GT(ReplayClient::PingServer(), 0);
+    datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_EQ(StatusText(datagrams[1]), "#record");
+
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateStopped);
+    EXPECT_GT(ReplayClient::PingServer(), 0);
+    EXPECT_EQ(StatusText(Received().back()), "#stop");
+}
+
+TEST_F(ClientStateTest, ShutDownIsFinalAndReportsTheReason) {
+    Connect(ReplayCore::eStateRecord);
+    char reason[] = "host exiting";
+    ReplayClient::ShutDownClient(1, reason);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateShutDown);
+    EXPECT_EQ(ReplayClient::Disconnect(), ReplayCore::eStateShutDown);
+    EXPECT_EQ(g_clientStateManager.SetClientState(ReplayCore::eStateRecord, nullptr),
+              ReplayCore::eStateShutDown);
+    EXPECT_EQ(ReplayClient::SendClientData("x", 1, false, kDataTypeAsciiText), 0);
+
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_EQ(StatusText(datagrams[0]), "#quit");
+    EXPECT_EQ(StatusText(datagrams[1]), "#quit e=host exiting;");
+}
+
+TEST_F(ClientStateTest, DisconnectMovesToConnectingAndAConnectedMarkStopsIt) {
+    Connect(ReplayCore::eStateRecord);
+    EXPECT_EQ(ReplayClient::Disconnect(), ReplayCore::eStateConnecting);
+    g_clientStateManager.SetClientConnected();
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    // The connected mark itself is not reported.
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 1u);
+    EXPECT_EQ(StatusText(datagrams[0]), "#connecting");
+
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
+    g_clientStateManager.SetClientConnected();
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+#include "libreplay/ReplayOutputFiler.h"
+
+#include <string>
+
+#include "libreplay/ReplayRuntimeOptions.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayTest::CapturedDebug;
+
+class ReplayOutputFilerTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        MakeTargetDirectory("/tmp");
+    }
+};
+
+TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillIt) {
+    ReplayOutputFiler& filer = ReplayOutputFiler::Get();
+    const std::string first(1023, 'a');
+    EXPECT_EQ(filer.Write(first.c_str()), 0);
+    EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), "");
+    EXPECT_EQ(filer.Write("b"), 1023);
+    EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first);
+    EXPECT_EQ(filer.BufferedLength(), 1);
+
+    // Close leaves the buffered text for a later flush.
+    filer.Close(true);
+    EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first);
+    EXPECT_EQ(filer.Write(std::string(1023, 'c').c_str()), 1);
+    EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first + "b");
+}
+
+TEST_F(ReplayOutputFilerTest, OverlongTextIsRefused) {
+    CapturedDebug debug;
+    EXPECT_EQ(ReplayOutputFiler::Get().Write(std::string(1024, 'x').c_str()), 0);
+    EXPECT_EQ(debug.Count("Message of Length 1024 Exceeds Limit"), 1);
+    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(), 0);
+}
+
+TEST_F(ReplayOutputFilerTest, FirstFlushPrefersAWritableNetworkShare) {
+    MakeTargetDirectory("/mnt/net");
+    ReplayOutputFiler& filer = ReplayOutputFiler::Get();
+    filer.Write(std::string(1000, 'n').c_str());
+    EXPECT_EQ(filer.Write(std::string(100, 'm').c_str()), 1000);
+    EXPECT_EQ(ReadTargetFile("/mnt/net/ReplayOutput.txt"), std::string(1000, 'n'));
+    EXPECT_EQ(filer.GetResultsFilePathName(), "/tmp/ReplayOutput.txt");
+}
+
+TEST_F(ReplayOutputFilerTest, UnwritableResultsDirectoryKeepsTheBlock) {
+    ReplayRuntimeOptions::Get().SetStringValue(eTemporaryFilesPath, "/missing");
+    CapturedDebug debug;
+    ReplayOutputFiler& filer = ReplayOutputFiler::Get();
+    filer.Write(std::string(1000, 'k').c_str());
+    EXPECT_EQ(filer.Write(std::string(100, 'l').c_str()), -1);
+    EXPECT_EQ(filer.Write(std::string(100, 'l').c_str()), -1);
+    EXPECT_EQ(filer.BufferedLength(), 1000);
+    EXPECT_EQ(debug.Count("Opening /missing/ReplayOutput.txt"), 2);
+
+    // Once the directory exists the kept block goes out.
+    MakeTargetDirectory("/missing");
+    EXPECT_EQ(filer.Write(std::string(100, 'l').c_str()), 1000);
+}
+
+}  // namespace

@@ -1,0 +1,289 @@
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <set>
+#include <thread>
+
+#include "libreplay/Ascii7.h"
+#include "libreplay/ReplayRuntimeOptions.h"
+#include "tests/ReplayManager/ClientTestFixture.h"
+
+// Counts every allocation of the program, to show that the send path makes
+// none in its steady state.
+// The replacement pair below is matched; GCC's inliner cannot see that.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+// Per thread: the fake server's thread allocates for every datagram.
+namespace {
+thread_local long t_allocations = 0;
+}  // namespace
+
+void* operator new(size_t size) {
+    ++t_allocations;
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+void* operator new[](size_t size) {
+    return operator new(size);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    ++t_allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+    return operator new(size, std::nothrow);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using namespace ClientTest;
+using ReplayTest::CapturedDebug;
+
+class UDPSendBufferTest : public ClientFixture {};
+
+int Send(const std::string& text, unsigned int type = kDataTypeAsciiText, bool immediate = false) {
+    return ReplayClient::SendClientData(text.data(), static_cast<unsigned int>(text.size()),
+                                        immediate, type);
+}
+
+std::string Ascii7(const std::string& bytes) {
+    static Ascii7Encoder::CMessageEncode encoder;
+    unsigned int length = 0;
+    const char* text = Ascii7Encoder::ConvertToAscii7(
+        encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
+        static_cast<unsigned int>(bytes.size()), length);
+    return std::string(text, length);
+}
+
+TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) {
+    Connect();
+    CapturedDebug debug;
+    EXPECT_EQ(Send("one"), 0);
+    g_nowMs = 100010;
+    EXPECT_EQ(Send("two"), 0);
+    g_nowMs = 100020;
+    EXPECT_EQ(Send("three"), 0);
+    // A binary item changes the type: the text block goes out first.
+    g_nowMs = 100030;
+    const std::string binary("\x00\x01\xff\x80 binary", 12);
+    EXPECT_GT(Send(binary, kDataTypeBinary), 0);
+    g_nowMs = 100040;
+    EXPECT_EQ(Send(binary, kDataTypeBinary), 0);
+    EXPECT_GT(FlushBlock(), 0);
+
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    const std::string expectedText = std::string("\"100.000:Tester:!1 1:one") + '\xDE' +
+                                     "100.010:two" + '\xDE' + "100.020:three";
+    EXPECT_EQ(datagrams[0].substr(0, datagrams[0].size() - 9), expectedText);
+    EXPECT_TRUE(ChecksumValid(datagrams[0]));
+    EXPECT_EQ(datagrams[0].back(), '\n');
+
+    const Block second = SplitBlock(datagrams[1]);
+    EXPECT_EQ(second.header, "$100.030:Tester:!1 2:");
+    ASSERT_EQ(second.items.size(), 2u);
+    EXPECT_EQ(second.items[0], Ascii7(binary));
+    EXPECT_EQ(second.items[1], Ascii7(binary));
+    EXPECT_EQ(second.itemTimes, std::vector<std::string>{"100.040"});
+    EXPECT_TRUE(ChecksumValid(datagrams[1]));
+    EXPECT_EQ(debug.Count("DataType changed from 2 to 5"), 1);
+}
+
+TEST_F(UDPSendBufferTest, OversizedItemStopsRecordingWhileTheLimitIsAccepted) {
+    Connect();
+    EXPECT_EQ(Send(std::string(2032, 'a')), 0);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
+    EXPECT_EQ(Send(std::string(2033, 'b')), -1);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    // Stopped: items are dropped without a send.
+    EXPECT_EQ(Send("later"), 0);
+    for (const std::string& datagram : Received()) {
+        EXPECT_EQ(datagram[0], '#') << "only state reports expected";
+    }
+}
+
+TEST_F(UDPSendBufferTest, NothingIsTakenWhileStoppedOrReplaying) {
+    for (ReplayCore::ReplayState state : {ReplayCore::eStateStopped, ReplayCore::eStateReplay}) {
+        Connect(state);
+        const unsigned int before = g_UDPSendBuffer.GetBlockLength();
+        EXPECT_EQ(Send("dropped"), 0);
+        EXPECT_EQ(g_UDPSendBuffer.GetBlockLength(), before);
+    }
+    EXPECT_TRUE(Received().empty());
+}
+
+TEST_F(UDPSendBufferTest, FullBlocksGoOutWithEveryItemInOrder) {
+    Connect();
+    const int kItems = 200;
+    for (int i = 0; i < kItems; ++i) {
+        g_nowMs += 1;
+        ASSERT_GE(Send("item-" + std::to_string(i) + std::string(90, 'x')), 0);
+    }
+    FlushBlock();
+    std::vector<std::string> items;
+    unsigned int expectedSequence = 1;
+    for (const std::string& datagram : Received()) {
+        EXPECT_LE(datagram.size(), 2041u);
+        EXPECT_TRUE(ChecksumValid(datagram));
+        const Block block = SplitBlock(datagram);
+        EXPECT_NE(block.header.find("!1 " + std::to_string(expectedSequence++) + ":"),
+                  std::string::npos);
+        items.insert(items.end(), block.items.begin(), block.items.end());
+    }
+    ASSERT_EQ(items.size(), static_cast<size_t>(kItems));
+    for (int i = 0; i < kItems; ++i) {
+        EXPECT_EQ(items[i].substr(0, items[i].find('x')), "item-" + std::to_string(i));
+    }
+    EXPECT_GT(expectedSequence, 10u);
+}
+
+TEST_F(UDPSendBufferTest, ImmediateSendDiscardsBufferedItems) {
+    Connect();
+    Send("buffered-1");
+    Send("buffered-2");
+    g_nowMs = 100500;
+    EXPECT_GT(Send("now", kDataTypeAsciiText, true), 0);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 1u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).header, "\"100.500:Tester:!1 1:");
+    EXPECT_EQ(SplitBlock(datagrams[0]).items, std::vector<std::string>{"now"});
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("IsEmpty()"), std::string::npos);
+}
+
+TEST_F(UDPSendBufferTest, OldBlockWaitsForTheAnnouncedTimeSlot) {
+    Connect();
+    g_UDPSendBuffer.SetTimeSlot(3);
+    Send("first");     // block starts at 100.000
+    g_nowMs = 101200;  // old, but slot 2
+    EXPECT_EQ(Send("second"), 0);
+    g_nowMs = 101260;  // slot 3 (rounded up from .260 to .300)
+    EXPECT_GT(Send("third"), 0);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 1u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).items, (std::vector<std::string>{"first", "second"}));
+    // The new block starts with the item that found the old one due.
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 101260);
+}
+
+TEST_F(UDPSendBufferTest, FailedBlockKeepsItsTrailerAndUsesUpASequenceNumber) {
+    Connect();
+    Send("kept");
+    // Sending on a socket whose sending side is shut fails at once.
+    ASSERT_EQ(::shutdown(g_replayClient.Socket(), SHUT_WR), 0);
+    EXPECT_EQ(FlushBlock(), -1);
+    // The client went to Connecting, and the failed report of that state
+    // stopped it.
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockSequence(), 2u);
+
+    ASSERT_GT(g_replayClient.Open(m_server.Address().c_str(), 4400), 0);
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateRecord);
+    EXPECT_GT(FlushBlock(), 0);  // the same block, trailer not appended twice
+    Send("next");
+    EXPECT_GT(FlushBlock(), 0);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_TRUE(ChecksumValid(datagrams[0]));
+    EXPECT_EQ(SplitBlock(datagrams[0]).header, "\"100.000:Tester:!1 1:");
+    EXPECT_EQ(SplitBlock(datagrams[1]).header.substr(16), "!1 3:");
+}
+
+TEST_F(UDPSendBufferTest, ReconnectsNoMoreOftenThanTheInterval) {
+    Connect(ReplayCore::eStateConnecting);
+    CapturedDebug debug;
+    // The server's address counts as remote; with a long external wait no
+    // socket can be opened.
+    ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 1000000);
+    g_replayClient.close();
+    for (int64_t t : {200000, 200100, 200149, 200150, 200299, 200300}) {
+        g_nowMs = t;
+        EXPECT_EQ(Send("x"), -1);
+    }
+    EXPECT_EQ(debug.Count("Attempting Server Reconnect"), 3) << debug.Dump();
+    EXPECT_EQ(debug.Count("Failed to Reconnect to"), 3);
+
+    ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 0);
+    g_nowMs = 200450;
+    EXPECT_EQ(Send("back"), 0);
+    EXPECT_EQ(debug.Count("Reconnection Succeeded"), 1);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_FALSE(datagrams.empty());
+    EXPECT_EQ(datagrams.back().substr(0, datagrams.back().size() - 9), "#200.450:Tester:");
+}
+
+TEST_F(UDPSendBufferTest, SteadyStateSendsAllocateNothing) {
+    Connect();
+    const std::string text(64, 't');
+    const std::string binary(64, '\x9c');
+    for (unsigned int type : {kDataTypeAsciiText, kDataTypeBinary}) {
+        const std::string& item = type == kDataTypeBinary ? binary : text;
+        for (int i = 0; i < 500; ++i) {  // warm up: first blocks are logged
+            ASSERT_GE(Send(item, type), 0);
+        }
+        const long before = t_allocations;
+        for (int i = 0; i < 2000; ++i) {
+            g_nowMs += 1;
+            ASSERT_GE(Send(item, type), 0);
+        }
+        EXPECT_EQ(t_allocations - before, 0) << "type " << type;
+    }
+}
+
+TEST_F(UDPSendBufferTest, ConcurrentSendersLoseNoAcceptedItem) {
+    ReplayCore::SetClockSourceForTesting(nullptr);
+    Connect();
+    ClientPingThread::SetIntervalsForTesting(1, 5);
+    clientPingThread.start();
+    const int kThreads = 4;
+    const int kItems = 500;
+    std::atomic<int> accepted{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kThreads; ++t) {
+        senders.emplace_back([t, &accepted] {
+            for (int i = 0; i < kItems; ++i) {
+                if (Send("T" + std::to_string(t) + "-" + std::to_string(i)) >= 0) {
+                    accepted.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    clientPingThread.RequestStop();
+    FlushBlock();
+    ASSERT_EQ(accepted.load(), kThreads * kItems);
+
+    std::set<std::string> items;
+    for (const std::string& datagram : Received()) {
+        if (datagram[0] == '#') {
+            continue;  // pings
+        }
+        EXPECT_TRUE(ChecksumValid(datagram));
+        for (const std::string& item : SplitBlock(datagram).items) {
+            EXPECT_TRUE(items.insert(item).second) << item;
+        }
+    }
+    EXPECT_EQ(items.size(), static_cast<size_t>(kThreads * kItems));
+}
+
+}  // namespace
