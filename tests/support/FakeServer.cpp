@@ -1,0 +1,151 @@
+#include "tests/support/FakeServer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <random>
+
+namespace ReplayTest {
+
+std::string Datagram::SenderAddress() const {
+    char text[INET_ADDRSTRLEN] = {0};
+    inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
+    return text;
+}
+
+uint16_t Datagram::SenderPort() const {
+    return ntohs(sender.sin_port);
+}
+
+FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
+    std::random_device seed;
+    std::mt19937 random(seed());
+    // 127.0.0.1 is left to real servers; the rest of 127/8 is ours.
+    std::uniform_int_distribution<int> middle(1, 254);
+    std::uniform_int_distribution<int> any(0, 255);
+    for (int attempt = 0; attempt < 200 && m_socket < 0; ++attempt) {
+        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return;
+        }
+        char address[INET_ADDRSTRLEN];
+        std::snprintf(address, sizeof address, "127.%d.%d.%d", middle(random), any(random),
+                      middle(random));
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_port = htons(static_cast<uint16_t>(port));
+        inet_pton(AF_INET, address, &local.sin_addr);
+        if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0) {
+            m_socket = fd;
+            m_address = address;
+            break;
+        }
+        const int error = errno;
+        close(fd);
+        if (error != EADDRINUSE) {
+            return;
+        }
+    }
+    if (m_socket >= 0 && pipe2(m_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        m_wakePipe[0] = m_wakePipe[1] = -1;
+    }
+    if (startReceiving) {
+        Start();
+    }
+}
+
+FakeServer::~FakeServer() {
+    Close();
+    for (int& fd : m_wakePipe) {
+        if (fd >= 0) {
+            close(fd);
+            fd = -1;
+        }
+    }
+}
+
+void FakeServer::Start() {
+    if (m_socket >= 0 && m_wakePipe[0] >= 0 && !m_thread.joinable()) {
+        m_thread = std::thread(&FakeServer::ReceiveLoop, this);
+    }
+}
+
+void FakeServer::Close() {
+    if (m_thread.joinable()) {
+        const char wake = 'x';
+        (void)!write(m_wakePipe[1], &wake, 1);
+        m_thread.join();
+    }
+    if (m_socket >= 0) {
+        close(m_socket);
+        m_socket = -1;
+    }
+}
+
+void FakeServer::ReceiveLoop() {
+    static thread_local char buffer[65536];
+    pollfd watched[2] = {{m_socket, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
+    for (;;) {
+        if (poll(watched, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return;
+        }
+        if (watched[1].revents != 0) {
+            return;
+        }
+        Datagram datagram;
+        socklen_t senderLength = sizeof datagram.sender;
+        const ssize_t received =
+            recvfrom(m_socket, buffer, sizeof buffer, MSG_DONTWAIT,
+                     reinterpret_cast<sockaddr*>(&datagram.sender), &senderLength);
+        if (received < 0) {
+            continue;
+        }
+        datagram.arrival = std::chrono::steady_clock::now();
+        datagram.bytes.assign(buffer, static_cast<size_t>(received));
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_datagrams.push_back(std::move(datagram));
+        }
+        m_arrived.notify_all();
+    }
+}
+
+std::vector<Datagram> FakeServer::Datagrams() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_datagrams;
+}
+
+size_t FakeServer::Count() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_datagrams.size();
+}
+
+bool FakeServer::WaitForDatagrams(size_t count, std::chrono::milliseconds deadline) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_arrived.wait_for(lock, deadline, [&] { return m_datagrams.size() >= count; });
+}
+
+void FakeServer::Clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_datagrams.clear();
+}
+
+bool FakeServer::SendTo(const sockaddr_in& destination, const std::string& bytes) const {
+    if (m_socket < 0) {
+        return false;
+    }
+    const ssize_t sent =
+        sendto(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+    return sent == static_cast<ssize_t>(bytes.size());
+}
+
+}  // namespace ReplayTest
