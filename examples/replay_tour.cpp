@@ -1,11 +1,17 @@
 // A short tour of the library's building blocks: it runs each one under a
 // private target root and prints what it did.
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayCore.h"
 #include "reference/src/operating_system.h"
 #include "reference/src/target_root.h"
 
@@ -56,6 +62,38 @@ int main() {
     thread.join();
     std::printf("thread read from pipe: \"%s\"\n", thread.received.c_str());
 
-    std::string command = std::string("rm -rf ") + root;
-    return std::system(command.c_str()) == 0 && thread.received == message ? 0 : 1;
+    // The millisecond clock and the tenth of a second it falls in.
+    const ReplayCore::MSTime::MSTimeStruct now = ReplayCore::MSTime::CurrentTimeMS();
+    std::printf("clock: %s s, time slot %u\n", now.ToString().c_str(),
+                ReplayCore::GetTimeSlotFromTime(now));
+
+    // A state command with arguments, as the server sends it, and back.
+    using ReplayCore::ReplayStateManager;
+    const std::string command = ReplayStateManager::GetCommandFromState(ReplayCore::eStateReplay,
+                                                                        "s=3;l=" + now.ToString());
+    ReplayStateManager::CommandArgsParser arguments;
+    const ReplayCore::ReplayState state =
+        ReplayStateManager::GetStateFromCommand(command, arguments);
+    std::string slot;
+    std::string logTime;
+    const bool parsed = arguments.Get('s', slot) && arguments.Get('l', logTime);
+    std::printf("command \"%s\" parses as state %s, s=%s, l=%s\n", command.c_str(),
+                ReplayStateManager::GetReplayStateName(state).c_str(), slot.c_str(),
+                logTime.c_str());
+
+    // One line of the diagnostic log, read back from the private root.
+    mkdir((std::string(root) + "/tmp").c_str(), 0755);
+    ReplayCore::FileLogger::LogToFile(ReplayCore::FileLogger::eSeverityInfo,
+                                      "replay tour: state %s",
+                                      ReplayStateManager::GetReplayStateName(state).c_str());
+    std::ifstream logFile(ReplayPlatform::TargetPath(ReplayCore::FileLogger::kLogFileLocation));
+    std::stringstream logText;
+    logText << logFile.rdbuf();
+    std::printf("ReplayLog.txt holds: \"%s\"\n",
+                ReplayCore::FileLogger::FormatDebugText(logText.str().c_str(), 128).c_str());
+
+    const bool ok = thread.received == message && parsed && state == ReplayCore::eStateReplay &&
+                    logText.str().find("replay tour: state Replay") != std::string::npos;
+    const std::string removeRoot = std::string("rm -rf ") + root;
+    return std::system(removeRoot.c_str()) == 0 && ok ? 0 : 1;
 }

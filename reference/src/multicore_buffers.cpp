@@ -17,6 +17,7 @@
 #include <string>
 
 #include "reference/src/multicore_internal.h"
+#include "reference/src/sigpipe_safe_write.h"
 #include "reference/src/system_log.h"
 #include "reference/src/target_root.h"
 
@@ -233,7 +234,8 @@ void writeQueuedOutput(unsigned long long now) {
     // A short write repeats the whole vector: the logger service takes records
     // whole, and a record cut at the end of a short write cannot be resumed.
     for (int failures = 0; failures < kWriteAttempts;) {
-        const ssize_t written = writev(multiConsoleFd, writeVector, writeVectorEntries);
+        const ssize_t written =
+            ReplayPlatform::WritevWithoutSigpipe(multiConsoleFd, writeVector, writeVectorEntries);
         if (written == static_cast<ssize_t>(writeVectorTotalLength)) {
             break;
         }
@@ -244,6 +246,13 @@ void writeQueuedOutput(unsigned long long now) {
                   static_cast<int>(writeVectorTotalLength));
         Count(blockBuffer_writeErrors);
         ++failures;
+        if (written < 0 && error == EPIPE) {
+            // The logger service has gone: drop this batch and reopen the
+            // device for the next one, which fails at once until it is back.
+            close(multiConsoleFd);
+            multiConsoleFd = -1;
+            break;
+        }
     }
     EmptyWriteVector();
     Count(blockBuffer_WriteCount);

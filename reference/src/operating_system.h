@@ -47,8 +47,10 @@ class REPLAY_API CThread {
 
     int stackSize;
     std::atomic<pthread_t> threadId;
-    int priority;
-    const char* threadName;
+    // Stored for the interface; threads run with the default priority and
+    // without a name.
+    [[maybe_unused]] int priority;
+    [[maybe_unused]] const char* threadName;
     std::atomic<bool> running;
     // Set once the new thread has begun; unlike `running` it stays set when
     // execute() returns at once, so start() cannot miss a short-lived thread.

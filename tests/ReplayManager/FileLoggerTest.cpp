@@ -6,9 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
-#include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
@@ -73,12 +71,6 @@ TEST_F(FileLoggerTest, TextsShorterThanThreeCharactersAreDropped) {
     EXPECT_FALSE(LogExists());
     EXPECT_GT(FileLogger::LogToFile(FileLogger::eSeverityError, "abc"), 0);
     EXPECT_EQ(LogText(), "\n83.061:abc");
-}
-
-TEST_F(FileLoggerTest, LongMessagesAreCutTo511Characters) {
-    const std::string text(600, 'x');
-    FileLogger::LogToFile(FileLogger::eSeverityError, "%s", text.c_str());
-    EXPECT_EQ(LogText(), "\n83.061:" + std::string(511, 'x'));
 }
 
 TEST_F(FileLoggerTest, LevelFiltersBySeverity) {
@@ -163,19 +155,11 @@ TEST_F(FileLoggerTest, FailedOpensAreReportedFiveTimesAtMost) {
         << debug.Dump();
 }
 
-TEST_F(FileLoggerTest, HexDumpAtSeverityThreeOrBelowProducesNothing) {
-    CapturedDebug debug;
-    const unsigned char data[4] = {1, 2, 3, 4};
-    FileLogger::DumpHexToFile(FileLogger::eSeverityInfo, "title", data, 4, true);
-    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, nullptr, data, 4, true);
-    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, "title", nullptr, 4, true);
-    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, "title", data, 0, true);
-    // Captured handlers write one note to the log file; the dumps add nothing.
-    EXPECT_EQ(debug.Lines().size(), 0u) << debug.Dump();
-}
-
 TEST_F(FileLoggerTest, HexDumpLayout) {
     CapturedDebug debug("app");
+    const unsigned char none[1] = {0};
+    FileLogger::DumpHexToFile(FileLogger::eSeverityInfo, "title", none, 1, true);
+    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, "title", none, 0, true);
     unsigned char data[20];
     for (unsigned int i = 0; i < 20; ++i) {
         data[i] = static_cast<unsigned char>(0x3c + i);
@@ -225,11 +209,15 @@ TEST_F(FileLoggerTest, ToHexUsesWidthThreePerByte) {
 TEST_F(FileLoggerTest, ToHexRejectsMoreThan128Bytes) {
     std::vector<unsigned char> tooMany(129, 1);
     EXPECT_EQ(FileLogger::ToHex(tooMany.data(), 129), nullptr);
-    EXPECT_TRUE(std::regex_search(
-        LogText(),
-        std::regex(
-            "^\n83\\.061:len <= maxInputLength at line [0-9]+ of ReplayManager/ReplayCore$")))
-        << LogText();
+    const std::string text = LogText();
+    const std::string prefix = "\n83.061:len <= maxInputLength at line ";
+    const std::string suffix = " of ReplayManager/ReplayCore";
+    ASSERT_GT(text.size(), prefix.size() + suffix.size()) << text;
+    EXPECT_EQ(text.substr(0, prefix.size()), prefix);
+    EXPECT_EQ(text.substr(text.size() - suffix.size()), suffix);
+    const std::string line =
+        text.substr(prefix.size(), text.size() - prefix.size() - suffix.size());
+    EXPECT_EQ(line.find_first_not_of("0123456789"), std::string::npos) << line;
 }
 
 TEST(FileLoggerTextTest, FormatDebugTextShowsControlCharacters) {
@@ -249,15 +237,11 @@ TEST(FileLoggerTextTest, ReplaceXMLEntityMasksMarkupCharacters) {
     EXPECT_EQ(out, "!a href=!x!!!100!'");
 }
 
-TEST_F(FileLoggerTest, MinimalWriterAppendsTextAsItStands) {
-    EXPECT_EQ(ReplayCore::DumpTextToFile("ab"), 0);
-    EXPECT_EQ(ReplayCore::DumpTextToFile(nullptr), 0);
-    EXPECT_EQ(ReplayCore::DumpTextToFile("first "), 6);
-    EXPECT_EQ(ReplayCore::DumpTextToFile("second"), 6);
-    EXPECT_EQ(LogText(), "first second");
-}
-
 TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
+    EXPECT_EQ(ReplayCore::DumpTextToFile("ab"), 0);
+    EXPECT_EQ(ReplayCore::DumpTextToFile("as it stands"), 12);
+    EXPECT_EQ(LogText(), "as it stands");
+
     MakeLogUnwritable();
     testing::internal::CaptureStdout();
     for (int i = 0; i < 5; ++i) {
@@ -289,31 +273,6 @@ TEST_F(FileLoggerTest, LogWriterWritesToDescriptorOrStream) {
     EXPECT_EQ(ReplayCore::LogWriter::WriteToLog(-1, stream, "stream", 6), 6);
     std::fclose(stream);
     EXPECT_EQ(ReplayTest::ReadFile(path), "stream");
-}
-
-// Records written by several threads through one overload arrive whole.
-TEST_F(FileLoggerTest, LogWriterSerialisesConcurrentWriters) {
-    const std::string path = Root() + "/work/channel.txt";
-    FILE* stream = std::fopen(path.c_str(), "w");
-    ASSERT_NE(stream, nullptr);
-    const std::string records[] = {std::string(300, 'a') + "\n", std::string(300, 'b') + "\n"};
-    std::vector<std::thread> writers;
-    for (const std::string& record : records) {
-        writers.emplace_back([&stream, &record] {
-            for (int i = 0; i < 200; ++i) {
-                ReplayCore::LogWriter::WriteToLog(-1, stream, record.data(),
-                                                  static_cast<unsigned int>(record.size()));
-            }
-        });
-    }
-    for (std::thread& writer : writers) {
-        writer.join();
-    }
-    std::fclose(stream);
-    const std::string text = ReplayTest::ReadFile(path);
-    EXPECT_EQ(text.size(), 400u * 301u);
-    EXPECT_EQ(Occurrences(text, records[0]), 200u);
-    EXPECT_EQ(Occurrences(text, records[1]), 200u);
 }
 
 }  // namespace

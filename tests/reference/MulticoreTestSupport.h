@@ -21,22 +21,19 @@ struct Record {
     std::string text;
 };
 
-// Splits the device contents into records (console code, length, text).
-// A truncated tail becomes a record with console '\0'.
+// Splits the device contents into records (console code, length, text); a
+// cut-off tail becomes a record with console '\0'.
 inline std::vector<Record> ParseRecords(const std::string& device) {
     std::vector<Record> records;
-    size_t position = 0;
-    while (position + 2 <= device.size()) {
-        const size_t length = static_cast<unsigned char>(device[position + 1]);
+    for (size_t position = 0; position < device.size();) {
+        const size_t length =
+            position + 1 < device.size() ? static_cast<unsigned char>(device[position + 1]) : 0;
         if (position + 2 + length > device.size()) {
             records.push_back({'\0', device.substr(position)});
-            return records;
+            break;
         }
         records.push_back({device[position], device.substr(position + 2, length)});
         position += 2 + length;
-    }
-    if (position != device.size()) {
-        records.push_back({'\0', device.substr(position)});
     }
     return records;
 }
@@ -58,14 +55,6 @@ class SystemLogCapture {
             count += line.find(fragment) != std::string::npos ? 1 : 0;
         }
         return count;
-    }
-    std::string Dump() const {
-        std::lock_guard<std::mutex> lock(State().mutex);
-        std::string all;
-        for (const std::string& line : State().lines) {
-            all += line + "\n";
-        }
-        return all;
     }
     void Clear() {
         std::lock_guard<std::mutex> lock(State().mutex);

@@ -13,18 +13,11 @@ namespace {
 
 using MulticoreTest::Record;
 
-// Records each call of the test commands.
-struct Calls {
-    std::vector<std::string> lines;
-    std::vector<int> arguments;
-};
-Calls& TheCalls() {
-    static Calls calls;
-    return calls;
-}
+// Lines and arguments of each call of the recording command.
+std::vector<std::string> g_calls;
 const char* RecordingCommand(const char* line, int argument) {
-    TheCalls().lines.push_back(line != nullptr ? line : "(repeat)");
-    TheCalls().arguments.push_back(argument);
+    g_calls.push_back(std::string(line != nullptr ? line : "(repeat)") + "/" +
+                      std::to_string(argument));
     return "first";
 }
 const char* OtherCommand(const char*, int) {
@@ -35,7 +28,7 @@ class MulticoreConsoleTest : public MulticoreTest::Fixture {
   protected:
     void SetUp() override {
         MulticoreTest::Fixture::SetUp();
-        TheCalls() = Calls();
+        g_calls.clear();
     }
 
     // Runs one command line; returns its reply and the console lines it
@@ -63,23 +56,16 @@ class MulticoreConsoleTest : public MulticoreTest::Fixture {
 };
 
 TEST_F(MulticoreConsoleTest, DebugLevelsFallBackToTheDefault) {
-    EXPECT_EQ(mi_getDebugLevel('a'), 2);
-    EXPECT_FALSE(mi_checkDebugLevel('a', 3));
+    EXPECT_FALSE(mi_checkDebugLevel('a', 3));  // default 2
     EXPECT_EQ(mi_setDebugLevel('a', 4), 0);
-    EXPECT_EQ(mi_setDebugLevel('a', -2), 0);
-    EXPECT_EQ(mi_getDebugLevel('a'), 2);
     EXPECT_EQ(mi_setDebugLevel('a', 0), 1);
-    EXPECT_TRUE(mi_checkDebugLevel('a', 0));
     EXPECT_FALSE(mi_checkDebugLevel('a', 1));
-
     EXPECT_EQ(mi_setDefaultDebugLevel(4), 0);
-    EXPECT_EQ(mi_setDefaultDebugLevel(-1), 0);
     EXPECT_EQ(mi_setDefaultDebugLevel(3), 1);
     EXPECT_EQ(m_systemLog.Count(" change debug level to 3"), 1);
     EXPECT_EQ(mi_getDebugLevel('a'), 0);  // its own level stays
     EXPECT_EQ(mi_setDebugLevel('a', -1), 1);
     EXPECT_EQ(mi_getDebugLevel('a'), 3);
-    EXPECT_TRUE(mi_checkDebugLevel('b', 3));
 }
 
 TEST_F(MulticoreConsoleTest, DispatchIgnoresCaseAndTakesTheLongestPrefix) {
@@ -93,8 +79,7 @@ TEST_F(MulticoreConsoleTest, DispatchIgnoresCaseAndTakesTheLongestPrefix) {
     EXPECT_EQ(Run("AbC"), "first");
     EXPECT_EQ(Run("xYz"), "second");  // equal prefixes: the earlier entry
     EXPECT_EQ(Run("XY"), "second");   // exact matches ignore case too
-    EXPECT_EQ(TheCalls().lines, (std::vector<std::string>{"abcd", "AbC"}));
-    EXPECT_EQ(TheCalls().arguments, (std::vector<int>{17, 0}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"abcd/17", "AbC/0"}));
 }
 
 TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
@@ -102,8 +87,7 @@ TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
     mi_aclineSetFunction("rec", &RecordingCommand, nullptr);
     EXPECT_EQ(Run("rec 1"), "first");
     EXPECT_EQ(Run(nullptr, nullptr, 5), "first");
-    EXPECT_EQ(TheCalls().lines, (std::vector<std::string>{"rec 1", "(repeat)"}));
-    EXPECT_EQ(TheCalls().arguments.back(), 5);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"rec 1/0", "(repeat)/5"}));
 
     std::vector<std::string> printed;
     EXPECT_EQ(Run("nosuch", &printed), "ERROR : No acline command found");
@@ -157,16 +141,12 @@ TEST_F(MulticoreConsoleTest, SetAndShowDebugLevelCommands) {
     EXPECT_EQ(Printed("setdbglvl b,x"),
               std::vector<std::string>{"setDbgLvl: b failed actual dbglvl 2\n"});
     EXPECT_TRUE(Printed("setdbglvl a 3").empty());  // no ','
-    EXPECT_TRUE(Printed("setdbglvl").empty());      // no console
     mi_setDebugLevel(7, 1);
     EXPECT_EQ(
         Printed("showdbglvl extra"),
         (std::vector<std::string>{"Console ? (7) : set to 1\n", "Console a (97) : set to 3\n"}));
     EXPECT_EQ(Printed("setdbglvl a,-1"),
               std::vector<std::string>{"setDbgLvl: a ok actual dbglvl 2\n"});
-    // Replies print even when console '0' is set to its lowest level.
-    mi_setDebugLevel('0', 0);
-    EXPECT_EQ(Printed("setdbglvl 0,0").size(), 1u);
 }
 
 TEST_F(MulticoreConsoleTest, StatisticsConfigurationFlushAndLockCommands) {
@@ -176,14 +156,8 @@ TEST_F(MulticoreConsoleTest, StatisticsConfigurationFlushAndLockCommands) {
     std::vector<std::string> printed = Printed("Cout-stats");
     ASSERT_GE(printed.size(), 12u);
     EXPECT_EQ(printed[0], "blockBuffer_OpenCount   1\n");
-    EXPECT_EQ(printed[1].rfind("blockBuffer_WriteCount  ", 0), 0u);
-    EXPECT_EQ(printed[2], "blockBuffer_openErrors  0\n");
-    EXPECT_EQ(printed[3], "blockBuffer_writeErrors 0\n");
-    EXPECT_EQ(printed[4], "blockBuffer_WriteIgnoredCount 0\n");
-    EXPECT_EQ(printed[5], "badWriteVectorEntries 0\n");
     EXPECT_EQ(printed[6], "lostPrintfErrorCount  0\n");
-    EXPECT_EQ(printed[7], "cppStats\n\n");
-    EXPECT_EQ(printed[8], "noFreeBuffers 0\n");
+    EXPECT_EQ(printed[7], "cppStats\n\n");  // then the pool statistics
     EXPECT_NE(
         std::find(printed.begin(), printed.end(), "Console D ( 68) :      1 sent      8 bytes\n"),
         printed.end());
@@ -195,14 +169,6 @@ TEST_F(MulticoreConsoleTest, StatisticsConfigurationFlushAndLockCommands) {
                                         "MI_CPP_SUPPORT_MAX_BUFFERS = 100\n",
                                         "MI_MULTICORE_BUFFER_SIZE   = 102\n"}));
     mi_setLogProcessName("navi");
-    // A relative root whose device is the same file.
-    MakeTargetDirectory("/work/dev/navi");
-    ASSERT_EQ(symlink((Root() + kDevice).c_str(), "dev/navi/multi"), 0);
-    mi_setLogFileName("dev");
-    const std::vector<std::string> config = Printed("Config");
-    ASSERT_FALSE(config.empty());
-    EXPECT_EQ(config[0], "multiFilename dev, processName navi\n");
-    mi_setLogFileName(nullptr);
 
     // "flush" writes its own line at once, with whatever was queued before it.
     mi_flushBuffer();
@@ -273,9 +239,8 @@ TEST_F(MulticoreConsoleTest, InputConsolesMapToDevicePathsAndBelongToTheirOpener
     EXPECT_EQ(mi_readConsole('a', buffer, 0), -1);
 
     EXPECT_EQ(mi_getConsoleFD('['), -1);
-    EXPECT_EQ(mi_getConsoleFD('{'), -1);
-    EXPECT_EQ(mi_getConsoleFD(5), -1);  // not printable
-    EXPECT_EQ(mi_readConsole('b', buffer, sizeof buffer), -1);
+    EXPECT_EQ(mi_getConsoleFD(5), -1);                          // not printable
+    EXPECT_EQ(mi_readConsole('b', buffer, sizeof buffer), -1);  // missing: reported once
     EXPECT_EQ(mi_readConsole('c', buffer, sizeof buffer), -1);
     EXPECT_EQ(m_systemLog.Count("MultiConsole read open"), 1);
     EXPECT_EQ(m_systemLog.Count("/kfsystem/multicore/navi/S for input fd"), 1);
@@ -309,16 +274,12 @@ TEST_F(MulticoreConsoleTest, InputCommandReadsAFifoWithoutBlocking) {
     const std::string fifo = MakeTargetDirectory("/kfsystem/multicore/custom") + "/0";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     miInternal_setInternalACLineFuntions();
-    // Opened for reading without any writer, then nothing waiting: 0.
-    EXPECT_EQ(Printed("input Y"),
-              std::vector<std::string>{"input from console Y, read 0 of 1024\n"});
-
-    const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     ASSERT_GE(writer, 0);
     ASSERT_EQ(write(writer, "hello", 5), 5);
     EXPECT_EQ(Printed("input   Y"),
               std::vector<std::string>{"input from console Y, read 5 of 1024\n"});
-    // A writer but nothing waiting: the read would block, and gives 0.
+    // Nothing waiting: the read would block, and gives 0.
     EXPECT_EQ(Printed("input Y"),
               std::vector<std::string>{"input from console Y, read 0 of 1024\n"});
     close(writer);
@@ -331,15 +292,34 @@ TEST_F(MulticoreConsoleTest, OverlongRootsAreRefusedOncePerConsole) {
     char buffer[8];
     EXPECT_EQ(mi_readConsole('a', buffer, sizeof buffer), -1);
     EXPECT_EQ(mi_readConsole('a', buffer, sizeof buffer), -1);
-    EXPECT_EQ(m_systemLog.Count("openInputFile Opened filename too long, len = 113"), 1);
     EXPECT_EQ(mi_readConsole('Y', buffer, sizeof buffer), -1);  // 113 + "/custom/0" > 120
+    EXPECT_EQ(m_systemLog.Count("openInputFile Opened filename too long, len = 113"), 1);
     EXPECT_EQ(m_systemLog.Count("openInputFile Opened filename root too long len = 122"), 1);
-
-    const std::string root121(121, 'r');
-    mi_setLogFileName(root121.c_str());
-    EXPECT_EQ(mi_readConsole('T', buffer, sizeof buffer), -1);
-    EXPECT_EQ(m_systemLog.Count("openInputFile Opened filename root too big"), 1);
     EXPECT_EQ(m_systemLog.Count("MultiConsole read open"), 0);
+}
+
+TEST_F(MulticoreConsoleTest, CommandsCanChangeWhileAnotherThreadDispatches) {
+    miInternal_setInternalACLineFuntions();
+    mi_setDebugLevel('f', 0);  // keep the "change function" notices out of the pool
+    std::atomic<bool> done{false};
+    std::thread changer([&] {
+        for (int round = 0; round < 300; ++round) {
+            mi_aclineSetFunction("toggle", round % 3 == 0 ? nullptr : &RecordingCommand, "t");
+            mi_aclineSetFunction(("extra" + std::to_string(round % 40)).c_str(), &OtherCommand,
+                                 nullptr);
+        }
+        done = true;
+    });
+    for (int round = 0; !done.load(); ++round) {
+        miInternal_aclineMain("toggle now", 0);  // removed, or records the call
+        mi_setDebugLevel('a', round % 4 - 1);
+        miInternal_aclineMain("showdbglvl", 0);
+        miInternal_aclineMain(nullptr, 0);  // repeats "showdbglvl"
+    }
+    changer.join();
+    mi_aclineSetFunction("toggle", &OtherCommand, nullptr);
+    EXPECT_STREQ(miInternal_aclineMain("TOGGLE", 0), "second");
+    EXPECT_STREQ(miInternal_aclineMain("extra39", 0), "second");
 }
 
 }  // namespace

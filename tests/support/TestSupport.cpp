@@ -15,25 +15,63 @@
 
 namespace ReplayTest {
 
-void TargetRootTest::SetUp() {
+namespace {
+
+std::string MakeTemporaryDirectory() {
     const char* base = std::getenv("TMPDIR");
     std::string pattern =
         std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/libreplay-test-XXXXXX";
     std::vector<char> path(pattern.begin(), pattern.end());
     path.push_back('\0');
-    ASSERT_NE(mkdtemp(path.data()), nullptr) << "cannot create a temporary root";
-    m_root = path.data();
-    std::filesystem::create_directories(m_root + "/work");
-    std::filesystem::create_directories(m_root + "/tmp");
+    if (mkdtemp(path.data()) == nullptr) {
+        return std::string();
+    }
+    const std::string root = path.data();
+    std::filesystem::create_directories(root + "/work");
+    std::filesystem::create_directories(root + "/tmp");
+    return root;
+}
 
+// Points the target root (and the environment, for child processes) at
+// `root`.
+void UseTargetRoot(const std::string& root) {
+    ReplayPlatform::SetTargetRoot(root);
+    setenv("REPLAY_TARGET_ROOT", root.c_str(), 1);
+}
+
+std::string g_processRoot;
+
+}  // namespace
+
+ProcessTargetRoot::ProcessTargetRoot() {
+    g_processRoot = MakeTemporaryDirectory();
+    if (!g_processRoot.empty()) {
+        UseTargetRoot(g_processRoot);
+    }
+}
+
+ProcessTargetRoot::~ProcessTargetRoot() {
+    std::error_code ignored;
+    if (!g_processRoot.empty()) {
+        std::filesystem::remove_all(g_processRoot, ignored);
+    }
+}
+
+const std::string& ProcessTargetRoot::Path() {
+    return g_processRoot;
+}
+
+void TargetRootTest::SetUp() {
+    m_root = MakeTemporaryDirectory();
+    ASSERT_FALSE(m_root.empty()) << "cannot create a temporary root";
     char current[4096];
     m_previousDirectory = getcwd(current, sizeof current) != nullptr ? current : "/";
     ASSERT_EQ(chdir((m_root + "/work").c_str()), 0);
-    ReplayPlatform::SetTargetRoot(m_root);
+    UseTargetRoot(m_root);
 }
 
 void TargetRootTest::TearDown() {
-    ReplayPlatform::SetTargetRoot("");
+    UseTargetRoot(ProcessTargetRoot::Path());
     if (!m_previousDirectory.empty()) {
         (void)chdir(m_previousDirectory.c_str());
     }

@@ -14,8 +14,23 @@
 
 namespace ReplayTest {
 
-// Creates a fresh temporary directory, makes it the target root and the
-// working directory ("<root>/work"), and removes it afterwards.
+// Every test program runs under a private target root of its own, created by
+// the test main before the first test and removed after the last, so no test
+// can write to the real target paths. Tests that look at files use
+// TargetRootTest for a fresh root per test.
+class ProcessTargetRoot {
+  public:
+    ProcessTargetRoot();
+    ~ProcessTargetRoot();
+    ProcessTargetRoot(const ProcessTargetRoot&) = delete;
+    ProcessTargetRoot& operator=(const ProcessTargetRoot&) = delete;
+
+    static const std::string& Path();
+};
+
+// Creates a fresh temporary directory, makes it the target root (also in
+// REPLAY_TARGET_ROOT, for child processes) and the working directory
+// ("<root>/work"), and removes it afterwards.
 class TargetRootTest : public ::testing::Test {
   protected:
     void SetUp() override;
