@@ -88,7 +88,10 @@ int ClientData::SetPacketSequenceNumber(int sequenceNumber) {
     } else if (m_lastSequenceNumber >= 1) {
         // A repeat gives 0 and lowers the dropped count by one; kept so.
         result = std::abs(sequenceNumber - m_lastSequenceNumber);
-        m_droppedPackets += result - 1;
+        // Gaps from a hostile or corrupted client can exceed the counter;
+        // it wraps rather than overflowing.
+        m_droppedPackets = static_cast<int32_t>(static_cast<uint32_t>(m_droppedPackets) +
+                                                static_cast<uint32_t>(result - 1));
     }
     m_lastSequenceNumber = sequenceNumber;
     return result;

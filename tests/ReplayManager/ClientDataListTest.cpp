@@ -95,6 +95,11 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsAndRestart) {
     // After a restart at 0 the next number is not compared.
     EXPECT_EQ(client.SetPacketSequenceNumber(7), 1);
     EXPECT_EQ(client.GetDroppedPackets(), 0);
+
+    // Wild jumps from a corrupted sender wrap the dropped count, no more.
+    EXPECT_EQ(client.SetPacketSequenceNumber(2000000007), 2000000000);
+    EXPECT_EQ(client.SetPacketSequenceNumber(2), 2000000005);
+    EXPECT_EQ(client.GetDroppedPackets(), static_cast<int32_t>(4000000003u));
 }
 
 TEST_F(ClientDataListTest, NamingWarnsOnRenameAndAssertsOnEmpty) {
