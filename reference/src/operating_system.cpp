@@ -274,10 +274,7 @@ static bool ApplyBlockingRequest(int& fd, bool blocking) {
 
 bool CPipe::makePipe(int& readFd, int& writeFd, bool readBlocking, bool writeBlocking) {
     int ends[2] = {-1, -1};
-    // Packet mode where the kernel offers it: every write of up to PIPE_BUF
-    // bytes comes back from exactly one read, so a reader that takes one
-    // record per read never gets two records run together.
-    if (pipe2(ends, O_DIRECT) == 0 || pipe(ends) == 0) {
+    if (pipe(ends) == 0) {
         ApplyBlockingRequest(ends[0], readBlocking);
         ApplyBlockingRequest(ends[1], writeBlocking);
         if (ends[0] != -1 && ends[1] != -1) {
