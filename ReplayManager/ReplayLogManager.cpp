@@ -1,5 +1,8 @@
 #include "libreplay/ReplayLogManager.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +30,32 @@ constexpr unsigned int kPipeBufferLimit = 65535;
 // built when that level is on.
 bool DebugFileLogOn() {
     return FileLogger::GetLogginglevel() >= FileLogger::eSeverityDebug;
+}
+
+// A pipe is a byte stream: records written one after another can come back
+// from a single read, run together. Where the kernel offers packet mode,
+// the pipe's two descriptor numbers are moved onto a packet-mode pipe, in
+// which every write of up to PIPE_BUF bytes comes back from exactly one read.
+// Otherwise the stream pipe stays.
+void UsePacketMode(CPipe& pipe) {
+    int ends[2];
+    if (pipe2(ends, O_DIRECT) != 0) {
+        return;
+    }
+    if (dup2(ends[0], pipe.getReadDescriptor()) < 0 ||
+        dup2(ends[1], pipe.getWriteDescriptor()) < 0) {
+        // Neither end was switched, or both pipes are now crossed: fall back
+        // to a fresh stream pipe on the same numbers.
+        int stream[2];
+        if (::pipe(stream) == 0) {
+            dup2(stream[0], pipe.getReadDescriptor());
+            dup2(stream[1], pipe.getWriteDescriptor());
+            ::close(stream[0]);
+            ::close(stream[1]);
+        }
+    }
+    ::close(ends[0]);
+    ::close(ends[1]);
 }
 
 }  // namespace
@@ -257,6 +286,7 @@ void LogWriterThread::execute() {
             ReplayError(543, kSourceFile, nullptr, ReplayError::eErrorFatal)));
         return;
     }
+    UsePacketMode(m_pipe);
     s_pipeOpen.store(true, std::memory_order_release);
 
     ReplayCore::MemoryBuffer buffer("LogWriterThread::execute", 0, kPipeBufferLimit);
