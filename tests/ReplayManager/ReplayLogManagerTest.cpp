@@ -252,18 +252,6 @@ TEST_F(ReplayLogManagerTest, RecordsBeforeTheMediumAreDroppedOrBuffered) {
     EXPECT_EQ(manager.GetBufferCount(), 0u);
 }
 
-TEST_F(ReplayLogManagerTest, CompareOrdersNewestFirstWithEmptySlotsLast) {
-    ReplayLogManager::ClientDataBuffer newer, older, written, unused;
-    newer.m_timestamp = MSTime::MSTimeStruct(0, 2000);
-    older.m_timestamp = MSTime::MSTimeStruct(0, 1000);
-    written.m_timestamp = MSTime::MSTimeStruct(0, -1);
-    EXPECT_TRUE(ReplayLogManager::ClientDataCompare(newer, older));
-    EXPECT_FALSE(ReplayLogManager::ClientDataCompare(older, newer));
-    EXPECT_FALSE(ReplayLogManager::ClientDataCompare(older, older));
-    EXPECT_TRUE(ReplayLogManager::ClientDataCompare(older, unused));
-    EXPECT_TRUE(ReplayLogManager::ClientDataCompare(unused, written));
-}
-
 TEST_F(ReplayLogManagerTest, EqualTimesKeepSlotOrder) {
     MakeMediumAndChannel();
     ReplayLogManager manager;

@@ -129,18 +129,6 @@ TEST_F(ReplayLoggerTest, MissingChannelIsReportedEvery100thAttemptUpTo1000) {
     EXPECT_EQ(OpenDescriptorCount(), descriptorsBefore + 1);
 }
 
-TEST_F(ReplayLoggerTest, KnownLogFileNameSkipsTheMediumProbe) {
-    WriteTargetFile(kChannel, "");
-    mi_setLogFileName("/elsewhere/LOG.DAT");
-    CapturedDebug debug;
-    EXPECT_TRUE(ReplayLogger::Get().Connect());
-    EXPECT_NE(FileLog().find("Logging to File /elsewhere/LOG.DAT"), std::string::npos);
-    EXPECT_EQ(
-        debug.Count("ReplayServer::ReplayLogger::Connect: Logging to File /elsewhere/LOG.DAT"), 1);
-    // A successful connect always names the medium's log file.
-    EXPECT_STREQ(mi_getLogFileName(), "/fs/usb0/LOGFILE.DAT");
-}
-
 TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
     MakeTargetDirectory("/fs/usb0");
     MakeTargetDirectory("/kfsystem/multicore/navi");
