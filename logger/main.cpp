@@ -1,0 +1,87 @@
+// replay-logger: the logger service for the multicore device tree on Linux.
+
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <string>
+
+#include "logger/LoggerService.h"
+#include "reference/src/target_root.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "Creates the multicore logger devices (FIFOs) under the target root and stores what "
+        "arrives on them: replay records from navi/Q go to the log file, console batches from "
+        "navi/multi and debug text from navi/q to the console log; ioc1/0 answers the presence "
+        "probe. Stops on SIGINT or SIGTERM after writing everything received, and removes the "
+        "FIFOs it created.\n\nExit status: 0 after a clean stop, 1 when the devices cannot be "
+        "created, 2 for bad options.",
+        "replay-logger"};
+    std::string root;
+    std::string logFile;
+    std::string consoleFile;
+    ReplayLogger::LoggerOptions options;
+    app.add_option("--root", root,
+                   "Target root holding /kfsystem/multicore, /fs/usb0 and /tmp "
+                   "(default: REPLAY_TARGET_ROOT, else /)");
+    app.add_option("--log-file", logFile,
+                   "Replay log file (default: /fs/usb0/LOGFILE.DAT under the target root)");
+    app.add_option("--console-log", consoleFile,
+                   "Console and debug text log (default: /tmp/ReplayConsole.txt under the target "
+                   "root; empty for none)");
+    app.add_flag("--stdout", options.consoleToStdout,
+                 "Also print console and debug text on standard output");
+    app.add_option("--sync-interval-ms", options.syncIntervalMs,
+                   "Flush the log file to the medium this often; 0 after every write")
+        ->default_val(options.syncIntervalMs)
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--queue-records", options.queueRecords,
+                   "Records held in memory while the medium is slow; more are dropped")
+        ->default_val(options.queueRecords)
+        ->check(CLI::PositiveNumber);
+    app.add_option("--pipe-size", options.pipeSize, "FIFO buffer size to ask the kernel for")
+        ->default_val(options.pipeSize);
+    app.add_option("--ready-file", options.readyFile,
+                   "Written (with the process id) once the devices exist; removed on exit");
+    bool consoleGiven = false;
+    try {
+        app.parse(argc, argv);
+        consoleGiven = app.count("--console-log") > 0;
+    } catch (const CLI::ParseError& error) {
+        const int status = app.exit(error);
+        return status == 0 ? 0 : 2;
+    }
+
+    if (!root.empty()) {
+        ReplayPlatform::SetTargetRoot(root);
+    }
+    options.deviceRoot = ReplayPlatform::TargetPath("/kfsystem/multicore");
+    options.logFile =
+        logFile.empty() ? ReplayPlatform::TargetPath("/fs/usb0/LOGFILE.DAT") : logFile;
+    options.consoleLogFile =
+        consoleGiven ? consoleFile : ReplayPlatform::TargetPath("/tmp/ReplayConsole.txt");
+
+    // The threads inherit the blocked signals; only sigwait below sees them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    ReplayLogger::LoggerService service(options);
+    if (!service.Start()) {
+        fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
+        return 1;
+    }
+    printf("\nreplay-logger: devices under %s, logging to %s\n", options.deviceRoot.c_str(),
+           options.logFile.c_str());
+    fflush(stdout);
+
+    int received = 0;
+    sigwait(&stopSignals, &received);
+    service.Stop();
+    printf("replay-logger: %s\n", service.Summary().c_str());
+    return 0;
+}

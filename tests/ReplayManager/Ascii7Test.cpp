@@ -1,0 +1,380 @@
+#include "libreplay/Ascii7.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libreplay/ReplayRuntimeOptions.h"
+#include "tests/support/TestSupport.h"
+
+// Counts every allocation of this program, so that tests can show which
+// calls allocate. GCC pairs the inlined replacements with the library's
+// allocators and would warn about a mismatch that is not there.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+namespace {
+std::atomic<unsigned long> g_allocations{0};
+}
+
+// Every form is replaced: sanitizer runtimes supply their own array and
+// nothrow forms, which would otherwise bypass the count.
+void* operator new(std::size_t size) {
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* memory = std::malloc(size != 0 ? size : 1)) {
+        return memory;
+    }
+    throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    g_allocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size != 0 ? size : 1);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using Ascii7Decoder::DecodeAscii7;
+using Ascii7Encoder::CMessage;
+using Ascii7Encoder::CMessageEncode;
+using Ascii7Encoder::ConvertToAscii7;
+using ReplayTest::CapturedDebug;
+
+typedef std::vector<unsigned char> Bytes;
+
+Bytes ReadData(const std::string& name) {
+    const std::string text = ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/" + name);
+    return Bytes(text.begin(), text.end());
+}
+
+Bytes RandomBytes(std::mt19937& random, unsigned int length) {
+    Bytes bytes(length);
+    for (unsigned char& byte : bytes) {
+        byte = static_cast<unsigned char>(random());
+    }
+    return bytes;
+}
+
+std::string Encode(CMessageEncode& encoder, const Bytes& data) {
+    unsigned int length = 0;
+    const char* text =
+        ConvertToAscii7(encoder, data.data(), static_cast<unsigned int>(data.size()), length);
+    return text != nullptr ? std::string(text, length) : std::string();
+}
+
+// The encoder as the bit writer alone defines it: 32-bit little-endian words,
+// then the one to three bytes left.
+void ReferencePutRawData(Ascii7Encoder::DBG_CODE7BIT_T* writer, const unsigned char* data,
+                         unsigned int length) {
+    for (unsigned int i = 0; i < length; i += 4) {
+        const unsigned int count = length - i < 4 ? length - i : 4;
+        long value = 0;
+        for (unsigned int b = 0; b < count; ++b) {
+            value |= static_cast<long>(data[i + b]) << (8 * b);
+        }
+        Ascii7Encoder::dbg_code7bit(writer, value, static_cast<int>(8 * count));
+    }
+}
+
+// The decoder as the bit reader alone defines it.
+unsigned int ReferenceDecode(const unsigned char* text, unsigned int length, char* out) {
+    Ascii7Decoder::DBG_DECODE7BIT_T reader;
+    Ascii7Decoder::dbg_decode7bit_init(&reader, text);
+    unsigned int decoded = 0;
+    unsigned long byte = 0;
+    while (decoded < length && Ascii7Decoder::dbg_decode7bit_get(&reader, &byte, 8) == 0) {
+        out[decoded++] = static_cast<char>(byte);
+    }
+    return decoded;
+}
+
+class Ascii7Test : public ReplayTest::TargetRootTest {};
+
+TEST_F(Ascii7Test, KnownVectorsEncodeAndDecodeByteForByte) {
+    CMessageEncode encoder;
+    for (const char* name : {"byte00", "byteFF", "seven", "eight", "max1791"}) {
+        SCOPED_TRACE(name);
+        const Bytes binary = ReadData(std::string("ascii7/") + name + ".bin");
+        const Bytes text = ReadData(std::string("ascii7/") + name + ".txt");
+        EXPECT_EQ(text.size(), (8 * binary.size() + 6) / 7);
+        const std::string encoded = Encode(encoder, binary);
+        EXPECT_EQ(Bytes(encoded.begin(), encoded.end()), text);
+
+        Bytes terminated = text;
+        terminated.push_back(0);
+        std::vector<char> decoded(binary.size() + 8, '\x55');
+        // Asking for more than the text holds stops at the terminator; the
+        // padding of the last character never becomes a byte.
+        EXPECT_EQ(DecodeAscii7(terminated.data(), static_cast<unsigned int>(decoded.size()),
+                               decoded.data()),
+                  binary.size());
+        EXPECT_EQ(Bytes(decoded.begin(), decoded.begin() + binary.size()), binary);
+    }
+}
+
+TEST_F(Ascii7Test, InputsBeyondTheOutputOrTheLimitAreRejected) {
+    CapturedDebug debug;
+    CMessageEncode encoder;
+    unsigned int length = 99;
+
+    const Bytes overflow = ReadData("ascii7/overflow1792.bin");
+    encoder.init();
+    EXPECT_EQ(encoder.putRawData(overflow.data(), 1792), CMessage::BUFFER_OVERFLOW_ERROR);
+    EXPECT_EQ(encoder.State().index, 2047u);  // never past the terminator's place
+    EXPECT_EQ(ConvertToAscii7(encoder, overflow.data(), 1792, length), nullptr);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "Error -2 Filling CMessageEncode object; dataLength=1792\n\n"),
+              1);
+
+    const Bytes refused = ReadData("ascii7/refused2049.bin");
+    EXPECT_EQ(ConvertToAscii7(encoder, refused.data(), 2049, length), nullptr);
+    EXPECT_EQ(length, 0u);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "libReplay::Ascii7Encoder::ConvertToAscii7: Message of Length 2049 "
+                          "exceeds limit of 2048, skipping"),
+              1);
+
+    debug.Clear();
+    length = 99;
+    EXPECT_EQ(ConvertToAscii7(encoder, refused.data(), 0, length), nullptr);
+    EXPECT_EQ(length, 99u);
+    EXPECT_TRUE(debug.Lines().empty()) << debug.Dump();
+    EXPECT_EQ(encoder.putRawData(nullptr, 4), CMessage::ERROR_ASSERT_FAILED);
+}
+
+TEST_F(Ascii7Test, EncoderMatchesTheBitWriterWithPendingBitsAndSmallOutputs) {
+    std::mt19937 random(20240601);
+    for (int round = 0; round < 3000; ++round) {
+        const unsigned int capacity = 1 + random() % 2100;
+        const unsigned int length = 1 + random() % 2100;
+        const int prefixBits = static_cast<int>(random() % 7);  // leaves 0 to 6 bits pending
+        const long prefix = static_cast<long>(random());
+        const Bytes data = RandomBytes(random, length);
+
+        Bytes output(capacity, 0xEE);
+        Ascii7Encoder::CAbstractMessageEncode encoder(output.data(), capacity);
+        Bytes expected(capacity, 0xEE);
+        Ascii7Encoder::DBG_CODE7BIT_T reference;
+        Ascii7Encoder::dbg_code7bit_init(&reference, expected.data(), capacity);
+        if (prefixBits > 0) {
+            encoder.putBits(prefix, prefixBits);
+            Ascii7Encoder::dbg_code7bit(&reference, prefix, prefixBits);
+        }
+        const int result = encoder.putRawData(data.data(), length);
+        ReferencePutRawData(&reference, data.data(), length);
+
+        const Ascii7Encoder::DBG_CODE7BIT_T& state = encoder.State();
+        ASSERT_EQ(result, reference.ok ? CMessage::ERROR_OK : CMessage::BUFFER_OVERFLOW_ERROR)
+            << "round " << round;
+        ASSERT_EQ(state.index, reference.index) << "round " << round;
+        ASSERT_EQ(state.ok, reference.ok) << "round " << round;
+        if (reference.ok) {
+            ASSERT_EQ(state.pending, reference.pending) << "round " << round;
+            ASSERT_EQ(state.pendingCount, reference.pendingCount) << "round " << round;
+        }
+        ASSERT_EQ(output, expected) << "round " << round;
+    }
+}
+
+TEST_F(Ascii7Test, RandomByteStringsRoundTrip) {
+    std::mt19937 random(1791);
+    CMessageEncode encoder;
+    for (int round = 0; round < 2000; ++round) {
+        const unsigned int length = round < 1791 ? round + 1 : 1 + random() % 1791;
+        const Bytes data = RandomBytes(random, length);
+        const std::string text = Encode(encoder, data);
+        ASSERT_EQ(text.size(), (8 * length + 6) / 7) << length;
+        std::vector<char> decoded(length);
+        ASSERT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>(text.c_str()), length,
+                               decoded.data()),
+                  length);
+        ASSERT_EQ(0, std::memcmp(decoded.data(), data.data(), length)) << length;
+    }
+}
+
+TEST_F(Ascii7Test, DecoderMatchesTheBitReaderOnTextsWithStrayCharacters) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 5000; ++round) {
+        const unsigned int textLength = 1 + random() % 600;
+        // The text ends in a character outside the alphabet and the
+        // allocation ends with it, so any read past the stop is caught.
+        unsigned char* text = new unsigned char[textLength];
+        for (unsigned int i = 0; i < textLength; ++i) {
+            text[i] = static_cast<unsigned char>(37 + random() % 128);
+        }
+        const unsigned char strays[] = {0, '\n', ' ', '!', '$', 36, 165, 200, 255};
+        const unsigned int strayCount = random() % 3;
+        for (unsigned int s = 0; s < strayCount; ++s) {
+            text[random() % textLength] = strays[random() % sizeof strays];
+        }
+        text[textLength - 1] = strays[random() % sizeof strays];
+        const unsigned int length = random() % 600;
+
+        std::vector<char> fast(length + 1, '\x5A');
+        std::vector<char> slow(length + 1, '\x5A');
+        const unsigned int decoded = DecodeAscii7(text, length, fast.data());
+        ASSERT_EQ(decoded, ReferenceDecode(text, length, slow.data())) << "round " << round;
+        ASSERT_EQ(fast, slow) << "round " << round;
+        delete[] text;
+    }
+}
+
+TEST_F(Ascii7Test, BitReaderReadsEveryWidthAndStopsOnlyOutsideTheAlphabet) {
+    // Sixteen characters make fourteen bytes; a stop after eight leaves seven.
+    const std::string valid = "abcdefgh:%%%%%%%";
+    char out[32];
+    EXPECT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>(valid.c_str()), 32, out), 14u);
+    for (char stop : {'\n', ' ', '!', '"', '#', '$', '\xA5', '\xFF'}) {
+        std::string text = valid;
+        text[8] = stop;
+        EXPECT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>(text.c_str()), 32, out), 7u)
+            << static_cast<int>(stop);
+    }
+
+    std::mt19937 random(32);
+    unsigned char text[2048];
+    Ascii7Encoder::DBG_CODE7BIT_T writer;
+    Ascii7Encoder::dbg_code7bit_init(&writer, text, sizeof text);
+    std::vector<std::pair<unsigned long, int>> fields;
+    for (int i = 0; i < 300; ++i) {
+        const int bits = 1 + static_cast<int>(random() % 32);
+        const unsigned long value = random() & (bits == 32 ? 0xFFFFFFFFul : (1ul << bits) - 1);
+        fields.emplace_back(value, bits);
+        Ascii7Encoder::dbg_code7bit(&writer, static_cast<long>(value), bits);
+    }
+    ASSERT_NE(Ascii7Encoder::dbg_code7bit_close(&writer), nullptr);
+
+    Ascii7Decoder::DBG_DECODE7BIT_T reader;
+    Ascii7Decoder::dbg_decode7bit_init(&reader, text);
+    for (const auto& field : fields) {
+        unsigned long value = 0;
+        ASSERT_EQ(Ascii7Decoder::dbg_decode7bit_get(&reader, &value, field.second), 0);
+        ASSERT_EQ(value, field.first) << field.second << " bits";
+    }
+    unsigned long value = 0;
+    EXPECT_EQ(Ascii7Decoder::dbg_decode7bit_get(&reader, &value, 8), -1);  // padding only
+    EXPECT_EQ(Ascii7Decoder::dbg_decode7bit_valid(&reader), 0);
+    EXPECT_EQ(Ascii7Decoder::dbg_decode7bit_get(&reader, &value, 33), -1);
+}
+
+TEST_F(Ascii7Test, CloseTwiceAndWritesAfterClose) {
+    CMessageEncode encoder;
+    const unsigned char data[] = {1, 2, 3};
+    unsigned int length = 0;
+    EXPECT_EQ(encoder.putRawData(data, 3), CMessage::ERROR_OK);
+    EXPECT_EQ(encoder.close(), CMessage::ERROR_OK);
+    EXPECT_EQ(encoder.close(), CMessage::ERROR_MESSAGE_CLOSED);
+    ASSERT_NE(encoder.getContent(length), nullptr);
+    EXPECT_EQ(length, 4u);
+
+    // Bits written after close are recorded as a failed expectation and
+    // still appended.
+    EXPECT_EQ(encoder.putBits(0x7F, 7), 1);
+    EXPECT_EQ(encoder.State().index, 5u);
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt")
+                  .find("!m_closed at line 190 of "
+                        "ReplayManager/EncodeAscii7"),
+              std::string::npos);
+}
+
+TEST_F(Ascii7Test, RunLengthPackingAndThePercentOnlyUnpacker) {
+    // 168 + k stands for k '%'; 169, c, (k - 4) + 37 for k of c; 168, c for
+    // three. Hex escapes keep each expected text one literal.
+    const std::pair<std::string, std::string> cases[] = {
+        {std::string(16, '%'), "\xB7%"},
+        {std::string(17, '%'), "\xB7\xAA"},
+        {"xAAyAAAzAAAA", "xAAy\xA8\x41z\xA9\x41%"},
+        {std::string(20, 'B'), "\xA9\x42\x34\x42"},
+        {std::string(22, 'B'), "\xA9\x42\x34\xA8\x42"},
+    };
+    for (const auto& c : cases) {
+        std::vector<unsigned char> text(c.first.begin(), c.first.end());
+        text.push_back(0);
+        int length = -1;
+        Ascii7Encoder::dbg_code7rle2(text.data(), &length);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(text.data())), c.second) << c.first;
+        EXPECT_EQ(length, static_cast<int>(c.second.size()));
+    }
+
+    // Only the '%' runs come back; the 168 and 169 escapes stay as they are.
+    const unsigned char packed[] = {'x', 0xB7, 0xA9, 'B', '4', 0};
+    unsigned char out[32];
+    int length = 0;
+    ASSERT_NE(Ascii7Decoder::dbg_decode7rle2(packed, out, sizeof out, &length), nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(out)),
+              "x" + std::string(15, '%') + "\xA9\x42\x34");
+    EXPECT_EQ(length, 19);
+    // A count that reaches the output size gives null and no terminator.
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(Ascii7Decoder::dbg_decode7rle2(packed, out, 10, &length), nullptr);
+    EXPECT_EQ(length, 19);
+    EXPECT_EQ(out[10], '#');
+}
+
+TEST_F(Ascii7Test, VerboseOutputFollowsTheLevelReadOnce) {
+    CapturedDebug debug;
+    CMessageEncode encoder;
+    const Bytes data = {0x00, 0xFF};
+    Ascii7Encoder::ResetAscii7LoggingLevelForTesting();
+    ReplayRuntimeOptions::Get().SetIntegerValue(eClientUDPDebugLevel, 5);
+    Encode(encoder, data);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Ascii7 Output:%\xA3("), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Binary Input Data:: dumping 2 Bytes"), 1);
+
+    // The level is cached: lowering the option changes nothing.
+    ReplayRuntimeOptions::Get().SetIntegerValue(eClientUDPDebugLevel, 4);
+    Encode(encoder, data);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Ascii7 Output:"), 2);
+
+    Ascii7Encoder::ResetAscii7LoggingLevelForTesting();
+    Encode(encoder, data);
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Ascii7 Output:"), 2);
+}
+
+TEST_F(Ascii7Test, EncodingAllocatesNothingAndBufferDecodingGrowsOnce) {
+    CMessageEncode encoder;
+    std::mt19937 random(99);
+    const Bytes data = RandomBytes(random, 1791);
+    std::string text = Encode(encoder, data);  // warms the cached logging level
+
+    const unsigned long beforeEncoding = g_allocations.load();
+    for (int i = 0; i < 100; ++i) {
+        unsigned int length = 0;
+        ASSERT_NE(ConvertToAscii7(encoder, data.data(), 1791, length), nullptr);
+    }
+    EXPECT_EQ(g_allocations.load(), beforeEncoding);
+
+    ReplayCore::MemoryBuffer buffer("Decode", 0, 65535);
+    const unsigned long beforeDecoding = g_allocations.load();
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(DecodeAscii7(reinterpret_cast<const unsigned char*>(text.c_str()), 1791, buffer),
+                  1791u);
+    }
+    EXPECT_EQ(g_allocations.load(), beforeDecoding + 1);
+    EXPECT_EQ(0, std::memcmp(buffer.Get(), data.data(), 1791));
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+#include "libreplay/ClientRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libreplay/Ascii7.h"
+#include "libreplay/ExecutionTimer.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayCore::MSTime;
+using ReplayTest::CapturedDebug;
+
+std::string ReadRecord(const std::string& name) {
+    return ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/records/" + name);
+}
+
+bool Valid(const std::string& line) {
+    return ReplayCore::CheckSumValid(line.data(), static_cast<unsigned int>(line.size()));
+}
+
+std::string Ascii7(const std::vector<unsigned char>& data) {
+    static Ascii7Encoder::CMessageEncode encoder;
+    unsigned int length = 0;
+    const char* text = Ascii7Encoder::ConvertToAscii7(
+        encoder, data.data(), static_cast<unsigned int>(data.size()), length);
+    return std::string(text, length);
+}
+
+struct ParsedRecord {
+    bool ok = false;
+    std::string clientName = "unset";
+    MSTime::MSTimeStruct time;
+    unsigned int dataType = 99;
+    unsigned int firstNumber = 99;
+    unsigned int sequenceNumber = 99;
+    unsigned int payloadLength = 99;
+    unsigned int payloadStart = 99;
+};
+
+ParsedRecord Parse(const std::string& record) {
+    ParsedRecord parsed;
+    parsed.ok = ParseClientRecord(record, parsed.clientName, parsed.time, parsed.dataType,
+                                  parsed.firstNumber, parsed.sequenceNumber, parsed.payloadLength,
+                                  parsed.payloadStart);
+    return parsed;
+}
+
+class ClientRecordTest : public ReplayTest::TargetRootTest {};
+
+TEST_F(ClientRecordTest, StoredRecordsVerifyWithAnyLineEndAndAnyHexField) {
+    for (const char* name : {"binary_block.rec", "text_lf.rec", "text_crlf.rec", "text_noeol.rec",
+                             "status_empty.rec", "status_command.rec", "name20.rec"}) {
+        EXPECT_TRUE(Valid(ReadRecord(name))) << name;
+    }
+    // The sum of "#5.005:Nav:" is 0x2b4: space-padded as written, and in the
+    // other forms "%x" reads.
+    for (const char* field : {"     2b4", "     2B4", "000002b4", "\t    2b4", "   0x2b4"}) {
+        EXPECT_TRUE(Valid(std::string("#5.005:Nav:") + field + "\n")) << field;
+    }
+    for (const char* line : {"#5.005:Nav:     2b5\n", "#5.005:Nav:        \n", "    0\n"}) {
+        EXPECT_FALSE(Valid(line)) << line;
+    }
+}
+
+TEST_F(ClientRecordTest, ChecksumReadsBytesAsSigned) {
+    EXPECT_EQ(ReplayCore::ComputeChecksum("A\xDE", 2), 65u - 34u);
+    // The word-wise sum agrees with a plain signed sum at every length and
+    // alignment, long runs of 0xFF included.
+    std::mt19937 random(9);
+    std::vector<char> data(5000);
+    for (int round = 0; round < 300; ++round) {
+        for (char& byte : data) {
+            byte = round % 3 == 0 ? '\xFF' : static_cast<char>(random());
+        }
+        const unsigned int offset = random() % 8;
+        const unsigned int length = random() % (data.size() - offset);
+        uint32_t expected = 0;
+        for (unsigned int i = 0; i < length; ++i) {
+            expected += static_cast<uint32_t>(static_cast<signed char>(data[offset + i]));
+        }
+        ASSERT_EQ(ReplayCore::ComputeChecksum(data.data() + offset, length), expected) << length;
+    }
+}
+
+TEST_F(ClientRecordTest, MismatchIsRejectedAndReported) {
+    CapturedDebug debug;
+    std::string record = ReadRecord("text_lf.rec");
+    record[5] = 'X';
+    EXPECT_FALSE(Valid(record));
+    EXPECT_EQ(
+        debug.Count(CapturedDebug::kWarning,
+                    "libReplay::ReplayCore::CheckSumValid: Length of CheckSum string=42; "
+                    "Checksum String:     a2a\n; Computed CheckSum: a52; Last 2 Bytes:32 61;"),
+        1)
+        << debug.Dump();
+    const std::string log = ReadTargetFile("/tmp/ReplayLog.txt");
+    EXPECT_NE(log.find("Length of CheckSum string=42;"), std::string::npos);
+    EXPECT_NE(log.find("Full String:\"12.5X0:Sensor_1:"), std::string::npos);
+    EXPECT_FALSE(ReplayCore::CheckSumValid("", 0));
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Zero Length line passed to CheckSumValid"), 1);
+}
+
+TEST_F(ClientRecordTest, WritersBuildTheStoredRecordsByteForByte) {
+    char block[2048];
+    unsigned int length = ReplayCore::WriteDataBlockHeader(
+        block, sizeof block, '$', MSTime::MSTimeStruct(0, 83061), "NavGps", 7);
+    length = ReplayCore::RecordWriter(block, sizeof block, length)
+                 .Text(Ascii7({0x00, 0xFF}).c_str())
+                 .Length();
+    length += ReplayCore::WriteItemSeparator(block + length, 20, MSTime::MSTimeStruct(0, 83105));
+    length = ReplayCore::RecordWriter(block, sizeof block, length)
+                 .Text(Ascii7({0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd}).c_str())
+                 .Length();
+    unsigned int checksum = 0;
+    ASSERT_EQ(ReplayCore::AppendChecksum(block, length, sizeof block, checksum),
+              static_cast<int>(length + 9));
+    EXPECT_EQ(std::string(block), ReadRecord("binary_block.rec"));
+
+    const char command[] = "#replay c=1;s=2;";
+    const std::pair<const char*, const char*> statuses[] = {{"", "status_empty.rec"},
+                                                            {command, "status_command.rec"}};
+    for (const auto& status : statuses) {
+        char text[205];
+        length = ReplayCore::WriteStatusRecord(text, 196, MSTime::MSTimeStruct(0, 5005), "Nav",
+                                               status.first, std::strlen(status.first));
+        ReplayCore::AppendChecksum(text, length, sizeof text, checksum);
+        EXPECT_EQ(std::string(text), ReadRecord(status.second));
+    }
+}
+
+TEST_F(ClientRecordTest, WritersCutToTheirBufferAndAppendChecksumChecksRoom) {
+    CapturedDebug debug;
+    char area[32];
+    std::memset(area, '#', sizeof area);
+    EXPECT_EQ(ReplayCore::WriteItemSeparator(area, 20, MSTime::MSTimeStruct(0, 123456789012345678)),
+              19u);
+    EXPECT_EQ(area[19], '\0');
+    EXPECT_EQ(area[20], '#');
+
+    // Exactly nine bytes of room: the trailer fits without its terminator.
+    char tight[12] = "abc";
+    std::memset(tight + 3, '#', sizeof tight - 3);
+    unsigned int checksum = 0;
+    EXPECT_EQ(ReplayCore::AppendChecksum(tight, 3, 12, checksum), 12);
+    EXPECT_EQ(std::string(tight, 12), "abc     126\n");
+    EXPECT_EQ(ReplayCore::AppendChecksum(tight, 4, 12, checksum), -1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "libReplay::ReplayCore::AppendChecksum: Buffer not large enough"),
+              1);
+}
+
+TEST_F(ClientRecordTest, ClientNames) {
+    EXPECT_TRUE(ClientNameValid(std::string(20, 'A')));
+    EXPECT_TRUE(ClientNameValid(""));
+    EXPECT_TRUE(ClientNameValid("0:;<=>?@[\\]^_`z"));
+    for (const std::string& name : {std::string(21, 'A'), std::string("Nav-Gps"),
+                                    std::string("Nav Gps"), std::string("Nav{\xE9")}) {
+        EXPECT_FALSE(ClientNameValid(name)) << name;
+    }
+}
+
+TEST_F(ClientRecordTest, ParsesDataAndStatusRecords) {
+    ReplayCore::ExecutionTimer& timer =
+        ReplayCore::ExecutionTimerManager::Get().GetTimer("ParseClientRecord");
+    const unsigned int callsBefore = timer.GetCalls();
+
+    const std::string block = ReadRecord("binary_block.rec");
+    ParsedRecord parsed = Parse(block);
+    EXPECT_TRUE(parsed.ok);
+    EXPECT_EQ(parsed.clientName, "NavGps");
+    EXPECT_EQ(parsed.time.m_timeMilliseconds, 83061);
+    EXPECT_EQ(parsed.dataType, kDataTypeAsciiEncodedBinary);
+    EXPECT_EQ(parsed.firstNumber, 1u);
+    EXPECT_EQ(parsed.sequenceNumber, 7u);
+    EXPECT_EQ(block.substr(parsed.payloadStart, parsed.payloadLength),
+              Ascii7({0x00, 0xFF}) + "\xDE" +
+                  "83.105:" + Ascii7({0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd}));
+
+    parsed = Parse(ReadRecord("status_empty.rec"));
+    EXPECT_TRUE(parsed.ok);
+    EXPECT_EQ(parsed.dataType, kDataTypeStatusText);
+    EXPECT_EQ(parsed.payloadLength, 0u);
+    EXPECT_EQ(parsed.sequenceNumber, 99u);  // untouched without the number field
+
+    const std::string command = ReadRecord("status_command.rec");
+    parsed = Parse(command);
+    EXPECT_EQ(command.substr(parsed.payloadStart, parsed.payloadLength), "#replay c=1;s=2;");
+    EXPECT_EQ(timer.GetCalls(), callsBefore + 3);
+
+    // Records too short for their trailer, or with an open number field,
+    // have no payload.
+    parsed = Parse("\"1.000:Nav:!1 5");
+    EXPECT_TRUE(parsed.ok);
+    EXPECT_EQ(parsed.sequenceNumber, 5u);
+    EXPECT_EQ(parsed.payloadLength, 0u);
+    EXPECT_EQ(Parse("#1.000:Nav:ab").payloadLength, 0u);
+}
+
+TEST_F(ClientRecordTest, RejectsMalformedHeadersWithWarnings) {
+    CapturedDebug debug;
+    EXPECT_FALSE(Parse("no colon at all\r\n").ok);
+    EXPECT_FALSE(Parse("\"1.000:NavGps").ok);
+    EXPECT_FALSE(Parse(ReadRecord("name21.rec")).ok);
+    EXPECT_FALSE(Parse("\"1.000:Nav-Gps:x     123\n").ok);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning,
+                          "ReplayServer::ReplayLogManager::ParseClientRecord: First Colon Missing "
+                          "in no colon at all\\n"),
+              1)
+        << debug.Dump();
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Second Colon Missing in \"1.000:NavGps"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Invalid Client Name ABCDEFGHIJKLMNOPQRSTU"), 1);
+
+    // An unknown type character is warned about and read as unspecified.
+    const ParsedRecord parsed = Parse("'1.000:Nav:x     123\n");
+    EXPECT_TRUE(parsed.ok);
+    EXPECT_EQ(parsed.dataType, kDataTypeUnspecified);
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Invalid Data Type 7"), 1);
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+#include "libreplay/MemoryBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayCore::MemoryBuffer;
+using ReplayTest::CapturedDebug;
+
+// Capturing the debug channels logs to the file log, so every test keeps a
+// private target root.
+class MemoryBufferTest : public ReplayTest::TargetRootTest {};
+
+bool AllZero(const MemoryBuffer& buffer) {
+    for (unsigned int i = 0; i < buffer.Capacity(); ++i) {
+        if (buffer.Get()[i] != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST_F(MemoryBufferTest, GrowsToThePowerOfTwoAboveTheRequestAndDropsContents) {
+    CapturedDebug debug;
+    const unsigned int cases[][2] = {{1, 2}, {8, 16}, {1000, 1024}, {1024, 2048}, {2041, 2048}};
+    for (const auto& c : cases) {
+        MemoryBuffer buffer("Growth", 0, 65535);
+        ASSERT_NE(buffer.ExpandBuffer(c[0], true), nullptr) << c[0];
+        EXPECT_EQ(buffer.Capacity(), c[1]) << c[0];
+    }
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage,
+                          "MemoryBuffer Growth: Bytes requested=1000; "
+                          "Current Buffer Size=0; New size = 1024"),
+              1);
+
+    MemoryBuffer buffer("Drop", 16, 4096);
+    std::memset(buffer.Get(), 0x77, buffer.Capacity());
+    buffer.SetLength(16);
+    ASSERT_NE(buffer.ExpandBuffer(100, true), nullptr);
+    EXPECT_EQ(buffer.Capacity(), 128u);
+    EXPECT_EQ(buffer.Length(), 0u);
+    EXPECT_TRUE(AllZero(buffer));
+}
+
+TEST_F(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) {
+    CapturedDebug debug;
+    MemoryBuffer empty("Empty", 0, 100);
+    EXPECT_EQ(empty.Get(), nullptr);
+    EXPECT_EQ(empty[0], nullptr);
+    EXPECT_EQ(empty.ExpandBuffer(0, true), nullptr);  // zero capacity already suffices
+    EXPECT_TRUE(debug.Lines().empty()) << debug.Dump();
+
+    MemoryBuffer buffer("Reuse", 100, 1000);
+    unsigned char* storage = buffer.Get();
+    std::memset(storage, 0x5A, buffer.Capacity());
+    buffer.SetLength(17);
+    EXPECT_EQ(buffer.ExpandBuffer(buffer.Capacity(), false), storage);
+    EXPECT_EQ(storage[buffer.Capacity() - 1], 0x5A);
+    EXPECT_EQ(buffer.ExpandBuffer(10, true), storage);
+    EXPECT_TRUE(AllZero(buffer));
+    EXPECT_EQ(buffer.Length(), 17u);
+}
+
+TEST_F(MemoryBufferTest, RefusedRequestsKeepTheOldStorage) {
+    CapturedDebug debug;
+    MemoryBuffer atLimit("Limited", 0, 1000);
+    ASSERT_NE(atLimit.ExpandBuffer(1000, false), nullptr);
+    EXPECT_EQ(atLimit.Capacity(), 1024u);  // may exceed the limit
+
+    MemoryBuffer refused("Limited", 8, 1000);
+    unsigned char* storage = refused.Get();
+    storage[0] = 42;
+    EXPECT_EQ(refused.ExpandBuffer(1001, true), nullptr);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "MemoryBuffer Limited::AllocateBuffer: Requested "
+                          "size of 1001 exceeds limit of 1000"),
+              1);
+    // A capacity beyond 32 bits cannot be allocated at all.
+    MemoryBuffer huge("Huge", 8, UINT_MAX);
+    EXPECT_EQ(huge.ExpandBuffer(0x80000000u, false), nullptr);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "MemoryBuffer Huge::AllocateBuffer: Failed to"),
+              1);
+    for (MemoryBuffer* buffer : {&refused, &huge}) {
+        EXPECT_EQ(buffer->Capacity(), 16u);
+    }
+    EXPECT_EQ(refused.Get(), storage);
+    EXPECT_EQ(storage[0], 42);
+}
+
+TEST_F(MemoryBufferTest, IndexAcceptsOnePastTheEndAndFallsBackToByteZeroBeyond) {
+    MemoryBuffer buffer("Index", 10, 100);
+    CapturedDebug debug;
+    EXPECT_EQ(buffer[16], buffer.Get() + 16);
+    EXPECT_TRUE(debug.Lines().empty());
+    EXPECT_EQ(buffer[17], buffer.Get());
+    EXPECT_EQ(debug.Count(CapturedDebug::kError,
+                          "libReplay::MemoryBuffer::index: Attempt to Index "
+                          "past End of Array: index=17 exceeds limit of 16"),
+              1);
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include "tools/replaylog/ToolSupport.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace ReplayLogTool {
+
+bool RecordFilter::Prepare(std::string& error) {
+    if (!fromText.empty()) {
+        if (!ReplayCore::LogFormat::ParseRecordTime(fromText.data(), fromText.size(), fromMs)) {
+            error = "--from: not a time in seconds (like 12.345): " + fromText;
+            return false;
+        }
+        hasFrom = true;
+    }
+    if (!toText.empty()) {
+        if (!ReplayCore::LogFormat::ParseRecordTime(toText.data(), toText.size(), toMs)) {
+            error = "--to: not a time in seconds (like 12.345): " + toText;
+            return false;
+        }
+        hasTo = true;
+    }
+    return true;
+}
+
+bool RecordFilter::SegmentSelected(uint32_t segment) const {
+    return segments.empty() ||
+           std::find(segments.begin(), segments.end(), segment) != segments.end();
+}
+
+bool RecordFilter::Selects(const ReplayCore::LogRecord& record,
+                           const ReplayCore::LogClientRecord* fields, bool parsed) const {
+    if (!SegmentSelected(record.segment)) {
+        return false;
+    }
+    if (!parsed || fields == nullptr) {
+        return !Active();
+    }
+    if (!clients.empty() &&
+        std::find(clients.begin(), clients.end(), fields->clientName) == clients.end()) {
+        return false;
+    }
+    if (hasFrom && fields->blockTimeMs < fromMs) {
+        return false;
+    }
+    if (hasTo && fields->blockTimeMs > toMs) {
+        return false;
+    }
+    return true;
+}
+
+std::string Printable(const char* data, size_t length) {
+    std::string out;
+    out.reserve(length);
+    char escape[8];
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(data[i]);
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\\') {
+            out += "\\\\";
+        } else if (c < 32 || c > 126) {
+            snprintf(escape, sizeof escape, "\\x%02x", c);
+            out += escape;
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    return out;
+}
+
+std::string Printable(const std::string& bytes) {
+    return Printable(bytes.data(), bytes.size());
+}
+
+std::string HexBytes(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size() * 2);
+    for (unsigned char c : bytes) {
+        out.push_back(digits[c >> 4]);
+        out.push_back(digits[c & 15]);
+    }
+    return out;
+}
+
+std::string DecodeBinaryItem(const char* text, size_t length) {
+    // Each character carries 7 bits (its value minus 37), lowest bits first;
+    // a character outside 37..164 ends the data.
+    std::string out;
+    uint32_t bits = 0;
+    int count = 0;
+    for (size_t i = 0; i < length; ++i) {
+        const int value = static_cast<unsigned char>(text[i]) - 37;
+        if (value < 0 || value > 127) {
+            break;
+        }
+        bits |= static_cast<uint32_t>(value) << count;
+        count += 7;
+        if (count >= 8) {
+            out.push_back(static_cast<char>(bits & 0xFF));
+            bits >>= 8;
+            count -= 8;
+        }
+    }
+    return out;
+}
+
+const char* KindName(ReplayCore::LogRecordKind kind) {
+    switch (kind) {
+        case ReplayCore::LogRecordKind::kHeader:
+            return "header";
+        case ReplayCore::LogRecordKind::kClient:
+            return "client";
+        case ReplayCore::LogRecordKind::kOther:
+            return "other";
+    }
+    return "other";
+}
+
+void ReportError(const std::string& text) {
+    fprintf(stderr, "replaylog: %s\n", text.c_str());
+}
+
+}  // namespace ReplayLogTool

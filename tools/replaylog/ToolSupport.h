@@ -1,0 +1,74 @@
+#ifndef TOOLS_REPLAYLOG_TOOLSUPPORT_H
+#define TOOLS_REPLAYLOG_TOOLSUPPORT_H
+
+// Options and helpers shared by the replaylog subcommands.
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "libreplay/ReplayLogReader.h"
+#include "libreplay/ReplayLogRecord.h"
+
+namespace ReplayLogTool {
+
+// Exit statuses, also listed in the tool's help.
+enum ExitStatus {
+    kExitOk = 0,
+    kExitProblems = 1,   // verify found problems
+    kExitFileError = 2,  // a file cannot be read or written
+    kExitUsage = 3,      // bad command line
+};
+
+struct CommonOptions {
+    std::string logFile;
+    bool json = false;
+};
+
+// Which records dump, extract and cut take.
+struct RecordFilter {
+    std::vector<std::string> clients;
+    std::vector<uint32_t> segments;
+    std::string fromText;
+    std::string toText;
+    // Parsed from the texts by Prepare.
+    bool hasFrom = false;
+    bool hasTo = false;
+    int64_t fromMs = 0;
+    int64_t toMs = 0;
+
+    // False with `error` set when a time does not parse.
+    bool Prepare(std::string& error);
+    bool Active() const { return !clients.empty() || hasFrom || hasTo; }
+    bool SegmentSelected(uint32_t segment) const;
+    // A client record passes when its client and block time are selected;
+    // header and other records pass only when no client or time filter is set.
+    bool Selects(const ReplayCore::LogRecord& record, const ReplayCore::LogClientRecord* fields,
+                 bool parsed) const;
+};
+
+// The payload with bytes outside printable ASCII shown as \n, \r, \t or \xNN.
+std::string Printable(const std::string& bytes);
+std::string Printable(const char* data, size_t length);
+
+std::string HexBytes(const std::string& bytes);
+
+// Undoes the 7-bit text encoding of binary items.
+std::string DecodeBinaryItem(const char* text, size_t length);
+
+const char* KindName(ReplayCore::LogRecordKind kind);
+
+// Prints "replaylog: <text>" on standard error.
+void ReportError(const std::string& text);
+
+int RunInfo(const CommonOptions& options);
+int RunVerify(const CommonOptions& options);
+int RunDump(const CommonOptions& options, const RecordFilter& filter);
+int RunExtract(const CommonOptions& options, const RecordFilter& filter,
+               const std::string& outputDirectory);
+int RunCut(const CommonOptions& options, const RecordFilter& filter, const std::string& output);
+
+}  // namespace ReplayLogTool
+
+#endif
