@@ -16,32 +16,11 @@
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
+#include "tests/support/TestSupport.h"
 
 namespace ServerTest {
 
-// Replaces the library clock for its lifetime; the time moves only when the
-// test sets it.
-class ManualClock {
-  public:
-    explicit ManualClock(int64_t startMs) {
-        Now().store(startMs);
-        ReplayCore::SetClockSourceForTesting(&Read);
-    }
-    ~ManualClock() { ReplayCore::SetClockSourceForTesting(nullptr); }
-    ManualClock(const ManualClock&) = delete;
-    ManualClock& operator=(const ManualClock&) = delete;
-
-    void Set(int64_t ms) { Now().store(ms); }
-    void Advance(int64_t ms) { Now().fetch_add(ms); }
-    int64_t Get() const { return Now().load(); }
-
-  private:
-    static std::atomic<int64_t>& Now() {
-        static std::atomic<int64_t> now{0};
-        return now;
-    }
-    static int64_t Read() { return Now().load(); }
-};
+using ManualClock = ReplayTest::ManualClock;
 
 inline sockaddr_in Address(const std::string& ip, int port) {
     sockaddr_in address;
