@@ -117,9 +117,11 @@ ReplayResult ReplayRunner::Run() {
             break;
         }
         const auto now = std::chrono::steady_clock::now();
+        // Records due within the lead time of the start go out at once.
         result.maxSendLatenessMs = std::max<int64_t>(
             result.maxSendLatenessMs,
-            std::chrono::duration_cast<std::chrono::milliseconds>(now - due).count());
+            std::chrono::duration_cast<std::chrono::milliseconds>(now - std::max(due, anchor))
+                .count());
         if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
                 .IsError()) {
             ++result.sendFailures;
