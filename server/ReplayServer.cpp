@@ -10,6 +10,7 @@
 #include "libreplay/ClientRecord.h"
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayDebug.h"
+#include "libreplay/ReplayLogRecord.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
@@ -144,19 +145,17 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
         return false;
     }
     const std::string record(data, static_cast<size_t>(nBytes));
-    std::string name;
-    MSTime::MSTimeStruct time;
-    unsigned int dataType = 0;
-    unsigned int firstNumber = 0;
-    unsigned int sequence = 0;
-    unsigned int payloadLength = 0;
-    unsigned int payloadStart = 0;
-    if (!ParseClientRecord(record, name, time, dataType, firstNumber, sequence, payloadLength,
-                           payloadStart) ||
-        name.empty()) {
+    // The quiet parser: the library's record parser times itself with a
+    // timer that the log writer thread uses too, so it stays on that thread.
+    ReplayCore::LogClientRecord fields;
+    if (!ReplayCore::ParseLogClientRecord(record, fields) || fields.clientName.empty()) {
         m_unparsable.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
+    const std::string& name = fields.clientName;
+    const unsigned int sequence = fields.sequenceNumber;
+    const size_t payloadStart = fields.payloadStart;
+    const size_t payloadLength = fields.payloadLength;
     const bool status = IsStatusRecord(data, nBytes);
 
     bool accepted = true;
