@@ -1,10 +1,78 @@
 #!/usr/bin/env bash
-# Builds the project and runs the main job.
+# The main job: builds the project, then records about ten seconds of three
+# simulated navigation components through the logger service and the replay
+# server, replays the log to them and reports what came back and when.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+repo=$(pwd)
 scripts/install-deps.sh
 
-jobs=${JOBS:-$(nproc)}
-cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/release -j "$jobs"
-build/release/examples/replay_tour
+jobs=${JOBS:-2}
+record_seconds=${RECORD_SECONDS:-10}
+build_dir=${BUILD_DIR:-build/release}
+cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build_dir" -j "$jobs" --target replay-logger ReplayManager demo_client replaylog
+
+bin=$(cd "$build_dir" && pwd)
+root=$(mktemp -d "${TMPDIR:-/tmp}/replay-demo.XXXXXX")
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do
+    kill -TERM "$pid" 2>/dev/null || true
+  done
+  for pid in "${pids[@]}"; do
+    wait "$pid" 2>/dev/null || true
+  done
+  [ -n "${KEEP_ROOT:-}" ] && echo "kept $root" || rm -rf "$root"
+}
+trap cleanup EXIT
+
+export REPLAY_TARGET_ROOT=$root ENABLE_REPLAY=1
+mkdir -p "$root/fs/usb0" "$root/tmp" "$root/work"
+cd "$root/work"
+printf 'serverIP:127.0.0.1;\nnetworkingLatency:100;\nserverLeadTime:100;\n' >ReplayConfig.txt
+
+"$bin/logger/replay-logger" --ready-file "$root/logger.ready" >"$root/logger.out" 2>&1 &
+pids+=($!)
+for _ in $(seq 100); do [ -f "$root/logger.ready" ] && break; sleep 0.1; done
+
+"$bin/server/ReplayManager" >"$root/server.out" 2>&1 </dev/null &
+pids+=($!)
+ctl() { "$bin/server/ReplayManager" send "$*"; }
+for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.1; done
+
+clients=(gps can compass)
+client_pids=()
+for name in "${clients[@]}"; do
+  "$bin/examples/demo_client" "$name" "$root/$name.journal" >"$root/$name.out" 2>&1 &
+  client_pids+=($!)
+  pids+=($!)
+done
+for _ in $(seq 100); do
+  [ "$(ctl clients | tail -n +2 | grep -c Running || true)" -ge ${#clients[@]} ] && break
+  sleep 0.1
+done
+
+echo "Recording ${record_seconds} s of ${clients[*]} ..."
+ctl record "$record_seconds" >/dev/null
+ctl wait >/dev/null
+ctl status
+
+log=$root/fs/usb0/LOGFILE.DAT
+echo
+"$bin/tools/replaylog/replaylog" info "$log" || true
+echo
+echo "Replaying ..."
+ctl replay "$log"
+ctl wait
+sleep 0.5
+
+for pid in "${client_pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+status=0
+for pid in "${client_pids[@]}"; do wait "$pid" || status=1; done
+echo
+echo "Report:"
+for name in "${clients[@]}"; do
+  grep -o 'demo_client .*' "$root/$name.out" || { echo "demo_client $name: no summary"; status=1; }
+done
+exit $status

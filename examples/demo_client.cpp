@@ -1,0 +1,258 @@
+// demo_client: a simulated navigation component. While the server records,
+// it sends a position text at 10 Hz and a binary sensor frame at 50 Hz and
+// keeps a journal of what it sent; while the server replays, it checks that
+// what comes back is what it sent (byte for byte, in order) and measures when
+// each item arrives against when it was recorded.
+//
+//   demo_client NAME JOURNAL [SECONDS]
+//
+// Runs for SECONDS (default: until SIGINT or SIGTERM), then prints one
+// summary line; exit status 0 unless a replayed item did not match.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libreplay/ReplayClient.h"
+#include "libreplay/ReplayCore.h"
+
+namespace {
+
+const char kInitPrefix[] = "INIT:";
+
+std::atomic<bool> g_stop{false};
+
+struct Received {
+    std::string bytes;
+    int64_t momentMs;  // monotonic, at the callback
+};
+
+std::mutex g_receivedMutex;
+std::vector<Received> g_received;
+
+int64_t NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+int OnReplay(void* data, unsigned int nBytes, unsigned int /*clientTime*/) {
+    const int64_t moment = NowMs();
+    std::string bytes(static_cast<const char*>(data), nBytes);
+    if (bytes.compare(0, sizeof kInitPrefix - 1, kInitPrefix) == 0) {
+        return 1;  // the initialisation record, not part of the journal
+    }
+    std::lock_guard<std::mutex> lock(g_receivedMutex);
+    g_received.push_back({std::move(bytes), moment});
+    return 1;
+}
+
+void OnSignal(int) {
+    g_stop.store(true);
+}
+
+std::string Hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned char c : bytes) {
+        text += digits[c >> 4];
+        text += digits[c & 15];
+    }
+    return text;
+}
+
+std::string Unhex(const std::string& text) {
+    std::string bytes;
+    for (size_t i = 0; i + 1 < text.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+struct JournalItem {
+    int64_t timeMs;
+    std::string bytes;
+};
+
+std::vector<JournalItem> ReadJournal(const std::string& path) {
+    std::vector<JournalItem> items;
+    std::ifstream in(path);
+    int64_t time = 0;
+    std::string hex;
+    while (in >> time >> hex) {
+        items.push_back({time, Unhex(hex)});
+    }
+    return items;
+}
+
+// Position text: changes every item, so a reordered or repeated item shows.
+std::string PositionText(unsigned int count) {
+    char text[96];
+    std::snprintf(text, sizeof text, "POS %u lat=%.6f lon=%.6f speed=%.1f", count,
+                  48.137 + count * 1e-5, 11.575 + count * 2e-5, 13.5 + std::sin(count * 0.1));
+    return text;
+}
+
+// A sensor frame with every byte value, the separator and line ends among
+// them, so the binary path is exercised for real.
+std::string SensorFrame(unsigned int count) {
+    std::string frame(48, '\0');
+    for (size_t i = 0; i < frame.size(); ++i) {
+        frame[i] = static_cast<char>((count * 7 + i * 31) & 0xFF);
+    }
+    frame[0] = static_cast<char>(0xDE);
+    frame[1] = '\n';
+    std::memcpy(&frame[4], &count, sizeof count);
+    return frame;
+}
+
+void Record(std::ofstream& journal, unsigned int& positions, unsigned int& frames,
+            int64_t& nextPosition, int64_t& nextFrame) {
+    const int64_t now = NowMs();
+    auto send = [&journal](const std::string& bytes, unsigned int type) {
+        const int64_t itemTime = ReplayCore::MSTime::CurrentTimeMS().m_timeMilliseconds;
+        if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
+                                         false, type) >= 0 &&
+            ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
+            journal << itemTime << ' ' << Hex(bytes) << '\n';
+        }
+    };
+    if (now >= nextFrame) {
+        send(SensorFrame(frames++), kDataTypeBinary);
+        nextFrame += 20;
+    }
+    if (now >= nextPosition) {
+        send(PositionText(positions++), kDataTypeAsciiText);
+        nextPosition += 100;
+    }
+}
+
+struct StreamCheck {
+    size_t recorded = 0;
+    size_t replayed = 0;
+    bool identical = true;
+    std::vector<int64_t> errors;
+};
+
+// Compares one stream (positions or sensor frames) of the replay with the
+// journal: the replayed items must be consecutive journal items.
+void CheckStream(const std::vector<JournalItem>& journal, const std::vector<Received>& received,
+                 StreamCheck& check) {
+    check.recorded += journal.size();
+    check.replayed += received.size();
+    if (received.empty()) {
+        return;
+    }
+    size_t start = 0;
+    while (start < journal.size() && journal[start].bytes != received[0].bytes) {
+        ++start;
+    }
+    for (size_t i = 0; i < received.size(); ++i) {
+        if (start + i >= journal.size() || journal[start + i].bytes != received[i].bytes) {
+            check.identical = false;
+            return;
+        }
+        const int64_t recorded = journal[start + i].timeMs - journal[start].timeMs;
+        const int64_t replayed = received[i].momentMs - received[0].momentMs;
+        check.errors.push_back(std::llabs(replayed - recorded));
+    }
+}
+
+bool IsPosition(const std::string& bytes) {
+    return bytes.compare(0, 4, "POS ") == 0;
+}
+
+int Summarise(const std::string& name, const std::string& journalPath) {
+    const std::vector<JournalItem> journal = ReadJournal(journalPath);
+    std::vector<Received> received;
+    {
+        std::lock_guard<std::mutex> lock(g_receivedMutex);
+        received = g_received;
+    }
+    StreamCheck check;
+    for (const bool positions : {true, false}) {
+        std::vector<JournalItem> sent;
+        std::vector<Received> back;
+        for (const JournalItem& item : journal) {
+            if (IsPosition(item.bytes) == positions) {
+                sent.push_back(item);
+            }
+        }
+        for (const Received& item : received) {
+            if (IsPosition(item.bytes) == positions) {
+                back.push_back(item);
+            }
+        }
+        CheckStream(sent, back, check);
+    }
+    std::vector<int64_t>& errors = check.errors;
+    double mean = 0;
+    int64_t p99 = 0;
+    int64_t max = 0;
+    if (!errors.empty()) {
+        for (int64_t e : errors) {
+            mean += static_cast<double>(e);
+        }
+        mean /= static_cast<double>(errors.size());
+        std::sort(errors.begin(), errors.end());
+        p99 = errors[std::min(errors.size() - 1, errors.size() * 99 / 100)];
+        max = errors.back();
+    }
+    const bool identical = check.replayed > 0 && check.identical;
+    std::printf(
+        "\ndemo_client %s: recorded %zu items; replayed %zu items; identical in order: "
+        "%s; missing %zu; timing error ms: mean %.1f p99 %lld max %lld\n",
+        name.c_str(), check.recorded, check.replayed, identical ? "yes" : "no",
+        check.recorded - std::min(check.recorded, check.replayed), mean,
+        static_cast<long long>(p99), static_cast<long long>(max));
+    std::fflush(stdout);
+    return check.replayed == 0 || identical ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: demo_client NAME JOURNAL [SECONDS]\n");
+        return 2;
+    }
+    const std::string name = argv[1];
+    const std::string journalPath = argv[2];
+    const double seconds = argc > 3 ? std::atof(argv[3]) : 0;
+    signal(SIGINT, OnSignal);
+    signal(SIGTERM, OnSignal);
+
+    const std::string init = std::string(kInitPrefix) + name;
+    ReplayClient::InitializeReplayClient(name.c_str(), OnReplay, nullptr, kDataTypeAsciiText,
+                                         init.data(), static_cast<unsigned int>(init.size()));
+    std::ofstream journal(journalPath, std::ios::app);
+    unsigned int positions = 0;
+    unsigned int frames = 0;
+    int64_t nextPosition = NowMs();
+    int64_t nextFrame = nextPosition;
+    const int64_t end = seconds > 0 ? NowMs() + static_cast<int64_t>(seconds * 1000) : INT64_MAX;
+    while (!g_stop.load() && NowMs() < end) {
+        if (ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
+            Record(journal, positions, frames, nextPosition, nextFrame);
+        } else {
+            nextPosition = nextFrame = NowMs();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    journal.close();
+    const int status = Summarise(name, journalPath);
+    ReplayClient::ShutDownClient(0, nullptr);
+    return status;
+}

@@ -1,0 +1,335 @@
+#include "server/ReplayServer.h"
+
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "libreplay/ClientRecord.h"
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayDebug.h"
+#include "libreplay/ReplayLogRecord.h"
+
+using ReplayCore::FileLogger;
+using ReplayCore::MSTime;
+using ReplayCore::ReplayState;
+using ReplayCore::ReplayStateManager;
+
+namespace ReplayServer {
+
+namespace {
+
+constexpr int kWriterStackSize = 65536;
+constexpr int kWriterPriority = 10;
+
+bool IsStatusRecord(const char* data, int nBytes) {
+    return nBytes > 0 && data[0] == '#';
+}
+
+}  // namespace
+
+ReplayServer::ReplayServer(const ServerSettings& settings) : m_settings(settings) {}
+
+ReplayServer::~ReplayServer() {
+    Shutdown();
+}
+
+bool ReplayServer::Start(std::string& error) {
+    if (m_started) {
+        return true;
+    }
+    // The writer first: records may arrive as soon as the socket is bound.
+    m_writer.reset(new LogWriterThread(m_writerState, kWriterStackSize, kWriterPriority));
+    m_writer->SetClientDataList(&GetClientDataList());
+    if (!m_writer->start()) {
+        error = "cannot start the log writer thread";
+        m_writer.reset();
+        return false;
+    }
+    for (int waited = 0; !LogWriterThread::PipeOpen() && waited < 2000; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!LogWriterThread::PipeOpen()) {
+        error = "the log writer thread did not open its pipe";
+        m_writer.reset();
+        return false;
+    }
+
+    if (!m_settings.bindAddress.empty()) {
+        SetBindAddress(m_settings.bindAddress);
+    }
+    if (Open(m_settings.port, nullptr, static_cast<int>(m_settings.clientLimit)) < 0) {
+        char text[160];
+        std::snprintf(text, sizeof text, "cannot bind UDP port %d on %s: %s", m_settings.port,
+                      m_settings.bindAddress.empty() ? "0.0.0.0" : m_settings.bindAddress.c_str(),
+                      std::strerror(errno));
+        error = text;
+        m_writer.reset();
+        return false;
+    }
+    // Linux caps SO_RCVBUF at rmem_max; SO_RCVBUFFORCE passes the cap when
+    // the process may, so try it first.
+    const int wanted = m_settings.receiveBufferBytes;
+    if (setsockopt(Socket(), SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0) {
+        setsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    }
+    socklen_t size = sizeof m_receiveBufferBytes;
+    getsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &m_receiveBufferBytes, &size);
+    FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: receive buffer %d bytes",
+                          m_receiveBufferBytes);
+    m_started = true;
+    return true;
+}
+
+void ReplayServer::Shutdown() {
+    if (!m_started) {
+        StopReadThread();
+        return;
+    }
+    m_started = false;
+    if (GetState() == ReplayCore::eStateRecord) {
+        StopRecording(0);
+    } else {
+        FlushWriteQueue();
+    }
+    // No datagram may reach the handler once the writer is gone.
+    StopReadThread();
+    m_writer.reset();
+}
+
+std::string ReplayServer::StateCommand(ReplayState state, const std::string& name,
+                                       const std::string& extraArguments) {
+    std::string arguments = "s=" + std::to_string(SlotOf(name));
+    if (state == ReplayCore::eStateRecord) {
+        // The client measures its latency against the server's clock.
+        arguments += ";t=" + MSTime::CurrentTimeMS().ToString();
+    }
+    if (!extraArguments.empty()) {
+        arguments += ";" + extraArguments;
+    }
+    return ReplayStateManager::GetCommandFromState(state, arguments);
+}
+
+unsigned int ReplayServer::SlotOf(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_slotMutex);
+    const auto found = m_slots.find(name);
+    if (found != m_slots.end()) {
+        return found->second;
+    }
+    // The least used slot, lowest first, so that up to ten clients never share.
+    unsigned int uses[kTimeSlots] = {};
+    for (const auto& entry : m_slots) {
+        ++uses[entry.second % kTimeSlots];
+    }
+    unsigned int best = 0;
+    for (unsigned int slot = 1; slot < kTimeSlots; ++slot) {
+        if (uses[slot] < uses[best]) {
+            best = slot;
+        }
+    }
+    m_slots[name] = best;
+    return best;
+}
+
+bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData& client,
+                                        bool isNewClient) {
+    static const char* const kTag = "ReplayServer::ReplayServer::ProcessClientMessage";
+    if (nBytes <= 0) {
+        return false;
+    }
+    m_datagrams.fetch_add(1, std::memory_order_relaxed);
+    if (!ReplayCore::CheckSumValid(data, static_cast<unsigned int>(nBytes))) {
+        m_checksumFailures.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    const std::string record(data, static_cast<size_t>(nBytes));
+    // The quiet parser: the library's record parser times itself with a
+    // timer that the log writer thread uses too, so it stays on that thread.
+    ReplayCore::LogClientRecord fields;
+    if (!ReplayCore::ParseLogClientRecord(record, fields) || fields.clientName.empty()) {
+        m_unparsable.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    const std::string& name = fields.clientName;
+    const unsigned int sequence = fields.sequenceNumber;
+    const size_t payloadStart = fields.payloadStart;
+    const size_t payloadLength = fields.payloadLength;
+    const bool status = IsStatusRecord(data, nBytes);
+
+    bool accepted = true;
+    if (isNewClient) {
+        // A process announces itself with a bare status record or its
+        // initialisation record (block 0); anything else from an unknown
+        // port is a client that lost its entry.
+        const bool isConnect = (status && payloadLength == 0) || (!status && sequence == 0);
+        accepted = AcceptNewClient(name, record, isConnect, client);
+        if (!accepted && client.GetClientName().empty()) {
+            return false;
+        }
+    }
+    if (status && payloadLength > 0) {
+        // The client's last report (state changes, replay errors) for status.
+        client.SetAuxiliaryText(record.substr(payloadStart, payloadLength));
+    }
+    if (DebugOutputAttached()) {
+        dbgMessage("%s::%s: %s record of %d bytes from %s\n", DebugAppName(), kTag,
+                   status ? "status" : "data", nBytes, name.c_str());
+    }
+    if (status) {
+        m_statusRecords.fetch_add(1, std::memory_order_relaxed);
+    } else if (!m_replaying.load(std::memory_order_relaxed)) {
+        Forward(data, nBytes);
+    }
+    return accepted;
+}
+
+bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /*record*/,
+                                   bool isConnect, ClientData& client) {
+    ClientDataList& table = GetClientDataList();
+    ClientData* existing = table.FindByName(name);
+    if (existing == nullptr && table.Size(false) >= m_settings.clientLimit) {
+        m_refusedClients.fetch_add(1, std::memory_order_relaxed);
+        if (m_refusedNames.insert(name).second) {
+            std::printf(
+                "\nReplayManager: refusing client %s (port %d): limit of %zu clients "
+                "reached\n",
+                name.c_str(), client.GetPort(), m_settings.clientLimit);
+            std::fflush(stdout);
+            FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                                  "Refusing client %s: limit of %zu clients reached", name.c_str(),
+                                  m_settings.clientLimit);
+        }
+        return false;
+    }
+    if (client.GetClientName().empty()) {
+        client.SetClientName(name);
+    }
+    client.SetProtocol(ClientData::eProtocolDefault);
+
+    // Tell the newcomer its slot and the state it should be in. A client that
+    // joins during replay has nothing recorded to receive: it stays stopped.
+    const ReplayState state = GetState() == ReplayCore::eStateRecord ? ReplayCore::eStateRecord
+                                                                     : ReplayCore::eStateStopped;
+    const std::string command = StateCommand(state, name, "");
+    SendTo(command.data(), static_cast<unsigned int>(command.size()), client);
+
+    if (existing == nullptr) {
+        return true;
+    }
+    if (isConnect && !existing->IsSick()) {
+        // The same name connecting from a new port: the old process is gone
+        // (a process announces itself once). Marking its entry failed lets
+        // the table replace it instead of treating the two as duplicates.
+        existing->SetStatus(ClientData::Failed);
+        std::printf("\nReplayManager: client %s restarted (port %d, was %d)\n", name.c_str(),
+                    client.GetPort(), existing->GetPort());
+        std::fflush(stdout);
+    }
+    // The table replaces a sick entry of this name, or marks a duplicate.
+    return false;
+}
+
+void ReplayServer::Forward(const char* data, int nBytes) {
+    std::lock_guard<std::mutex> lock(m_forwardMutex);
+    if (LogWriterThread::WriteRecord(data, static_cast<unsigned int>(nBytes)) == nBytes) {
+        m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
+    } else {
+        m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+int ReplayServer::CommandAllClients(ReplayState state, const std::string& extraArguments) {
+    int sent = 0;
+    for (const ClientData& client : Clients()) {
+        if (client.IsSick() || client.GetClientName().empty()) {
+            continue;
+        }
+        if (!CommandClient(client.GetClientName(), state, extraArguments).IsError()) {
+            ++sent;
+        }
+    }
+    return sent;
+}
+
+ReplayError ReplayServer::CommandClient(const std::string& name, ReplayState state,
+                                        const std::string& extraArguments) {
+    return SendTo(name, StateCommand(state, name, extraArguments), -1, false);
+}
+
+ReplayError ReplayServer::SendRecord(const std::string& name, const std::string& record,
+                                     int sequence) {
+    return SendTo(name, record, sequence, false);
+}
+
+void ReplayServer::StartRecording() {
+    m_replaying.store(false, std::memory_order_relaxed);
+    m_state.store(ReplayCore::eStateRecord, std::memory_order_relaxed);
+    GetClientDataList().ClearDroppedPacketCounts(true);
+    CommandAllClients(ReplayCore::eStateRecord);
+    FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording started");
+}
+
+bool ReplayServer::StopRecording(int settleMs) {
+    m_state.store(ReplayCore::eStateStopped, std::memory_order_relaxed);
+    CommandAllClients(ReplayCore::eStateStopped);
+    if (settleMs > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
+    }
+    FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording stopped");
+    return FlushWriteQueue();
+}
+
+void ReplayServer::SetReplaying(bool replaying) {
+    m_replaying.store(replaying, std::memory_order_relaxed);
+    m_state.store(replaying ? ReplayCore::eStateReplay : ReplayCore::eStateStopped,
+                  std::memory_order_relaxed);
+}
+
+bool ReplayServer::FlushWriteQueue(int timeoutMs) {
+    if (m_writer == nullptr || !LogWriterThread::PipeOpen()) {
+        return false;
+    }
+    char record[256];
+    const char* message = "stop";
+    unsigned int length =
+        ReplayCore::WriteStatusRecord(record, sizeof record, MSTime::CurrentTimeMS(), kServerName,
+                                      message, static_cast<unsigned int>(std::strlen(message)));
+    unsigned int checksum = 0;
+    const int total = ReplayCore::AppendChecksum(record, length, sizeof record, checksum);
+    if (total < 0) {
+        return false;
+    }
+    uint64_t target = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_forwardMutex);
+        if (LogWriterThread::WriteRecord(record, static_cast<unsigned int>(total)) != total) {
+            m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        target = m_recordsForwarded.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (m_writer->GetMessagesProcessed() < target) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+ServerCounters ReplayServer::Counters() const {
+    ServerCounters counters;
+    counters.datagrams = m_datagrams.load(std::memory_order_relaxed);
+    counters.checksumFailures = m_checksumFailures.load(std::memory_order_relaxed);
+    counters.unparsable = m_unparsable.load(std::memory_order_relaxed);
+    counters.recordsForwarded = m_recordsForwarded.load(std::memory_order_relaxed);
+    counters.forwardFailures = m_forwardFailures.load(std::memory_order_relaxed);
+    counters.statusRecords = m_statusRecords.load(std::memory_order_relaxed);
+    counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
+    return counters;
+}
+
+}  // namespace ReplayServer

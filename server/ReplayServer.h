@@ -1,0 +1,126 @@
+#ifndef SERVER_REPLAYSERVER_H
+#define SERVER_REPLAYSERVER_H
+
+// The replay server's receive side: names and accepts clients, gives each its
+// own time slot, steers their state with commands and passes every data record
+// to the log writer thread, which orders the records and writes the log.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "libreplay/ClientDataList.h"
+#include "libreplay/ReplayCore.h"
+#include "libreplay/ReplayLogManager.h"
+#include "libreplay/UDPSocketServer.h"
+
+namespace ReplayServer {
+
+// Counts kept by the receive path; read by status reports from other threads.
+struct ServerCounters {
+    uint64_t datagrams = 0;
+    uint64_t checksumFailures = 0;
+    uint64_t unparsable = 0;
+    uint64_t recordsForwarded = 0;
+    uint64_t forwardFailures = 0;
+    uint64_t statusRecords = 0;
+    uint64_t refusedClients = 0;
+};
+
+struct ServerSettings {
+    // Empty: the wildcard address.
+    std::string bindAddress;
+    int port = 4400;
+    size_t clientLimit = 64;
+    // Receive buffer asked for, so that bursts from many clients wait in the
+    // kernel while the receive path is busy.
+    int receiveBufferBytes = 8 * 1024 * 1024;
+};
+
+class ReplayServer : public UDPSocketServer {
+  public:
+    static constexpr const char* kServerName = "ReplayManager";
+    // Ten clients share a second in slots 0 to 9; more clients share slots.
+    static constexpr unsigned int kTimeSlots = 10;
+
+    explicit ReplayServer(const ServerSettings& settings);
+    ~ReplayServer() override;
+    ReplayServer(const ReplayServer&) = delete;
+    ReplayServer& operator=(const ReplayServer&) = delete;
+
+    // Binds the socket, enlarges its receive buffer and starts the log writer
+    // thread. False with `error` when the port cannot be bound.
+    bool Start(std::string& error);
+    // Flushes the write queue and ends both threads; idempotent.
+    void Shutdown();
+
+    bool ProcessClientMessage(const char* data, int nBytes, ClientData& client,
+                              bool isNewClient) override;
+
+    ReplayCore::ReplayState GetState() const {
+        return static_cast<ReplayCore::ReplayState>(m_state.load(std::memory_order_relaxed));
+    }
+    // Moves every client to `state`: each gets its slot (and, when recording,
+    // the server's time for its latency measurement). `extraArguments`
+    // ("key=value;...") follow the slot. Returns the number sent to.
+    int CommandAllClients(ReplayCore::ReplayState state, const std::string& extraArguments = "");
+    // Sends the state command to one named client.
+    ReplayError CommandClient(const std::string& name, ReplayCore::ReplayState state,
+                              const std::string& extraArguments = "");
+    // Sends raw bytes (a stored record) to a named client.
+    ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
+
+    void StartRecording();
+    // Tells the clients to stop, waits `settleMs` for their last blocks, then
+    // flushes the write queue into the log; true when the writer took it all.
+    bool StopRecording(int settleMs = 300);
+    // Writes a status record into the writer's pipe: the writer writes out
+    // everything queued. Waits up to `timeoutMs` for the writer to take it.
+    bool FlushWriteQueue(int timeoutMs = 5000);
+    // While replaying no record is taken into the log.
+    void SetReplaying(bool replaying);
+
+    unsigned int SlotOf(const std::string& name);
+    ServerCounters Counters() const;
+    std::vector<ClientData> Clients() { return GetClientDataList().Snapshot(true); }
+    // The receive buffer the kernel granted, in bytes.
+    int ReceiveBufferBytes() const { return m_receiveBufferBytes; }
+
+  private:
+    std::string StateCommand(ReplayCore::ReplayState state, const std::string& name,
+                             const std::string& extraArguments);
+    bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
+                         ClientData& client);
+    void Forward(const char* data, int nBytes);
+
+    ServerSettings m_settings;
+    std::atomic<int> m_state{ReplayCore::eStateStopped};
+    // The writer thread keeps a reference; only it and Start touch this copy.
+    ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
+    std::unique_ptr<LogWriterThread> m_writer;
+    bool m_started = false;
+    int m_receiveBufferBytes = 0;
+
+    std::mutex m_slotMutex;
+    std::map<std::string, unsigned int> m_slots;
+    std::set<std::string> m_refusedNames;  // under the table lock
+
+    std::atomic<uint64_t> m_datagrams{0};
+    std::atomic<uint64_t> m_checksumFailures{0};
+    std::atomic<uint64_t> m_unparsable{0};
+    std::atomic<uint64_t> m_recordsForwarded{0};
+    std::atomic<uint64_t> m_forwardFailures{0};
+    std::atomic<uint64_t> m_statusRecords{0};
+    std::atomic<uint64_t> m_refusedClients{0};
+    std::atomic<bool> m_replaying{false};
+    std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
+};
+
+}  // namespace ReplayServer
+
+#endif

@@ -1,0 +1,265 @@
+#include "server/ServerMain.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "libreplay/ReplayRuntimeOptions.h"
+#include "reference/src/target_root.h"
+#include "server/ControlSocket.h"
+#include "server/ServerControl.h"
+
+namespace ReplayServer {
+
+namespace {
+
+constexpr const char* kDefaultControlPath = "/tmp/ReplayManager.sock";
+
+std::mutex g_outputMutex;
+
+void Print(const std::string& text) {
+    std::lock_guard<std::mutex> lock(g_outputMutex);
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
+void PrintProgress(const ReplayProgress& progress) {
+    char line[160];
+    std::snprintf(line, sizeof line, "replay: %zu/%zu records, %.1f s of %.1f s\n", progress.sent,
+                  progress.total, progress.replayMs / 1000.0, progress.durationMs / 1000.0);
+    Print(line);
+}
+
+// Reads command lines from standard input until it ends or `stop` is set.
+void ReadStandardInput(ServerControl& control, const std::atomic<bool>& stop) {
+    std::string pending;
+    char buffer[1024];
+    while (!stop.load() && !control.QuitRequested()) {
+        pollfd wait = {STDIN_FILENO, POLLIN, 0};
+        if (poll(&wait, 1, 200) <= 0) {
+            continue;
+        }
+        const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
+        if (n <= 0) {
+            return;  // no more interactive input; the server keeps running
+        }
+        pending.append(buffer, static_cast<size_t>(n));
+        size_t end;
+        while ((end = pending.find('\n')) != std::string::npos) {
+            const std::string line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            Print(control.Execute(line));
+        }
+    }
+}
+
+struct CommonOptions {
+    std::string bind;
+    int port = 4400;
+    size_t maxClients = 64;
+    std::string config;
+    std::string root;
+    std::string control;
+    int clientWait = 30;
+};
+
+enum class Mode { kServe, kRecord, kReplay };
+
+int Run(const CommonOptions& common, Mode mode, double recordSeconds,
+        const std::string& replayCommand) {
+    if (!common.root.empty()) {
+        ReplayPlatform::SetTargetRoot(common.root);
+    }
+    ReplayRuntimeOptions& options = ReplayRuntimeOptions::Get();
+    if (!common.config.empty()) {
+        options.OpenOptionsFile(common.config.c_str());
+    }
+
+    // Only the main thread takes the stop signals; every thread made from
+    // here on inherits the mask.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    ServerSettings settings;
+    settings.bindAddress = common.bind;
+    settings.port = common.port;
+    settings.clientLimit = common.maxClients;
+    ReplayServer server(settings);
+    std::string error;
+    if (!server.Start(error)) {
+        std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+        return 1;
+    }
+    ReplaySettings replaySettings;
+    replaySettings.serverLeadTimeMs = options.GetIntegerValue(eServerLeadTime);
+    replaySettings.networkingLatencyMs = options.GetIntegerValue(eNetworkingLatency);
+    replaySettings.clientWaitMs = common.clientWait * 1000;
+    replaySettings.progress = PrintProgress;
+    Print("\nReplayManager: listening on " +
+          (common.bind.empty() ? std::string("0.0.0.0") : common.bind) + ":" +
+          std::to_string(common.port) + " (receive buffer " +
+          std::to_string(server.ReceiveBufferBytes()) + " bytes)\n");
+
+    ServerControl control(server, replaySettings, Print);
+    ControlSocket controlSocket(
+        [&control](const std::string& line) { return control.Execute(line); });
+    const std::string controlPath =
+        common.control.empty() ? ReplayPlatform::TargetPath(kDefaultControlPath) : common.control;
+    if (!controlSocket.Start(controlPath, error)) {
+        std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+        return 1;
+    }
+    Print("ReplayManager: control socket " + controlPath + "\n");
+
+    int status = 0;
+    if (mode == Mode::kRecord) {
+        const std::string reply = control.Execute(
+            recordSeconds > 0 ? "record " + std::to_string(recordSeconds) : "record");
+        Print(reply);
+    } else if (mode == Mode::kReplay) {
+        const std::string reply = control.Execute(replayCommand);
+        Print(reply);
+        if (reply.compare(0, 6, "error:") == 0) {
+            status = 1;
+            control.RequestQuit();
+        }
+    }
+
+    std::atomic<bool> inputStop{false};
+    std::thread input;
+    if (mode == Mode::kServe) {
+        input = std::thread(ReadStandardInput, std::ref(control), std::cref(inputStop));
+    }
+    // A timed recording or a replay ends the process when it is over.
+    const bool endWithJob = mode == Mode::kReplay || (mode == Mode::kRecord && recordSeconds > 0);
+    bool signalled = false;
+    while (!control.QuitRequested()) {
+        timespec wait = {0, 200 * 1000 * 1000};
+        const int signal = sigtimedwait(&stopSignals, nullptr, &wait);
+        if (signal == SIGINT || signal == SIGTERM) {
+            signalled = true;
+            break;
+        }
+        if (endWithJob && !control.JobRunning()) {
+            break;
+        }
+    }
+    if (endWithJob && !signalled && status == 0 && !control.LastJobSucceeded()) {
+        status = 1;
+    }
+    inputStop.store(true);
+    control.StopJob();
+    control.Execute("wait");
+    if (server.GetState() == ReplayCore::eStateRecord) {
+        Print(control.Execute("stop"));
+    }
+    if (input.joinable()) {
+        input.join();
+    }
+    controlSocket.Stop();
+    server.Shutdown();
+    Print("\nReplayManager: stopped\n");
+    return status;
+}
+
+}  // namespace
+
+int ServerMain(int argc, char** argv) {
+    CLI::App app{
+        "The replay server: keeps the table of replay clients, records their data into the log "
+        "through the logger service, and replays logs to them.\n\nWithout a subcommand it serves "
+        "until quit (standard input or the control socket), SIGINT or SIGTERM. Commands: "
+        "record [SECONDS], replay FILE [--segment N] [--from SECONDS], stop, status, clients, "
+        "wait, quit.",
+        "ReplayManager"};
+    CommonOptions common;
+    app.add_option("--bind", common.bind, "Address to listen on (default: every address)");
+    app.add_option("--port", common.port, "UDP port")
+        ->default_val(4400)
+        ->check(CLI::Range(1, 65535));
+    app.add_option("--max-clients", common.maxClients, "Most clients accepted")
+        ->default_val(64)
+        ->check(CLI::PositiveNumber);
+    app.add_option("--config", common.config, "Options file read over ReplayConfig.txt");
+    app.add_option("--root", common.root, "Target root (default: REPLAY_TARGET_ROOT, else /)");
+    app.add_option(
+        "--control", common.control,
+        std::string("Control socket (default: ") + kDefaultControlPath + " under the target root)");
+    app.add_option("--client-wait", common.clientWait,
+                   "Seconds a replay waits for the recorded clients")
+        ->default_val(30)
+        ->check(CLI::NonNegativeNumber);
+
+    double recordSeconds = 0;
+    CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");
+    record->add_option("--duration", recordSeconds, "Seconds to record (default: until stopped)")
+        ->check(CLI::NonNegativeNumber);
+
+    std::string replayFile;
+    int segment = -1;
+    double from = 0;
+    CLI::App* replay = app.add_subcommand("replay", "Replay a log to its clients, then exit");
+    replay->add_option("file", replayFile, "The log file")->required();
+    replay->add_option("--segment", segment, "Only this segment (0: before the first header)")
+        ->check(CLI::NonNegativeNumber);
+    replay->add_option("--from", from, "Start this many seconds into the log")
+        ->check(CLI::NonNegativeNumber);
+
+    std::string command;
+    CLI::App* send = app.add_subcommand("send", "Send one command to a running server");
+    send->add_option("command", command, "The command line, e.g. \"status\"")->required();
+    app.require_subcommand(0, 1);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& parseError) {
+        const int status = app.exit(parseError);
+        return status == 0 ? 0 : 2;
+    }
+
+    if (*send) {
+        if (!common.root.empty()) {
+            ReplayPlatform::SetTargetRoot(common.root);
+        }
+        const std::string path = common.control.empty()
+                                     ? ReplayPlatform::TargetPath(kDefaultControlPath)
+                                     : common.control;
+        std::string reply;
+        std::string error;
+        if (!ControlSocket::Send(path, command, reply, error)) {
+            std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+            return 1;
+        }
+        std::fputs(reply.c_str(), stdout);
+        return reply.compare(0, 6, "error:") == 0 || reply.find("with errors") != std::string::npos
+                   ? 1
+                   : 0;
+    }
+    if (*record) {
+        return Run(common, Mode::kRecord, recordSeconds, "");
+    }
+    if (*replay) {
+        std::string line = "replay " + replayFile;
+        if (segment >= 0) {
+            line += " --segment " + std::to_string(segment);
+        }
+        if (from > 0) {
+            line += " --from " + std::to_string(from);
+        }
+        return Run(common, Mode::kReplay, 0, line);
+    }
+    return Run(common, Mode::kServe, 0, "");
+}
+
+}  // namespace ReplayServer

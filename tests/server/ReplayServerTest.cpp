@@ -1,0 +1,181 @@
+#include "server/ReplayServer.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "libreplay/FileLogger.h"
+#include "server/ControlSocket.h"
+#include "server/ServerControl.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace srv = ReplayServer;
+using ReplayTest::WaitFor;
+using ServerTest::Address;
+using ServerTest::DataRecord;
+using ServerTest::StatusRecord;
+
+constexpr auto kDeadline = std::chrono::seconds(10);
+
+class UdpClient {
+  public:
+    explicit UdpClient(const std::string& ip) {
+        m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in local = Address(ip, 0);
+        bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local);
+    }
+    ~UdpClient() { close(m_fd); }
+    void Send(const std::string& ip, int port, const std::string& text) const {
+        const sockaddr_in to = Address(ip, port);
+        sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof to);
+    }
+    std::string Receive(int timeoutMs = 5000) const {
+        pollfd waiting{m_fd, POLLIN, 0};
+        if (poll(&waiting, 1, timeoutMs) != 1) {
+            return "";
+        }
+        char buffer[4096];
+        const ssize_t got = recv(m_fd, buffer, sizeof buffer, 0);
+        return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : "";
+    }
+
+  private:
+    int m_fd = -1;
+};
+
+class ReplayServerTest : public ReplayTest::TargetRootTest {
+  protected:
+    void StartServer(size_t clientLimit = 64) {
+        std::mt19937 random(std::random_device{}());
+        std::uniform_int_distribution<int> part(1, 254);
+        // Parallel tests each take a loopback address of their own.
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) +
+                   "." + std::to_string(part(random));
+            srv::ServerSettings settings;
+            settings.bindAddress = m_ip;
+            settings.port = 4400;
+            settings.clientLimit = clientLimit;
+            m_server.reset(new srv::ReplayServer(settings));
+            std::string error;
+            if (m_server->Start(error)) {
+                return;
+            }
+        }
+        FAIL() << "no free loopback address";
+    }
+    void TearDown() override {
+        m_server.reset();
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+    void Send(const UdpClient& client, const std::string& text) { client.Send(m_ip, 4400, text); }
+    size_t TableSize() { return m_server->Clients().size(); }
+
+    std::string m_ip;
+    std::unique_ptr<srv::ReplayServer> m_server;
+};
+
+TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
+    StartServer();
+    UdpClient gps(m_ip);
+    UdpClient can(m_ip);
+    Send(gps, StatusRecord("gps", 1000, ""));
+    EXPECT_EQ(gps.Receive(), "#stop s=0;");
+    Send(can, DataRecord("can", 1000, 0, "INIT"));
+    EXPECT_EQ(can.Receive(), "#stop s=1;");
+
+    m_server->StartRecording();
+    const std::string command = gps.Receive();
+    EXPECT_EQ(command.compare(0, 14, "#record s=0;t="), 0) << command;
+    EXPECT_EQ(can.Receive().compare(0, 14, "#record s=1;t="), 0);
+
+    // A client that joins while recording is told to record at once.
+    UdpClient late(m_ip);
+    Send(late, StatusRecord("late", 1000, ""));
+    EXPECT_EQ(late.Receive().compare(0, 14, "#record s=2;t="), 0);
+
+    // Data and initialisation records reach the writer, pings and state
+    // reports do not; a damaged datagram is counted and dropped.
+    Send(gps, DataRecord("gps", 1100, 1));
+    Send(gps, StatusRecord("gps", 1200, ""));
+    Send(gps, StatusRecord("gps", 1200, "#record e=;"));
+    std::string damaged = DataRecord("gps", 1300, 2);
+    damaged[3] = 'x';
+    Send(gps, damaged);
+    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().datagrams >= 7; }, kDeadline));
+    const srv::ServerCounters counters = m_server->Counters();
+    EXPECT_EQ(counters.recordsForwarded, 2u);
+    EXPECT_EQ(counters.checksumFailures, 1u);
+    EXPECT_EQ(TableSize(), 3u);
+
+    EXPECT_TRUE(m_server->StopRecording(0));
+    EXPECT_EQ(gps.Receive(), "#stop s=0;");
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+}
+
+TEST_F(ReplayServerTest, RefusesClientsBeyondTheLimitAndReplacesRestartedOnes) {
+    StartServer(1);
+    UdpClient first(m_ip);
+    Send(first, StatusRecord("gps", 1000, ""));
+    EXPECT_EQ(first.Receive(), "#stop s=0;");
+    UdpClient second(m_ip);
+    Send(second, StatusRecord("can", 1000, ""));
+    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().refusedClients == 1; }, kDeadline));
+    EXPECT_EQ(TableSize(), 1u);
+
+    // The same name connecting from a new port is the client restarted: its
+    // entry is replaced, even at the limit.
+    UdpClient restarted(m_ip);
+    Send(restarted, StatusRecord("gps", 2000, ""));
+    EXPECT_EQ(restarted.Receive(), "#stop s=0;");
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            const auto table = m_server->Clients();
+            return table.size() == 1 && table[0].GetMessagesReceived() == 1 &&
+                   table[0].GetClientName() == "gps";
+        },
+        kDeadline));
+}
+
+TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
+    StartServer();
+    srv::ReplaySettings settings;
+    settings.clientWaitMs = 100;
+    std::vector<std::string> output;
+    srv::ServerControl control(*m_server, settings, [](const std::string&) {});
+    srv::ControlSocket socket(
+        [&control](const std::string& line) { return control.Execute(line); });
+    const std::string path = Root() + "/control.sock";
+    std::string error;
+    ASSERT_TRUE(socket.Start(path, error)) << error;
+
+    std::string reply;
+    ASSERT_TRUE(srv::ControlSocket::Send(path, "record", reply, error)) << error;
+    EXPECT_EQ(reply, "recording\n");
+    ASSERT_TRUE(srv::ControlSocket::Send(path, "record", reply, error));
+    EXPECT_EQ(reply.compare(0, 6, "error:"), 0);
+    ASSERT_TRUE(srv::ControlSocket::Send(path, "status", reply, error));
+    EXPECT_NE(reply.find("state Record"), std::string::npos) << reply;
+    ASSERT_TRUE(srv::ControlSocket::Send(path, "stop", reply, error));
+    EXPECT_EQ(reply, "recording stopped\n");
+
+    EXPECT_EQ(control.Execute("replay /no/such.dat").compare(0, 6, "error:"), 0);
+    EXPECT_EQ(control.Execute("replay").compare(0, 6, "error:"), 0);
+    EXPECT_EQ(control.Execute("record -3").compare(0, 6, "error:"), 0);
+    EXPECT_EQ(control.Execute("bogus").compare(0, 6, "error:"), 0);
+    EXPECT_EQ(control.Execute("record 0.05"), "recording for 0.1 s\n");
+    EXPECT_EQ(control.Execute("wait"), "done\n");
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+    control.Execute("quit");
+    EXPECT_TRUE(control.QuitRequested());
+}
+
+}  // namespace
