@@ -185,13 +185,29 @@ class SynchronousReadThread : public CThread {
     // tests); waits briefly for it.
     void RequestStop();
 
+    // Replay waits for an item's moment with this function; null restores
+    // CThread::sleep. Tests and the fuzzer replace it so they need not wait.
+    typedef void (*SleepFunction)(unsigned int milliseconds);
+    static void SetSleepForTesting(SleepFunction sleep);
+
+    unsigned int GetLastSequenceNumber() const { return m_lastSequenceNumber; }
+    unsigned int GetMissedRecords() const { return m_missedRecords; }
+
   protected:
     void execute() override;
 
   private:
+    struct ReplayItemContext;
+
     void HandleCommand(const unsigned char* data, int length,
                        const ReplayCore::MSTime::MSTimeStruct& now, const std::string& nowText);
     bool Ending() const;
+    // Checks a record with a valid length and delivers its items.
+    int ProcessCheckedRecord(char* record, unsigned int textLength);
+    // Waits for one item and delivers it; false drops the rest of the record.
+    bool ReplayItem(ReplayItemContext& context, char* begin, char* end, bool firstItem);
+    // The replay clock plus the latency, in milliseconds.
+    int64_t ReplayTimeMs() const;
 
     // Set once the replay clock has been set (by the server or by the first
     // replayed item); never cleared.

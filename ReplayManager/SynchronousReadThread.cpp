@@ -278,13 +278,4 @@ void SynchronousReadThread::HandleCommand(const unsigned char* data, int length,
     }
 }
 
-int SynchronousReadThread::ProcessReplayRecord(char* /*record*/, int /*length*/) {
-    // Replayed records are not delivered yet: a record that arrives while
-    // not replaying is dropped, and so is every other for now.
-    if (g_clientStateManager.GetState() != ReplayCore::eStateReplay) {
-        return 0;
-    }
-    return 0;
-}
-
 }  // namespace ReplayClient

@@ -1,0 +1,145 @@
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "libreplay/ReplayClientC.h"
+#include "libreplay/ReplayDebug.h"
+#include "libreplay/ReplayOutputFiler.h"
+#include "tests/ReplayManager/ClientTestFixture.h"
+
+namespace {
+
+using namespace ClientTest;
+using ReplayTest::CapturedDebug;
+
+int Replayed(void*, unsigned int, unsigned int) {
+    return 1;
+}
+
+void Ignore(const char*, va_list) {}
+
+class ReplayClientExportsTest : public ClientFixture {
+  protected:
+    void SetUp() override {
+        ClientFixture::SetUp();
+        ReplayCore::SetClockSourceForTesting(nullptr);
+    }
+};
+
+// The dynamic symbol table of the built libreplay.so, one name a line.
+std::set<std::string> ExportedSymbols(bool demangled) {
+    const std::string command = std::string("nm -D --defined-only ") + (demangled ? "-C " : "") +
+                                REPLAY_BINARY_DIR "/lib/libreplay.so 2>/dev/null";
+    std::set<std::string> names;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return names;
+    }
+    char line[4096];
+    while (std::fgets(line, sizeof line, pipe) != nullptr) {
+        std::string text(line);
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+            text.pop_back();
+        }
+        // "<address> <kind> <name>"
+        const size_t kind = text.find(' ');
+        if (kind != std::string::npos && kind + 3 <= text.size()) {
+            names.insert(text.substr(kind + 3));
+        }
+    }
+    pclose(pipe);
+    return names;
+}
+
+TEST(ReplayClientExportList, SharedLibraryExportsOnlyItsPublicNames) {
+    const std::set<std::string> raw = ExportedSymbols(false);
+    if (raw.empty()) {
+        GTEST_SKIP() << "nm is not available";
+    }
+    for (const char* name :
+         {"CInitializeReplayClient", "CInitializeFromHandlerClass", "CSendClientData",
+          "CGetReplayState", "CShutDownClient", "CWriteReplayOutput", "CDumpTextToFile",
+          "CDumpHexToFile", "setLoggingHandlers"}) {
+        EXPECT_EQ(raw.count(name), 1u) << name;
+    }
+    // The proxy's own entry points are not part of the library.
+    EXPECT_EQ(raw.count("CSafeSendClientData"), 0u);
+
+    const std::set<std::string> demangled = ExportedSymbols(true);
+    EXPECT_EQ(demangled.count("ReplayClient::InitializeReplayClient(char const*, "
+                              "ReplayClient::ReplayMessageHandlerBase*, unsigned int, bool, void "
+                              "const*, unsigned int)"),
+              1u);
+    EXPECT_EQ(demangled.count("ReplayInternal::SetupDefaultMessageHandlers(char const*)"), 1u);
+    EXPECT_EQ(demangled.count("mi_setDebugLevel(int, int)"), 1u);
+    for (const std::string& name : demangled) {
+        // Internal client code and standard library templates stay inside.
+        EXPECT_EQ(name.find("SetupConnection"), std::string::npos) << name;
+        EXPECT_EQ(name.find("g_UDPSendBuffer"), std::string::npos) << name;
+        EXPECT_EQ(name.find("SynchronousReadThread"), std::string::npos) << name;
+        EXPECT_NE(name.rfind("std::", 0), 0u) << name;
+        EXPECT_NE(name.rfind("void std::", 0), 0u) << name;
+    }
+}
+
+TEST_F(ReplayClientExportsTest, EntryPointsDriveTheClient) {
+    CapturedDebug debug;
+    ASSERT_EQ(
+        CInitializeReplayClient("Exporter", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0), 1);
+    EXPECT_EQ(debug.Count("libReplay::CReplayClient::CInitializeReplayClient: ClientName=Exporter"),
+              1);
+    EXPECT_EQ(CGetReplayState(), ReplayCore::eStateStopped);
+    // Only one initialisation with callbacks per process.
+    EXPECT_EQ(
+        CInitializeReplayClient("Exporter", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0), 0);
+
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateRecord);
+    EXPECT_EQ(CSendClientData("buffered", 8, 0, kDataTypeAsciiText), 0);
+    // Any non-zero flag sends at once, as a block of its own.
+    EXPECT_GT(CSendClientData("at once", 7, 2, kDataTypeAsciiText), 0);
+    bool immediate = false;
+    for (const std::string& datagram : Received()) {
+        immediate = immediate || datagram.find(":at once") != std::string::npos;
+        EXPECT_EQ(datagram.find("buffered"), std::string::npos);
+    }
+    EXPECT_TRUE(immediate);
+
+    CShutDownClient(0);
+    EXPECT_EQ(CGetReplayState(), ReplayCore::eStateShutDown);
+    EXPECT_EQ(CSendClientData("late", 4, 1, kDataTypeAsciiText), 0);
+}
+
+TEST_F(ReplayClientExportsTest, HandlerInitialisationPassesItsArgumentsOn) {
+    ReplayClient::ReplayMessageHandler handler(&Replayed, nullptr);
+    const char init[] = "init";
+    ASSERT_EQ(CInitializeFromHandlerClass("Handled", &handler, kDataTypeAsciiText, 0, init, 4), 1);
+    EXPECT_EQ(g_replayMessageHandler.load(), &handler);
+    EXPECT_EQ(g_clientName, "Handled");
+    bool initialisation = false;
+    for (const std::string& datagram : Received()) {
+        initialisation = initialisation || datagram.find(":!1 0:init") != std::string::npos;
+    }
+    EXPECT_TRUE(initialisation);
+    // The asynchronous flag is ignored rather than refused.
+    EXPECT_EQ(CInitializeFromHandlerClass("Handled", &handler, kDataTypeAsciiText, 1, nullptr, 0),
+              1);
+}
+
+TEST_F(ReplayClientExportsTest, OutputLoggingAndFileEntryPoints) {
+    const int buffered = ReplayOutputFiler::Get().BufferedLength();
+    EXPECT_EQ(CWriteReplayOutput("result line\n"), 0);
+    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(), buffered + 12);
+
+    EXPECT_GT(CDumpTextToFile("Header", "some text"), 0);
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("Header:some text"), std::string::npos);
+
+    setLoggingHandlers("ExportApp", &Ignore, nullptr, &Ignore);
+    EXPECT_EQ(g_dbgMessagePtr.load(), &Ignore);
+    EXPECT_EQ(g_dbgWarningPtr.load(), nullptr);
+    EXPECT_STREQ(DebugAppName(), "ExportApp");
+    setLoggingHandlers(nullptr, nullptr, nullptr, nullptr);
+    EXPECT_STREQ(DebugAppName(), "ExportApp");
+}
+
+}  // namespace

@@ -1,0 +1,402 @@
+#include <cstring>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libreplay/Ascii7.h"
+#include "libreplay/ReplayClient.h"
+#include "libreplay/ReplayError.h"
+#include "libreplay/ReplayOutputFiler.h"
+#include "libreplay/multicore.h"
+#include "tests/ReplayManager/ClientTestFixture.h"
+
+namespace {
+
+using namespace ClientTest;
+using ReplayTest::CapturedDebug;
+
+struct Delivery {
+    std::string data;
+    unsigned int clientTime;
+    bool initialisation;
+};
+
+// Keeps every delivered item; used from the read thread and the test.
+class RecordingHandler : public ReplayClient::ReplayMessageHandlerBase {
+  public:
+    RecordingHandler() : ReplayMessageHandlerBase(true) {}
+    ~RecordingHandler() = default;
+
+    int ReplayCallback(void* data, unsigned int nBytes, unsigned int clientTime) override {
+        return Keep(data, nBytes, clientTime, false);
+    }
+    int InitializationCallback(void* data, unsigned int nBytes) override {
+        return Keep(data, nBytes, 0, true);
+    }
+    std::vector<Delivery> Deliveries() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_deliveries;
+    }
+    std::vector<std::string> Data() const {
+        std::vector<std::string> data;
+        for (const Delivery& delivery : Deliveries()) {
+            data.push_back(delivery.data);
+        }
+        return data;
+    }
+
+    // Called after each delivery (on the delivering thread).
+    void (*afterDelivery)() = nullptr;
+
+  private:
+    int Keep(void* data, unsigned int nBytes, unsigned int clientTime, bool initialisation) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_deliveries.push_back(
+                {std::string(static_cast<const char*>(data), nBytes), clientTime, initialisation});
+        }
+        if (afterDelivery != nullptr) {
+            afterDelivery();
+        }
+        return 1;
+    }
+
+    mutable std::mutex m_mutex;
+    std::vector<Delivery> m_deliveries;
+};
+
+inline std::vector<unsigned int> g_sleeps;
+// Replaces the sleep: the injected clock moves by exactly the requested time.
+inline void AdvanceClock(unsigned int milliseconds) {
+    g_sleeps.push_back(milliseconds);
+    g_nowMs += milliseconds;
+}
+
+struct Item {
+    std::string time;  // ignored for the first item
+    std::string data;
+};
+
+// `body` followed by its checksum field, by default without the final
+// newline (as the server sends records back).
+std::string WithChecksum(const std::string& body, bool withNewline = false) {
+    std::vector<char> buffer(body.begin(), body.end());
+    buffer.resize(body.size() + 16, '\0');
+    unsigned int checksum = 0;
+    const int length =
+        ReplayCore::AppendChecksum(buffer.data(), static_cast<unsigned int>(body.size()),
+                                   static_cast<unsigned int>(buffer.size()), checksum);
+    return std::string(buffer.data(), static_cast<size_t>(length) - (withNewline ? 0 : 1));
+}
+
+const std::string kSeparator(1, static_cast<char>(ReplayCore::kItemSeparator));
+
+std::string MakeRecord(char type, const std::string& blockTime, const std::string& name,
+                       unsigned int sequence, const std::vector<Item>& items) {
+    std::string text =
+        std::string(1, type) + blockTime + ":" + name + ":!1 " + std::to_string(sequence) + ":";
+    for (size_t index = 0; index < items.size(); ++index) {
+        if (index > 0) {
+            text += kSeparator + items[index].time + ":";
+        }
+        text += items[index].data;
+    }
+    return WithChecksum(text);
+}
+
+std::string Encode(const std::string& bytes) {
+    static Ascii7Encoder::CMessageEncode encoder;
+    unsigned int length = 0;
+    const char* text = Ascii7Encoder::ConvertToAscii7(
+        encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
+        static_cast<unsigned int>(bytes.size()), length);
+    return text != nullptr ? std::string(text, length) : std::string();
+}
+
+class ReplayRecordProcessingTest : public ClientFixture {
+  protected:
+    std::string ExtraOptions() override { return "networkingLatency:0;\n"; }
+
+    void SetUp() override {
+        ClientFixture::SetUp();
+        g_sleeps.clear();
+        ReplayClient::SynchronousReadThread::SetSleepForTesting(&AdvanceClock);
+        g_replayMessageHandler.store(&m_handler);
+    }
+    void TearDown() override {
+        clientReadThread.RequestStop();
+        ReplayClient::SynchronousReadThread::SetSleepForTesting(nullptr);
+        g_replayMessageHandler.store(nullptr);
+        ClientFixture::TearDown();
+    }
+
+    // Replaying with the clock set by the server to `logTime` at the
+    // injected time 100.000.
+    void StartReplay(const std::string& logTime = "500.000") {
+        Connect(ReplayCore::eStateStopped);
+        Handle("#replay l=" + logTime + ";");
+        ASSERT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
+    }
+    void Handle(const std::string& datagram) {
+        clientReadThread.udpClientMessageHandler(
+            reinterpret_cast<const unsigned char*>(datagram.data()),
+            static_cast<int>(datagram.size()));
+    }
+    int Process(std::string record) {
+        return clientReadThread.ProcessReplayRecord(&record[0], static_cast<int>(record.size()));
+    }
+    int ReportsContaining(const std::string& fragment) {
+        int count = 0;
+        for (const std::string& datagram : Received()) {
+            count += datagram.find(fragment) != std::string::npos ? 1 : 0;
+        }
+        return count;
+    }
+    int64_t ReplayNow() const {
+        return clientReadThread.GetReplayClock().ExecutionTimeMS().m_timeMilliseconds;
+    }
+
+    RecordingHandler m_handler;
+};
+
+TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClock) {
+    StartReplay();
+    CapturedDebug debug;
+    const std::string record =
+        MakeRecord('"', "500.000", "Tester", 1,
+                   {{"", "alpha"}, {"500.010", "near"}, {"500.200", "later"}, {"500.250", "last"}});
+    EXPECT_EQ(Process(record), 4);
+
+    // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
+    EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{199, 50}));
+    const std::vector<Delivery> deliveries = m_handler.Deliveries();
+    ASSERT_EQ(deliveries.size(), 4u);
+    EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"alpha", "near", "later", "last"}));
+    // The clock was set to 500.000 at 100.000: the client clock is 400 s
+    // behind the log.
+    EXPECT_EQ(deliveries[0].clientTime, 100000u);
+    EXPECT_EQ(deliveries[2].clientTime, 100200u);
+    EXPECT_FALSE(deliveries[0].initialisation);
+    EXPECT_EQ(ReplayNow(), 500249);
+    EXPECT_EQ(debug.Count("Average Timing Error: 3; Initial Error:0; Final Error:1; MaxError:0; "
+                          "Last TimeStamp:500.250"),
+              1)
+        << debug.Dump();
+}
+
+TEST_F(ReplayRecordProcessingTest, WithoutClockCommandTheFirstItemSetsTheClock) {
+    Connect(ReplayCore::eStateReplay);
+    ASSERT_FALSE(clientReadThread.ClockIsSet());
+    const int buffered = ReplayOutputFiler::Get().BufferedLength();
+    EXPECT_EQ(Process(MakeRecord('"', "700.000", "Tester", 1, {{"", "first"}})), 1);
+    EXPECT_TRUE(clientReadThread.ClockIsSet());
+    EXPECT_EQ(ReplayNow(), 700000);
+    EXPECT_TRUE(g_sleeps.empty());
+    ASSERT_EQ(m_handler.Deliveries().size(), 1u);
+    EXPECT_EQ(m_handler.Deliveries()[0].clientTime, 100000u);
+    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength() - buffered,
+              static_cast<int>(std::strlen("OFFSET: -600000\nCURRENT TIME: 700.000\n")));
+}
+
+TEST_F(ReplayRecordProcessingTest, ItemMoreThanAMinuteAheadDropsTheRestOfItsRecord) {
+    StartReplay();
+    CapturedDebug debug;
+    // 60000 ms ahead is still waited for.
+    EXPECT_EQ(
+        Process(MakeRecord('"', "500.000", "Tester", 1, {{"", "now"}, {"560.000", "minute"}})), 2);
+    EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{59999}));
+    // The clock now reads 559.999: 620.000 is 60001 ms ahead.
+    EXPECT_EQ(Process(MakeRecord('"', "560.000", "Tester", 2,
+                                 {{"", "soon"}, {"620.000", "far"}, {"560.001", "after"}})),
+              1);
+    EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"now", "minute", "soon"}));
+    EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Sleep time = 60.001, Ignoring"), 1);
+    EXPECT_EQ(ReportsContaining("#replay w=Sleep time = 60.001, Ignoring ;"), 1);
+}
+
+TEST_F(ReplayRecordProcessingTest, SequenceGapsAreCountedCumulativelyAndReported) {
+    StartReplay();
+    CapturedDebug debug;
+    for (unsigned int sequence : {5u, 6u, 9u, 3u, 12u}) {
+        EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", sequence, {{"", "item"}})), 1);
+    }
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Sequence Number of 9 Unexpected Following 6"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Sequence Number of 12 Unexpected Following 9"),
+              1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Unexpected"), 2);
+    EXPECT_EQ(clientReadThread.GetMissedRecords(), 4u);
+    EXPECT_EQ(ReportsContaining("#replay d=2;"), 1);
+    EXPECT_EQ(ReportsContaining("#replay d=4;"), 1);
+}
+
+TEST_F(ReplayRecordProcessingTest, LeavingReplayDuringARecordEndsItAndRestartsSequenceTracking) {
+    StartReplay();
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 7, {{"", "one"}})), 1);
+    EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 7u);
+    m_handler.afterDelivery = [] {
+        g_clientStateManager.SetStateForTesting(ReplayCore::eStateStopped);
+    };
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 8, {{"", "two"}, {"500.001", "three"}})),
+              1);
+    EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
+    EXPECT_EQ(clientReadThread.GetMissedRecords(), 0u);
+}
+
+TEST_F(ReplayRecordProcessingTest, DamagedOrForeignRecordsDeliverNothing) {
+    StartReplay();
+    CapturedDebug debug;
+    std::string damaged = MakeRecord('"', "500.000", "Tester", 1, {{"", "data"}});
+    damaged[damaged.find("data")] = 'D';
+    EXPECT_EQ(Process(damaged), 0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Skipping Record due to CheckSum error"), 1);
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("Bad Checksum"), std::string::npos);
+    EXPECT_EQ(ReportsContaining("#replay w=Checksum Error;"), 1);
+
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, {{"", "data"}})), 0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Incorrect Client Name of Other on Input Record"),
+              1);
+    // A name that only starts like ours is someone else's too.
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, {{"", "data"}})), 0);
+
+    EXPECT_EQ(Process(WithChecksum("\"500.000 Tester !1 1 data")), 0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Failed to Parse Client Record"), 1);
+    EXPECT_TRUE(m_handler.Deliveries().empty());
+    // None of these touched the sequence tracking.
+    EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
+}
+
+TEST_F(ReplayRecordProcessingTest, RecordsOutsideReplayAreDroppedAndAnEmptyOneStopsTheClient) {
+    const std::string record = MakeRecord('"', "500.000", "Tester", 1, {{"", "data"}});
+    Connect(ReplayCore::eStateStopped);
+    for (ReplayCore::ReplayState state : {ReplayCore::eStateRecord, ReplayCore::eStateStopped}) {
+        g_clientStateManager.SetStateForTesting(state);
+        CapturedDebug debug;
+        Handle(record);
+        EXPECT_EQ(Process(record), 0);
+        EXPECT_EQ(ReplayClient::GetReplayState(), state);
+        // Only the handler's closing message and the processing notice.
+        EXPECT_EQ(debug.Count("Finished Processing message block"), 1);
+        EXPECT_EQ(debug.Count(CapturedDebug::kError, ""), 0) << debug.Dump();
+        EXPECT_EQ(debug.Count(CapturedDebug::kWarning, ""), 0) << debug.Dump();
+    }
+    EXPECT_TRUE(m_handler.Deliveries().empty());
+
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
+    char empty[] = "";
+    EXPECT_EQ(clientReadThread.ProcessReplayRecord(empty, 0), -1);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    EXPECT_NE(ReplayErrorManager::Get().GetLastError().GetLocation().find("468:"),
+              std::string::npos);
+}
+
+TEST_F(ReplayRecordProcessingTest, BinaryItemsArriveDecodedByteForByte) {
+    StartReplay();
+    std::string first;
+    for (int value = 0; value < 256; ++value) {
+        first += static_cast<char>(value);
+    }
+    std::string second(700, '\0');
+    std::mt19937 random(7);
+    for (char& byte : second) {
+        byte = static_cast<char>(random());
+    }
+    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 1,
+                                 {{"", Encode(first)}, {"500.002", Encode(second)}})),
+              2);
+    EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{first, second}));
+
+    // A binary item that is no Ascii7 text ends its record.
+    CapturedDebug debug;
+    EXPECT_EQ(Process(MakeRecord('$', "500.010", "Tester", 2,
+                                 {{"", "  not encoded"}, {"500.011", Encode("x")}})),
+              0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Decoding Ascii7 Data Buffer"), 1);
+}
+
+TEST_F(ReplayRecordProcessingTest, InitialisationRecordReachesTheInitialisationCallback) {
+    StartReplay();
+    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Encode("setup bytes")}})), 1);
+    EXPECT_EQ(Process(MakeRecord('"', "500.001", "Tester", 1, {{"", "data"}})), 1);
+    const std::vector<Delivery> deliveries = m_handler.Deliveries();
+    ASSERT_EQ(deliveries.size(), 2u);
+    EXPECT_TRUE(deliveries[0].initialisation);
+    EXPECT_EQ(deliveries[0].data, "setup bytes");
+    EXPECT_FALSE(deliveries[1].initialisation);
+}
+
+TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
+    StartReplay();
+    CapturedDebug debug;
+    const std::string mangled = WithChecksum(
+        "\"500.000:Tester:!1 1:x" + kSeparator + "500.001:kept" + kSeparator + "no colon here" +
+            kSeparator + "junk:zero time" + kSeparator + "500.002:tail",
+        true);
+    EXPECT_EQ(Process(mangled), 3);
+    const std::vector<std::string> data = m_handler.Data();
+    ASSERT_EQ(data.size(), 3u);
+    EXPECT_EQ(data[0], "kept");
+    EXPECT_EQ(data[1], "zero time");
+    // The record ended in its newline: the last item takes the checksum
+    // field's first character as well.
+    EXPECT_EQ(data[2], "tail" + mangled.substr(mangled.size() - 9, 1));
+    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Ignoring Empty Record"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Time not found in input string"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Cannot Parse Time String  junk"), 1);
+}
+
+TEST_F(ReplayRecordProcessingTest, WithoutAHandlerTheClientStops) {
+    StartReplay();
+    g_replayMessageHandler.store(nullptr);
+    CapturedDebug debug;
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 1, {{"", "aa"}, {"500.001", "bb"}})), 0);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Client Message Handler Not Set!"), 1);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+}
+
+// The server's part played end to end: commands and records reach the read
+// thread over the socket, garbage among them.
+TEST_F(ReplayRecordProcessingTest, ReadThreadSurvivesGarbageAndKeepsReplaying) {
+    Connect(ReplayCore::eStateStopped);
+    clientReadThread.start();
+    ASSERT_GT(ReplayClient::SendClientMessage(nullptr, 0), 0);
+    ASSERT_TRUE(m_server.WaitForDatagrams(1, 5s));
+    const ReplayTest::Datagram hello = m_server.Datagrams()[0];
+
+    ASSERT_TRUE(m_server.Reply(hello, "#replay s=3;l=500.000;D=3;"));
+    ASSERT_TRUE(m_server.Reply(hello, MakeRecord('"', "500.000", "Tester", 1, {{"", "before"}})));
+    ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_handler.Deliveries().size() == 1; }, 5s));
+    EXPECT_EQ(g_UDPSendBuffer.GetTimeSlot(), 3u);
+    EXPECT_EQ(mi_getDebugLevel('q'), 3);
+    ASSERT_TRUE(m_server.Reply(hello, "#replay D=4;"));
+
+    std::mt19937 random(11);
+    const std::string valid = MakeRecord('$', "500.001", "Tester", 2, {{"", Encode("abc")}});
+    std::vector<std::string> garbage = {
+        valid.substr(0, valid.size() / 2),
+        std::string(60000, '$'),
+        "$500.000Tester!1 2abc       0",
+        "\"500.000:Tester:!99999999999999999999:x" + std::string(2100, 'y'),
+        std::string(1, '\0') + "500.000:Tester:",
+    };
+    for (int count = 0; count < 50; ++count) {
+        std::string bytes(1 + random() % 3000, '\0');
+        for (char& byte : bytes) {
+            byte = static_cast<char>(random());
+        }
+        // Commands are not garbage: a random one could end the client.
+        if (bytes[0] == '#') {
+            bytes[0] = '$';
+        }
+        garbage.push_back(bytes);
+    }
+    for (const std::string& datagram : garbage) {
+        m_server.Reply(hello, datagram);
+    }
+    ASSERT_TRUE(m_server.Reply(hello, MakeRecord('"', "500.002", "Tester", 3, {{"", "after"}})));
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return m_handler.Data().back() == "after"; }, 10s));
+    EXPECT_TRUE(clientReadThread.isRunning());
+    EXPECT_EQ(mi_getDebugLevel('q'), 3);
+}
+
+}  // namespace

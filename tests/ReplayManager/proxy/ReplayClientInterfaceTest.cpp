@@ -1,0 +1,165 @@
+#include <dlfcn.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <string>
+
+#include "libreplay/ReplayClientInterface.h"
+#include "tests/support/TestSupport.h"
+
+// Every test case runs in a process of its own, so each decides what the
+// proxy will find: a library already loaded by absolute path answers the
+// proxy's dlopen("libreplay.so") through its soname; with none loaded the
+// name is not found (the test environment has no libreplay.so on the
+// loader's search path).
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+int Replayed(void*, unsigned int, unsigned int) {
+    return 1;
+}
+
+void Ignore(const char*, va_list) {}
+
+int Occurrences(const std::string& text, const std::string& fragment) {
+    int count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+class ReplayClientInterfaceTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        unsetenv("ENABLE_REPLAY");
+    }
+    // Loads `path` as the process's libreplay.so; kept loaded until exit.
+    void* Install(const char* path) {
+        void* handle = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
+        EXPECT_NE(handle, nullptr) << dlerror();
+        return handle;
+    }
+    template <typename T>
+    T* Symbol(void* handle, const char* name) {
+        return static_cast<T*>(dlsym(handle, name));
+    }
+};
+
+TEST_F(ReplayClientInterfaceTest, WithoutTheLibraryTheApplicationRunsUnrecorded) {
+    CaptureStdout();
+    EXPECT_EQ(CSafeReplayingLogFile(), 0);
+    EXPECT_EQ(CSafeSendClientData("item", 4, kDataTypeAsciiText), 0);
+    EXPECT_EQ(
+        CSafeInitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0), 0);
+
+    ReplayClientInterface& proxy = GetClientProxy();
+    EXPECT_FALSE(proxy.IsLoaded());
+    EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateUnknown);
+    EXPECT_EQ(proxy.InitializeReplayClient("Nav", nullptr, kDataTypeAsciiText, false, nullptr, 0),
+              0);
+    EXPECT_EQ(proxy.SendClientData("item", 4, true, kDataTypeAsciiText), 0);
+    EXPECT_EQ(proxy.WriteReplayOutput("text"), 0);
+    EXPECT_EQ(proxy.DumpTextToFile("name", "text"), 0);
+    proxy.DumpHexToFile("name", reinterpret_cast<const unsigned char*>("ab"), 2, 1);
+    proxy.ShutDownClient(1);
+    proxy.SetupLoggingHandlers("App", &Ignore, &Ignore, &Ignore);
+    EXPECT_EQ(CSafeReplayingLogFile(), 0);
+
+    // The proxy is built once: the failure is announced once.
+    EXPECT_EQ(GetCapturedStdout(), "\nFailed to Load libreplay.so\nCSafeInitializeReplayClient");
+}
+
+TEST_F(ReplayClientInterfaceTest, WithTheLibraryCallsReachIt) {
+    void* library = Install(REPLAY_LIBRARY_PATH);
+    ASSERT_NE(library, nullptr);
+    {
+        CaptureStdout();
+        ReplayClientInterface proxy;
+        // The set-up function is asked for under a name the library does not
+        // export.
+        EXPECT_EQ(GetCapturedStdout(),
+                  "\nlibreplay.so Loaded\nCSendClientData Loaded\nCInitializeFromHandlerClass "
+                  "Loaded\nCGetReplayState Loaded\nCShutDownClient Loaded\nCInitializeReplayClient "
+                  "Loaded\nFailed to Load SetupLoggingHandlers\nCWriteReplayOutput Loaded!\n");
+        ASSERT_TRUE(proxy.IsLoaded());
+        EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateDisconnected);
+
+        // So the library's default handlers are installed, not the given ones.
+        proxy.SetupLoggingHandlers("ProxyApp", &Ignore, &Ignore, &Ignore);
+        auto* appName = Symbol<std::atomic<const char*>>(library, "g_dbgAppName");
+        auto* message = Symbol<std::atomic<CDebugMessageFunction>>(library, "g_dbgMessagePtr");
+        ASSERT_NE(appName, nullptr);
+        ASSERT_NE(message, nullptr);
+        EXPECT_STREQ(appName->load(), "ProxyApp");
+        EXPECT_NE(message->load(), nullptr);
+        EXPECT_NE(message->load(), &Ignore);
+
+        EXPECT_GT(proxy.DumpTextToFile("Proxy", "dumped"), 0);
+        EXPECT_EQ(proxy.WriteReplayOutput("output"), 0);
+        // Replay is not enabled here: initialisation ends the client.
+        EXPECT_EQ(
+            proxy.InitializeReplayClient("Nav", nullptr, kDataTypeAsciiText, false, nullptr, 0), 0);
+        EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateShutDown);
+        EXPECT_EQ(proxy.SendClientData("item", 4, true, kDataTypeAsciiText), 0);
+        CaptureStdout();
+    }
+    EXPECT_EQ(Occurrences(GetCapturedStdout(), "\nUnloading libreplay.so"), 1);
+    const std::string log = ReadTargetFile("/tmp/ReplayLog.txt");
+    EXPECT_NE(log.find("Proxy:dumped"), std::string::npos) << log;
+    EXPECT_NE(log.find("ReplayClientInterface::InitializeReplayClient"), std::string::npos);
+    EXPECT_NE(log.find("Unloading libreplay.so"), std::string::npos);
+}
+
+TEST_F(ReplayClientInterfaceTest, MissingEntryPointsTakeTheirEmptyPaths) {
+    void* stub = Install(REPLAY_STUB_LIBRARY_PATH);
+    ASSERT_NE(stub, nullptr);
+    int* state = Symbol<int>(stub, "g_stubState");
+    int* sends = Symbol<int>(stub, "g_stubSends");
+    int* lastImmediate = Symbol<int>(stub, "g_stubLastImmediate");
+    ASSERT_TRUE(state != nullptr && sends != nullptr && lastImmediate != nullptr);
+
+    CaptureStdout();
+    {
+        ReplayClientInterface proxy;
+        EXPECT_EQ(
+            proxy.InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0),
+            0);
+        EXPECT_EQ(
+            proxy.InitializeReplayClient("Nav", nullptr, kDataTypeAsciiText, false, nullptr, 0), 0);
+        EXPECT_EQ(proxy.WriteReplayOutput("text"), 0);
+        EXPECT_EQ(proxy.DumpTextToFile("name", "text"), 0);
+        proxy.ShutDownClient(0);
+        proxy.SetupLoggingHandlers("App", &Ignore, &Ignore, &Ignore);
+        EXPECT_EQ(proxy.SendClientData("abc", 3, true, kDataTypeAsciiText), 3);
+        EXPECT_EQ(*lastImmediate, 1);
+    }
+    EXPECT_EQ(GetCapturedStdout(),
+              "\nlibreplay.so Loaded\nCSendClientData Loaded\nFailed to Load "
+              "CInitializeFromHandlerClass\nCGetReplayState Loaded\nFailed to Load "
+              "CShutDownClient\nFailed to Load CInitializeReplayClient\nFailed to Load "
+              "SetupLoggingHandlers\nFailed to Load CDumpTextToFile\nFailed to Load "
+              "CWriteReplayOutput\nFailed to Load CWriteReplayOutput\n\nUnloading libreplay.so");
+
+    // The safe entry points send only while recording, and never at once.
+    *sends = 0;
+    *state = ReplayCore::eStateReplay;
+    EXPECT_EQ(CSafeReplayingLogFile(), 1);
+    EXPECT_EQ(CSafeSendClientData("abc", 3, kDataTypeAsciiText), 0);
+    *state = ReplayCore::eStateStopped;
+    EXPECT_EQ(CSafeSendClientData("abc", 3, kDataTypeAsciiText), 0);
+    EXPECT_EQ(*sends, 0);
+    *state = ReplayCore::eStateRecord;
+    EXPECT_EQ(CSafeReplayingLogFile(), 0);
+    EXPECT_EQ(CSafeSendClientData("abcd", 4, kDataTypeAsciiText), 4);
+    EXPECT_EQ(*sends, 1);
+    EXPECT_EQ(*lastImmediate, 0);
+}
+
+}  // namespace

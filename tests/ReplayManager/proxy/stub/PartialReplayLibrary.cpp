@@ -1,0 +1,23 @@
+// A stand-in libreplay.so that has only some of the entry points: the state
+// query and the send. The state it reports and the sends it receives are
+// plain globals that the test reaches with dlsym.
+
+#define STUB_API __attribute__((visibility("default")))
+
+extern "C" {
+
+STUB_API int g_stubState = 0;
+STUB_API int g_stubSends = 0;
+STUB_API int g_stubLastImmediate = -1;
+
+STUB_API int CGetReplayState(void) {
+    return g_stubState;
+}
+
+STUB_API int CSendClientData(const void*, unsigned int nBytes, int immediate, unsigned int) {
+    ++g_stubSends;
+    g_stubLastImmediate = immediate;
+    return static_cast<int>(nBytes);
+}
+
+}  // extern "C"
