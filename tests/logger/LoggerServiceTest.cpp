@@ -23,6 +23,11 @@ using namespace std::chrono_literals;
 using ReplayLogger::LoggerOptions;
 using ReplayLogger::LoggerService;
 
+bool IsFifo(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
 class LoggerServiceTest : public ReplayTest::TargetRootTest {
   protected:
     LoggerOptions Options() const {
@@ -115,9 +120,10 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
     service.Stop();
     EXPECT_EQ(service.Summary(),
               "5 records written, 0 dropped, " + std::to_string(stored.size()) + " bytes");
-    // The devices are gone, so a late writer fails at once.
-    EXPECT_LT(OpenChannel(), 0);
-    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kProbeDevice)));
+    // The FIFOs stay, but the probe finds no reader behind them.
+    EXPECT_TRUE(IsFifo(Device(LoggerService::kRecordDevice)));
+    EXPECT_LT(open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK), 0);
+    EXPECT_EQ(errno, ENXIO);
 }
 
 TEST_F(LoggerServiceTest, WriterReattachingAfterAllClosedIsMarkedReconnecting) {
@@ -185,43 +191,65 @@ TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
     EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
 }
 
-// The executable: SIGTERM stores everything received, removes the devices
-// and prints the summary.
-TEST_F(LoggerServiceTest, TerminatedServiceFlushesEverythingAndCleansUp) {
+// The executable, restarted under a writer that keeps the record channel
+// open read-write the whole time, as the replay server does: what it writes
+// while the service is down waits in the FIFO and is stored after the
+// restart, and SIGTERM stores everything received before the exit.
+TEST_F(LoggerServiceTest, RestartedServiceDrainsWhatTheWriterKeptWritingWhileItWasDown) {
     MakeTargetDirectory("/fs/usb0");
     const std::string ready = Root() + "/tmp/ready";
     const std::string output = Root() + "/tmp/stdout.txt";
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        const std::string binary = std::string(REPLAY_BINARY_DIR) + "/logger/replay-logger";
-        execl(binary.c_str(), binary.c_str(), "--root", Root().c_str(), "--ready-file",
-              ready.c_str(), "--sync-interval-ms", "60000", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ASSERT_TRUE(ReplayTest::WaitFor([&] { return std::filesystem::exists(ready); }, 20s));
+    auto startService = [&]() -> pid_t {
+        const pid_t child = fork();
+        if (child == 0) {
+            const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(out, 1);
+            const std::string binary = std::string(REPLAY_BINARY_DIR) + "/logger/replay-logger";
+            execl(binary.c_str(), binary.c_str(), "--root", Root().c_str(), "--ready-file",
+                  ready.c_str(), "--sync-interval-ms", "60000", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        EXPECT_TRUE(ReplayTest::WaitFor([&] { return std::filesystem::exists(ready); }, 20s));
+        return child;
+    };
+    auto stopService = [&](pid_t child) {
+        ASSERT_EQ(kill(child, SIGTERM), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_FALSE(std::filesystem::exists(ready));
+    };
 
-    const int channel = OpenChannel();
+    pid_t service = startService();
+    ASSERT_GT(service, 0);
+    const int channel = open(Device(LoggerService::kRecordDevice).c_str(), O_RDWR | O_NONBLOCK);
     ASSERT_GE(channel, 0);
     std::vector<std::string> payloads;
-    for (int i = 0; i < 500; ++i) {
-        payloads.push_back("record " + std::to_string(i) + std::string(100, '.') + "\n");
-        WriteRecord(channel, payloads.back());
-    }
+    auto writeRecords = [&](const char* phase, int count) {
+        for (int i = 0; i < count; ++i) {
+            payloads.push_back(std::string(phase) + " " + std::to_string(i) +
+                               std::string(100, '.') + "\n");
+            WriteRecord(channel, payloads.back());
+        }
+    };
+    writeRecords("before", 300);
+    stopService(service);
+
+    writeRecords("while down", 100);
+    EXPECT_LT(open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK), 0);
+    EXPECT_EQ(errno, ENXIO);
+
+    service = startService();
+    ASSERT_GT(service, 0);
+    writeRecords("after", 100);
+    stopService(service);
     close(channel);
-    ASSERT_EQ(kill(child, SIGTERM), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 
     EXPECT_EQ(ReadBack(), payloads);
-    EXPECT_NE(ReplayTest::ReadFile(output).find("500 records written, 0 dropped"),
-              std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
-    EXPECT_FALSE(std::filesystem::exists(ready));
+    const std::string summaries = ReplayTest::ReadFile(output);
+    EXPECT_NE(summaries.find("300 records written, 0 dropped"), std::string::npos) << summaries;
+    EXPECT_NE(summaries.find("200 records written, 0 dropped"), std::string::npos) << summaries;
 }
 
 TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {
