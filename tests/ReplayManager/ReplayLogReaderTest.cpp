@@ -170,14 +170,6 @@ TEST(ReplayLogReaderTest, GarbageOnlyInputEndsWithoutRecords) {
 
 class ReplayLogFileTest : public ReplayTest::TargetRootTest {};
 
-TEST_F(ReplayLogFileTest, MissingFileIsReportedNotRead) {
-    ReplayLogReader reader;
-    EXPECT_FALSE(reader.Open(Root() + "/fs/usb0/LOGFILE.DAT"));
-    EXPECT_NE(reader.LastError().find("No such file"), std::string::npos);
-    LogRecord record;
-    EXPECT_FALSE(reader.Next(record));
-}
-
 // Statistics over records built here, so each fault is known exactly.
 TEST_F(ReplayLogFileTest, StatisticsFindChecksumGapAndTimeOrderFaults) {
     std::string log = Stored(LogFormat::HeaderPayload(1000));
