@@ -15,24 +15,12 @@ using ReplayCore::ExecutionTimer;
 using ReplayCore::ExecutionTimerManager;
 using ReplayTest::CapturedDebug;
 
-std::atomic<int64_t> g_fakeNow{0};
-int64_t FakeClock() {
-    return g_fakeNow.load(std::memory_order_relaxed);
-}
-
 // Timers read an injected clock set in milliseconds with Now().
 class ExecutionTimerTest : public ReplayTest::TargetRootTest {
   protected:
-    void SetUp() override {
-        TargetRootTest::SetUp();
-        Now(10000);
-        ReplayCore::SetClockSourceForTesting(&FakeClock);
-    }
-    void TearDown() override {
-        ReplayCore::SetClockSourceForTesting(nullptr);
-        TargetRootTest::TearDown();
-    }
-    static void Now(int64_t milliseconds) { g_fakeNow.store(milliseconds); }
+    void Now(int64_t milliseconds) { m_clock.Set(milliseconds); }
+
+    ReplayTest::ManualClock m_clock{10000};
 };
 
 TEST_F(ExecutionTimerTest, SumsIntervalsInMicroseconds) {

@@ -18,11 +18,6 @@ namespace {
 using ReplayCore::FileLogger;
 using ReplayTest::CapturedDebug;
 
-std::atomic<int64_t> g_fakeNow{0};
-int64_t FakeClock() {
-    return g_fakeNow.load(std::memory_order_relaxed);
-}
-
 // A private target root, a fixed clock (so that lines carry a known time) and
 // a logger back at its initial state for every test.
 class FileLoggerTest : public ReplayTest::TargetRootTest {
@@ -30,14 +25,13 @@ class FileLoggerTest : public ReplayTest::TargetRootTest {
     void SetUp() override {
         TargetRootTest::SetUp();
         FileLogger::ResetForTesting();
-        g_fakeNow.store(83061);
-        ReplayCore::SetClockSourceForTesting(&FakeClock);
     }
     void TearDown() override {
-        ReplayCore::SetClockSourceForTesting(nullptr);
         FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
+    ReplayTest::ManualClock m_clock{83061};
+
     std::string LogText() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
     bool LogExists() const { return std::filesystem::exists(Root() + "/tmp/ReplayLog.txt"); }
 
@@ -60,7 +54,7 @@ size_t Occurrences(const std::string& text, const std::string& fragment) {
 
 TEST_F(FileLoggerTest, LinesCarryTheTimeAndText) {
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityInfo, "client %s ready", "nav"), 24);
-    g_fakeNow.store(90005);
+    m_clock.Set(90005);
     FileLogger::LogToFile(FileLogger::eSeverityError, "second %d", 2);
     EXPECT_EQ(LogText(), "\n83.061:client nav ready\n90.005:second 2");
 }

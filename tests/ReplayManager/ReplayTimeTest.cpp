@@ -14,11 +14,6 @@ using ReplayCore::MSTime;
 using TimeValue = ReplayCore::MSTime::MSTimeStruct;
 using ReplayTest::CapturedDebug;
 
-std::atomic<int64_t> g_fakeNow{0};
-int64_t FakeClock() {
-    return g_fakeNow.load(std::memory_order_relaxed);
-}
-
 // Runs each test on an injected clock (set with Now()) and a private target
 // root that receives the assertion records.
 class ReplayTimeTest : public ReplayTest::TargetRootTest {
@@ -26,16 +21,15 @@ class ReplayTimeTest : public ReplayTest::TargetRootTest {
     void SetUp() override {
         TargetRootTest::SetUp();
         ReplayCore::FileLogger::ResetForTesting();
-        Now(1000);
-        ReplayCore::SetClockSourceForTesting(&FakeClock);
     }
     void TearDown() override {
-        ReplayCore::SetClockSourceForTesting(nullptr);
         ReplayCore::FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
-    static void Now(int64_t milliseconds) { g_fakeNow.store(milliseconds); }
+    void Now(int64_t milliseconds) { m_clock.Set(milliseconds); }
     std::string LogText() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
+
+    ReplayTest::ManualClock m_clock{1000};
 };
 
 // The real monotonic clock; the fixture keeps assertion records private.

@@ -21,11 +21,6 @@ using namespace std::chrono_literals;
 using ReplayTest::CapturedDebug;
 using ReplayTest::FakeServer;
 
-std::atomic<int64_t> g_fakeNow{0};
-int64_t FakeClock() {
-    return g_fakeNow.load();
-}
-
 // Each call as (bytes, length); "null" stands for a null buffer.
 std::vector<std::pair<std::string, int>> g_handlerCalls;
 void RecordingHandler(const unsigned char* data, int length) {
@@ -49,7 +44,6 @@ class UDPSocketsTest : public ReplayTest::TargetRootTest {
         ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 0);
     }
     void TearDown() override {
-        ReplayCore::SetClockSourceForTesting(nullptr);
         UDPSocketClient::m_messageRecievedHandler = nullptr;
         ReplayErrorManager::Get().ResetForTesting();
         ReplayCore::FileLogger::ResetForTesting();
@@ -116,8 +110,7 @@ TEST_F(UDPSocketsTest, ConnectedTrafficOnCloseOnExecSockets) {
 
 TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
     ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 20);
-    ReplayCore::SetClockSourceForTesting(&FakeClock);
-    g_fakeNow = 19999;
+    ReplayTest::ManualClock clock(19999);
     CapturedDebug debug;
     UDPSocketClient client;
     EXPECT_GT(client.Open("127.0.0.1", FakeServer::kReplayPort), 0);
@@ -132,7 +125,7 @@ TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
     }
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Waiting for External Connection"), 3);
 
-    g_fakeNow = 20000;
+    clock.Set(20000);
     EXPECT_GT(client.Open("127.0.0.2", FakeServer::kReplayPort), 0);
 }
 

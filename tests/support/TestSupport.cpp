@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayDebug.h"
 #include "reference/src/target_root.h"
 
@@ -97,6 +99,34 @@ std::string TargetRootTest::WriteTargetFile(const std::string& absolutePath,
 
 std::string TargetRootTest::ReadTargetFile(const std::string& absolutePath) const {
     return ReadFile(m_root + absolutePath);
+}
+
+namespace {
+std::atomic<int64_t> g_manualNow{0};
+int64_t ReadManualClock() {
+    return g_manualNow.load(std::memory_order_relaxed);
+}
+}  // namespace
+
+ManualClock::ManualClock(int64_t startMs) {
+    g_manualNow.store(startMs);
+    ReplayCore::SetClockSourceForTesting(&ReadManualClock);
+}
+
+ManualClock::~ManualClock() {
+    ReplayCore::SetClockSourceForTesting(nullptr);
+}
+
+void ManualClock::Set(int64_t ms) {
+    g_manualNow.store(ms);
+}
+
+void ManualClock::Advance(int64_t ms) {
+    g_manualNow.fetch_add(ms);
+}
+
+int64_t ManualClock::Get() const {
+    return g_manualNow.load();
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline,

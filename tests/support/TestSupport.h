@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -46,6 +47,20 @@ class TargetRootTest : public ::testing::Test {
   private:
     std::string m_root;
     std::string m_previousDirectory;
+};
+
+// Replaces the library clock for its lifetime; the time moves only when the
+// test sets it. One at a time.
+class ManualClock {
+  public:
+    explicit ManualClock(int64_t startMs);
+    ~ManualClock();
+    ManualClock(const ManualClock&) = delete;
+    ManualClock& operator=(const ManualClock&) = delete;
+
+    void Set(int64_t ms);
+    void Advance(int64_t ms);
+    int64_t Get() const;
 };
 
 // Polls `condition` every `poll` until it holds or `deadline` has passed;

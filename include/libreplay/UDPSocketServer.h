@@ -1,0 +1,125 @@
+#ifndef LIBREPLAY_UDPSOCKETSERVER_H
+#define LIBREPLAY_UDPSOCKETSERVER_H
+
+// The replay server's UDP endpoint. UDPSocketServer owns the socket on which
+// every client's datagrams arrive, the table of known clients and a read
+// thread that identifies the sender of each datagram, keeps the table up to
+// date (new, restarted, duplicate and silent clients) and hands the datagram
+// to the server process's handler. Sends to clients respect their status:
+// sick clients are not sent to, disabled ones can be skipped.
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "libreplay/ClientDataList.h"
+#include "libreplay/MemoryBuffer.h"
+#include "libreplay/ReplayError.h"
+#include "libreplay/ReplayExport.h"
+#include "libreplay/UDPSockets.h"
+#include "reference/src/operating_system.h"
+
+class UDPSocketServer;
+
+class REPLAY_API UDPServerReadThread : public CThread {
+  public:
+    // Longest datagram taken; longer ones are cut by the socket.
+    static constexpr unsigned int kMaximumDatagramSize = 2048;
+    // How long one wait for a datagram lasts before the idle work runs.
+    static constexpr int kReceiveTimeoutSeconds = 5;
+
+    UDPServerReadThread();
+    // Stops and joins the thread (see Stop).
+    ~UDPServerReadThread() override;
+
+    void SetServer(UDPSocketServer* server) { m_server.store(server, std::memory_order_release); }
+
+    // Waits up to 5 s for a datagram and receives it into `buffer`: its
+    // length, 0 on time-out, negative on failure.
+    int ReadClientMessage(sockaddr* from, void* buffer, unsigned int size);
+
+    // The receive loop serves for as long as its server exists. Stop ends it:
+    // it marks the loop to end, wakes a wait in progress by shutting the
+    // socket's receive side, and joins the thread, so that no datagram is
+    // handled once the server starts to go away.
+    void Stop();
+
+    // 1 while the read thread is handling a datagram (it holds the table lock
+    // then); a failed receive from an unknown port leaves it at 1 until the
+    // next datagram has been handled.
+    static std::atomic<int> m_clientDataLocked;
+
+  protected:
+    void execute() override;
+
+  private:
+    void HandleDatagram(UDPSocketServer& server, const sockaddr_in& from, const char* data,
+                        int length);
+
+    std::atomic<UDPSocketServer*> m_server{nullptr};
+    ReplayCore::MemoryBuffer m_receiveBuffer;
+    std::atomic<bool> m_stopRequested{false};
+};
+
+class REPLAY_API UDPSocketServer : public UDPSocket {
+  public:
+    UDPSocketServer();
+    // Stops the read thread before any member goes away. A derived server
+    // calls StopReadThread() first in its own destructor, so that no datagram
+    // reaches its handler while it is being destroyed.
+    ~UDPSocketServer() override;
+
+    // Called by the read thread for every datagram, with the client table
+    // locked. For an unknown sender `client` is a fresh record (address set,
+    // name empty): the handler names it (ClientData::SetClientName) and sets
+    // its protocol, and its result decides whether it is added. For a known
+    // sender the result is ignored.
+    virtual bool ProcessClientMessage(const char* data, int nBytes, ClientData& client,
+                                      bool isNewClient) = 0;
+    // Called after each receive time-out, with the table locked.
+    virtual bool ServerIdleProcess() { return true; }
+
+    // Binds the wildcard address (or the address set with SetBindAddress) on
+    // `port` and starts the read thread; the descriptor or -1. The address
+    // argument is not used. `value` is kept for the derived server.
+    int Open(int port, const char* ignoredAddress, int value);
+    // Binds `address` (dotted IPv4) on the next Open instead of the wildcard:
+    // for hosts where the server must listen on one interface, and for tests
+    // that run side by side on loopback addresses of their own.
+    void SetBindAddress(const std::string& address) { m_bindAddress = address; }
+
+    // Sends to one client; the caller holds the table lock or owns `client`.
+    // Sick clients are not sent to; the disabled state is not looked at.
+    ReplayError SendTo(const char* data, unsigned int nBytes, ClientData& client);
+    // Sends to the named client under the table lock. A sequenceNumber of 0
+    // or more is checked against the client's previous one.
+    ReplayError SendTo(const std::string& clientName, const std::string& data, int sequenceNumber,
+                       bool skipDisabled);
+    // Sends to every client of `protocol` in table order; the first error
+    // (a sick client, a failed send) stops the broadcast.
+    ReplayError Broadcast(const char* data, unsigned int nBytes,
+                          ClientData::ClientProtocol protocol);
+    ReplayError SetClientEnabled(const std::string& clientName, bool enabled);
+
+    void StopReadThread() { m_readThread.Stop(); }
+
+    ClientDataList& GetClientDataList() { return m_clientDataList; }
+    const std::string& GetServerAddress() const { return m_serverAddress; }
+    int GetPort() const { return m_port; }
+    int GetServerValue() const { return m_serverValue; }
+
+  protected:
+    // Open's third argument; its meaning is the derived server's.
+    int32_t m_serverValue = 0;
+    UDPServerReadThread m_readThread;
+    std::string m_serverAddress;
+    int32_t m_port = 0;
+    ClientDataList m_clientDataList;
+
+  private:
+    std::string m_bindAddress;
+};
+
+#endif

@@ -1,0 +1,164 @@
+#include "libreplay/ClientDataList.h"
+
+#include <string>
+
+#include "tests/ReplayManager/ServerTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayTest::CapturedDebug;
+using ServerTest::Address;
+using ServerTest::ManualClock;
+
+class ClientDataListTest : public ReplayTest::TargetRootTest {};
+
+ClientData Named(const std::string& name, int port) {
+    ClientData client(Address("127.0.0.1", port));
+    client.SetClientName(name);
+    return client;
+}
+
+TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
+    ManualClock clock(1000);
+    ClientData client(Address("127.0.0.1", 5000));
+    client.UpdateClientStatus();
+    // Silent for 1 s but never heard from: not yet Running.
+    EXPECT_EQ(client.GetStatus(), ClientData::Idle);
+
+    clock.Set(100000);
+    client.LogMessageReceived();
+    EXPECT_EQ(client.GetMessagesReceived(), 1u);
+    struct Step {
+        int64_t silenceMs;
+        ClientData::ClientStatus expected;
+    };
+    const Step steps[] = {{0, ClientData::Running},
+                          {5999, ClientData::Running},
+                          {6000, ClientData::Idle},
+                          {18000, ClientData::Idle},
+                          {18001, ClientData::Failed}};
+    CapturedDebug debug;
+    for (const Step& step : steps) {
+        clock.Set(100000 + step.silenceMs);
+        client.UpdateClientStatus();
+        EXPECT_EQ(client.GetStatus(), step.expected) << "after " << step.silenceMs << " ms";
+        EXPECT_EQ(client.GetWaitTime().m_timeMilliseconds, step.silenceMs);
+    }
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "has failed; wait time=18001\n"), 1);
+
+    // A failed or shut-down client that speaks again is Running again.
+    client.LogMessageReceived();
+    client.UpdateClientStatus();
+    EXPECT_EQ(client.GetStatus(), ClientData::Running);
+    client.SetStatus(ClientData::ShutDown);
+    client.UpdateClientStatus();
+    EXPECT_EQ(client.GetStatus(), ClientData::Running);
+
+    // Error and Disabled survive any silence.
+    for (ClientData::ClientStatus kept : {ClientData::Error, ClientData::Disabled}) {
+        client.SetStatus(kept);
+        clock.Advance(60000);
+        client.UpdateClientStatus();
+        EXPECT_EQ(client.GetStatus(), kept);
+    }
+}
+
+TEST_F(ClientDataListTest, SequenceNumbersCountGapsAndRestart) {
+    ClientData client(Address("127.0.0.1", 5000));
+    // Nothing seen yet: any first number is as expected.
+    EXPECT_EQ(client.SetPacketSequenceNumber(5), 1);
+    EXPECT_EQ(client.SetPacketSequenceNumber(6), 1);
+    EXPECT_EQ(client.SetPacketSequenceNumber(9), 3);
+    EXPECT_EQ(client.GetDroppedPackets(), 2);
+    // A repeat is a distance of 0 and takes one off the dropped count.
+    EXPECT_EQ(client.SetPacketSequenceNumber(9), 0);
+    EXPECT_EQ(client.GetDroppedPackets(), 1);
+    // Going backwards counts the distance as well.
+    EXPECT_EQ(client.SetPacketSequenceNumber(4), 5);
+    EXPECT_EQ(client.GetDroppedPackets(), 5);
+    EXPECT_EQ(client.SetPacketSequenceNumber(0), 1);
+    EXPECT_EQ(client.GetDroppedPackets(), 0);
+    EXPECT_EQ(client.GetLastSequenceNumber(), 0);
+    // After a restart at 0 the next number is not compared.
+    EXPECT_EQ(client.SetPacketSequenceNumber(7), 1);
+    EXPECT_EQ(client.GetDroppedPackets(), 0);
+
+    // Wild jumps from a corrupted sender wrap the dropped count, no more.
+    EXPECT_EQ(client.SetPacketSequenceNumber(2000000007), 2000000000);
+    EXPECT_EQ(client.SetPacketSequenceNumber(2), 2000000005);
+    EXPECT_EQ(client.GetDroppedPackets(), static_cast<int32_t>(4000000003u));
+}
+
+TEST_F(ClientDataListTest, NamingWarnsOnRenameAndAssertsOnEmpty) {
+    CapturedDebug debug;
+    ClientData client(Address("127.0.0.1", 5000));
+    client.SetClientName("nav");
+    client.SetClientName("nav");
+    EXPECT_EQ(debug.Count("Renaming"), 0);
+    client.SetClientName("gps");
+    EXPECT_EQ(
+        debug.Count(CapturedDebug::kError, "Warning: Renaming Client on port 5000 from nav to gps"),
+        1);
+    EXPECT_EQ(client.GetClientName(), "gps");
+    EXPECT_EQ(client.ToString(), "Client port=5000; Name = gps");
+
+    client.SetClientName("");
+    EXPECT_EQ(client.GetClientName(), "");
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt")
+                  .find("!clientName.empty() at line 28 of ReplayManager/ClientDataList"),
+              std::string::npos);
+}
+
+TEST_F(ClientDataListTest, ListOperationsOverMixedStatuses) {
+    ClientDataList list;
+    const ClientData::ClientStatus statuses[] = {ClientData::Idle, ClientData::Running,
+                                                 ClientData::Disabled, ClientData::Failed,
+                                                 ClientData::Error};
+    int port = 6000;
+    for (ClientData::ClientStatus status : statuses) {
+        ClientData client = Named("c" + std::to_string(port), port);
+        client.SetStatus(status);
+        client.SetPacketSequenceNumber(3);
+        client.SetPacketSequenceNumber(8);
+        list.Append(client);
+        ++port;
+    }
+    EXPECT_EQ(list.NumValidClients(true), 3);
+
+    list.ClearDisabledClients(true);
+    EXPECT_EQ(list.FindByName("c6002")->GetStatus(), ClientData::Running);
+    EXPECT_EQ(list.NumValidClients(true), 3);
+
+    list.ClearDroppedPacketCounts(true);
+    EXPECT_EQ(list.Snapshot(true)[4].GetDroppedPackets(), 0);
+
+    EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
+    EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
+    const ReplayError unknown = list.IncrementPacketsKept("ghost", true);
+    EXPECT_EQ(unknown.GetText(),
+              "Error UDPSocketServer::IncrementPacketsKept: Invalid Client ghost");
+    EXPECT_EQ(unknown.GetCode(), -1);
+    EXPECT_EQ(unknown.GetSeverity(), ReplayError::eErrorSevere);
+    for (const ClientData& client : list.Snapshot(true)) {
+        EXPECT_EQ(client.GetPacketsKept(), client == "c6001" ? 2u : 0u);
+    }
+
+    // Look-up by address compares the port only.
+    EXPECT_EQ(list.FindByAddress(Address("10.1.2.3", 6003)), list.FindByName("c6003"));
+    EXPECT_EQ(list.FindByAddress(Address("127.0.0.1", 7000)), nullptr);
+}
+
+TEST_F(ClientDataListTest, OperationsInsideTheLockPassFalse) {
+    ManualClock clock(1000);
+    ClientDataList list;
+    list.Append(Named("nav", 5000));
+    ClientDataLock held(true);
+    // Would deadlock if any of these took the non-recursive lock again.
+    list.UpdateClientStatus(false);
+    EXPECT_EQ(list.NumValidClients(false), 1);
+    EXPECT_FALSE(list.IncrementPacketsKept("nav", false).IsError());
+    EXPECT_EQ(list.Size(false), 1u);
+}
+
+}  // namespace

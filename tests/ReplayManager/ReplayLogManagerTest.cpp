@@ -1,0 +1,272 @@
+#include "libreplay/ReplayLogManager.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "libreplay/ClientRecord.h"
+#include "libreplay/FileLogger.h"
+#include "libreplay/ReplayLogger.h"
+#include "libreplay/multicore.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayCore::MSTime;
+using ReplayTest::CapturedDebug;
+using ServerTest::DataRecord;
+using ServerTest::SplitFramedRecords;
+using ServerTest::StatusRecord;
+
+const char* const kChannel = "/kfsystem/multicore/navi/Q";
+const std::chrono::milliseconds kDeadline(10000);
+
+// The time field of a stored client record, in milliseconds.
+int64_t RecordTime(const std::string& payload) {
+    std::string name;
+    MSTime::MSTimeStruct time;
+    unsigned int type = 0, first = 0, sequence = 0, length = 0, start = 0;
+    if (!ParseClientRecord(payload, name, time, type, first, sequence, length, start)) {
+        return -1;
+    }
+    return time.m_timeMilliseconds;
+}
+
+class ReplayLogManagerTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ReplayLogger::Get().ResetForTesting();
+        mi_setLogFileName(nullptr);
+    }
+    void TearDown() override {
+        m_thread.reset();
+        ReplayLogger::Get().ResetForTesting();
+        mi_setLogFileName(nullptr);
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+
+    void MakeMediumAndChannel() {
+        MakeTargetDirectory("/fs/usb0");
+        WriteTargetFile(kChannel, "");
+    }
+    // Every stored payload, the header record first.
+    std::vector<std::string> Stored() const { return SplitFramedRecords(ReadTargetFile(kChannel)); }
+    // The times of the stored client records (the header left out).
+    std::vector<int64_t> StoredTimes() const {
+        std::vector<int64_t> times;
+        const std::vector<std::string> stored = Stored();
+        for (size_t i = 1; i < stored.size(); ++i) {
+            times.push_back(RecordTime(stored[i]));
+        }
+        return times;
+    }
+
+    void StartWriter() {
+        m_thread.reset(new LogWriterThread(m_state, 0, 10));
+        m_thread->SetClientDataList(&m_clients);
+        ASSERT_TRUE(m_thread->start());
+        ASSERT_TRUE(ReplayTest::WaitFor([] { return LogWriterThread::PipeOpen(); }, kDeadline));
+    }
+    // Sends records through the pipe and waits until the thread has handled
+    // them all.
+    void Send(const std::vector<std::string>& records) {
+        const unsigned int target = m_thread->GetMessagesProcessed() + records.size();
+        for (const std::string& record : records) {
+            ASSERT_EQ(LogWriterThread::WriteRecord(record.data(), record.size()),
+                      static_cast<int>(record.size()));
+        }
+        ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_thread->GetMessagesProcessed() >= target; },
+                                        kDeadline));
+    }
+    void Send(const std::string& record) { Send(std::vector<std::string>{record}); }
+
+    ReplayCore::ReplayState m_state = ReplayCore::eStateRecord;
+    ClientDataList m_clients;
+    std::unique_ptr<LogWriterThread> m_thread;
+};
+
+TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenThenDrainsAtTheLimit) {
+    MakeMediumAndChannel();
+    StartWriter();
+    const int64_t start = 100000;
+    std::vector<std::string> records;
+    for (unsigned int k = 0; k < 20; ++k) {
+        records.push_back(DataRecord("nav", start + 100 * k, k + 1));
+    }
+
+    // The first record opens the log with a header stamped with its time.
+    Send(std::vector<std::string>(records.begin(), records.begin() + 18));
+    ASSERT_EQ(Stored(), std::vector<std::string>{"!100.000:multicore:\n"});
+
+    // At 19 buffered the queue drains to one more than the one known client.
+    Send(records[18]);
+    std::vector<int64_t> expected;
+    for (int k = 0; k < 17; ++k) {
+        expected.push_back(start + 100 * k);
+    }
+    EXPECT_EQ(StoredTimes(), expected);
+    ASSERT_GE(Stored().size(), 2u);
+    EXPECT_EQ(Stored()[1], records[0]);
+
+    Send(records[19]);
+    EXPECT_EQ(StoredTimes().size(), 17u);
+}
+
+TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSeconds) {
+    MakeMediumAndChannel();
+    ReplayLogManager manager;
+    const int64_t start = 200000;
+    for (unsigned int k = 0; k <= 10; ++k) {
+        EXPECT_FALSE(manager
+                         .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 1000 * k), 2,
+                                               k + 1, DataRecord("nav", start + 1000 * k, k + 1),
+                                               &m_clients, false)
+                         .IsError());
+    }
+    // Spans of 10 s down to exactly 6 s are written; 5 s is kept.
+    EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{start, start + 1000, start + 2000, start + 3000,
+                                                   start + 4000}));
+    EXPECT_EQ(manager.GetBufferCount(), 6u);
+}
+
+TEST_F(ReplayLogManagerTest, TwoClientsArrivingSwappedAreWrittenInTimeOrder) {
+    MakeMediumAndChannel();
+    m_clients.Append(ClientData(ServerTest::Address("127.0.0.1", 5001))).SetClientName("a");
+    m_clients.Append(ClientData(ServerTest::Address("127.0.0.1", 5002))).SetClientName("b");
+    StartWriter();
+    // Each of b's records arrives right after an a record stamped 300 ms later.
+    std::vector<std::string> records;
+    for (unsigned int k = 0; k < 20; ++k) {
+        records.push_back(DataRecord("a", 301300 + 1000 * k, k + 1));
+        records.push_back(DataRecord("b", 301000 + 1000 * k, k + 1));
+    }
+    Send(records);
+    Send(StatusRecord("a", 321000, "#stop"));
+
+    const std::vector<int64_t> times = StoredTimes();
+    ASSERT_EQ(times.size(), 41u);
+    for (size_t i = 1; i < times.size(); ++i) {
+        EXPECT_LT(times[i - 1], times[i]) << "at " << i;
+    }
+    for (const ClientData& client : m_clients.Snapshot(true)) {
+        EXPECT_EQ(client.GetPacketsKept(), client == "a" ? 21u : 20u);
+    }
+}
+
+TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedBeyondOneSecond) {
+    MakeMediumAndChannel();
+    ReplayLogManager manager;
+    const int64_t start = 400000;
+    for (unsigned int k = 0; k <= 10; ++k) {
+        manager.WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 1000 * k), 2, k + 1,
+                                     DataRecord("nav", start + 1000 * k, k + 1), nullptr, false);
+    }
+    const int64_t last = manager.GetLastBlockTimestamp().m_timeMilliseconds;
+    ASSERT_GE(last, start + 4000);
+    const unsigned int buffered = manager.GetBufferCount();
+
+    CapturedDebug debug;
+    const int64_t tooLate = last - 1500;
+    EXPECT_FALSE(manager
+                     .WriteClientDataToLog("gps", MSTime::MSTimeStruct(0, tooLate), 2, 1,
+                                           DataRecord("gps", tooLate, 1), nullptr, false)
+                     .IsError());
+    EXPECT_EQ(manager.GetBufferCount(), buffered);
+    EXPECT_EQ(debug.Count(
+                  "Client gps: Record Timestamp of " + MSTime::MSTimeStruct(0, tooLate).ToString() +
+                  " Proceeds Last Block TimeStamp of " + MSTime::MSTimeStruct(0, last).ToString()),
+              2);  // the warning record and the manager's own message
+
+    const int64_t slightlyLate = last - 900;
+    manager.WriteClientDataToLog("gps", MSTime::MSTimeStruct(0, slightlyLate), 2, 2,
+                                 DataRecord("gps", slightlyLate, 2), nullptr, false);
+    EXPECT_EQ(manager.GetBufferCount(), buffered + 1);
+    manager.WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 20000), 2, 30,
+                                 DataRecord("nav", start + 20000, 30), nullptr, true);
+    const std::vector<int64_t> times = StoredTimes();
+    EXPECT_EQ(std::count(times.begin(), times.end(), slightlyLate), 1);
+    EXPECT_EQ(std::count(times.begin(), times.end(), tooLate), 0);
+    EXPECT_EQ(manager.GetBufferCount(), 0u);
+}
+
+TEST_F(ReplayLogManagerTest, StatusRecordWithMessageFlushesAndForgetsClients) {
+    MakeMediumAndChannel();
+    StartWriter();
+    Send(
+        {DataRecord("nav", 500000, 1), DataRecord("gps", 500050, 1), DataRecord("nav", 500100, 2)});
+    ASSERT_EQ(Stored().size(), 1u);  // the header alone
+
+    Send(StatusRecord("nav", 500150, "#stop"));
+    EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{500000, 500050, 500100, 500150}));
+    ASSERT_FALSE(Stored().empty());
+    EXPECT_EQ(Stored().back(), StatusRecord("nav", 500150, "#stop"));
+
+    // Recording goes on in the same log, without a second header; a bare
+    // status record carries nothing to write.
+    Send({DataRecord("nav", 600000, 3), StatusRecord("nav", 600100, "#stop"),
+          StatusRecord("nav", 600200, "")});
+    EXPECT_EQ(StoredTimes(),
+              (std::vector<int64_t>{500000, 500050, 500100, 500150, 600000, 600100}));
+    ASSERT_FALSE(Stored().empty());
+    EXPECT_EQ(Stored()[0], "!500.000:multicore:\n");
+    EXPECT_FALSE(LogWriterThread::GetErrorStatus().IsError());
+}
+
+TEST_F(ReplayLogManagerTest, RecordsBeforeTheMediumAreDroppedOrBuffered) {
+    ReplayLogManager manager;
+    // Data records wait silently for the medium.
+    EXPECT_FALSE(manager
+                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1000), 2, 5,
+                                           DataRecord("nav", 1000, 5), nullptr, false)
+                     .IsError());
+    EXPECT_EQ(manager.GetBufferCount(), 0u);
+    // Calibration records are buffered without opening the log.
+    CapturedDebug debug;
+    EXPECT_FALSE(manager
+                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1100), 2, 0,
+                                           DataRecord("nav", 1100, 0), nullptr, false)
+                     .IsError());
+    EXPECT_EQ(manager.GetBufferCount(), 1u);
+    EXPECT_FALSE(ReplayLogger::Get().IsConnected());
+    EXPECT_EQ(debug.Count("Calibration Record Received for Client nav, timestamp 1.100,slot 0"), 1);
+
+    // A flush without the medium keeps the record buffered and reports.
+    const ReplayError failed = manager.WriteClientDataToLog(
+        "nav", MSTime::MSTimeStruct(0, 1200), 2, 0, DataRecord("nav", 1200, 0), nullptr, true);
+    EXPECT_EQ(failed.GetText(), "ReplayLogger::WriteTextToLog:Failed to Connect to Log File");
+    EXPECT_EQ(manager.GetBufferCount(), 2u);
+
+    // Once the medium is there the flush writes both, oldest first, and
+    // nothing twice.
+    MakeMediumAndChannel();
+    EXPECT_FALSE(manager
+                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1300), 2, 0,
+                                           DataRecord("nav", 1300, 0), nullptr, true)
+                     .IsError());
+    EXPECT_EQ(SplitFramedRecords(ReadTargetFile(kChannel)).size(), 3u);
+    EXPECT_EQ(manager.GetBufferCount(), 0u);
+}
+
+TEST_F(ReplayLogManagerTest, EqualTimesKeepSlotOrder) {
+    MakeMediumAndChannel();
+    ReplayLogManager manager;
+    for (unsigned int k = 0; k < 5; ++k) {
+        const std::string name = "c" + std::to_string(k);
+        manager.WriteClientDataToLog(name, MSTime::MSTimeStruct(0, 9000), 2, 1,
+                                     DataRecord(name, 9000, 1), nullptr, k == 4);
+    }
+    const std::vector<std::string> stored = Stored();
+    ASSERT_EQ(stored.size(), 6u);
+    // The sort keeps equal times in slot order and write-out goes from the
+    // last slot, so the latest arrival goes first.
+    for (unsigned int k = 0; k < 5; ++k) {
+        EXPECT_EQ(stored[k + 1], DataRecord("c" + std::to_string(4 - k), 9000, 1));
+    }
+}
+
+}  // namespace

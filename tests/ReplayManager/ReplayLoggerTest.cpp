@@ -1,0 +1,174 @@
+#include "libreplay/ReplayLogger.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "libreplay/FileLogger.h"
+#include "libreplay/multicore.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayTest::CapturedDebug;
+
+const char* const kChannel = "/kfsystem/multicore/navi/Q";
+
+std::string Golden(const std::string& name) {
+    return ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/framing/" + name);
+}
+
+int CountOccurrences(const std::string& text, const std::string& fragment) {
+    int count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+int OpenDescriptorCount() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+class ReplayLoggerTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ReplayLogger::Get().ResetForTesting();
+        mi_setLogFileName(nullptr);
+    }
+    void TearDown() override {
+        ReplayLogger::Get().ResetForTesting();
+        mi_setLogFileName(nullptr);
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+    void MakeUsbAndChannelFile() {
+        MakeTargetDirectory("/fs/usb0");
+        WriteTargetFile(kChannel, "");
+    }
+    std::string FileLog() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
+};
+
+TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
+    MakeUsbAndChannelFile();
+    ReplayLogger& logger = ReplayLogger::Get();
+    std::string expected;
+    for (const char* name : {"plain", "escaped", "empty", "largest"}) {
+        const std::string text = Golden(std::string(name) + ".txt");
+        const ReplayError result = logger.WriteTextToLog(text);
+        EXPECT_FALSE(result.IsError()) << name << ": " << result.GetText();
+        expected += Golden(std::string(name) + ".rec");
+        EXPECT_EQ(ReadTargetFile(kChannel), expected) << "after " << name;
+    }
+
+    // One byte more than the largest payload is refused and nothing written.
+    const ReplayError tooLong = logger.WriteTextToLog(Golden("largest.txt") + "x");
+    EXPECT_EQ(tooLong.GetText(), "Record of length 2049 Exceeds limit of 2048");
+    EXPECT_EQ(tooLong.GetSeverity(), ReplayError::eErrorSevere);
+    EXPECT_EQ(ReadTargetFile(kChannel), expected);
+
+    // A single '!' has no bytes to escape; a payload ending in CR keeps it.
+    char record[ReplayLogger::kMaximumRecordSize];
+    ASSERT_EQ(ReplayLogger::FrameRecord("!", record), 6);
+    EXPECT_EQ(std::string(record, 6), "   1|!");
+    ASSERT_EQ(ReplayLogger::FrameRecord("!\r\r", record), 8);
+    EXPECT_EQ(std::string(record, 8), "   3|!\xd7\r");
+}
+
+TEST_F(ReplayLoggerTest, MissingMediumIsReportedEvery25thAttempt) {
+    ReplayLogger& logger = ReplayLogger::Get();
+    const ReplayError first = logger.WriteTextToLog("!x\n");
+    EXPECT_EQ(first.GetText(), "ReplayLogger::WriteTextToLog:Failed to Connect to Log File");
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Logger"), 1);
+    for (int attempt = 2; attempt <= 25; ++attempt) {
+        EXPECT_FALSE(logger.Connect());
+    }
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Logger"), 1);
+    EXPECT_FALSE(logger.Connect());  // the 26th
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Logger"), 2);
+    EXPECT_FALSE(logger.IsConnected());
+
+    // Once the medium and the channel appear the next attempt connects.
+    MakeUsbAndChannelFile();
+    EXPECT_TRUE(logger.Connect());
+    EXPECT_TRUE(logger.IsConnected());
+    EXPECT_STREQ(mi_getLogFileName(), "/fs/usb0/LOGFILE.DAT");
+    EXPECT_NE(FileLog().find("/fs/usb0 detected"), std::string::npos);
+    EXPECT_NE(FileLog().find("Replay Logger Connected, FD="), std::string::npos);
+}
+
+TEST_F(ReplayLoggerTest, MissingChannelIsReportedEvery100thAttemptUpTo1000) {
+    MakeTargetDirectory("/fs/usb0");
+    ReplayLogger& logger = ReplayLogger::Get();
+    const int descriptorsBefore = OpenDescriptorCount();
+    testing::internal::CaptureStdout();
+    for (int attempt = 1; attempt <= 99; ++attempt) {
+        ASSERT_FALSE(logger.Connect());
+    }
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Replay Logger Console"), 0);
+    EXPECT_FALSE(logger.Connect());  // the 100th
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed, "Failed to open Logger " + Root() + kChannel + "\n");
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Replay Logger Console " + Root()), 1);
+
+    for (int attempt = 101; attempt <= 1200; ++attempt) {
+        ASSERT_FALSE(logger.Connect());
+    }
+    EXPECT_EQ(CountOccurrences(FileLog(), "Failed to open Replay Logger Console"), 10);
+    // Each attempt probes the medium again, but only one probe stays open.
+    EXPECT_EQ(OpenDescriptorCount(), descriptorsBefore + 1);
+}
+
+TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
+    MakeTargetDirectory("/fs/usb0");
+    MakeTargetDirectory("/kfsystem/multicore/navi");
+    const std::string fifo = Root() + kChannel;
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+
+    // No reader but the logger itself: writes fill the pipe, then fail.
+    ReplayLogger& logger = ReplayLogger::Get();
+    const std::string text = Golden("largest.txt");
+    int accepted = 0;
+    ReplayError result;
+    while (accepted < 10000) {
+        result = logger.WriteTextToLog(text);
+        if (result.IsError()) {
+            break;
+        }
+        ++accepted;
+    }
+    ASSERT_TRUE(result.IsError());
+    EXPECT_GT(accepted, 0);
+    EXPECT_NE(result.GetText().find("ReplayLogger line 232"), std::string::npos);
+
+    // A reader that attaches now finds every accepted record whole.
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    std::string drained;
+    char chunk[4096];
+    ssize_t got;
+    while ((got = read(reader, chunk, sizeof chunk)) > 0) {
+        drained.append(chunk, static_cast<size_t>(got));
+    }
+    close(reader);
+    const std::string record = Golden("largest.rec");
+    ASSERT_EQ(drained.size(), record.size() * static_cast<size_t>(accepted));
+    for (int i = 0; i < accepted; ++i) {
+        EXPECT_EQ(drained.compare(record.size() * static_cast<size_t>(i), record.size(), record), 0)
+            << "record " << i;
+    }
+    // With room again the channel accepts records.
+    EXPECT_FALSE(logger.WriteTextToLog("!y\n").IsError());
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+#ifndef TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
+#define TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
+
+// Helpers shared by the server-side tests: a clock the test sets by hand and
+// IPv4 loopback addresses.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "libreplay/ReplayCore.h"
+#include "tests/support/TestSupport.h"
+
+namespace ServerTest {
+
+using ManualClock = ReplayTest::ManualClock;
+
+inline sockaddr_in Address(const std::string& ip, int port) {
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
+    return address;
+}
+
+// Appends the "%8x\n" checksum of every byte so far, each read as signed.
+inline std::string WithChecksum(std::string record) {
+    uint32_t sum = 0;
+    for (char c : record) {
+        sum += static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
+    }
+    char trailer[16];
+    std::snprintf(trailer, sizeof trailer, "%8x\n", sum);
+    return record + trailer;
+}
+
+// A text data record of `name` stamped `ms`, with block sequence `sequence`.
+inline std::string DataRecord(const std::string& name, int64_t ms, unsigned int sequence,
+                              const std::string& payload = "data") {
+    return WithChecksum("\"" + ReplayCore::MSTime::MSTimeStruct(0, ms).ToString() + ":" + name +
+                        ":!1 " + std::to_string(sequence) + ":" + payload);
+}
+
+// A status record; an empty message gives the bare connect and ping record.
+inline std::string StatusRecord(const std::string& name, int64_t ms, const std::string& message) {
+    return WithChecksum("#" + ReplayCore::MSTime::MSTimeStruct(0, ms).ToString() + ":" + name +
+                        ":" + message);
+}
+
+// Splits "%4d|payload" records; stops at anything that is not one.
+inline std::vector<std::string> SplitFramedRecords(const std::string& data) {
+    std::vector<std::string> payloads;
+    size_t at = 0;
+    while (at + 5 <= data.size() && data[at + 4] == '|') {
+        const size_t length = static_cast<size_t>(std::atoi(data.substr(at, 4).c_str()));
+        if (at + 5 + length > data.size()) {
+            break;
+        }
+        payloads.push_back(data.substr(at + 5, length));
+        at += 5 + length;
+    }
+    return payloads;
+}
+
+}  // namespace ServerTest
+
+#endif
