@@ -17,7 +17,7 @@
 #include "libreplay/ReplayLogReader.h"
 #include "logger/LogFileWriter.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 const char* const LoggerService::kRecordDevice = "/navi/Q";
 const char* const LoggerService::kDebugDevice = "/navi/q";
@@ -367,4 +367,4 @@ void LoggerService::WriterLoop() {
     log.Close();
 }
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService

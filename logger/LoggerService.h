@@ -17,7 +17,7 @@
 #include "logger/ChannelParsers.h"
 #include "logger/RecordQueue.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 struct LoggerOptions {
     std::string deviceRoot;      // the directory standing for "/kfsystem/multicore"
@@ -114,6 +114,6 @@ class LoggerService {
     std::thread m_writerThread;
 };
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService
 
 #endif

@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     std::string root;
     std::string logFile;
     std::string consoleFile;
-    ReplayLogger::LoggerOptions options;
+    MulticoreLogService::LoggerOptions options;
     app.add_option("--root", root,
                    "Target root holding /kfsystem/multicore, /fs/usb0 and /tmp "
                    "(default: REPLAY_TARGET_ROOT, else /)");
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    ReplayLogger::LoggerService service(options);
+    MulticoreLogService::LoggerService service(options);
     if (!service.Start()) {
         fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
         return 1;
