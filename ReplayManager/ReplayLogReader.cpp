@@ -10,6 +10,7 @@
 
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogRecord.h"
+#include "libreplay/ReplayLogger.h"
 
 namespace ReplayCore {
 
@@ -20,12 +21,16 @@ const char* const& kMarker = SpecialStrings::kReplayMarker;
 const char* const& kLoggingSystemName = SpecialStrings::kLoggingSystem;
 const char kReconnectText[] = "reconnecting";
 
-const unsigned char kEscapedCarriageReturn = 215;
-const unsigned char kEscapedLineFeed = 216;
+const unsigned char kEscapedCarriageReturn = ReplayLogger::kEscapedCarriageReturn;
+const unsigned char kEscapedLineFeed = ReplayLogger::kEscapedLineFeed;
 
 // Enough for the longest stored record (marker, framing, every payload byte
 // doubled by CR LF, a line end) plus the next marker.
 constexpr size_t kWindow = 8192;
+static_assert(LogFormat::kMaxRecordLength == ReplayLogger::kMaximumRecordSize &&
+                  LogFormat::kMaxPayloadLength + ReplayLogger::kFramingLength ==
+                      ReplayLogger::kMaximumRecordSize,
+              "the reader's limits are the server's");
 static_assert(LogFormat::kMarkerLength + 5 + 2 * LogFormat::kMaxPayloadLength + 2 +
                       LogFormat::kMarkerLength <
                   kWindow,
@@ -71,26 +76,15 @@ const char* StoredMarker() {
 }
 
 bool FrameRecord(const std::string& payload, std::string& framed) {
-    framed.clear();
-    if (payload.size() > kMaxPayloadLength) {
+    // The server's own framing, so that a log written by the tools holds
+    // exactly what the server would have written.
+    char record[ReplayLogger::kMaximumRecordSize];
+    const int length = ReplayLogger::FrameRecord(payload, record);
+    if (length < 0) {
+        framed.clear();
         return false;
     }
-    char field[8];
-    snprintf(field, sizeof field, "%4d|", static_cast<int>(payload.size()));
-    framed.reserve(payload.size() + 5);
-    framed.append(field, 5);
-    framed.append(payload);
-    if (payload.size() >= 2 && payload[0] == '!') {
-        // Every carriage return and line feed but the last byte is escaped, so
-        // that the record stays on one stored line.
-        for (size_t i = 5; i + 1 < framed.size(); ++i) {
-            if (framed[i] == '\r') {
-                framed[i] = static_cast<char>(kEscapedCarriageReturn);
-            } else if (framed[i] == '\n') {
-                framed[i] = static_cast<char>(kEscapedLineFeed);
-            }
-        }
-    }
+    framed.assign(record, static_cast<size_t>(length));
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "libreplay/ReplayLogRecord.h"
 
+#include <climits>
+#include <cstdio>
 #include <cstring>
 
 #include "libreplay/ReplayLogReader.h"
@@ -8,135 +10,170 @@ namespace ReplayCore {
 
 namespace {
 
-constexpr size_t kChecksumSuffix = 9;
-constexpr size_t kMaxClientName = 20;
+// Where the header fields of a client record lie; filled without touching
+// the heap, so that classifying every record of a log costs no allocation.
+struct HeaderFields {
+    char typeCharacter = 0;
+    int64_t blockTimeMs = 0;
+    size_t nameStart = 0;
+    size_t nameLength = 0;
+    bool hasSequence = false;
+    unsigned int firstNumber = 0;
+    unsigned int sequenceNumber = 0;
+    size_t payloadStart = 0;
+};
 
-bool NameCharacterValid(char c) {
-    return c >= '0' && c <= 'z';
+// A decimal number of 1 to 10 digits that fits 32 bits, ending at `stop`.
+bool ReadNumber(const char* data, size_t size, size_t& position, char stop, unsigned int& number) {
+    const size_t start = position;
+    uint64_t value = 0;
+    while (position < size && data[position] >= '0' && data[position] <= '9' &&
+           position - start < 10) {
+        value = value * 10 + static_cast<uint64_t>(data[position] - '0');
+        ++position;
+    }
+    if (position == start || position >= size || data[position] != stop || value > UINT32_MAX) {
+        return false;
+    }
+    number = static_cast<unsigned int>(value);
+    ++position;
+    return true;
+}
+
+// The server's ParseClientRecord accepts nearly anything that has two colons
+// and reports every oddity to the diagnostic log and the debug channels. A log
+// reader meets damaged records by the million and needs to tell a client
+// record from noise quietly and fast, so it applies the same field rules more
+// strictly: a known type character, a time that parses completely (seconds
+// within the clock parser's int range), a non-empty name and, when the
+// "!<first> <sequence>:" field is present, exactly that form. Whatever this
+// accepts, the server's parser reads to the same fields.
+bool ParseHeader(const char* data, size_t size, HeaderFields& fields) {
+    if (size < 4) {
+        return false;
+    }
+    const char type = data[0];
+    if (type < '!' || type > '&') {
+        return false;
+    }
+    const void* colon = memchr(data + 1, ':', size - 1 < 24 ? size - 1 : 24);
+    if (colon == nullptr) {
+        return false;
+    }
+    const size_t firstColon = static_cast<size_t>(static_cast<const char*>(colon) - data);
+    if (!LogFormat::ParseRecordTime(data + 1, firstColon - 1, fields.blockTimeMs) ||
+        fields.blockTimeMs / 1000 > INT_MAX) {
+        return false;
+    }
+    const size_t nameStart = firstColon + 1;
+    size_t nameEnd = nameStart;
+    while (nameEnd < size && nameEnd - nameStart <= kMaximumClientNameLength &&
+           data[nameEnd] != ':') {
+        if (data[nameEnd] < '0' || data[nameEnd] > 'z') {
+            return false;
+        }
+        ++nameEnd;
+    }
+    if (nameEnd >= size || data[nameEnd] != ':' || nameEnd == nameStart ||
+        nameEnd - nameStart > kMaximumClientNameLength) {
+        return false;
+    }
+    size_t payloadStart = nameEnd + 1;
+    fields.hasSequence = false;
+    if (payloadStart < size && data[payloadStart] == '!') {
+        size_t position = payloadStart + 1;
+        if (!ReadNumber(data, size, position, ' ', fields.firstNumber) ||
+            !ReadNumber(data, size, position, ':', fields.sequenceNumber)) {
+            return false;
+        }
+        fields.hasSequence = true;
+        payloadStart = position;
+    }
+    if (size < payloadStart + kChecksumFieldLength) {
+        return false;
+    }
+    fields.typeCharacter = type;
+    fields.nameStart = nameStart;
+    fields.nameLength = nameEnd - nameStart;
+    fields.payloadStart = payloadStart;
+    return true;
+}
+
+int HexDigitValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+// The checksum field read as "%x" reads it, 0 when that finds no number.
+// Writers produce blanks followed by hex digits, which is read directly.
+uint32_t ReadChecksumField(const char* field) {
+    size_t position = 0;
+    while (position < 8 && field[position] == ' ') {
+        ++position;
+    }
+    uint32_t value = 0;
+    bool plain = position < 8;
+    for (size_t i = position; i < 8 && plain; ++i) {
+        const int digit = HexDigitValue(field[i]);
+        plain = digit >= 0;
+        value = value << 4 | static_cast<uint32_t>(digit);
+    }
+    if (plain) {
+        return value;
+    }
+    char text[9];
+    memcpy(text, field, 8);
+    text[8] = 0;
+    unsigned int scanned = 0;
+    return sscanf(text, "%x", &scanned) == 1 ? scanned : 0;
 }
 
 }  // namespace
 
 bool ParseLogClientRecord(const std::string& record, LogClientRecord& fields) {
-    if (record.size() < 4) {
+    HeaderFields header;
+    if (!ParseHeader(record.data(), record.size(), header)) {
         return false;
     }
-    const char type = record[0];
-    if (type < '!' || type > '&') {
-        return false;
-    }
-    const size_t firstColon = record.find(':', 1);
-    if (firstColon == std::string::npos || firstColon > 24) {
-        return false;
-    }
-    int64_t timeMs = 0;
-    if (!LogFormat::ParseRecordTime(record.data() + 1, firstColon - 1, timeMs)) {
-        return false;
-    }
-    const size_t nameStart = firstColon + 1;
-    size_t nameEnd = nameStart;
-    while (nameEnd < record.size() && nameEnd - nameStart <= kMaxClientName &&
-           record[nameEnd] != ':') {
-        if (!NameCharacterValid(record[nameEnd])) {
-            return false;
-        }
-        ++nameEnd;
-    }
-    if (nameEnd >= record.size() || record[nameEnd] != ':' || nameEnd == nameStart ||
-        nameEnd - nameStart > kMaxClientName) {
-        return false;
-    }
-    size_t payloadStart = nameEnd + 1;
-    bool hasSequence = false;
-    unsigned int firstNumber = 0;
-    unsigned int sequence = 0;
-    if (payloadStart < record.size() && record[payloadStart] == '!') {
-        // "!<first> <sequence>:"
-        size_t i = payloadStart + 1;
-        size_t digits = 0;
-        uint64_t value = 0;
-        while (i < record.size() && record[i] >= '0' && record[i] <= '9' && digits < 10) {
-            value = value * 10 + static_cast<uint64_t>(record[i] - '0');
-            ++i;
-            ++digits;
-        }
-        if (digits == 0 || i >= record.size() || record[i] != ' ' || value > 0xFFFFFFFFu) {
-            return false;
-        }
-        firstNumber = static_cast<unsigned int>(value);
-        ++i;
-        digits = 0;
-        value = 0;
-        while (i < record.size() && record[i] >= '0' && record[i] <= '9' && digits < 10) {
-            value = value * 10 + static_cast<uint64_t>(record[i] - '0');
-            ++i;
-            ++digits;
-        }
-        if (digits == 0 || i >= record.size() || record[i] != ':' || value > 0xFFFFFFFFu) {
-            return false;
-        }
-        sequence = static_cast<unsigned int>(value);
-        hasSequence = true;
-        payloadStart = i + 1;
-    }
-    if (record.size() < payloadStart + kChecksumSuffix) {
-        return false;
-    }
-    fields.typeCharacter = type;
-    fields.dataType = static_cast<unsigned int>(type - ' ');
-    fields.blockTimeMs = timeMs;
-    fields.clientName.assign(record, nameStart, nameEnd - nameStart);
-    fields.hasSequence = hasSequence;
-    fields.firstNumber = firstNumber;
-    fields.sequenceNumber = sequence;
-    fields.payloadStart = payloadStart;
-    fields.payloadLength = record.size() - kChecksumSuffix - payloadStart;
+    fields.typeCharacter = header.typeCharacter;
+    fields.dataType = static_cast<unsigned int>(header.typeCharacter - ' ');
+    fields.blockTimeMs = header.blockTimeMs;
+    fields.clientName.assign(record, header.nameStart, header.nameLength);
+    fields.hasSequence = header.hasSequence;
+    fields.firstNumber = header.hasSequence ? header.firstNumber : 0;
+    fields.sequenceNumber = header.hasSequence ? header.sequenceNumber : 0;
+    fields.payloadStart = header.payloadStart;
+    fields.payloadLength = record.size() - kChecksumFieldLength - header.payloadStart;
     return true;
 }
 
 bool LooksLikeClientRecord(const std::string& record) {
-    LogClientRecord fields;
-    return ParseLogClientRecord(record, fields);
+    HeaderFields header;
+    return ParseHeader(record.data(), record.size(), header);
 }
 
 bool LogRecordChecksumValid(const char* record, size_t length) {
-    size_t n = length;
-    if (n >= 2 && (record[n - 2] == '\r' || record[n - 2] == '\n')) {
-        n -= 2;
-    } else if (n >= 1 && (record[n - 1] == '\r' || record[n - 1] == '\n')) {
-        n -= 1;
+    // The same line-end rule as CheckSumValid, which cannot be used here
+    // because it writes every mismatch to the diagnostic log.
+    size_t end = length;
+    if (end >= 2 && (record[end - 2] == '\r' || record[end - 2] == '\n')) {
+        end -= 2;
+    } else if (end >= 1 && (record[end - 1] == '\r' || record[end - 1] == '\n')) {
+        end -= 1;
     }
-    if (n < 8) {
+    if (end < 8 || end > UINT_MAX) {
         return false;
     }
-    uint32_t stored = 0;
-    bool digits = false;
-    for (size_t i = n - 8; i < n; ++i) {
-        const char c = record[i];
-        if (c == ' ' && !digits) {
-            continue;
-        }
-        uint32_t value;
-        if (c >= '0' && c <= '9') {
-            value = static_cast<uint32_t>(c - '0');
-        } else if (c >= 'a' && c <= 'f') {
-            value = static_cast<uint32_t>(c - 'a' + 10);
-        } else if (c >= 'A' && c <= 'F') {
-            value = static_cast<uint32_t>(c - 'A' + 10);
-        } else {
-            return false;
-        }
-        stored = (stored << 4) | value;
-        digits = true;
-    }
-    if (!digits) {
-        return false;
-    }
-    uint32_t sum = 0;
-    for (size_t i = 0; i < n - 8; ++i) {
-        sum += static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(record[i])));
-    }
-    return sum == stored;
+    return ReadChecksumField(record + end - 8) ==
+           ComputeChecksum(record, static_cast<unsigned int>(end - 8));
 }
 
 bool SplitLogItemTime(const char* item, size_t length, int64_t& timeMs, size_t& dataStart) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "libreplay/ClientRecord.h"
 #include "libreplay/ReplayLogReader.h"
 #include "libreplay/ReplayLogStatistics.h"
 
@@ -17,12 +18,9 @@ namespace {
 constexpr size_t kLogSize = 100u * 1024 * 1024;
 
 std::string Checksummed(const std::string& body) {
-    uint32_t sum = 0;
-    for (char c : body) {
-        sum += static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
-    }
     char suffix[16];
-    snprintf(suffix, sizeof suffix, "%8x\n", sum);
+    snprintf(suffix, sizeof suffix, "%8x\n",
+             ReplayCore::ComputeChecksum(body.data(), static_cast<unsigned int>(body.size())));
     return body + suffix;
 }
 

@@ -4,7 +4,7 @@
 
 #include "libreplay/ReplayLogReader.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 namespace {
 
@@ -131,4 +131,4 @@ void TextChannelParser::Flush() {
     }
 }
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService

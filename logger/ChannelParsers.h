@@ -10,7 +10,7 @@
 #include <functional>
 #include <string>
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 // Replay records, each "%4d|" and a payload of at most 2043 bytes.
 class RecordChannelParser {
@@ -63,6 +63,6 @@ class TextChannelParser {
     std::string m_pending;
 };
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService
 
 #endif

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 bool LogFileWriter::EnsureOpen() {
     struct stat onPath;
@@ -71,4 +71,4 @@ void LogFileWriter::Close() {
     m_dirty = false;
 }
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService

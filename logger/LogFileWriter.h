@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <string>
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 class LogFileWriter {
   public:
@@ -43,6 +43,6 @@ class LogFileWriter {
     std::string m_lastError;
 };
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService
 
 #endif

@@ -17,7 +17,7 @@
 #include "libreplay/ReplayLogReader.h"
 #include "logger/LogFileWriter.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 const char* const LoggerService::kRecordDevice = "/navi/Q";
 const char* const LoggerService::kDebugDevice = "/navi/q";
@@ -60,22 +60,25 @@ LoggerService::~LoggerService() {
     }
 }
 
+bool LoggerService::CheckDevicePath(const std::string& path) {
+    struct stat existing;
+    if (lstat(path.c_str(), &existing) == 0 && !S_ISFIFO(existing.st_mode)) {
+        m_error = path + ": exists and is not a FIFO";
+        return false;
+    }
+    return true;
+}
+
 bool LoggerService::CreateDevice(Device& device, bool keepOpen) {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(device.path).parent_path(), ignored);
-    struct stat existing;
-    if (lstat(device.path.c_str(), &existing) == 0) {
-        if (!S_ISFIFO(existing.st_mode)) {
-            m_error = device.path + ": exists and is not a FIFO";
-            return false;
-        }
-    } else if (mkfifo(device.path.c_str(), 0666) != 0) {
+    // An existing FIFO is reused: a writer that kept it open across our
+    // restart still writes into it, and what it wrote meanwhile waits there.
+    if (mkfifo(device.path.c_str(), 0666) != 0 && errno != EEXIST) {
         m_error = device.path + ": cannot create FIFO: " + strerror(errno);
         return false;
-    } else {
-        device.created = true;
     }
-    if (!OpenReadEnd(device)) {
+    if (!CheckDevicePath(device.path) || !OpenReadEnd(device)) {
         return false;
     }
     if (keepOpen) {
@@ -107,20 +110,19 @@ bool LoggerService::Start() {
     m_devices.resize(kDeviceCount);
     for (int i = 0; i < kDeviceCount; ++i) {
         m_devices[i].path = m_options.deviceRoot + paths[i];
+    }
+    // Anything in the way is found before a single device is opened.
+    for (const Device& device : m_devices) {
+        if (!CheckDevicePath(device.path)) {
+            m_devices.clear();
+            return false;
+        }
+    }
+    for (int i = 0; i < kDeviceCount; ++i) {
         // The record channel gets no writer of ours: its hang-up tells that
         // all writers have gone, and the next one re-attaches.
         if (!CreateDevice(m_devices[i], i != kRecords)) {
-            for (Device& device : m_devices) {
-                if (device.readFd >= 0) {
-                    close(device.readFd);
-                }
-                if (device.keepOpenFd >= 0) {
-                    close(device.keepOpenFd);
-                }
-                if (device.created) {
-                    unlink(device.path.c_str());
-                }
-            }
+            CloseDevices();
             m_devices.clear();
             return false;
         }
@@ -128,6 +130,8 @@ bool LoggerService::Start() {
     int wake[2];
     if (pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
         m_error = std::string("cannot create wake-up pipe: ") + strerror(errno);
+        CloseDevices();
+        m_devices.clear();
         return false;
     }
     m_wakeRead = wake[0];
@@ -151,19 +155,23 @@ void LoggerService::Stop() {
         return;
     }
     m_stopped = true;
-    // New writers fail at once from here on instead of filling a pipe that
-    // nobody reads.
-    for (Device& device : m_devices) {
-        if (device.created) {
-            unlink(device.path.c_str());
-        }
-    }
+    // The FIFOs stay: a writer holding the record channel open keeps writing
+    // into it, and the next service start reads what it wrote meanwhile.
+    // Probe and console writers that open write-only see no reader (ENXIO)
+    // until then.
     m_stopping = true;
     const char wake = 1;
     (void)!write(m_wakeWrite, &wake, 1);
     m_pollThread.join();
     m_queue.Close();
     m_writerThread.join();
+    CloseDevices();
+    if (!m_options.readyFile.empty()) {
+        unlink(m_options.readyFile.c_str());
+    }
+}
+
+void LoggerService::CloseDevices() {
     for (Device& device : m_devices) {
         if (device.readFd >= 0) {
             close(device.readFd);
@@ -172,9 +180,6 @@ void LoggerService::Stop() {
             close(device.keepOpenFd);
         }
         device.readFd = device.keepOpenFd = -1;
-    }
-    if (!m_options.readyFile.empty()) {
-        unlink(m_options.readyFile.c_str());
     }
 }
 
@@ -362,4 +367,4 @@ void LoggerService::WriterLoop() {
     log.Close();
 }
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService

@@ -2,8 +2,8 @@
 #define LOGGER_LOGGERSERVICE_H
 
 // The logger service behind the multicore device tree. It creates the
-// devices as FIFOs and reads them in a poll loop without ever making a writer
-// wait: replay records from "navi/Q" are appended to the log file in stored
+// devices as FIFOs (or reuses those left by an earlier run) and reads them in a poll loop without
+// ever making a writer wait: replay records from "navi/Q" are appended to the log file in stored
 // form, console batches ("navi/multi") and debug text ("navi/q") go to the
 // console log, and "ioc1/0" answers the library's presence probe. A separate
 // writer thread does all file output through a bounded queue.
@@ -17,7 +17,7 @@
 #include "logger/ChannelParsers.h"
 #include "logger/RecordQueue.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 struct LoggerOptions {
     std::string deviceRoot;      // the directory standing for "/kfsystem/multicore"
@@ -55,11 +55,12 @@ class LoggerService {
     LoggerService(const LoggerService&) = delete;
     LoggerService& operator=(const LoggerService&) = delete;
 
-    // Creates the devices and starts the threads; false with Error() set
-    // when a device cannot be created or opened.
+    // Creates the missing devices, reuses existing FIFOs and starts the
+    // threads; false with Error() set when a device path holds something
+    // other than a FIFO or cannot be created or opened.
     bool Start();
-    // Removes the devices it created, reads what writers already put into
-    // them, writes everything queued, syncs and stops. Idempotent.
+    // Reads what writers already put into the devices, writes everything
+    // queued, syncs and stops. The FIFOs stay for the next start. Idempotent.
     void Stop();
 
     const std::string& Error() const { return m_error; }
@@ -76,12 +77,14 @@ class LoggerService {
   private:
     struct Device {
         std::string path;
-        bool created = false;
         int readFd = -1;
         int keepOpenFd = -1;  // our own writer, so the FIFO never reports hang-up
     };
 
+    // False (with m_error) when `path` exists and is not a FIFO.
+    bool CheckDevicePath(const std::string& path);
     bool CreateDevice(Device& device, bool keepOpen);
+    void CloseDevices();
     bool OpenReadEnd(Device& device);
     void PollLoop();
     enum class DrainResult { kEmpty, kMore, kClosed };
@@ -111,6 +114,6 @@ class LoggerService {
     std::thread m_writerThread;
 };
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService
 
 #endif

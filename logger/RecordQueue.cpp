@@ -1,6 +1,6 @@
 #include "logger/RecordQueue.h"
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 bool RecordQueue::Push(QueueItem::Kind kind, const char* data, size_t length) {
     {
@@ -41,4 +41,4 @@ void RecordQueue::Close() {
     m_ready.notify_all();
 }
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService

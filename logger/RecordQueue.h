@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-namespace ReplayLogger {
+namespace MulticoreLogService {
 
 struct QueueItem {
     enum Kind { kRecord, kReconnect, kConsole };
@@ -45,6 +45,6 @@ class RecordQueue {
     bool m_closed = false;
 };
 
-}  // namespace ReplayLogger
+}  // namespace MulticoreLogService
 
 #endif

@@ -11,17 +11,21 @@
 
 int main(int argc, char** argv) {
     CLI::App app{
-        "Creates the multicore logger devices (FIFOs) under the target root and stores what "
-        "arrives on them: replay records from navi/Q go to the log file, console batches from "
-        "navi/multi and debug text from navi/q to the console log; ioc1/0 answers the presence "
-        "probe. Stops on SIGINT or SIGTERM after writing everything received, and removes the "
-        "FIFOs it created.\n\nExit status: 0 after a clean stop, 1 when the devices cannot be "
-        "created, 2 for bad options.",
+        "Creates the multicore logger devices (FIFOs) under the target root, or reuses the ones "
+        "an earlier run left, and stores what arrives on them: replay records from navi/Q go to "
+        "the log file, console batches from navi/multi and debug text from navi/q to the console "
+        "log; ioc1/0 answers the presence probe. Stops on SIGINT or SIGTERM after writing "
+        "everything received. The FIFOs stay in place, so a writer that keeps navi/Q open "
+        "read-write (the replay server) can go on writing while the service restarts: what it "
+        "writes meanwhile waits in the FIFO, up to its capacity, and the next start stores it. "
+        "Writers that open a device write-only get ENXIO while the service is down. A path "
+        "that exists but is not a FIFO stops the start.\n\nExit status: 0 after a clean stop, "
+        "1 when the devices cannot be created or opened, 2 for bad options.",
         "replay-logger"};
     std::string root;
     std::string logFile;
     std::string consoleFile;
-    ReplayLogger::LoggerOptions options;
+    MulticoreLogService::LoggerOptions options;
     app.add_option("--root", root,
                    "Target root holding /kfsystem/multicore, /fs/usb0 and /tmp "
                    "(default: REPLAY_TARGET_ROOT, else /)");
@@ -70,7 +74,7 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    ReplayLogger::LoggerService service(options);
+    MulticoreLogService::LoggerService service(options);
     if (!service.Start()) {
         fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
         return 1;

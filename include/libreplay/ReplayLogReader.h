@@ -32,8 +32,9 @@ constexpr size_t kMaxRecordLength = 2048;
 // "Q\t[-M-] \t": starts every stored record.
 REPLAY_API const char* StoredMarker();
 
-// Frames `payload` as the replay server writes it to its channel: "%4d|",
-// then the payload with the 215/216 escaping of '!' payloads. False (and
+// Frames `payload` as the replay server writes it to its channel
+// (ReplayLogger::FrameRecord): "%4d|", then the payload with the 215/216
+// escaping of '!' payloads. False (and
 // `framed` empty) when the payload is longer than kMaxPayloadLength.
 REPLAY_API bool FrameRecord(const std::string& payload, std::string& framed);
 

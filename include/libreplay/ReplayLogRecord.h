@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "libreplay/ClientRecord.h"
 #include "libreplay/ReplayExport.h"
 
 namespace ReplayCore {
@@ -27,15 +28,16 @@ struct LogClientRecord {
 };
 
 // Header fields of a client record: "<type><time>:<name>:[!<n> <seq>:]",
-// items, then the checksum suffix. False for anything else.
+// items, then the checksum suffix. False for anything else. Stricter than
+// ParseClientRecord (a known type, a well-formed time and sequence field, a
+// non-empty name); every record it accepts, ParseClientRecord reads the same.
 REPLAY_API bool ParseLogClientRecord(const std::string& record, LogClientRecord& fields);
 
-// The cheap test that the log reader applies to classify a record.
+// ParseLogClientRecord without filling anything: no allocation at all.
 REPLAY_API bool LooksLikeClientRecord(const std::string& record);
 
-// Whether the "%8x" checksum at the end of `record` matches the sum of the
-// bytes before it (each taken as a signed 8-bit value); accepts a record
-// ending in LF, CR LF or neither.
+// What CheckSumValid answers for `record`, without its reports to the
+// diagnostic log and the debug channels.
 REPLAY_API bool LogRecordChecksumValid(const char* record, size_t length);
 
 // Calls `visit(timeMs, data, length)` for each item of a parsed record: the
@@ -49,8 +51,6 @@ size_t ForEachLogItem(const std::string& record, const LogClientRecord& fields, 
 REPLAY_API bool SplitLogItemTime(const char* item, size_t length, int64_t& timeMs,
                                  size_t& dataStart);
 
-constexpr unsigned char kLogItemSeparator = 0xDE;
-
 template <typename Visitor>
 size_t ForEachLogItem(const std::string& record, const LogClientRecord& fields, Visitor visit) {
     const char* position = record.data() + fields.payloadStart;
@@ -59,8 +59,7 @@ size_t ForEachLogItem(const std::string& record, const LogClientRecord& fields, 
     size_t count = 0;
     bool first = true;
     for (;;) {
-        const void* found =
-            memchr(position, kLogItemSeparator, static_cast<size_t>(end - position));
+        const void* found = memchr(position, kItemSeparator, static_cast<size_t>(end - position));
         const char* separator = found != nullptr ? static_cast<const char*>(found) : end;
         const char* data = position;
         size_t length = static_cast<size_t>(separator - position);

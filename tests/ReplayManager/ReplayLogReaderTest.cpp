@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "libreplay/ClientRecord.h"
+#include "libreplay/ReplayLogRecord.h"
 #include "libreplay/ReplayLogStatistics.h"
 #include "tests/support/TestSupport.h"
 
@@ -25,13 +27,14 @@ std::string Stored(const std::string& payload) {
 }
 
 std::string Checksummed(const std::string& body) {
-    uint32_t sum = 0;
-    for (char c : body) {
-        sum += static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
-    }
-    char suffix[16];
-    snprintf(suffix, sizeof suffix, "%8x\n", sum);
-    return body + suffix;
+    std::string record(body.size() + ReplayCore::kChecksumFieldLength + 1, '\0');
+    record.replace(0, body.size(), body);
+    unsigned int sum = 0;
+    const int length =
+        ReplayCore::AppendChecksum(&record[0], static_cast<unsigned int>(body.size()),
+                                   static_cast<unsigned int>(record.size()), sum);
+    record.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return record;
 }
 
 std::vector<LogRecord> ReadAll(ReplayLogReader& reader) {
@@ -167,14 +170,6 @@ TEST(ReplayLogReaderTest, GarbageOnlyInputEndsWithoutRecords) {
 
 class ReplayLogFileTest : public ReplayTest::TargetRootTest {};
 
-TEST_F(ReplayLogFileTest, MissingFileIsReportedNotRead) {
-    ReplayLogReader reader;
-    EXPECT_FALSE(reader.Open(Root() + "/fs/usb0/LOGFILE.DAT"));
-    EXPECT_NE(reader.LastError().find("No such file"), std::string::npos);
-    LogRecord record;
-    EXPECT_FALSE(reader.Next(record));
-}
-
 // Statistics over records built here, so each fault is known exactly.
 TEST_F(ReplayLogFileTest, StatisticsFindChecksumGapAndTimeOrderFaults) {
     std::string log = Stored(LogFormat::HeaderPayload(1000));
@@ -223,6 +218,84 @@ TEST_F(ReplayLogFileTest, StatisticsFindChecksumGapAndTimeOrderFaults) {
     EXPECT_EQ(clients[1].name, "gps");
     EXPECT_EQ(clients[1].records, 4u);
     EXPECT_EQ(clients[1].lastTimeMs, 9100);
+}
+
+// The reader's quiet record parsing and checksum test must agree with the
+// server's own: whatever it takes for a client record, the server reads to
+// the same fields, and both call the same checksums valid.
+TEST_F(ReplayLogFileTest, RecordParsingAndChecksumsAgreeWithTheServersOwn) {
+    std::vector<std::string> records = {
+        Checksummed("!1.100:gps:!1 7:a\xde"
+                    "1.150:b"),
+        Checksummed("#2.5:can:"),
+        Checksummed("#2.:can:!not a sequence"),
+        Checksummed("$3:" + std::string(20, 'n') + ":!1 4294967295:x"),
+        Checksummed("$3:" + std::string(21, 'n') + ":!1 1:x"),
+        Checksummed("!4.000:gps:!1 4294967296:x"),
+        Checksummed("!4.000:g-s:!1 1:x"),
+        Checksummed("'4.000:gps:!1 1:x"),
+        Checksummed("!99999999999.000:gps:!1 1:x"),
+        Checksummed("!1.000:gps:!1 1:") + "\r\n",
+        "short",
+    };
+    // Checksum fields that only a full "%x" reading takes: a sign, a 0X
+    // prefix, upper-case digits, nothing at all for an empty body.
+    const std::string body = "!1.000:gps:!1 1:x";
+    char hex[16];
+    snprintf(hex, sizeof hex, "%X", ReplayCore::ComputeChecksum(body.data(), 17));
+    for (const std::string prefix : {"+", "0X", ""}) {
+        const std::string number = prefix + hex;
+        records.push_back(body + std::string(8 - number.size(), ' ') + number + "\n");
+    }
+    records.push_back("        ");
+    std::string damaged = Checksummed("!5.000:gps:!1 2:abc");
+    damaged[17] = 'X';
+    records.push_back(damaged);
+    const size_t crafted = records.size();
+    for (const char* golden : {"clean.dat", "garbage_reconnect.dat"}) {
+        ReplayLogReader reader;
+        ASSERT_TRUE(reader.Open(std::string(REPLAY_TEST_DATA_DIR) + "/logs/" + golden));
+        LogRecord record;
+        while (reader.Next(record)) {
+            records.push_back(record.payload);
+        }
+    }
+
+    size_t refused = 0;
+    for (size_t i = 0; i < records.size(); ++i) {
+        const std::string& record = records[i];
+        SCOPED_TRACE(record);
+        EXPECT_EQ(
+            ReplayCore::LogRecordChecksumValid(record.data(), record.size()),
+            ReplayCore::CheckSumValid(record.data(), static_cast<unsigned int>(record.size())));
+        ReplayCore::LogClientRecord fields;
+        if (!ReplayCore::ParseLogClientRecord(record, fields)) {
+            EXPECT_FALSE(ReplayCore::LooksLikeClientRecord(record));
+            refused += i < crafted ? 1 : 0;
+            continue;
+        }
+        EXPECT_TRUE(ReplayCore::LooksLikeClientRecord(record));
+        std::string name;
+        ReplayCore::MSTime::MSTimeStruct time;
+        unsigned int dataType = 0;
+        unsigned int first = 0;
+        unsigned int sequence = 0;
+        unsigned int payloadLength = 0;
+        unsigned int payloadStart = 0;
+        ASSERT_TRUE(ParseClientRecord(record, name, time, dataType, first, sequence, payloadLength,
+                                      payloadStart));
+        EXPECT_EQ(fields.clientName, name);
+        EXPECT_EQ(fields.blockTimeMs, time.m_timeMilliseconds);
+        EXPECT_EQ(fields.dataType, dataType);
+        EXPECT_EQ(fields.payloadStart, payloadStart);
+        EXPECT_EQ(fields.payloadLength, payloadLength);
+        if (fields.hasSequence) {
+            EXPECT_EQ(fields.firstNumber, first);
+            EXPECT_EQ(fields.sequenceNumber, sequence);
+        }
+    }
+    // The odd names, numbers, types and times above are refused.
+    EXPECT_EQ(refused, 8u);
 }
 
 TEST(ReplayLogGoldenTest, GoldenLogsReadAsDescribed) {

@@ -13,15 +13,30 @@
 #include <string>
 #include <vector>
 
+#include "libreplay/ClientRecord.h"
+#include "libreplay/ReplayError.h"
 #include "libreplay/ReplayLogReader.h"
+#include "libreplay/ReplayLogger.h"
 #include "logger/ChannelParsers.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using ReplayLogger::LoggerOptions;
-using ReplayLogger::LoggerService;
+using MulticoreLogService::LoggerOptions;
+using MulticoreLogService::LoggerService;
+
+std::string Checksummed(const std::string& body) {
+    char trailer[16];
+    snprintf(trailer, sizeof trailer, "%8x\n",
+             ReplayCore::ComputeChecksum(body.data(), static_cast<unsigned int>(body.size())));
+    return body + trailer;
+}
+
+bool IsFifo(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
 
 class LoggerServiceTest : public ReplayTest::TargetRootTest {
   protected:
@@ -43,6 +58,34 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
         ASSERT_TRUE(ReplayCore::LogFormat::FrameRecord(payload, framed));
         ASSERT_EQ(write(fd, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
     }
+
+    // Runs the built executable under this test's root until it is ready;
+    // its standard output goes to <root>/tmp/stdout.txt.
+    pid_t StartExecutable() const {
+        const std::string output = Root() + "/tmp/stdout.txt";
+        const pid_t child = fork();
+        if (child == 0) {
+            const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(out, 1);
+            const std::string binary = std::string(REPLAY_BINARY_DIR) + "/logger/replay-logger";
+            execl(binary.c_str(), binary.c_str(), "--root", Root().c_str(), "--ready-file",
+                  ReadyFile().c_str(), "--sync-interval-ms", "60000", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        EXPECT_TRUE(ReplayTest::WaitFor([&] { return std::filesystem::exists(ReadyFile()); }, 20s));
+        return child;
+    }
+    // SIGTERM, then the exit status must tell a clean stop.
+    void TerminateExecutable(pid_t child) const {
+        ASSERT_GT(child, 0);
+        ASSERT_EQ(kill(child, SIGTERM), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        EXPECT_FALSE(std::filesystem::exists(ReadyFile()));
+    }
+    std::string ReadyFile() const { return Root() + "/tmp/ready"; }
 
     std::vector<std::string> ReadBack(uint64_t* reconnects = nullptr) const {
         ReplayCore::ReplayLogReader reader;
@@ -115,9 +158,10 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
     service.Stop();
     EXPECT_EQ(service.Summary(),
               "5 records written, 0 dropped, " + std::to_string(stored.size()) + " bytes");
-    // The devices are gone, so a late writer fails at once.
-    EXPECT_LT(OpenChannel(), 0);
-    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kProbeDevice)));
+    // The FIFOs stay, but the probe finds no reader behind them.
+    EXPECT_TRUE(IsFifo(Device(LoggerService::kRecordDevice)));
+    EXPECT_LT(open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK), 0);
+    EXPECT_EQ(errno, ENXIO);
 }
 
 TEST_F(LoggerServiceTest, WriterReattachingAfterAllClosedIsMarkedReconnecting) {
@@ -185,43 +229,71 @@ TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
     EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
 }
 
-// The executable: SIGTERM stores everything received, removes the devices
-// and prints the summary.
-TEST_F(LoggerServiceTest, TerminatedServiceFlushesEverythingAndCleansUp) {
+// The executable, restarted under a writer that keeps the record channel
+// open read-write the whole time, as the replay server does: what it writes
+// while the service is down waits in the FIFO and is stored after the
+// restart, and SIGTERM stores everything received before the exit.
+TEST_F(LoggerServiceTest, RestartedServiceDrainsWhatTheWriterKeptWritingWhileItWasDown) {
     MakeTargetDirectory("/fs/usb0");
-    const std::string ready = Root() + "/tmp/ready";
-    const std::string output = Root() + "/tmp/stdout.txt";
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        const std::string binary = std::string(REPLAY_BINARY_DIR) + "/logger/replay-logger";
-        execl(binary.c_str(), binary.c_str(), "--root", Root().c_str(), "--ready-file",
-              ready.c_str(), "--sync-interval-ms", "60000", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ASSERT_TRUE(ReplayTest::WaitFor([&] { return std::filesystem::exists(ready); }, 20s));
-
-    const int channel = OpenChannel();
+    pid_t service = StartExecutable();
+    ASSERT_GT(service, 0);
+    const int channel = open(Device(LoggerService::kRecordDevice).c_str(), O_RDWR | O_NONBLOCK);
     ASSERT_GE(channel, 0);
     std::vector<std::string> payloads;
-    for (int i = 0; i < 500; ++i) {
-        payloads.push_back("record " + std::to_string(i) + std::string(100, '.') + "\n");
-        WriteRecord(channel, payloads.back());
-    }
+    auto writeRecords = [&](const char* phase, int count) {
+        for (int i = 0; i < count; ++i) {
+            payloads.push_back(std::string(phase) + " " + std::to_string(i) +
+                               std::string(100, '.') + "\n");
+            WriteRecord(channel, payloads.back());
+        }
+    };
+    writeRecords("before", 300);
+    TerminateExecutable(service);
+
+    writeRecords("while down", 100);
+    EXPECT_LT(open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK), 0);
+    EXPECT_EQ(errno, ENXIO);
+
+    service = StartExecutable();
+    ASSERT_GT(service, 0);
+    writeRecords("after", 100);
+    TerminateExecutable(service);
     close(channel);
-    ASSERT_EQ(kill(child, SIGTERM), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 
     EXPECT_EQ(ReadBack(), payloads);
-    EXPECT_NE(ReplayTest::ReadFile(output).find("500 records written, 0 dropped"),
-              std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
-    EXPECT_FALSE(std::filesystem::exists(ready));
+    const std::string summaries = ReplayTest::ReadFile(Root() + "/tmp/stdout.txt");
+    EXPECT_NE(summaries.find("300 records written, 0 dropped"), std::string::npos) << summaries;
+    EXPECT_NE(summaries.find("200 records written, 0 dropped"), std::string::npos) << summaries;
+}
+
+// The replay server's logger writes through the real service and every
+// record reads back as written; without a service its writes fail at once.
+TEST_F(LoggerServiceTest, ServerLoggerRecordsReadBackIdenticalThroughTheService) {
+    MakeTargetDirectory("/fs/usb0");
+    ReplayLogger& logger = ReplayLogger::Get();
+    logger.ResetForTesting();  // a channel of an earlier test's root
+    const ReplayError absent = logger.WriteTextToLog("nobody listens\n");
+    EXPECT_TRUE(absent.IsError());
+    EXPECT_NE(absent.GetText().find("Failed to Connect"), std::string::npos) << absent.GetText();
+
+    const pid_t service = StartExecutable();
+    ASSERT_GT(service, 0);
+    const std::vector<std::string> payloads = {
+        ReplayCore::LogFormat::HeaderPayload(83061),
+        Checksummed("!1.100:gps:!1 1:cr\rlf\ncrlf\r\nend"),
+        "!status ends in a carriage return\r",
+        "\"1.200:ui:!1 2:two\nlines\r\nand a lone \r here\n",
+        "plain text without a line end",
+        "",
+        "!" + std::string(2041, '\n') + "\n",
+        std::string(2043, 'x'),
+    };
+    for (const std::string& payload : payloads) {
+        const ReplayError written = logger.WriteTextToLog(payload);
+        EXPECT_FALSE(written.IsError()) << written.GetText();
+    }
+    TerminateExecutable(service);
+    EXPECT_EQ(ReadBack(), payloads);
 }
 
 TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {
@@ -236,7 +308,7 @@ TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {
     stream.insert(0, "xx|broken\n");  // dropped up to its line end
     for (size_t split = 0; split <= stream.size(); ++split) {
         std::vector<std::string> got;
-        ReplayLogger::RecordChannelParser parser(
+        MulticoreLogService::RecordChannelParser parser(
             [&](const char* data, size_t length) { got.emplace_back(data, length); });
         parser.Feed(stream.data(), split);
         parser.Feed(stream.data() + split, stream.size() - split);
@@ -245,9 +317,10 @@ TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {
     }
 
     std::vector<std::string> lines;
-    ReplayLogger::ConsoleChannelParser console([&](char code, const char* text, size_t length) {
-        lines.push_back(std::string(1, code) + std::string(text, length));
-    });
+    MulticoreLogService::ConsoleChannelParser console(
+        [&](char code, const char* text, size_t length) {
+            lines.push_back(std::string(1, code) + std::string(text, length));
+        });
     const std::string batch = std::string("a\x03xyz") + std::string("b\0", 2) + "c\x01!";
     for (char c : batch) {
         console.Feed(&c, 1);

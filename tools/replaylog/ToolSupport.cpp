@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "libreplay/Ascii7.h"
+
 namespace ReplayLogTool {
 
 bool RecordFilter::Prepare(std::string& error) {
@@ -89,24 +91,23 @@ std::string HexBytes(const std::string& bytes) {
 }
 
 std::string DecodeBinaryItem(const char* text, size_t length) {
-    // Each character carries 7 bits (its value minus 37), lowest bits first;
-    // a character outside 37..164 ends the data.
-    std::string out;
-    uint32_t bits = 0;
-    int count = 0;
-    for (size_t i = 0; i < length; ++i) {
-        const int value = static_cast<unsigned char>(text[i]) - 37;
-        if (value < 0 || value > 127) {
-            break;
-        }
-        bits |= static_cast<uint32_t>(value) << count;
-        count += 7;
-        if (count >= 8) {
-            out.push_back(static_cast<char>(bits & 0xFF));
-            bits >>= 8;
-            count -= 8;
-        }
+    // n characters carry at most 7n / 8 whole bytes, so the decoder never
+    // reads past the item into the next separator or the checksum.
+    const size_t capacity = length * 7 / 8;
+    // The decoder announces an empty result on standard output, which would
+    // corrupt the tool's own output: it is only called when the first two
+    // characters yield at least one byte.
+    auto carriesBits = [](char c) {
+        const unsigned char value = static_cast<unsigned char>(c);
+        return value >= 37 && value - 37 <= 127;
+    };
+    if (capacity == 0 || !carriesBits(text[0]) || !carriesBits(text[1])) {
+        return std::string();
     }
+    std::string out(capacity, '\0');
+    const unsigned int decoded = Ascii7Decoder::DecodeAscii7(
+        reinterpret_cast<const unsigned char*>(text), static_cast<unsigned int>(capacity), &out[0]);
+    out.resize(decoded);
     return out;
 }
 

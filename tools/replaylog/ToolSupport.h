@@ -54,7 +54,8 @@ std::string Printable(const char* data, size_t length);
 
 std::string HexBytes(const std::string& bytes);
 
-// Undoes the 7-bit text encoding of binary items.
+// The bytes of a binary item's Ascii7 text; decoding stops at the first
+// character outside the code.
 std::string DecodeBinaryItem(const char* text, size_t length);
 
 const char* KindName(ReplayCore::LogRecordKind kind);
