@@ -179,12 +179,11 @@ void Report(const char* label, const std::vector<Sample>& samples, size_t expect
     const double count = samples.empty() ? 1.0 : static_cast<double>(samples.size());
     std::printf(
         "%-8s items %5zu/%-5zu  mean|e| %6.3f ms  mean e %+7.3f ms  p50 %6.3f  p99 %6.3f  "
-        "max %7.3f ms  out of order %d\n",
+        "max %7.3f ms (item %d)  >3 ms: %d  out of order %d\n",
         label, samples.size(), expected, absoluteSum / count / 1000.0,
         static_cast<double>(signedSum) / count / 1000.0, Percentile(absolute, 0.50),
-        Percentile(absolute, 0.99),
-        absolute.empty() ? 0.0 : *std::max_element(absolute.begin(), absolute.end()) / 1000.0,
-        outOfOrder);
+        Percentile(absolute, 0.99), static_cast<double>(std::max<int64_t>(worst, 0)) / 1000.0,
+        worstIndex, over3, outOfOrder);
 }
 
 }  // namespace
