@@ -30,9 +30,23 @@ int HexDigitValue(char c) {
     return -1;
 }
 
-// Reads the eight-character checksum field as "%x" would. The form every
-// writer produces (spaces, then hex digits to the end) is read directly;
-// anything else goes through sscanf so that odd fields read the same way.
+// "%8x": lower-case hex, right-aligned in eight places, padded with spaces.
+void FormatChecksumField(uint32_t sum, char* field) {
+    int position = 7;
+    do {
+        field[position--] = kHexDigits[sum & 0xF];
+        sum >>= 4;
+    } while (sum != 0);
+    while (position >= 0) {
+        field[position--] = ' ';
+    }
+}
+
+}  // namespace
+
+// The form every writer produces (spaces, then hex digits to the end) is read
+// directly; anything else goes through sscanf so that odd fields read the same
+// way.
 unsigned int ReadChecksumField(const char* field) {
     unsigned int position = 0;
     while (position < 8 && field[position] == ' ') {
@@ -58,19 +72,15 @@ unsigned int ReadChecksumField(const char* field) {
     return value;
 }
 
-// "%8x": lower-case hex, right-aligned in eight places, padded with spaces.
-void FormatChecksumField(uint32_t sum, char* field) {
-    int position = 7;
-    do {
-        field[position--] = kHexDigits[sum & 0xF];
-        sum >>= 4;
-    } while (sum != 0);
-    while (position >= 0) {
-        field[position--] = ' ';
+unsigned int ChecksumFieldEnd(const char* line, unsigned int length) {
+    if (length >= 2 && IsLineEnd(line[length - 2])) {
+        return length - 2;
     }
+    if (length >= 1 && IsLineEnd(line[length - 1])) {
+        return length - 1;
+    }
+    return length;
 }
-
-}  // namespace
 
 uint32_t ComputeChecksum(const char* data, unsigned int length) {
     // A signed byte is its unsigned value with the top bit flipped, minus 128.
@@ -130,12 +140,7 @@ bool CheckSumValid(const char* line, unsigned int length) {
         }
         return false;
     }
-    unsigned int end = length;
-    if (length >= 2 && IsLineEnd(line[length - 2])) {
-        end = length - 2;
-    } else if (IsLineEnd(line[length - 1])) {
-        end = length - 1;
-    }
+    const unsigned int end = ChecksumFieldEnd(line, length);
     if (end < 8) {
         // No room for the checksum field at all.
         if (DebugOutputAttached()) {

@@ -99,43 +99,6 @@ bool ParseHeader(const char* data, size_t size, HeaderFields& fields) {
     return true;
 }
 
-int HexDigitValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-// The checksum field read as "%x" reads it, 0 when that finds no number.
-// Writers produce blanks followed by hex digits, which is read directly.
-uint32_t ReadChecksumField(const char* field) {
-    size_t position = 0;
-    while (position < 8 && field[position] == ' ') {
-        ++position;
-    }
-    uint32_t value = 0;
-    bool plain = position < 8;
-    for (size_t i = position; i < 8 && plain; ++i) {
-        const int digit = HexDigitValue(field[i]);
-        plain = digit >= 0;
-        value = value << 4 | static_cast<uint32_t>(digit);
-    }
-    if (plain) {
-        return value;
-    }
-    char text[9];
-    memcpy(text, field, 8);
-    text[8] = 0;
-    unsigned int scanned = 0;
-    return sscanf(text, "%x", &scanned) == 1 ? scanned : 0;
-}
-
 }  // namespace
 
 bool ParseLogClientRecord(const std::string& record, LogClientRecord& fields) {
@@ -161,19 +124,13 @@ bool LooksLikeClientRecord(const std::string& record) {
 }
 
 bool LogRecordChecksumValid(const char* record, size_t length) {
-    // The same line-end rule as CheckSumValid, which cannot be used here
-    // because it writes every mismatch to the diagnostic log.
-    size_t end = length;
-    if (end >= 2 && (record[end - 2] == '\r' || record[end - 2] == '\n')) {
-        end -= 2;
-    } else if (end >= 1 && (record[end - 1] == '\r' || record[end - 1] == '\n')) {
-        end -= 1;
-    }
-    if (end < 8 || end > UINT_MAX) {
+    // CheckSumValid writes every mismatch to the diagnostic log; a reader of
+    // damaged logs checks silently.
+    if (length > UINT_MAX) {
         return false;
     }
-    return ReadChecksumField(record + end - 8) ==
-           ComputeChecksum(record, static_cast<unsigned int>(end - 8));
+    const unsigned int end = ChecksumFieldEnd(record, static_cast<unsigned int>(length));
+    return end >= 8 && ReadChecksumField(record + end - 8) == ComputeChecksum(record, end - 8);
 }
 
 bool SplitLogItemTime(const char* item, size_t length, int64_t& timeMs, size_t& dataStart) {

@@ -27,6 +27,13 @@ constexpr unsigned char kItemSeparator = 0xDE;
 // Sum, with 32-bit wrap-around, of `length` bytes each read as signed.
 REPLAY_API uint32_t ComputeChecksum(const char* data, unsigned int length);
 
+// Where a line's checksum field ends: before a final CR, LF or pair of them.
+REPLAY_API unsigned int ChecksumFieldEnd(const char* line, unsigned int length);
+
+// The eight-character checksum field read as "%x" reads it; 0 when it holds
+// no number.
+REPLAY_API unsigned int ReadChecksumField(const char* field);
+
 // Appends the checksum trailer of the first `length` bytes at `length` and
 // sets `checksum`; the new length (length + 9), or -1 when it does not fit in
 // `bufferSize`. The terminator follows when there is room for it.
