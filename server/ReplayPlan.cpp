@@ -57,6 +57,13 @@ bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& opt
         planned.sequence = fields.sequenceNumber;
         planned.offset = record.offset;
         planned.record = std::move(record.payload);
+        // Sent without its line end: a client cuts the last item 8 bytes
+        // before the end of the datagram, which is exactly where the checksum
+        // field starts only when no line end follows it.
+        while (!planned.record.empty() &&
+               (planned.record.back() == '\n' || planned.record.back() == '\r')) {
+            planned.record.pop_back();
+        }
         plan.clients.insert(planned.client);
         if (planned.sequence == 0) {
             plan.initialisation.push_back(std::move(planned));
