@@ -30,8 +30,17 @@ ExecutionTimer::ExecutionTimer(const std::string& name) : m_name(name) {
     }
 }
 
+ExecutionTimer& ExecutionTimer::operator=(const ExecutionTimer& other) {
+    m_name = other.m_name;
+    m_startTime.store(other.m_startTime.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    m_totalTime.store(other.m_totalTime.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    m_calls.store(other.m_calls.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    m_constructTimeSeconds = other.m_constructTimeSeconds;
+    return *this;
+}
+
 ExecutionTimer::~ExecutionTimer() {
-    if (m_startTime != 0) {
+    if (m_startTime.load(std::memory_order_relaxed) != 0) {
         Stop();
     }
     DisplayTime();
@@ -65,28 +74,32 @@ unsigned int ExecutionTimer::CurrentTime() const {
 }
 
 unsigned int ExecutionTimer::Start() {
-    m_startTime = CurrentTime();
-    return m_startTime;
+    const unsigned int now = CurrentTime();
+    m_startTime.store(now, std::memory_order_relaxed);
+    return now;
 }
 
 // Without a Start the whole clock value is added, as the arithmetic gives.
 unsigned int ExecutionTimer::Stop() {
     const unsigned int now = CurrentTime();
-    m_totalTime = m_totalTime - m_startTime + now;
-    ++m_calls;
-    m_startTime = 0;
+    m_totalTime.fetch_add(now - m_startTime.load(std::memory_order_relaxed),
+                          std::memory_order_relaxed);
+    m_calls.fetch_add(1, std::memory_order_relaxed);
+    m_startTime.store(0, std::memory_order_relaxed);
     return now;
 }
 
 void ExecutionTimer::DisplayTime() const {
-    if (m_calls == 0 || !DebugOutputAttached()) {
+    const unsigned int calls = GetCalls();
+    const unsigned int totalTime = GetTotalTime();
+    if (calls == 0 || !DebugOutputAttached()) {
         return;
     }
     const double averageSeconds =
-        static_cast<double>(m_totalTime) / (static_cast<double>(m_calls) * kMicrosecondsPerSecond);
+        static_cast<double>(totalTime) / (static_cast<double>(calls) * kMicrosecondsPerSecond);
     dbgMessage("%s::%s: Timer %s: TotalTime=%lu; Calls=%lu; Average Time: %lf seconds\n",
                DebugAppName(), "libReplay::ExecutionTimer::DisplayTime", m_name.c_str(),
-               static_cast<unsigned long>(m_totalTime), static_cast<unsigned long>(m_calls),
+               static_cast<unsigned long>(totalTime), static_cast<unsigned long>(calls),
                averageSeconds);
 }
 
@@ -96,6 +109,7 @@ ExecutionTimerManager& ExecutionTimerManager::Get() {
 }
 
 ExecutionTimer& ExecutionTimerManager::GetTimer(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (unsigned int i = 0; i < m_count; ++i) {
         if (m_timers[i].GetName() == name) {
             return m_timers[i];
@@ -112,7 +126,13 @@ ExecutionTimer& ExecutionTimerManager::GetTimer(const std::string& name) {
     return m_timers[kMaximumTimers - 1];
 }
 
+unsigned int ExecutionTimerManager::GetCount() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_count;
+}
+
 void ExecutionTimerManager::DisplayTimes() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: %d Timers Total\n", DebugAppName(),
                    "libReplay::ExecutionTimerManager::DisplayTimes", static_cast<int>(m_count));

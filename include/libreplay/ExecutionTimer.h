@@ -2,8 +2,12 @@
 #define LIBREPLAY_EXECUTIONTIMER_H
 
 // Named profiling timers summed over many calls in microseconds, and the
-// process-wide table of up to 50 of them. Meant for one thread at a time.
+// process-wide table of up to 50 of them. A timer is meant for one thread at a
+// time, but the client's threads share the table (one measures while another
+// prints), so the counters are relaxed atomics and the table takes a lock.
 
+#include <atomic>
+#include <mutex>
 #include <string>
 
 #include "libreplay/ReplayExport.h"
@@ -14,7 +18,7 @@ class REPLAY_API ExecutionTimer {
   public:
     ExecutionTimer() = default;
     explicit ExecutionTimer(const std::string& name);
-    ExecutionTimer& operator=(const ExecutionTimer& other) = default;
+    ExecutionTimer& operator=(const ExecutionTimer& other);
     ~ExecutionTimer();
 
     // Microseconds since this timer's base second, in 32 bits (wraps every
@@ -25,14 +29,14 @@ class REPLAY_API ExecutionTimer {
     void DisplayTime() const;
 
     const std::string& GetName() const { return m_name; }
-    unsigned int GetTotalTime() const { return m_totalTime; }
-    unsigned int GetCalls() const { return m_calls; }
+    unsigned int GetTotalTime() const { return m_totalTime.load(std::memory_order_relaxed); }
+    unsigned int GetCalls() const { return m_calls.load(std::memory_order_relaxed); }
 
   private:
     std::string m_name;
-    unsigned int m_startTime = 0;
-    unsigned int m_totalTime = 0;
-    unsigned int m_calls = 0;
+    std::atomic<unsigned int> m_startTime{0};
+    std::atomic<unsigned int> m_totalTime{0};
+    std::atomic<unsigned int> m_calls{0};
     unsigned int m_constructTimeSeconds = 0;
 };
 
@@ -45,11 +49,12 @@ class REPLAY_API ExecutionTimerManager {
     // shared.
     ExecutionTimer& GetTimer(const std::string& name);
     void DisplayTimes() const;
-    unsigned int GetCount() const { return m_count; }
+    unsigned int GetCount() const;
 
   private:
     ExecutionTimerManager() = default;
 
+    mutable std::mutex m_mutex;
     ExecutionTimer m_timers[kMaximumTimers];
     unsigned int m_count = 0;
 };
