@@ -151,7 +151,8 @@ class RecordReplayTest : public ReplayTest::TargetRootTest {
 
     Process& StartClient(const std::string& name) {
         m_clients.emplace_back(
-            new Process({Binary("examples/demo_client"), name, Root() + "/" + name + ".journal"},
+            new Process({Binary("examples/demo_client"), name,
+                         Root() + "/" + name + "." + std::to_string(m_clients.size()) + ".journal"},
                         Root() + "/" + name + "." + std::to_string(m_clients.size()) + ".out"));
         return *m_clients.back();
     }
@@ -254,6 +255,41 @@ TEST_F(RecordReplayTest, RecordedItemsReplayIdenticallyToEveryClient) {
     EXPECT_TRUE(verify.status == 0 || verify.status == 1) << verify.output;
     EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
     EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+}
+
+// How often `text` occurs in `dump`.
+size_t Occurrences(const std::string& dump, const std::string& text) {
+    size_t count = 0;
+    for (size_t at = dump.find(text); at != std::string::npos; at = dump.find(text, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST_F(RecordReplayTest, ClientRestartedWhileRecordingReplacesItsEntry) {
+    StartClient("gps");
+    StartClient("can");
+    ASSERT_TRUE(WaitFor([&] { return AllRunning({"gps", "can"}); }, 15s, 50ms));
+    ASSERT_EQ(Send("record 4").status, 0);
+    // Let the first run reach the log before it is killed.
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return Occurrences(Run({"tools/replaylog/replaylog", "dump", LogPath()}).output,
+                               ":gps:!1 ") >= 2;
+        },
+        10s, 100ms));
+    m_clients[0]->Kill(SIGKILL);
+    StartClient("gps");
+    ASSERT_EQ(Send("wait").status, 0) << m_server->Output();
+
+    // The new process took over the name: one entry, running.
+    const std::string table = Send("clients").output;
+    EXPECT_EQ(ClientEntries("gps", false), 1) << table;
+    EXPECT_EQ(ClientEntries("gps"), 1) << table;
+
+    const std::string dump = Run({"tools/replaylog/replaylog", "dump", LogPath()}).output;
+    // Each run of the demo client starts with its initialisation record.
+    EXPECT_EQ(Occurrences(dump, ":INIT:gps"), 2u) << dump;
 }
 
 }  // namespace
