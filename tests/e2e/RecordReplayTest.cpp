@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -290,6 +291,44 @@ TEST_F(RecordReplayTest, ClientRestartedWhileRecordingReplacesItsEntry) {
     const std::string dump = Run({"tools/replaylog/replaylog", "dump", LogPath()}).output;
     // Each run of the demo client starts with its initialisation record.
     EXPECT_EQ(Occurrences(dump, ":INIT:gps"), 2u) << dump;
+}
+
+// The highest position number of `client` in a log dump, or -1.
+long LatestPosition(const std::string& dump, const std::string& client) {
+    const std::regex position(":" + client + R"(:!1 \d+:POS (\d+) )");
+    long latest = -1;
+    for (std::sregex_iterator it(dump.begin(), dump.end(), position), end; it != end; ++it) {
+        latest = std::max(latest, std::stol((*it)[1]));
+    }
+    return latest;
+}
+
+TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
+    StartClient("gps");
+    StartClient("can");
+    ASSERT_TRUE(WaitFor([&] { return AllRunning({"gps", "can"}); }, 15s, 50ms));
+    ASSERT_EQ(Send("record 10").status, 0);
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return LatestPosition(Run({"tools/replaylog/replaylog", "dump", LogPath()}).output,
+                                  "gps") >= 2;
+        },
+        10s, 100ms));
+    m_server->Kill(SIGKILL);
+    const long beforeRestart =
+        LatestPosition(Run({"tools/replaylog/replaylog", "dump", LogPath()}).output, "gps");
+
+    StartServer();
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return AllRunning({"gps", "can"});
+        },
+        10s, 50ms))
+        << Send("clients").output << m_server->Output();
+    Record(2);
+    const std::string dump = Run({"tools/replaylog/replaylog", "dump", LogPath()}).output;
+    EXPECT_GT(LatestPosition(dump, "gps"), beforeRestart) << dump;
+    EXPECT_GE(LatestPosition(dump, "can"), 0) << dump;
 }
 
 }  // namespace
