@@ -331,4 +331,40 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     EXPECT_GE(LatestPosition(dump, "can"), 0) << dump;
 }
 
+TEST_F(RecordReplayTest, DamagedRecordIsSkippedAndTheRestReplays) {
+    const std::vector<std::string> names = {"gps", "can"};
+    for (const std::string& name : names) {
+        StartClient(name);
+    }
+    ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 15s, 50ms));
+    Record(3);
+
+    // Flip one byte inside a position record about halfway through a copy.
+    std::string log = ReplayTest::ReadFile(LogPath());
+    const size_t record = log.find(":gps:!1 ", log.size() / 2);
+    ASSERT_NE(record, std::string::npos);
+    const size_t latitude = log.find("lat=", record);
+    ASSERT_NE(latitude, std::string::npos);
+    log[latitude + 1] = 'b';
+    const std::string damaged = Root() + "/damaged.dat";
+    ReplayTest::WriteFile(damaged, log);
+
+    const CommandResult replay = Send("replay " + damaged);
+    ASSERT_EQ(replay.status, 0) << replay.output;
+    EXPECT_NE(replay.output.find("skipped damaged record at"), std::string::npos) << replay.output;
+    EXPECT_EQ(Send("wait").status, 0) << m_server->Output();
+
+    for (size_t i = 0; i < m_clients.size(); ++i) {
+        m_clients[i]->Kill(SIGTERM);
+        m_clients[i]->Wait(10s);
+        const ClientSummary summary = Summary(m_clients[i]->Output());
+        ASSERT_TRUE(summary.found) << m_clients[i]->Output();
+        // Everything but the damaged record and the unsent last block.
+        EXPECT_GT(summary.replayed, 0u) << m_clients[i]->Output();
+        EXPECT_LE(summary.recorded - std::min(summary.recorded, summary.replayed),
+                  kLastBlockItems + 1)
+            << m_clients[i]->Output();
+    }
+}
+
 }  // namespace
