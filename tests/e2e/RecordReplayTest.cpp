@@ -14,7 +14,6 @@
 #include <fstream>
 #include <memory>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -203,15 +202,16 @@ struct ClientSummary {
 };
 
 ClientSummary Summary(const std::string& output) {
-    static const std::regex line(
-        R"(demo_client \S+: recorded (\d+) items; replayed (\d+) items; identical in order: (\w+))");
-    std::smatch match;
     ClientSummary summary;
-    if (std::regex_search(output, match, line)) {
+    const size_t at = output.rfind("demo_client ");
+    char identical[4] = {};
+    if (at != std::string::npos &&
+        std::sscanf(output.c_str() + at,
+                    "demo_client %*s recorded %zu items; replayed %zu items; identical in order: "
+                    "%3s",
+                    &summary.recorded, &summary.replayed, identical) == 3) {
         summary.found = true;
-        summary.recorded = std::stoul(match[1]);
-        summary.replayed = std::stoul(match[2]);
-        summary.identical = match[3] == "yes";
+        summary.identical = std::string(identical) == "yes";
     }
     return summary;
 }
@@ -295,10 +295,14 @@ TEST_F(RecordReplayTest, ClientRestartedWhileRecordingReplacesItsEntry) {
 
 // The highest position number of `client` in a log dump, or -1.
 long LatestPosition(const std::string& dump, const std::string& client) {
-    const std::regex position(":" + client + R"(:!1 \d+:POS (\d+) )");
+    const std::string key = ":" + client + ":!1 ";
     long latest = -1;
-    for (std::sregex_iterator it(dump.begin(), dump.end(), position), end; it != end; ++it) {
-        latest = std::max(latest, std::stol((*it)[1]));
+    for (size_t at = dump.find(key); at != std::string::npos; at = dump.find(key, at + 1)) {
+        const size_t position = dump.find(":POS ", at + key.size());
+        if (position != std::string::npos &&
+            dump.find_first_not_of("0123456789", at + key.size()) == position) {
+            latest = std::max(latest, std::strtol(dump.c_str() + position + 5, nullptr, 10));
+        }
     }
     return latest;
 }
