@@ -22,14 +22,7 @@ using ReplayTest::CapturedDebug;
 
 constexpr int kConsoleQ = 'q';
 
-int Occurrences(const std::string& text, const std::string& fragment) {
-    int count = 0;
-    for (size_t at = text.find(fragment); at != std::string::npos;
-         at = text.find(fragment, at + 1)) {
-        ++count;
-    }
-    return count;
-}
+using ReplayTest::Occurrences;
 
 class ClientLoggingTest : public ReplayTest::TargetRootTest {
   protected:

@@ -141,6 +141,15 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
     return true;
 }
 
+int Occurrences(const std::string& text, const std::string& fragment) {
+    int count = 0;
+    for (size_t at = text.find(fragment); at != std::string::npos;
+         at = text.find(fragment, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

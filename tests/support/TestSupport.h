@@ -69,6 +69,8 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds d
              std::chrono::milliseconds poll = std::chrono::milliseconds(1));
 
 std::string ReadFile(const std::string& path);
+// How often `fragment` occurs in `text`, overlapping occurrences included.
+int Occurrences(const std::string& text, const std::string& fragment);
 void WriteFile(const std::string& path, const std::string& content);
 
 // Installs capturing handlers on the three debug channels for its lifetime.

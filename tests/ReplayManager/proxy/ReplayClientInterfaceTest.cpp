@@ -25,14 +25,7 @@ int Replayed(void*, unsigned int, unsigned int) {
 
 void Ignore(const char*, va_list) {}
 
-int Occurrences(const std::string& text, const std::string& fragment) {
-    int count = 0;
-    for (size_t at = text.find(fragment); at != std::string::npos;
-         at = text.find(fragment, at + 1)) {
-        ++count;
-    }
-    return count;
-}
+using ReplayTest::Occurrences;
 
 class ReplayClientInterfaceTest : public ReplayTest::TargetRootTest {
   protected:
