@@ -113,7 +113,7 @@ void ChildProcess::Reap(bool block) {
 }
 
 int RunCommand(const std::vector<std::string>& argv, std::chrono::milliseconds deadline,
-               std::string& output) {
+               const std::atomic<bool>& cancel, std::string& output) {
     output.clear();
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
@@ -146,7 +146,7 @@ int RunCommand(const std::vector<std::string>& argv, std::chrono::milliseconds d
         if (reaped) {
             break;
         }
-        if (Clock::now() > end) {
+        if (Clock::now() > end || cancel.load()) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
             close(pipeEnds[0]);

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -41,10 +42,11 @@ class ChildProcess {
     int m_status = -1;
 };
 
-// Runs a command to its end (or SIGKILL at `deadline`); its standard output
-// and error go to `output`. The exit status, or -1.
+// Runs a command to its end (or SIGKILL at `deadline`, or as soon as
+// `cancel` is set); its standard output and error go to `output`. The exit
+// status, or -1.
 int RunCommand(const std::vector<std::string>& argv, std::chrono::milliseconds deadline,
-               std::string& output);
+               const std::atomic<bool>& cancel, std::string& output);
 
 // Resident set size of a process in KB from /proc; -1 when it has gone.
 long ResidentKb(pid_t pid);

@@ -114,7 +114,8 @@ bool SoakRun::Prepare() {
 
 bool SoakRun::Send(const std::string& command, std::string& reply,
                    std::chrono::milliseconds deadline) {
-    return RunCommand({Binary("server/ReplayManager"), "send", command}, deadline, reply) == 0;
+    return RunCommand({Binary("server/ReplayManager"), "send", command}, deadline,
+                      g_soakInterrupted, reply) == 0;
 }
 
 bool SoakRun::AllClientsRunning() {
