@@ -162,12 +162,13 @@ void EndToEndTest::PrepareTarget() {
                                       "networkingLatency:100;\nserverLeadTime:100;\n");
 }
 
-void EndToEndTest::StartLogger() {
+void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
     const std::string ready = Root() + "/logger.ready";
     // A killed service leaves its ready file behind.
     std::filesystem::remove(ready);
-    m_logger.reset(new Process({BuiltBinary("logger/replay-logger"), "--ready-file", ready},
-                               Root() + "/logger.out", m_environment));
+    std::vector<std::string> argv = launcher;
+    argv.insert(argv.end(), {BuiltBinary("logger/replay-logger"), "--ready-file", ready});
+    m_logger.reset(new Process(argv, Root() + "/logger.out", m_environment));
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(ready); }, 20s, 10ms))
         << m_logger->Output();
 }

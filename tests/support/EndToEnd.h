@@ -85,8 +85,10 @@ class EndToEndTest : public TargetRootTest {
     // options file; SetUp's first step, for fixtures that start the
     // processes themselves.
     void PrepareTarget();
-    // Starts the logger service (again) and waits until its devices exist.
-    void StartLogger();
+    // Starts the logger service (again) and waits until its devices exist;
+    // `launcher` is a command line the service is run under (a resource
+    // limit, dropped privileges).
+    void StartLogger(const std::vector<std::string>& launcher = {});
     // Starts the server (again) and waits until it answers commands.
     void StartServer();
 
