@@ -21,6 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ReplayTest::CommandResult;
+using ReplayTest::NumberAfter;
 using ReplayTest::WaitFor;
 
 // One client record of a dump: "offset [segment] kind client time sequence payload".
@@ -74,12 +75,6 @@ uint64_t MissingBlocks(const std::string& dump) {
     return missing;
 }
 
-// The number after `key` in `text` (the last occurrence), or -1.
-long NumberAfter(const std::string& text, const std::string& key) {
-    const size_t at = text.rfind(key);
-    return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
-}
-
 class LogFaultTest : public ReplayTest::EndToEndTest {
   protected:
     // The logger service is each case's own business.
@@ -88,15 +83,6 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
         if (!HasFatalFailure()) {
             StartServer();
         }
-    }
-
-    // Records the server has passed on towards the log so far.
-    long RecordsToLog() { return NumberAfter(Send("status").output, "records to the log "); }
-    // Waits until the server has passed on `count` more records.
-    void WaitForRecords(long count) {
-        const long target = RecordsToLog() + count;
-        ASSERT_TRUE(WaitFor([&] { return RecordsToLog() >= target; }, 20s, 50ms))
-            << Send("status").output;
     }
 
     // Ends the recording (everything queued is written out) and checks the
