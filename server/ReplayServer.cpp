@@ -147,6 +147,7 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
         return false;
     }
     m_datagrams.fetch_add(1, std::memory_order_relaxed);
+    StopFileLogAtItsCap();
     if (!ReplayCore::CheckSumValid(data, static_cast<unsigned int>(nBytes))) {
         m_checksumFailures.fetch_add(1, std::memory_order_relaxed);
         return false;
@@ -238,6 +239,17 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
     }
     // The table replaces a sick entry of this name, or marks a duplicate.
     return false;
+}
+
+void ReplayServer::StopFileLogAtItsCap() {
+    if (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites ||
+        FileLogger::GetLogginglevel() < 0) {
+        return;
+    }
+    FileLogger::SetLogginglevel(-1);
+    std::printf("\nReplayManager: %s has its %u entries; nothing more is logged to it\n",
+                FileLogger::kLogFileLocation, FileLogger::kMaximumWrites);
+    std::fflush(stdout);
 }
 
 bool ReplayServer::Forward(const std::string& record) {

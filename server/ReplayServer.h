@@ -107,6 +107,10 @@ class ReplayServer : public UDPSocketServer {
                          ClientData& client);
     // Writes one record into the log writer's pipe.
     bool Forward(const std::string& record);
+    // The file log keeps one stream open for every call after its last
+    // entry: a server fed bad datagrams for hours would run out of memory
+    // and descriptors. At that point the server stops logging to the file.
+    void StopFileLogAtItsCap();
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};

@@ -182,4 +182,21 @@ TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
     EXPECT_TRUE(control.QuitRequested());
 }
 
+// Past its last entry the file log keeps a stream open per call; the server
+// stops logging there instead, so bad datagrams cannot exhaust descriptors.
+TEST_F(ReplayServerTest, StopsFileLoggingAtTheFileLogsCap) {
+    StartServer();
+    using ReplayCore::FileLogger;
+    while (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites) {
+        ASSERT_GT(FileLogger::LogToFile(FileLogger::eSeverityError, "filler entry"), 0);
+    }
+    UdpClient sender(m_ip);
+    std::string damaged = DataRecord("gps", 1300, 2);
+    damaged[3] = 'x';
+    Send(sender, damaged);
+    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().checksumFailures == 1; }, kDeadline));
+    EXPECT_LT(FileLogger::GetLogginglevel(), FileLogger::eSeverityAssert);
+    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityAssert, "not written"), 0);
+}
+
 }  // namespace
