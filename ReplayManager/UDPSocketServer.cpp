@@ -146,23 +146,26 @@ void UDPServerReadThread::execute() {
             break;
         }
 
-        ClientDataLock lock(true);
-        if (DebugOutputAttached()) {
-            dbgMessage("%s::%s: %d Bytes read\n", DebugAppName(), kTag, length);
-        }
-        if (length < 0) {
-            // A failed receive counts as an empty datagram from the sender.
+        {
+            ClientDataLock lock(true);
             if (DebugOutputAttached()) {
-                dbgError("%s::%s: %d Bytes Received from Client; Port=%d\n", DebugAppName(), kTag,
-                         length, ntohs(from.sin_port));
+                dbgMessage("%s::%s: %d Bytes read\n", DebugAppName(), kTag, length);
             }
-            length = 0;
-        } else if (length == 0) {
-            clients.UpdateClientStatus(false);
-            server->ServerIdleProcess();
-            continue;
+            if (length < 0) {
+                // A failed receive counts as an empty datagram from the sender.
+                if (DebugOutputAttached()) {
+                    dbgError("%s::%s: %d Bytes Received from Client; Port=%d\n", DebugAppName(),
+                             kTag, length, ntohs(from.sin_port));
+                }
+                length = 0;
+            } else if (length == 0) {
+                clients.UpdateClientStatus(false);
+                server->ServerIdleProcess();
+                continue;
+            }
+            HandleDatagram(*server, from, reinterpret_cast<const char*>(buffer), length);
         }
-        HandleDatagram(*server, from, reinterpret_cast<const char*>(buffer), length);
+        server->ClientMessageHandled();
     }
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: Client Message Handler Thread Halted\n", DebugAppName(), kTag);

@@ -61,6 +61,7 @@ class ReplayServer : public UDPSocketServer {
 
     bool ProcessClientMessage(const char* data, int nBytes, ClientData& client,
                               bool isNewClient) override;
+    void ClientMessageHandled() override;
 
     ReplayCore::ReplayState GetState() const {
         return static_cast<ReplayCore::ReplayState>(m_state.load(std::memory_order_relaxed));
@@ -97,18 +98,28 @@ class ReplayServer : public UDPSocketServer {
     bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
                          ClientData& client);
     void Forward(const char* data, int nBytes);
+    // Says once per name that a client was refused (the first kNamedRefusals
+    // names), and once that later refusals are only counted.
+    void ReportRefusal(const std::string& name, int port);
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};
     // The writer thread keeps a reference; only it and Start touch this copy.
     ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
     std::unique_ptr<LogWriterThread> m_writer;
+    // The record of the datagram in hand, passed to the writer once the
+    // table lock is released (read thread only).
+    std::string m_heldRecord;
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 
     std::mutex m_slotMutex;
     std::map<std::string, unsigned int> m_slots;
-    std::set<std::string> m_refusedNames;  // under the table lock
+    // Refused names reported so far, at most kNamedRefusals; under the table
+    // lock, like the flag that the rest were only counted.
+    static constexpr size_t kNamedRefusals = 1024;
+    std::set<std::string> m_refusedNames;
+    bool m_refusalsUnnamed = false;
 
     std::atomic<uint64_t> m_datagrams{0};
     std::atomic<uint64_t> m_checksumFailures{0};

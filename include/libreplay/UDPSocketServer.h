@@ -80,6 +80,10 @@ class REPLAY_API UDPSocketServer : public UDPSocket {
                                       bool isNewClient) = 0;
     // Called after each receive time-out, with the table locked.
     virtual bool ServerIdleProcess() { return true; }
+    // Called by the read thread after each datagram, once the table lock is
+    // released: for work that may wait on a thread that itself takes the
+    // lock, such as handing a record on to the log writer.
+    virtual void ClientMessageHandled() {}
 
     // Binds the wildcard address (or the address set with SetBindAddress) on
     // `port` and starts the read thread; the descriptor or -1. The address
