@@ -23,6 +23,8 @@ namespace {
 
 constexpr int kWriterStackSize = 65536;
 constexpr int kWriterPriority = 10;
+// Records waiting for the log writer's pipe: a few seconds of a busy system.
+constexpr size_t kForwardQueueBytes = 64 * 1024 * 1024;
 
 bool IsStatusRecord(const char* data, int nBytes) {
     return nBytes > 0 && data[0] == '#';
@@ -56,6 +58,11 @@ bool ReplayServer::Start(std::string& error) {
         m_writer.reset();
         return false;
     }
+    m_forwarder.reset(new RecordForwarder(
+        [](const char* record, unsigned int length) {
+            return LogWriterThread::WriteRecord(record, length);
+        },
+        kForwardQueueBytes));
 
     if (!m_settings.bindAddress.empty()) {
         SetBindAddress(m_settings.bindAddress);
@@ -66,6 +73,7 @@ bool ReplayServer::Start(std::string& error) {
                       m_settings.bindAddress.empty() ? "0.0.0.0" : m_settings.bindAddress.c_str(),
                       std::strerror(errno));
         error = text;
+        m_forwarder.reset();
         m_writer.reset();
         return false;
     }
@@ -96,6 +104,7 @@ void ReplayServer::Shutdown() {
     }
     // No datagram may reach the handler once the writer is gone.
     StopReadThread();
+    m_forwarder.reset();
     m_writer.reset();
 }
 
@@ -232,8 +241,9 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
 }
 
 void ReplayServer::Forward(const char* data, int nBytes) {
-    std::lock_guard<std::mutex> lock(m_forwardMutex);
-    if (LogWriterThread::WriteRecord(data, static_cast<unsigned int>(nBytes)) == nBytes) {
+    // Only queued here: this runs under the client-table lock (see
+    // RecordForwarder).
+    if (m_forwarder != nullptr && m_forwarder->Push(data, static_cast<unsigned int>(nBytes))) {
         m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
     } else {
         m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
@@ -288,7 +298,7 @@ void ReplayServer::SetReplaying(bool replaying) {
 }
 
 bool ReplayServer::FlushWriteQueue(int timeoutMs) {
-    if (m_writer == nullptr || !LogWriterThread::PipeOpen()) {
+    if (m_writer == nullptr || m_forwarder == nullptr || !LogWriterThread::PipeOpen()) {
         return false;
     }
     char record[256];
@@ -301,15 +311,17 @@ bool ReplayServer::FlushWriteQueue(int timeoutMs) {
     if (total < 0) {
         return false;
     }
-    uint64_t target = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_forwardMutex);
-        if (LogWriterThread::WriteRecord(record, static_cast<unsigned int>(total)) != total) {
-            m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
-            return false;
-        }
-        target = m_recordsForwarded.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!m_forwarder->Push(record, static_cast<unsigned int>(total))) {
+        m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+        return false;
     }
+    m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
+    if (!m_forwarder->WaitUntilWritten(timeoutMs)) {
+        return false;
+    }
+    // Every record up to the status record is in the pipe: the writer has
+    // taken them all once it has read as many messages as were written.
+    const uint64_t target = m_forwarder->Written();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (m_writer->GetMessagesProcessed() < target) {
         if (std::chrono::steady_clock::now() > deadline) {
@@ -326,7 +338,9 @@ ServerCounters ReplayServer::Counters() const {
     counters.checksumFailures = m_checksumFailures.load(std::memory_order_relaxed);
     counters.unparsable = m_unparsable.load(std::memory_order_relaxed);
     counters.recordsForwarded = m_recordsForwarded.load(std::memory_order_relaxed);
-    counters.forwardFailures = m_forwardFailures.load(std::memory_order_relaxed);
+    // Records refused by the forwarding queue and those the pipe refused.
+    counters.forwardFailures = m_forwardFailures.load(std::memory_order_relaxed) +
+                               (m_forwarder != nullptr ? m_forwarder->Failed() : 0);
     counters.statusRecords = m_statusRecords.load(std::memory_order_relaxed);
     counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
     return counters;

@@ -18,6 +18,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
+#include "server/RecordForwarder.h"
 
 namespace ReplayServer {
 
@@ -103,6 +104,8 @@ class ReplayServer : public UDPSocketServer {
     // The writer thread keeps a reference; only it and Start touch this copy.
     ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
     std::unique_ptr<LogWriterThread> m_writer;
+    // Created after the writer, destroyed before it.
+    std::unique_ptr<RecordForwarder> m_forwarder;
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 
@@ -118,7 +121,6 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_statusRecords{0};
     std::atomic<uint64_t> m_refusedClients{0};
     std::atomic<bool> m_replaying{false};
-    std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
 };
 
 }  // namespace ReplayServer
