@@ -255,6 +255,10 @@ inline std::string ControlCommand(const std::string& socketPath, const std::stri
     if (fd < 0) {
         return "";
     }
+    // A server that never answers must not hang the run ("wait" may take a
+    // whole recording or replay).
+    timeval patience{900, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     std::string reply;
     const std::string line = command + "\n";
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
