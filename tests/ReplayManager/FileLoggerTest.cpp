@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
-#include "reference/src/operating_system.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -131,18 +130,6 @@ TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
     }
     EXPECT_EQ(ReplayCore::DumpTextToFile("some text"), 0);
     EXPECT_EQ(Occurrences(testing::internal::GetCapturedStdout(), "Failed to open"), 5);
-}
-
-TEST_F(FileLoggerTest, LogWriterWritesToDescriptorOrStream) {
-    CPipe pipe;
-    ASSERT_TRUE(pipe.open(true, true));
-    EXPECT_EQ(ReplayCore::LogWriter::WriteToLog(pipe.getWriteDescriptor(), "abc", 3), 3);
-    EXPECT_EQ(ReplayCore::LogWriter::WriteToLog(pipe.getWriteDescriptor(), nullptr, "defg", 4), 4);
-    char buffer[16] = {};
-    EXPECT_EQ(pipe.read(buffer, sizeof buffer), 7);
-    EXPECT_STREQ(buffer, "abcdefg");
-    EXPECT_EQ(ReplayCore::LogWriter::WriteToLog(0, "abc", 3), -1);
-    EXPECT_EQ(ReplayCore::LogWriter::WriteToLog(-1, nullptr, "abc", 3), -1);
 }
 
 }  // namespace

@@ -52,22 +52,6 @@ class ReplayFilesTest : public ReplayTest::TargetRootTest {
     std::string m_savedPath;
 };
 
-TEST_F(ReplayFilesTest, PathSplittingUsesBothSeparators) {
-    std::string directory = "keep";
-    std::string name;
-    std::string extension = "keep";
-    EXPECT_EQ(ReplayFiles::SplitPathName("dir\\sub/file.tar.gz", directory, name, extension),
-              "file.tar.gz");
-    EXPECT_EQ(directory + "|" + name + "|" + extension, "dir\\sub|file.tar|gz");
-    // Parts the path does not supply are left as they were.
-    EXPECT_EQ(ReplayFiles::SplitPathName("plain", directory, name, extension), "plain");
-    EXPECT_EQ(directory + "|" + name + "|" + extension, "dir\\sub|plain|gz");
-
-    EXPECT_EQ(ReplayFiles::GetExtension("/a.b/c"), "b/c");
-    EXPECT_EQ(ReplayFiles::GetParentDirectory("/a/b/"), "/a");
-    EXPECT_EQ(ReplayFiles::GetParentDirectory("c:\\x\\y"), "c:\\x");
-}
-
 TEST_F(ReplayFilesTest, ClassifiesReplayFilesByExtension) {
     EXPECT_TRUE(ReplayFiles::IsTraceFile("TRC0"));
     EXPECT_EQ(ReplayFiles::GetFileType("x.trc0"), ReplayFiles::kNotReplayFile);

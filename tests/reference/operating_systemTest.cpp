@@ -70,15 +70,6 @@ TEST(CThreadTest, StartJoinAndRestartFollowTheThreadsLife) {
     EXPECT_EQ(thread.Runs(), 2);
 }
 
-TEST(CMutexTest, TryLockOfAHeldMutexFailsAtOnce) {
-    CPosixMutex mutex;
-    ASSERT_TRUE(mutex.lock(true));
-    std::atomic<int> result{-1};
-    std::thread([&] { result.store(mutex.lock(false) ? 1 : 0); }).join();
-    EXPECT_EQ(result.load(), 0);
-    EXPECT_EQ(mutex.unlock(), 0);
-}
-
 TEST(CBinarySemaphoreTest, LockWaitsForAnUnlockAndTimedLockTimesOut) {
     CBinarySemaphore semaphore;
     EXPECT_FALSE(semaphore.lock(false));  // starts at 0
