@@ -108,7 +108,9 @@ TEST_F(MulticoreBuffersTest, MissingDeviceDropsEachBatchReportsOnceAndFreesBuffe
     mi_flushBuffer();
     EXPECT_EQ(Records().size(), 1u);
     EXPECT_EQ(m_systemLog.Count("MultiConsole write open missing/navi/multi error 2"), 1);
-    mi_setLogFileName(std::string(53, 'r').c_str());  // too long: the batch is dropped
+    // Too long: the batch is dropped. The interface keeps the caller's text.
+    const std::string tooLong(53, 'r');
+    mi_setLogFileName(tooLong.c_str());
     mi_multicoreLog('a', 0, "dropped");
     mi_flushBuffer();
     EXPECT_EQ(miInternal_getOutputCounters().writeIgnoredCount, 5u);
