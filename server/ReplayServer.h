@@ -18,6 +18,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
+#include "server/RecordReorderBuffer.h"
 
 namespace ReplayServer {
 
@@ -30,6 +31,9 @@ struct ServerCounters {
     uint64_t forwardFailures = 0;
     uint64_t statusRecords = 0;
     uint64_t refusedClients = 0;
+    // Records waiting in the reorder buffer, and those it had no room for.
+    uint64_t recordsHeld = 0;
+    uint64_t heldOverflow = 0;
 };
 
 struct ServerSettings {
@@ -40,6 +44,11 @@ struct ServerSettings {
     // Receive buffer asked for, so that bursts from many clients wait in the
     // kernel while the receive path is busy.
     int receiveBufferBytes = 8 * 1024 * 1024;
+    // How long each data record waits before it goes to the log writer, so
+    // that blocks sent late (up to about 5 s after their time) still reach
+    // the writer in time order. 0 passes records on at once.
+    int reorderHoldMs = 5000;
+    size_t reorderByteLimit = 64 * 1024 * 1024;
 };
 
 class ReplayServer : public UDPSocketServer {
@@ -96,13 +105,19 @@ class ReplayServer : public UDPSocketServer {
                              const std::string& extraArguments);
     bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
                          ClientData& client);
-    void Forward(const char* data, int nBytes);
+    // Writes one record into the log writer's pipe.
+    bool Forward(const std::string& record);
+    // The file log keeps one stream open for every call after its last
+    // entry: a server fed bad datagrams for hours would run out of memory
+    // and descriptors. At that point the server stops logging to the file.
+    void StopFileLogAtItsCap();
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};
     // The writer thread keeps a reference; only it and Start touch this copy.
     ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
     std::unique_ptr<LogWriterThread> m_writer;
+    std::unique_ptr<RecordReorderBuffer> m_reorder;
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 

@@ -72,14 +72,27 @@ TEST_F(RecordReplayTest, ClientRestartedWhileRecordingReplacesItsEntry) {
     const std::string dump = Dump();
     // Each run of the demo client starts with its initialisation record.
     EXPECT_EQ(Occurrences(dump, ":INIT:gps"), 2) << dump;
+    // The other client went on undisturbed and the log reads whole: the
+    // killed run lost only its unsent last block.
+    EXPECT_TRUE(m_clients[1]->Running()) << m_clients[1]->Output();
+    const CommandResult verify = Verify();
+    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
 }
 
 TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     ASSERT_NO_FATAL_FAILURE(StartClients({"gps", "can"}));
     ASSERT_EQ(Send("record 10").status, 0);
     ASSERT_TRUE(WaitFor([&] { return LatestPosition(Dump(), "gps") >= 2; }, 10s, 100ms));
+    const std::string writtenBeforeKill = ReplayTest::ReadFile(LogPath());
     m_server->Kill(SIGKILL);
     const long beforeRestart = LatestPosition(Dump(), "gps");
+    // What the service wrote stays as it was, and what it stores of the
+    // channel after the kill is whole records: the server writes each record
+    // at once, so a kill cannot tear one.
+    const CommandResult afterKill = Verify();
+    EXPECT_NE(afterKill.output.find(" 0 checksum failures"), std::string::npos) << afterKill.output;
+    EXPECT_NE(afterKill.output.find(" 0 skipped regions"), std::string::npos) << afterKill.output;
 
     StartServer();
     ASSERT_TRUE(WaitFor(
@@ -92,6 +105,11 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     const std::string dump = Dump();
     EXPECT_GT(LatestPosition(dump, "gps"), beforeRestart) << dump;
     EXPECT_GE(LatestPosition(dump, "can"), 0) << dump;
+    EXPECT_EQ(
+        ReplayTest::ReadFile(LogPath()).compare(0, writtenBeforeKill.size(), writtenBeforeKill), 0);
+    const CommandResult verify = Verify();
+    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
 }
 
 TEST_F(RecordReplayTest, DamagedRecordIsSkippedAndTheRestReplays) {

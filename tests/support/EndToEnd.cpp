@@ -113,6 +113,11 @@ ClientSummary ParseClientSummary(const std::string& output) {
     return summary;
 }
 
+long NumberAfter(const std::string& text, const std::string& key) {
+    const size_t at = text.rfind(key);
+    return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
+}
+
 long LatestPosition(const std::string& dump, const std::string& client) {
     const std::string key = ":" + client + ":!1 ";
     long latest = -1;
@@ -162,19 +167,24 @@ void EndToEndTest::PrepareTarget() {
                                       "networkingLatency:100;\nserverLeadTime:100;\n");
 }
 
-void EndToEndTest::StartLogger() {
+void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
     const std::string ready = Root() + "/logger.ready";
     // A killed service leaves its ready file behind.
     std::filesystem::remove(ready);
-    m_logger.reset(new Process({BuiltBinary("logger/replay-logger"), "--ready-file", ready},
-                               Root() + "/logger.out", m_environment));
+    std::vector<std::string> argv = launcher;
+    argv.insert(argv.end(), {BuiltBinary("logger/replay-logger"), "--ready-file", ready});
+    m_logger.reset(new Process(argv, Root() + "/logger.out", m_environment));
     ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(ready); }, 20s, 10ms))
         << m_logger->Output();
 }
 
 void EndToEndTest::StartServer() {
-    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip},
-                               Root() + "/server.out", m_environment));
+    // The demo clients send every block within about two seconds of its
+    // time, so a short reorder hold keeps their records in order and lets
+    // them reach the log while the cases record only a few seconds.
+    m_server.reset(
+        new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms", "1000"},
+                    Root() + "/server.out", m_environment));
     ASSERT_TRUE(
         WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
     ASSERT_TRUE(m_server->Running()) << m_server->Output();
@@ -236,6 +246,16 @@ void EndToEndTest::StartClients(const std::vector<std::string>& names) {
     }
     ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 15s, 50ms))
         << Send("clients").output << m_clients.back()->Output() << m_server->Output();
+}
+
+long EndToEndTest::RecordsToLog() {
+    return NumberAfter(Send("status").output, "records to the log ");
+}
+
+void EndToEndTest::WaitForRecords(long count) {
+    const long target = RecordsToLog() + count;
+    ASSERT_TRUE(WaitFor([&] { return RecordsToLog() >= target; }, 20s, 50ms))
+        << Send("status").output;
 }
 
 void EndToEndTest::Record(double seconds) {

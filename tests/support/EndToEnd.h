@@ -68,6 +68,9 @@ struct ClientSummary {
 };
 ClientSummary ParseClientSummary(const std::string& output);
 
+// The number after the last occurrence of `key` in `text`, or -1.
+long NumberAfter(const std::string& text, const std::string& key);
+
 // The highest position number of `client` in a log dump, or -1.
 long LatestPosition(const std::string& dump, const std::string& client);
 
@@ -85,8 +88,10 @@ class EndToEndTest : public TargetRootTest {
     // options file; SetUp's first step, for fixtures that start the
     // processes themselves.
     void PrepareTarget();
-    // Starts the logger service (again) and waits until its devices exist.
-    void StartLogger();
+    // Starts the logger service (again) and waits until its devices exist;
+    // `launcher` is a command line the service is run under (a resource
+    // limit, dropped privileges).
+    void StartLogger(const std::vector<std::string>& launcher = {});
     // Starts the server (again) and waits until it answers commands.
     void StartServer();
 
@@ -106,6 +111,11 @@ class EndToEndTest : public TargetRootTest {
     bool AllRunning(const std::vector<std::string>& names);
     // Starts clients and waits until the server has all of them running.
     void StartClients(const std::vector<std::string>& names);
+
+    // Records the server has passed on towards the log so far.
+    long RecordsToLog();
+    // Waits until the server has passed on `count` more records.
+    void WaitForRecords(long count);
 
     // Records for `seconds` and waits until the recording has ended.
     void Record(double seconds);
