@@ -178,70 +178,77 @@ namespace ReplayClient {
 
 using ReplayCore::FileLogger;
 
-void LogClientMessage(FileLogger::ErrorSeverity severity, const char* format, ...) {
-    bool toFile = true;
-    if (severity > FileLogger::eSeverityWarning) {
-        // Informational messages can come with every record; the file log
-        // keeps only the first of them.
-        toFile =
-            g_infoMessages.fetch_add(1, std::memory_order_relaxed) + 1 <= kFileLoggedInfoMessages;
-    }
+namespace {
+
+// Where a client message goes in the file log.
+enum class FileRoute {
+    kNone,
+    kLine,         // one line "<client>:<text>"
+    kVerboseDump,  // a dump under a header of the current time and client
+};
+
+// Formats a client message and routes it. Texts shorter than three
+// characters are dropped. With a `function` the text is shown on the debug
+// channel of its severity: errors below warnings, warnings up to
+// information, messages for the rest.
+void RouteClientMessage(FileLogger::ErrorSeverity severity, const char* function, FileRoute route,
+                        const char* format, va_list arguments) {
     char text[kClientTextSize];
-    va_list arguments;
-    va_start(arguments, format);
-    const size_t length = FormatInto(text, sizeof text, format, arguments);
-    va_end(arguments);
-    if (length < kMinimumTextLength) {
+    if (FormatInto(text, sizeof text, format, arguments) < kMinimumTextLength) {
         return;
     }
-
-    if (DebugOutputAttached()) {
-        static const char* const kTag = "libReplay::ReplayClient::LogClientMessage";
+    if (function != nullptr && DebugOutputAttached()) {
         if (severity < FileLogger::eSeverityWarning) {
-            dbgError("%s::%s: %s\n", DebugAppName(), kTag, text);
+            dbgError("%s::%s: %s\n", DebugAppName(), function, text);
         } else if (severity <= FileLogger::eSeverityInfo) {
-            dbgWarning("%s::%s: %s\n", DebugAppName(), kTag, text);
+            dbgWarning("%s::%s: %s\n", DebugAppName(), function, text);
         } else {
-            dbgMessage("%s::%s: %s\n", DebugAppName(), kTag, text);
+            dbgMessage("%s::%s: %s\n", DebugAppName(), function, text);
         }
     }
-    if (toFile) {
+    if (route == FileRoute::kLine) {
         FileLogger::LogToFile(severity, "%s:%s", ClientName(), text);
+    } else if (route == FileRoute::kVerboseDump) {
+        const std::string header =
+            "\n" + ReplayCore::MSTime::CurrentTimeMS().ToString() + ":" + ClientName();
+        FileLogger::DumpTextToFile(severity, header.c_str(), text);
     }
 }
 
-void LogDebugMessage(const char* format, ...) {
-    char text[kClientTextSize];
+}  // namespace
+
+void LogClientMessage(FileLogger::ErrorSeverity severity, const char* format, ...) {
+    FileRoute route = FileRoute::kLine;
+    if (severity > FileLogger::eSeverityWarning &&
+        g_infoMessages.fetch_add(1, std::memory_order_relaxed) + 1 > kFileLoggedInfoMessages) {
+        // Informational messages can come with every record; the file log
+        // keeps only the first of them.
+        route = FileRoute::kNone;
+    }
     va_list arguments;
     va_start(arguments, format);
-    const size_t length = FormatInto(text, sizeof text, format, arguments);
+    RouteClientMessage(severity, "libReplay::ReplayClient::LogClientMessage", route, format,
+                       arguments);
     va_end(arguments);
-    if (length < kMinimumTextLength) {
-        return;
-    }
-    if (DebugOutputAttached()) {
-        dbgMessage("%s::%s: %s\n", DebugAppName(), "libReplay::ReplayClient::LogDebugMessage",
-                   text);
-    }
-    FileLogger::LogToFile(FileLogger::eSeverityDebug, "%s:%s", ClientName(), text);
+}
+
+void LogDebugMessage(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    RouteClientMessage(FileLogger::eSeverityDebug, "libReplay::ReplayClient::LogDebugMessage",
+                       FileRoute::kLine, format, arguments);
+    va_end(arguments);
 }
 
 void LogVerboseMessage(const char* format, ...) {
     if (g_LoggingLevel.load(std::memory_order_relaxed) < kVerboseLevel) {
         return;
     }
-    char text[kClientTextSize];
     va_list arguments;
     va_start(arguments, format);
-    const size_t length = FormatInto(text, sizeof text, format, arguments);
+    RouteClientMessage(static_cast<FileLogger::ErrorSeverity>(kVerboseLevel), nullptr,
+                       FileRoute::kVerboseDump, format, arguments);
     va_end(arguments);
-    if (length < kMinimumTextLength) {
-        return;
-    }
-    const std::string header =
-        "\n" + ReplayCore::MSTime::CurrentTimeMS().ToString() + ":" + ClientName();
-    FileLogger::DumpTextToFile(static_cast<FileLogger::ErrorSeverity>(kVerboseLevel),
-                               header.c_str(), text);
 }
 
 void LogAssertion(int line, const char* file, const char* expression) {

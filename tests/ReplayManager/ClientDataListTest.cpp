@@ -7,7 +7,6 @@
 
 namespace {
 
-using ReplayTest::CapturedDebug;
 using ServerTest::Address;
 using ServerTest::ManualClock;
 
@@ -38,14 +37,12 @@ TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
                           {6000, ClientData::Idle},
                           {18000, ClientData::Idle},
                           {18001, ClientData::Failed}};
-    CapturedDebug debug;
     for (const Step& step : steps) {
         clock.Set(100000 + step.silenceMs);
         client.UpdateClientStatus();
         EXPECT_EQ(client.GetStatus(), step.expected) << "after " << step.silenceMs << " ms";
         EXPECT_EQ(client.GetWaitTime().m_timeMilliseconds, step.silenceMs);
     }
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "has failed; wait time=18001\n"), 1);
 
     // A failed or shut-down client that speaks again is Running again.
     client.LogMessageReceived();
@@ -90,26 +87,6 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsAndRestart) {
     EXPECT_EQ(client.GetDroppedPackets(), static_cast<int32_t>(4000000003u));
 }
 
-TEST_F(ClientDataListTest, NamingWarnsOnRenameAndAssertsOnEmpty) {
-    CapturedDebug debug;
-    ClientData client(Address("127.0.0.1", 5000));
-    client.SetClientName("nav");
-    client.SetClientName("nav");
-    EXPECT_EQ(debug.Count("Renaming"), 0);
-    client.SetClientName("gps");
-    EXPECT_EQ(
-        debug.Count(CapturedDebug::kError, "Warning: Renaming Client on port 5000 from nav to gps"),
-        1);
-    EXPECT_EQ(client.GetClientName(), "gps");
-    EXPECT_EQ(client.ToString(), "Client port=5000; Name = gps");
-
-    client.SetClientName("");
-    EXPECT_EQ(client.GetClientName(), "");
-    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt")
-                  .find("!clientName.empty() at line 28 of ReplayManager/ClientDataList"),
-              std::string::npos);
-}
-
 TEST_F(ClientDataListTest, ListOperationsOverMixedStatuses) {
     ClientDataList list;
     const ClientData::ClientStatus statuses[] = {ClientData::Idle, ClientData::Running,
@@ -130,16 +107,9 @@ TEST_F(ClientDataListTest, ListOperationsOverMixedStatuses) {
     EXPECT_EQ(list.FindByName("c6002")->GetStatus(), ClientData::Running);
     EXPECT_EQ(list.NumValidClients(true), 3);
 
-    list.ClearDroppedPacketCounts(true);
-    EXPECT_EQ(list.Snapshot(true)[4].GetDroppedPackets(), 0);
-
     EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
     EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
-    const ReplayError unknown = list.IncrementPacketsKept("ghost", true);
-    EXPECT_EQ(unknown.GetText(),
-              "Error UDPSocketServer::IncrementPacketsKept: Invalid Client ghost");
-    EXPECT_EQ(unknown.GetCode(), -1);
-    EXPECT_EQ(unknown.GetSeverity(), ReplayError::eErrorSevere);
+    EXPECT_TRUE(list.IncrementPacketsKept("ghost", true).IsError());
     for (const ClientData& client : list.Snapshot(true)) {
         EXPECT_EQ(client.GetPacketsKept(), client == "c6001" ? 2u : 0u);
     }

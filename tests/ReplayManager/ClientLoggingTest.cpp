@@ -36,7 +36,6 @@ class ClientLoggingTest : public ReplayTest::TargetRootTest {
         SetupLoggingHandlers("appNameNotSet", nullptr, nullptr, nullptr);
         ReplayInternal::ResetClientLoggingForTesting();
         mi_setDebugLevel(kConsoleQ, -1);
-        FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
     // Creates the device as the logger service does; returns a non-blocking

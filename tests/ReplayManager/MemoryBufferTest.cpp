@@ -26,17 +26,12 @@ bool AllZero(const MemoryBuffer& buffer) {
 }
 
 TEST_F(MemoryBufferTest, GrowsToThePowerOfTwoAboveTheRequestAndDropsContents) {
-    CapturedDebug debug;
     const unsigned int cases[][2] = {{1, 2}, {8, 16}, {1000, 1024}, {1024, 2048}, {2041, 2048}};
     for (const auto& c : cases) {
         MemoryBuffer buffer("Growth", 0, 65535);
         ASSERT_NE(buffer.ExpandBuffer(c[0], true), nullptr) << c[0];
         EXPECT_EQ(buffer.Capacity(), c[1]) << c[0];
     }
-    EXPECT_EQ(debug.Count(CapturedDebug::kMessage,
-                          "MemoryBuffer Growth: Bytes requested=1000; "
-                          "Current Buffer Size=0; New size = 1024"),
-              1);
 
     MemoryBuffer buffer("Drop", 16, 4096);
     std::memset(buffer.Get(), 0x77, buffer.Capacity());
@@ -48,13 +43,6 @@ TEST_F(MemoryBufferTest, GrowsToThePowerOfTwoAboveTheRequestAndDropsContents) {
 }
 
 TEST_F(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) {
-    CapturedDebug debug;
-    MemoryBuffer empty("Empty", 0, 100);
-    EXPECT_EQ(empty.Get(), nullptr);
-    EXPECT_EQ(empty[0], nullptr);
-    EXPECT_EQ(empty.ExpandBuffer(0, true), nullptr);  // zero capacity already suffices
-    EXPECT_TRUE(debug.Lines().empty()) << debug.Dump();
-
     MemoryBuffer buffer("Reuse", 100, 1000);
     unsigned char* storage = buffer.Get();
     std::memset(storage, 0x5A, buffer.Capacity());
@@ -76,15 +64,10 @@ TEST_F(MemoryBufferTest, RefusedRequestsKeepTheOldStorage) {
     unsigned char* storage = refused.Get();
     storage[0] = 42;
     EXPECT_EQ(refused.ExpandBuffer(1001, true), nullptr);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "MemoryBuffer Limited::AllocateBuffer: Requested "
-                          "size of 1001 exceeds limit of 1000"),
-              1);
     // A capacity beyond 32 bits cannot be allocated at all.
     MemoryBuffer huge("Huge", 8, UINT_MAX);
     EXPECT_EQ(huge.ExpandBuffer(0x80000000u, false), nullptr);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "MemoryBuffer Huge::AllocateBuffer: Failed to"),
-              1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "AllocateBuffer"), 2);
     for (MemoryBuffer* buffer : {&refused, &huge}) {
         EXPECT_EQ(buffer->Capacity(), 16u);
     }
@@ -98,10 +81,7 @@ TEST_F(MemoryBufferTest, IndexAcceptsOnePastTheEndAndFallsBackToByteZeroBeyond) 
     EXPECT_EQ(buffer[16], buffer.Get() + 16);
     EXPECT_TRUE(debug.Lines().empty());
     EXPECT_EQ(buffer[17], buffer.Get());
-    EXPECT_EQ(debug.Count(CapturedDebug::kError,
-                          "libReplay::MemoryBuffer::index: Attempt to Index "
-                          "past End of Array: index=17 exceeds limit of 16"),
-              1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "index=17 exceeds limit of 16"), 1);
 }
 
 }  // namespace

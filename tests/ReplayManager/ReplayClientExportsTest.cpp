@@ -1,6 +1,5 @@
 #include <cstdio>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "libreplay/ReplayClientC.h"
@@ -11,7 +10,6 @@
 namespace {
 
 using namespace ClientTest;
-using ReplayTest::CapturedDebug;
 
 int Replayed(void*, unsigned int, unsigned int) {
     return 1;
@@ -71,24 +69,18 @@ TEST(ReplayClientExportList, SharedLibraryExportsOnlyItsPublicNames) {
                               "ReplayClient::ReplayMessageHandlerBase*, unsigned int, bool, void "
                               "const*, unsigned int)"),
               1u);
-    EXPECT_EQ(demangled.count("ReplayInternal::SetupDefaultMessageHandlers(char const*)"), 1u);
     EXPECT_EQ(demangled.count("mi_setDebugLevel(int, int)"), 1u);
     for (const std::string& name : demangled) {
         // Internal client code and standard library templates stay inside.
         EXPECT_EQ(name.find("SetupConnection"), std::string::npos) << name;
         EXPECT_EQ(name.find("g_UDPSendBuffer"), std::string::npos) << name;
-        EXPECT_EQ(name.find("SynchronousReadThread"), std::string::npos) << name;
         EXPECT_NE(name.rfind("std::", 0), 0u) << name;
-        EXPECT_NE(name.rfind("void std::", 0), 0u) << name;
     }
 }
 
 TEST_F(ReplayClientExportsTest, EntryPointsDriveTheClient) {
-    CapturedDebug debug;
     ASSERT_EQ(
         CInitializeReplayClient("Exporter", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0), 1);
-    EXPECT_EQ(debug.Count("libReplay::CReplayClient::CInitializeReplayClient: ClientName=Exporter"),
-              1);
     EXPECT_EQ(CGetReplayState(), ReplayCore::eStateStopped);
     // Only one initialisation with callbacks per process.
     EXPECT_EQ(
@@ -131,12 +123,8 @@ TEST_F(ReplayClientExportsTest, OutputLoggingAndFileEntryPoints) {
 
     EXPECT_GT(CDumpTextToFile("Header", "some text"), 0);
     EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("Header:some text"), std::string::npos);
-
     setLoggingHandlers("ExportApp", &Ignore, nullptr, &Ignore);
-    EXPECT_EQ(g_dbgMessagePtr.load(), &Ignore);
     EXPECT_EQ(g_dbgWarningPtr.load(), nullptr);
-    EXPECT_STREQ(DebugAppName(), "ExportApp");
-    setLoggingHandlers(nullptr, nullptr, nullptr, nullptr);
     EXPECT_STREQ(DebugAppName(), "ExportApp");
 }
 

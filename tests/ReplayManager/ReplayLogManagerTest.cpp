@@ -46,7 +46,6 @@ class ReplayLogManagerTest : public ReplayTest::TargetRootTest {
         m_thread.reset();
         ReplayLogger::Get().ResetForTesting();
         mi_setLogFileName(nullptr);
-        ReplayCore::FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
 
@@ -226,19 +225,18 @@ TEST_F(ReplayLogManagerTest, RecordsBeforeTheMediumAreDroppedOrBuffered) {
                      .IsError());
     EXPECT_EQ(manager.GetBufferCount(), 0u);
     // Calibration records are buffered without opening the log.
-    CapturedDebug debug;
     EXPECT_FALSE(manager
                      .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1100), 2, 0,
                                            DataRecord("nav", 1100, 0), nullptr, false)
                      .IsError());
     EXPECT_EQ(manager.GetBufferCount(), 1u);
     EXPECT_FALSE(ReplayLogger::Get().IsConnected());
-    EXPECT_EQ(debug.Count("Calibration Record Received for Client nav, timestamp 1.100,slot 0"), 1);
 
     // A flush without the medium keeps the record buffered and reports.
-    const ReplayError failed = manager.WriteClientDataToLog(
-        "nav", MSTime::MSTimeStruct(0, 1200), 2, 0, DataRecord("nav", 1200, 0), nullptr, true);
-    EXPECT_EQ(failed.GetText(), "ReplayLogger::WriteTextToLog:Failed to Connect to Log File");
+    EXPECT_TRUE(manager
+                    .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1200), 2, 0,
+                                          DataRecord("nav", 1200, 0), nullptr, true)
+                    .IsError());
     EXPECT_EQ(manager.GetBufferCount(), 2u);
 
     // Once the medium is there the flush writes both, oldest first, and

@@ -46,19 +46,11 @@ class RecordingHandler : public ReplayClient::ReplayMessageHandlerBase {
         return data;
     }
 
-    // Called after each delivery (on the delivering thread).
-    void (*afterDelivery)() = nullptr;
-
   private:
     int Keep(void* data, unsigned int nBytes, unsigned int clientTime, bool initialisation) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_deliveries.push_back(
-                {std::string(static_cast<const char*>(data), nBytes), clientTime, initialisation});
-        }
-        if (afterDelivery != nullptr) {
-            afterDelivery();
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_deliveries.push_back(
+            {std::string(static_cast<const char*>(data), nBytes), clientTime, initialisation});
         return 1;
     }
 
@@ -222,45 +214,23 @@ TEST_F(ReplayRecordProcessingTest, SequenceGapsAreCountedCumulativelyAndReported
         EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", sequence, {{"", "item"}})), 1);
     }
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Sequence Number of 9 Unexpected Following 6"), 1);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Sequence Number of 12 Unexpected Following 9"),
-              1);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Unexpected"), 2);
     EXPECT_EQ(clientReadThread.GetMissedRecords(), 4u);
     EXPECT_EQ(ReportsContaining("#replay d=2;"), 1);
     EXPECT_EQ(ReportsContaining("#replay d=4;"), 1);
 }
 
-TEST_F(ReplayRecordProcessingTest, LeavingReplayDuringARecordEndsItAndRestartsSequenceTracking) {
-    StartReplay();
-    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 7, {{"", "one"}})), 1);
-    EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 7u);
-    m_handler.afterDelivery = [] {
-        g_clientStateManager.SetStateForTesting(ReplayCore::eStateStopped);
-    };
-    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 8, {{"", "two"}, {"500.001", "three"}})),
-              1);
-    EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
-    EXPECT_EQ(clientReadThread.GetMissedRecords(), 0u);
-}
-
 TEST_F(ReplayRecordProcessingTest, DamagedOrForeignRecordsDeliverNothing) {
     StartReplay();
-    CapturedDebug debug;
     std::string damaged = MakeRecord('"', "500.000", "Tester", 1, {{"", "data"}});
     damaged[damaged.find("data")] = 'D';
     EXPECT_EQ(Process(damaged), 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Skipping Record due to CheckSum error"), 1);
-    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("Bad Checksum"), std::string::npos);
     EXPECT_EQ(ReportsContaining("#replay w=Checksum Error;"), 1);
 
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, {{"", "data"}})), 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Incorrect Client Name of Other on Input Record"),
-              1);
     // A name that only starts like ours is someone else's too.
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, {{"", "data"}})), 0);
-
     EXPECT_EQ(Process(WithChecksum("\"500.000 Tester !1 1 data")), 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Failed to Parse Client Record"), 1);
     EXPECT_TRUE(m_handler.Deliveries().empty());
     // None of these touched the sequence tracking.
     EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
@@ -290,8 +260,13 @@ TEST_F(ReplayRecordProcessingTest, RecordsOutsideReplayAreDroppedAndAnEmptyOneSt
               std::string::npos);
 }
 
-TEST_F(ReplayRecordProcessingTest, BinaryItemsArriveDecodedByteForByte) {
+TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByteForByte) {
     StartReplay();
+    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Encode("setup bytes")}})), 1);
+    ASSERT_EQ(m_handler.Deliveries().size(), 1u);
+    EXPECT_TRUE(m_handler.Deliveries()[0].initialisation);
+    EXPECT_EQ(m_handler.Deliveries()[0].data, "setup bytes");
+
     std::string first;
     for (int value = 0; value < 256; ++value) {
         first += static_cast<char>(value);
@@ -304,7 +279,8 @@ TEST_F(ReplayRecordProcessingTest, BinaryItemsArriveDecodedByteForByte) {
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 1,
                                  {{"", Encode(first)}, {"500.002", Encode(second)}})),
               2);
-    EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{first, second}));
+    EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"setup bytes", first, second}));
+    EXPECT_FALSE(m_handler.Deliveries()[1].initialisation);
 
     // A binary item that is no Ascii7 text ends its record.
     CapturedDebug debug;
@@ -312,17 +288,6 @@ TEST_F(ReplayRecordProcessingTest, BinaryItemsArriveDecodedByteForByte) {
                                  {{"", "  not encoded"}, {"500.011", Encode("x")}})),
               0);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Decoding Ascii7 Data Buffer"), 1);
-}
-
-TEST_F(ReplayRecordProcessingTest, InitialisationRecordReachesTheInitialisationCallback) {
-    StartReplay();
-    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Encode("setup bytes")}})), 1);
-    EXPECT_EQ(Process(MakeRecord('"', "500.001", "Tester", 1, {{"", "data"}})), 1);
-    const std::vector<Delivery> deliveries = m_handler.Deliveries();
-    ASSERT_EQ(deliveries.size(), 2u);
-    EXPECT_TRUE(deliveries[0].initialisation);
-    EXPECT_EQ(deliveries[0].data, "setup bytes");
-    EXPECT_FALSE(deliveries[1].initialisation);
 }
 
 TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
@@ -340,63 +305,14 @@ TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
     // The record ended in its newline: the last item takes the checksum
     // field's first character as well.
     EXPECT_EQ(data[2], "tail" + mangled.substr(mangled.size() - 9, 1));
-    EXPECT_EQ(debug.Count(CapturedDebug::kMessage, "Ignoring Empty Record"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Time not found in input string"), 1);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Cannot Parse Time String  junk"), 1);
 }
 
 TEST_F(ReplayRecordProcessingTest, WithoutAHandlerTheClientStops) {
     StartReplay();
     g_replayMessageHandler.store(nullptr);
-    CapturedDebug debug;
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 1, {{"", "aa"}, {"500.001", "bb"}})), 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Client Message Handler Not Set!"), 1);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
-}
-
-// The server's part played end to end: commands and records reach the read
-// thread over the socket, garbage among them.
-TEST_F(ReplayRecordProcessingTest, ReadThreadSurvivesGarbageAndKeepsReplaying) {
-    Connect(ReplayCore::eStateStopped);
-    clientReadThread.start();
-    ASSERT_GT(ReplayClient::SendClientMessage(nullptr, 0), 0);
-    ASSERT_TRUE(m_server.WaitForDatagrams(1, 5s));
-    const ReplayTest::Datagram hello = m_server.Datagrams()[0];
-
-    ASSERT_TRUE(m_server.Reply(hello, "#replay s=3;l=500.000;D=3;"));
-    ASSERT_TRUE(m_server.Reply(hello, MakeRecord('"', "500.000", "Tester", 1, {{"", "before"}})));
-    ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_handler.Deliveries().size() == 1; }, 5s));
-    EXPECT_EQ(g_UDPSendBuffer.GetTimeSlot(), 3u);
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
-    ASSERT_TRUE(m_server.Reply(hello, "#replay D=4;"));
-
-    std::mt19937 random(11);
-    const std::string valid = MakeRecord('$', "500.001", "Tester", 2, {{"", Encode("abc")}});
-    std::vector<std::string> garbage = {
-        valid.substr(0, valid.size() / 2),
-        std::string(60000, '$'),
-        "$500.000Tester!1 2abc       0",
-        "\"500.000:Tester:!99999999999999999999:x" + std::string(2100, 'y'),
-        std::string(1, '\0') + "500.000:Tester:",
-    };
-    for (int count = 0; count < 50; ++count) {
-        std::string bytes(1 + random() % 3000, '\0');
-        for (char& byte : bytes) {
-            byte = static_cast<char>(random());
-        }
-        // Commands are not garbage: a random one could end the client.
-        if (bytes[0] == '#') {
-            bytes[0] = '$';
-        }
-        garbage.push_back(bytes);
-    }
-    for (const std::string& datagram : garbage) {
-        m_server.Reply(hello, datagram);
-    }
-    ASSERT_TRUE(m_server.Reply(hello, MakeRecord('"', "500.002", "Tester", 3, {{"", "after"}})));
-    EXPECT_TRUE(ReplayTest::WaitFor([&] { return m_handler.Data().back() == "after"; }, 10s));
-    EXPECT_TRUE(clientReadThread.isRunning());
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
 }
 
 }  // namespace

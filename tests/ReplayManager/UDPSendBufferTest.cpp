@@ -75,7 +75,6 @@ std::string Ascii7(const std::string& bytes) {
 
 TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) {
     Connect();
-    CapturedDebug debug;
     EXPECT_EQ(Send("one"), 0);
     g_nowMs = 100010;
     EXPECT_EQ(Send("two"), 0);
@@ -104,7 +103,6 @@ TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) 
     EXPECT_EQ(second.items[1], Ascii7(binary));
     EXPECT_EQ(second.itemTimes, std::vector<std::string>{"100.040"});
     EXPECT_TRUE(ChecksumValid(datagrams[1]));
-    EXPECT_EQ(debug.Count("DataType changed from 2 to 5"), 1);
 }
 
 TEST_F(UDPSendBufferTest, OversizedItemStopsRecordingWhileTheLimitIsAccepted) {
@@ -165,7 +163,6 @@ TEST_F(UDPSendBufferTest, ImmediateSendDiscardsBufferedItems) {
     ASSERT_EQ(datagrams.size(), 1u);
     EXPECT_EQ(SplitBlock(datagrams[0]).header, "\"100.500:Tester:!1 1:");
     EXPECT_EQ(SplitBlock(datagrams[0]).items, std::vector<std::string>{"now"});
-    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("IsEmpty()"), std::string::npos);
 }
 
 TEST_F(UDPSendBufferTest, OldBlockWaitsForTheAnnouncedTimeSlot) {
@@ -218,12 +215,10 @@ TEST_F(UDPSendBufferTest, ReconnectsNoMoreOftenThanTheInterval) {
         EXPECT_EQ(Send("x"), -1);
     }
     EXPECT_EQ(debug.Count("Attempting Server Reconnect"), 3) << debug.Dump();
-    EXPECT_EQ(debug.Count("Failed to Reconnect to"), 3);
 
     ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 0);
     g_nowMs = 200450;
     EXPECT_EQ(Send("back"), 0);
-    EXPECT_EQ(debug.Count("Reconnection Succeeded"), 1);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
     const std::vector<std::string> datagrams = Received();
     ASSERT_FALSE(datagrams.empty());

@@ -1,64 +1,29 @@
 #include "server/ReplayServer.h"
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <random>
-
 #include "libreplay/FileLogger.h"
 #include "server/ControlSocket.h"
 #include "server/ServerControl.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
+#include "tests/support/UdpTestClient.h"
 
 namespace {
 
 namespace srv = ReplayServer;
 using ReplayTest::WaitFor;
-using ServerTest::Address;
 using ServerTest::DataRecord;
 using ServerTest::StatusRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 
-class UdpClient {
-  public:
-    explicit UdpClient(const std::string& ip) {
-        m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in local = Address(ip, 0);
-        bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local);
-    }
-    ~UdpClient() { close(m_fd); }
-    void Send(const std::string& ip, int port, const std::string& text) const {
-        const sockaddr_in to = Address(ip, port);
-        sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-               sizeof to);
-    }
-    std::string Receive(int timeoutMs = 5000) const {
-        pollfd waiting{m_fd, POLLIN, 0};
-        if (poll(&waiting, 1, timeoutMs) != 1) {
-            return "";
-        }
-        char buffer[4096];
-        const ssize_t got = recv(m_fd, buffer, sizeof buffer, 0);
-        return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : "";
-    }
-
-  private:
-    int m_fd = -1;
-};
+using UdpClient = ReplayTest::UdpTestClient;
 
 class ReplayServerTest : public ReplayTest::TargetRootTest {
   protected:
     void StartServer(size_t clientLimit = 64) {
-        std::mt19937 random(std::random_device{}());
-        std::uniform_int_distribution<int> part(1, 254);
         // Parallel tests each take a loopback address of their own.
         for (int attempt = 0; attempt < 50; ++attempt) {
-            m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) +
-                   "." + std::to_string(part(random));
+            m_ip = ReplayTest::RandomLoopbackAddress();
             srv::ServerSettings settings;
             settings.bindAddress = m_ip;
             settings.port = 4400;
@@ -73,10 +38,11 @@ class ReplayServerTest : public ReplayTest::TargetRootTest {
     }
     void TearDown() override {
         m_server.reset();
-        ReplayCore::FileLogger::ResetForTesting();
         TargetRootTest::TearDown();
     }
-    void Send(const UdpClient& client, const std::string& text) { client.Send(m_ip, 4400, text); }
+    void Send(const UdpClient& client, const std::string& text) {
+        ASSERT_TRUE(client.Send(m_ip, 4400, text));
+    }
     size_t TableSize() { return m_server->Clients().size(); }
 
     std::string m_ip;
@@ -171,10 +137,9 @@ TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
     ASSERT_TRUE(srv::ControlSocket::Send(path, "stop", reply, error));
     EXPECT_EQ(reply, "recording stopped\n");
 
-    EXPECT_EQ(control.Execute("replay /no/such.dat").compare(0, 6, "error:"), 0);
-    EXPECT_EQ(control.Execute("replay").compare(0, 6, "error:"), 0);
-    EXPECT_EQ(control.Execute("record -3").compare(0, 6, "error:"), 0);
-    EXPECT_EQ(control.Execute("bogus").compare(0, 6, "error:"), 0);
+    for (const char* bad : {"replay /no/such.dat", "replay", "record -3", "bogus"}) {
+        EXPECT_EQ(control.Execute(bad).compare(0, 6, "error:"), 0) << bad;
+    }
     EXPECT_EQ(control.Execute("record 0.05"), "recording for 0.1 s\n");
     EXPECT_EQ(control.Execute("wait"), "done\n");
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "libreplay/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayDebug.h"
 #include "reference/src/target_root.h"
@@ -70,9 +71,11 @@ void TargetRootTest::SetUp() {
     m_previousDirectory = getcwd(current, sizeof current) != nullptr ? current : "/";
     ASSERT_EQ(chdir((m_root + "/work").c_str()), 0);
     UseTargetRoot(m_root);
+    ReplayCore::FileLogger::ResetForTesting();
 }
 
 void TargetRootTest::TearDown() {
+    ReplayCore::FileLogger::ResetForTesting();
     UseTargetRoot(ProcessTargetRoot::Path());
     if (!m_previousDirectory.empty()) {
         (void)chdir(m_previousDirectory.c_str());

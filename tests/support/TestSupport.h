@@ -31,7 +31,8 @@ class ProcessTargetRoot {
 
 // Creates a fresh temporary directory, makes it the target root (also in
 // REPLAY_TARGET_ROOT, for child processes) and the working directory
-// ("<root>/work"), and removes it afterwards.
+// ("<root>/work"), and removes it afterwards. The file log, kept under the
+// root, starts afresh with it (level, write cap and failure counts).
 class TargetRootTest : public ::testing::Test {
   protected:
     void SetUp() override;

@@ -81,11 +81,10 @@ TEST(ReplayLogToolTest, InfoSummarisesSegmentsAndClients) {
     const nlohmann::json info = nlohmann::json::parse(json.out);
     ASSERT_EQ(info["segments"].size(), 2u);
     EXPECT_EQ(info["segments"][0]["duration_ms"], 500);
+    EXPECT_EQ(info["file"], Golden("two_segments.dat"));
     const nlohmann::json& can = info["clients"][0];
     EXPECT_EQ(can["name"], "can");
-    EXPECT_EQ(can["records"], 3);
     EXPECT_EQ(can["items"], 4);
-    EXPECT_EQ(can["first_time"], "100.150");
     EXPECT_EQ(can["last_time"], "200.300");
 }
 
@@ -151,12 +150,8 @@ TEST(ReplayLogToolTest, MistakesGetOneLineErrorsAndDocumentedStatuses) {
     EXPECT_EQ(directory.status, 2);
     EXPECT_EQ(CountLines(directory.out), 1) << directory.out;
 
-    EXPECT_EQ(RunTool("").status, 3);
     EXPECT_EQ(RunTool("frobnicate x").status, 3);
     EXPECT_EQ(RunTool("dump --from soon " + Golden("clean.dat")).status, 3);
-    Result help = RunTool("verify --help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("Exit status"), std::string::npos);
 }
 
 }  // namespace

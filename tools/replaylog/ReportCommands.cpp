@@ -18,15 +18,6 @@ using ReplayCore::LogStatistics;
 using ReplayCore::LogFormat::FormatRecordTime;
 using Json = nlohmann::ordered_json;
 
-bool Collect(const CommonOptions& options, LogStatistics& statistics) {
-    std::string error;
-    if (!ReplayCore::CollectLogStatistics(options.logFile, statistics, error)) {
-        ReportError("cannot read " + error);
-        return false;
-    }
-    return true;
-}
-
 Json ClientJson(const LogClientStatistics& client) {
     Json j;
     j["name"] = client.name;
@@ -93,36 +84,27 @@ void PrintClientTable(const char* indent, const std::vector<LogClientStatistics>
     }
 }
 
-}  // namespace
+void AddInfoJson(const LogStatistics& statistics, Json& j) {
+    j["records"] = statistics.Records();
+    j["header_records"] = statistics.HeaderRecords();
+    j["client_records"] = statistics.ClientRecords();
+    j["replay_records"] = statistics.ReplayRecords();
+    j["other_records"] = statistics.OtherRecords();
+    j["reconnect_lines"] = statistics.ReconnectLines();
+    j["problems"] = statistics.ProblemCount();
+    Json segments = Json::array();
+    for (const LogSegmentStatistics& segment : statistics.Segments()) {
+        segments.push_back(SegmentJson(segment));
+    }
+    j["segments"] = segments;
+    Json clients = Json::array();
+    for (const LogClientStatistics& client : statistics.Clients()) {
+        clients.push_back(ClientJson(client));
+    }
+    j["clients"] = clients;
+}
 
-int RunInfo(const CommonOptions& options) {
-    LogStatistics statistics;
-    if (!Collect(options, statistics)) {
-        return kExitFileError;
-    }
-    if (options.json) {
-        Json j;
-        j["file"] = options.logFile;
-        j["records"] = statistics.Records();
-        j["header_records"] = statistics.HeaderRecords();
-        j["client_records"] = statistics.ClientRecords();
-        j["replay_records"] = statistics.ReplayRecords();
-        j["other_records"] = statistics.OtherRecords();
-        j["reconnect_lines"] = statistics.ReconnectLines();
-        j["problems"] = statistics.ProblemCount();
-        Json segments = Json::array();
-        for (const LogSegmentStatistics& segment : statistics.Segments()) {
-            segments.push_back(SegmentJson(segment));
-        }
-        j["segments"] = segments;
-        Json clients = Json::array();
-        for (const LogClientStatistics& client : statistics.Clients()) {
-            clients.push_back(ClientJson(client));
-        }
-        j["clients"] = clients;
-        printf("%s\n", j.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
-        return kExitOk;
-    }
+void PrintInfoText(const CommonOptions& options, const LogStatistics& statistics) {
     printf("%s: %" PRIu64 " records (%" PRIu64 " replay, %" PRIu64 " header, %" PRIu64
            " other), %zu segments, %" PRIu64 " reconnects, %" PRIu64 " problems\n",
            options.logFile.c_str(), statistics.Records(), statistics.ReplayRecords(),
@@ -151,41 +133,68 @@ int RunInfo(const CommonOptions& options) {
     if (!statistics.Clean()) {
         printf("\nrun 'replaylog verify %s' for the list of problems\n", options.logFile.c_str());
     }
-    return kExitOk;
 }
 
-int RunVerify(const CommonOptions& options) {
+void AddVerifyJson(const LogStatistics& statistics, Json& j) {
+    j["clean"] = statistics.Clean();
+    j["records"] = statistics.Records();
+    j["problem_count"] = statistics.ProblemCount();
+    j["counts"] = CountsJson(statistics);
+    j["problems"] = ProblemsJson(statistics);
+}
+
+void PrintVerifyText(const CommonOptions& options, const LogStatistics& statistics) {
+    for (const LogProblem& problem : statistics.Problems()) {
+        printf("offset %" PRIu64 ": %s: %s\n", problem.offset,
+               ReplayCore::LogProblemKindName(problem.kind), problem.text.c_str());
+    }
+    if (statistics.ProblemCount() > statistics.Problems().size()) {
+        printf("... and %" PRIu64 " more\n",
+               statistics.ProblemCount() - statistics.Problems().size());
+    }
+    printf("%s: %s: %" PRIu64 " records, %" PRIu64 " checksum failures, %" PRIu64
+           " sequence gaps, %" PRIu64 " time order violations, %" PRIu64 " skipped regions\n",
+           options.logFile.c_str(), statistics.Clean() ? "clean" : "PROBLEMS", statistics.Records(),
+           statistics.ProblemCount(LogProblem::kChecksum),
+           statistics.ProblemCount(LogProblem::kSequenceGap),
+           statistics.ProblemCount(LogProblem::kTimeOrder),
+           statistics.ProblemCount(LogProblem::kSkipped));
+}
+
+// A report over the statistics of the whole log, as text or as one JSON
+// object that starts with the file name.
+struct Report {
+    void (*addJson)(const LogStatistics&, Json&);
+    void (*printText)(const CommonOptions&, const LogStatistics&);
+    bool problemsFail;  // the exit status tells a log with problems
+};
+
+int PrintReport(const CommonOptions& options, const Report& report) {
     LogStatistics statistics;
-    if (!Collect(options, statistics)) {
+    std::string error;
+    if (!ReplayCore::CollectLogStatistics(options.logFile, statistics, error)) {
+        ReportError("cannot read " + error);
         return kExitFileError;
     }
     if (options.json) {
         Json j;
         j["file"] = options.logFile;
-        j["clean"] = statistics.Clean();
-        j["records"] = statistics.Records();
-        j["problem_count"] = statistics.ProblemCount();
-        j["counts"] = CountsJson(statistics);
-        j["problems"] = ProblemsJson(statistics);
+        report.addJson(statistics, j);
         printf("%s\n", j.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
     } else {
-        for (const LogProblem& problem : statistics.Problems()) {
-            printf("offset %" PRIu64 ": %s: %s\n", problem.offset,
-                   ReplayCore::LogProblemKindName(problem.kind), problem.text.c_str());
-        }
-        if (statistics.ProblemCount() > statistics.Problems().size()) {
-            printf("... and %" PRIu64 " more\n",
-                   statistics.ProblemCount() - statistics.Problems().size());
-        }
-        printf("%s: %s: %" PRIu64 " records, %" PRIu64 " checksum failures, %" PRIu64
-               " sequence gaps, %" PRIu64 " time order violations, %" PRIu64 " skipped regions\n",
-               options.logFile.c_str(), statistics.Clean() ? "clean" : "PROBLEMS",
-               statistics.Records(), statistics.ProblemCount(LogProblem::kChecksum),
-               statistics.ProblemCount(LogProblem::kSequenceGap),
-               statistics.ProblemCount(LogProblem::kTimeOrder),
-               statistics.ProblemCount(LogProblem::kSkipped));
+        report.printText(options, statistics);
     }
-    return statistics.Clean() ? kExitOk : kExitProblems;
+    return report.problemsFail && !statistics.Clean() ? kExitProblems : kExitOk;
+}
+
+}  // namespace
+
+int RunInfo(const CommonOptions& options) {
+    return PrintReport(options, {&AddInfoJson, &PrintInfoText, false});
+}
+
+int RunVerify(const CommonOptions& options) {
+    return PrintReport(options, {&AddVerifyJson, &PrintVerifyText, true});
 }
 
 }  // namespace ReplayLogTool
