@@ -1,0 +1,66 @@
+#ifndef TESTS_SERVER_LOOPBACKSERVER_H
+#define TESTS_SERVER_LOOPBACKSERVER_H
+
+// A replay server on port 4400 of a loopback address of its own (so tests
+// running side by side never share an endpoint), and fake clients: UDP
+// sockets that register with it and record what it sends them.
+
+#include <chrono>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "server/ReplayServer.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
+#include "tests/support/FakeServer.h"
+
+namespace ServerTest {
+
+inline std::unique_ptr<ReplayServer::ReplayServer> StartLoopbackServer(
+    ReplayServer::ServerSettings settings, std::string& ip) {
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<int> part(1, 254);
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
+             std::to_string(part(random));
+        settings.bindAddress = ip;
+        settings.port = 4400;
+        std::unique_ptr<ReplayServer::ReplayServer> server(
+            new ReplayServer::ReplayServer(settings));
+        std::string error;
+        if (server->Start(error)) {
+            return server;
+        }
+    }
+    return nullptr;
+}
+
+// A client process as the server sees it: a socket on a loopback address and
+// ephemeral port of its own.
+class FakeClient {
+  public:
+    explicit FakeClient(const std::string& serverIp) : m_server(Address(serverIp, 4400)) {}
+
+    // Announces `name` and waits for the server's answer (its slot), which is
+    // then forgotten; false when none came.
+    bool Register(const std::string& name) {
+        Send(StatusRecord(name, 1000, ""));
+        const bool answered = m_socket.WaitForDatagrams(1, std::chrono::seconds(10));
+        m_socket.Clear();
+        return answered;
+    }
+    bool Send(const std::string& bytes) const { return m_socket.SendTo(m_server, bytes); }
+    std::vector<ReplayTest::Datagram> Received() const { return m_socket.Datagrams(); }
+    bool WaitFor(size_t count, std::chrono::milliseconds deadline) const {
+        return m_socket.WaitForDatagrams(count, deadline);
+    }
+    const std::string& Ip() const { return m_socket.Address(); }
+
+  private:
+    sockaddr_in m_server;
+    ReplayTest::FakeServer m_socket{true, 0};
+};
+
+}  // namespace ServerTest
+
+#endif
