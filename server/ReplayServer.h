@@ -6,6 +6,7 @@
 // to the log writer thread, which orders the records and writes the log.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
+#include "server/SourceAllowList.h"
 
 namespace ReplayServer {
 
@@ -30,6 +32,8 @@ struct ServerCounters {
     uint64_t forwardFailures = 0;
     uint64_t statusRecords = 0;
     uint64_t refusedClients = 0;
+    // Datagrams dropped unread because their source is not allowed.
+    uint64_t refusedSources = 0;
 };
 
 struct ServerSettings {
@@ -40,6 +44,8 @@ struct ServerSettings {
     // Receive buffer asked for, so that bursts from many clients wait in the
     // kernel while the receive path is busy.
     int receiveBufferBytes = 8 * 1024 * 1024;
+    // Sources whose datagrams are taken; by default any.
+    SourceAllowList allowedSources;
 };
 
 class ReplayServer : public UDPSocketServer {
@@ -61,6 +67,9 @@ class ReplayServer : public UDPSocketServer {
 
     bool ProcessClientMessage(const char* data, int nBytes, ClientData& client,
                               bool isNewClient) override;
+    // Drops datagrams from sources outside the allowed networks, counting
+    // them and naming the first few.
+    bool AcceptSource(const sockaddr_in& from) override;
 
     ReplayCore::ReplayState GetState() const {
         return static_cast<ReplayCore::ReplayState>(m_state.load(std::memory_order_relaxed));
@@ -97,6 +106,7 @@ class ReplayServer : public UDPSocketServer {
     bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
                          ClientData& client);
     void Forward(const char* data, int nBytes);
+    void ReportRefusedSource(const sockaddr_in& from);
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};
@@ -109,6 +119,10 @@ class ReplayServer : public UDPSocketServer {
     std::mutex m_slotMutex;
     std::map<std::string, unsigned int> m_slots;
     std::set<std::string> m_refusedNames;  // under the table lock
+    // Read thread only: the refused addresses named so far, and when the
+    // running total was last reported.
+    std::vector<uint32_t> m_namedRefusedSources;
+    std::chrono::steady_clock::time_point m_lastRefusalReport;
 
     std::atomic<uint64_t> m_datagrams{0};
     std::atomic<uint64_t> m_checksumFailures{0};
@@ -117,6 +131,7 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_forwardFailures{0};
     std::atomic<uint64_t> m_statusRecords{0};
     std::atomic<uint64_t> m_refusedClients{0};
+    std::atomic<uint64_t> m_refusedSources{0};
     std::atomic<bool> m_replaying{false};
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
 };

@@ -263,7 +263,8 @@ std::string ServerControl::StatusText() {
          << "datagrams " << counters.datagrams << ", records to the log "
          << counters.recordsForwarded << ", checksum failures " << counters.checksumFailures
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
-         << ", refused clients " << counters.refusedClients << "\n";
+         << ", refused clients " << counters.refusedClients << ", refused sources "
+         << counters.refusedSources << "\n";
     text << ClientsText();
     return text.str();
 }

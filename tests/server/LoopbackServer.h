@@ -5,6 +5,10 @@
 // running side by side never share an endpoint), and fake clients: UDP
 // sockets that register with it and record what it sends them.
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
 #include <random>
@@ -59,6 +63,46 @@ class FakeClient {
   private:
     sockaddr_in m_server;
     ReplayTest::FakeServer m_socket{true, 0};
+};
+
+// A bare UDP socket on a chosen loopback address and port (0: any free one).
+class UdpPeer {
+  public:
+    UdpPeer(const std::string& ip, int port) {
+        m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in local = Address(ip, port);
+        m_bound = bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0;
+    }
+    ~UdpPeer() { close(m_fd); }
+    UdpPeer(const UdpPeer&) = delete;
+    UdpPeer& operator=(const UdpPeer&) = delete;
+
+    bool Bound() const { return m_bound; }
+    int Port() const {
+        sockaddr_in local{};
+        socklen_t length = sizeof local;
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&local), &length);
+        return ntohs(local.sin_port);
+    }
+    void Send(const std::string& ip, const std::string& text) const {
+        const sockaddr_in to = Address(ip, 4400);
+        sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof to);
+    }
+    // The next datagram, or "" after `timeoutMs`.
+    std::string Receive(int timeoutMs = 5000) const {
+        pollfd waiting{m_fd, POLLIN, 0};
+        if (poll(&waiting, 1, timeoutMs) != 1) {
+            return "";
+        }
+        char buffer[4096];
+        const ssize_t got = recv(m_fd, buffer, sizeof buffer, 0);
+        return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : "";
+    }
+
+  private:
+    int m_fd = -1;
+    bool m_bound = false;
 };
 
 }  // namespace ServerTest
