@@ -320,6 +320,9 @@ void ReplayServer::StartRecording() {
 bool ReplayServer::StopRecording(int settleMs) {
     m_state.store(ReplayCore::eStateStopped, std::memory_order_relaxed);
     CommandAllClients(ReplayCore::eStateStopped);
+    if (settleMs < 0) {
+        settleMs = m_settings.stopSettleMs;
+    }
     if (settleMs > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
     }

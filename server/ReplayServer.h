@@ -44,6 +44,9 @@ struct ServerSettings {
     // Receive buffer asked for, so that bursts from many clients wait in the
     // kernel while the receive path is busy.
     int receiveBufferBytes = 8 * 1024 * 1024;
+    // How long a stop waits for the clients' last blocks before it flushes
+    // the write queue.
+    int stopSettleMs = 300;
     // Sources whose datagrams are taken; by default any.
     SourceAllowList allowedSources;
 };
@@ -85,9 +88,10 @@ class ReplayServer : public UDPSocketServer {
     ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
 
     void StartRecording();
-    // Tells the clients to stop, waits `settleMs` for their last blocks, then
-    // flushes the write queue into the log; true when the writer took it all.
-    bool StopRecording(int settleMs = 300);
+    // Tells the clients to stop, waits `settleMs` (by default the settings'
+    // stopSettleMs) for their last blocks, then flushes the write queue into
+    // the log; true when the writer took it all.
+    bool StopRecording(int settleMs = -1);
     // Writes a status record into the writer's pipe: the writer writes out
     // everything queued. Waits up to `timeoutMs` for the writer to take it.
     bool FlushWriteQueue(int timeoutMs = 5000);
