@@ -1,13 +1,17 @@
 // demo_client: a simulated navigation component. While the server records,
-// it sends a position text at 10 Hz and a binary sensor frame at 50 Hz and
-// keeps a journal of what it sent; while the server replays, it checks that
-// what comes back is what it sent (byte for byte, in order) and measures when
-// each item arrives against when it was recorded.
+// it sends a position text at 10 Hz and a binary sensor frame at 50 Hz (and,
+// when asked, a status text) and keeps a journal of what it sent; while the
+// server replays, it checks that what comes back is what it sent (byte for
+// byte, in order) and measures when each item arrives against when it was
+// recorded.
 //
-//   demo_client NAME JOURNAL [SECONDS]
+//   demo_client NAME JOURNAL [SECONDS] [--position-hz HZ] [--frame-hz HZ]
+//               [--frame-bytes N] [--status-hz HZ] [--received FILE]
 //
-// Runs for SECONDS (default: until SIGINT or SIGTERM), then prints one
-// summary line; exit status 0 unless a replayed item did not match.
+// A rate of 0 turns a stream off. Runs for SECONDS (default: until SIGINT or
+// SIGTERM), then prints one summary line and, with --received, writes every
+// replayed item ("<monotonic ms> <hex>" a line) to FILE; exit status 0 unless
+// a replayed item did not match.
 
 #include <signal.h>
 #include <unistd.h>
@@ -86,12 +90,14 @@ struct JournalItem {
     std::string bytes;
 };
 
+// Journal lines: "<item time> <data type> <hex bytes>".
 std::vector<JournalItem> ReadJournal(const std::string& path) {
     std::vector<JournalItem> items;
     std::ifstream in(path);
     int64_t time = 0;
+    unsigned int type = 0;
     std::string hex;
-    while (in >> time >> hex) {
+    while (in >> time >> type >> hex) {
         items.push_back({time, Unhex(hex)});
     }
     return items;
@@ -105,10 +111,18 @@ std::string PositionText(unsigned int count) {
     return text;
 }
 
+// Status text at a low rate, as a component reports its health.
+std::string StatusText(unsigned int count) {
+    char text[96];
+    std::snprintf(text, sizeof text, "STS %u uptime=%u state=ok", count, count);
+    return text;
+}
+
 // A sensor frame with every byte value, the separator and line ends among
-// them, so the binary path is exercised for real.
-std::string SensorFrame(unsigned int count) {
-    std::string frame(48, '\0');
+// them, so the binary path is exercised for real. At least 8 bytes: the
+// count sits at byte 4 so that every frame differs.
+std::string SensorFrame(unsigned int count, size_t size) {
+    std::string frame(std::max<size_t>(size, 8), '\0');
     for (size_t i = 0; i < frame.size(); ++i) {
         frame[i] = static_cast<char>((count * 7 + i * 31) & 0xFF);
     }
@@ -118,24 +132,37 @@ std::string SensorFrame(unsigned int count) {
     return frame;
 }
 
-void Record(std::ofstream& journal, unsigned int& positions, unsigned int& frames,
-            int64_t& nextPosition, int64_t& nextFrame) {
+// One periodic stream of items; a period of 0 turns it off.
+struct Stream {
+    int64_t periodMs = 0;
+    unsigned int dataType = kDataTypeAsciiText;
+    std::string (*make)(unsigned int count, size_t size) = nullptr;
+    size_t size = 0;
+    unsigned int count = 0;
+    int64_t next = 0;
+};
+
+std::string MakePosition(unsigned int count, size_t) {
+    return PositionText(count);
+}
+std::string MakeStatus(unsigned int count, size_t) {
+    return StatusText(count);
+}
+
+void Record(std::ofstream& journal, std::vector<Stream>& streams) {
     const int64_t now = NowMs();
-    auto send = [&journal](const std::string& bytes, unsigned int type) {
+    for (Stream& stream : streams) {
+        if (stream.periodMs <= 0 || now < stream.next) {
+            continue;
+        }
+        const std::string bytes = stream.make(stream.count++, stream.size);
+        stream.next += stream.periodMs;
         const int64_t itemTime = ReplayCore::MSTime::CurrentTimeMS().m_timeMilliseconds;
         if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
-                                         false, type) >= 0 &&
+                                         false, stream.dataType) >= 0 &&
             ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            journal << itemTime << ' ' << Hex(bytes) << '\n';
+            journal << itemTime << ' ' << stream.dataType << ' ' << Hex(bytes) << '\n';
         }
-    };
-    if (now >= nextFrame) {
-        send(SensorFrame(frames++), kDataTypeBinary);
-        nextFrame += 20;
-    }
-    if (now >= nextPosition) {
-        send(PositionText(positions++), kDataTypeAsciiText);
-        nextPosition += 100;
     }
 }
 
@@ -170,8 +197,20 @@ void CheckStream(const std::vector<JournalItem>& journal, const std::vector<Rece
     }
 }
 
-bool IsPosition(const std::string& bytes) {
-    return bytes.compare(0, 4, "POS ") == 0;
+// Positions, status texts and sensor frames are checked as separate streams.
+int StreamOf(const std::string& bytes) {
+    if (bytes.compare(0, 4, "POS ") == 0) {
+        return 0;
+    }
+    return bytes.compare(0, 4, "STS ") == 0 ? 1 : 2;
+}
+
+void WriteReceived(const std::string& path) {
+    std::ofstream out(path, std::ios::trunc);
+    std::lock_guard<std::mutex> lock(g_receivedMutex);
+    for (const Received& item : g_received) {
+        out << item.momentMs << ' ' << Hex(item.bytes) << '\n';
+    }
 }
 
 int Summarise(const std::string& name, const std::string& journalPath) {
@@ -182,16 +221,16 @@ int Summarise(const std::string& name, const std::string& journalPath) {
         received = g_received;
     }
     StreamCheck check;
-    for (const bool positions : {true, false}) {
+    for (int stream = 0; stream < 3; ++stream) {
         std::vector<JournalItem> sent;
         std::vector<Received> back;
         for (const JournalItem& item : journal) {
-            if (IsPosition(item.bytes) == positions) {
+            if (StreamOf(item.bytes) == stream) {
                 sent.push_back(item);
             }
         }
         for (const Received& item : received) {
-            if (IsPosition(item.bytes) == positions) {
+            if (StreamOf(item.bytes) == stream) {
                 back.push_back(item);
             }
         }
@@ -221,16 +260,60 @@ int Summarise(const std::string& name, const std::string& journalPath) {
     return check.replayed == 0 || identical ? 0 : 1;
 }
 
+// Reads "--name value" pairs after the positional arguments; false for
+// anything else.
+bool ParseOptions(int argc, char** argv, int first, std::vector<Stream>& streams,
+                  std::string& receivedPath) {
+    auto periodOf = [](const char* hz) {
+        const double rate = std::atof(hz);
+        return rate > 0 ? static_cast<int64_t>(std::llround(1000.0 / rate)) : 0;
+    };
+    for (int i = first; i < argc; i += 2) {
+        const std::string option = argv[i];
+        if (i + 1 >= argc) {
+            return false;
+        }
+        const char* value = argv[i + 1];
+        if (option == "--frame-hz") {
+            streams[0].periodMs = periodOf(value);
+        } else if (option == "--frame-bytes") {
+            streams[0].size = static_cast<size_t>(std::max(8, std::atoi(value)));
+        } else if (option == "--position-hz") {
+            streams[1].periodMs = periodOf(value);
+        } else if (option == "--status-hz") {
+            streams[2].periodMs = periodOf(value);
+        } else if (option == "--received") {
+            receivedPath = value;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: demo_client NAME JOURNAL [SECONDS]\n");
+    // Sensor frames, positions, status texts.
+    std::vector<Stream> streams(3);
+    streams[0] = {20, kDataTypeBinary, SensorFrame, 48};
+    streams[1] = {100, kDataTypeAsciiText, MakePosition, 0};
+    streams[2] = {0, kDataTypeAsciiText, MakeStatus, 0};
+    std::string receivedPath;
+    int first = 3;
+    double seconds = 0;
+    if (argc > 3 && argv[3][0] != '-') {
+        seconds = std::atof(argv[3]);
+        first = 4;
+    }
+    if (argc < 3 || !ParseOptions(argc, argv, first, streams, receivedPath)) {
+        std::fprintf(stderr,
+                     "usage: demo_client NAME JOURNAL [SECONDS] [--position-hz HZ] "
+                     "[--frame-hz HZ] [--frame-bytes N] [--status-hz HZ] [--received FILE]\n");
         return 2;
     }
     const std::string name = argv[1];
     const std::string journalPath = argv[2];
-    const double seconds = argc > 3 ? std::atof(argv[3]) : 0;
     signal(SIGINT, OnSignal);
     signal(SIGTERM, OnSignal);
 
@@ -238,21 +321,22 @@ int main(int argc, char** argv) {
     ReplayClient::InitializeReplayClient(name.c_str(), OnReplay, nullptr, kDataTypeAsciiText,
                                          init.data(), static_cast<unsigned int>(init.size()));
     std::ofstream journal(journalPath, std::ios::app);
-    unsigned int positions = 0;
-    unsigned int frames = 0;
-    int64_t nextPosition = NowMs();
-    int64_t nextFrame = nextPosition;
     const int64_t end = seconds > 0 ? NowMs() + static_cast<int64_t>(seconds * 1000) : INT64_MAX;
     while (!g_stop.load() && NowMs() < end) {
         if (ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            Record(journal, positions, frames, nextPosition, nextFrame);
+            Record(journal, streams);
         } else {
-            nextPosition = nextFrame = NowMs();
+            for (Stream& stream : streams) {
+                stream.next = NowMs();
+            }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     journal.close();
     const int status = Summarise(name, journalPath);
+    if (!receivedPath.empty()) {
+        WriteReceived(receivedPath);
+    }
     ReplayClient::ShutDownClient(0, nullptr);
     return status;
 }

@@ -36,16 +36,25 @@ bool LogFileWriter::Append(const char* data, size_t length) {
     if (!EnsureOpen()) {
         return false;
     }
+    // Where this append starts: a write that fails part way (a full medium
+    // takes what fits) is cut back to here, so the file never ends in a torn
+    // record that the records written after recovery would follow.
+    const off_t start = lseek(m_fd, 0, SEEK_END);
+    bool partial = false;
     while (length > 0) {
         const ssize_t written = write(m_fd, data, length);
         if (written < 0 && errno == EINTR) {
             continue;
         }
         if (written <= 0) {
-            m_lastError = m_path + ": " + strerror(errno);
+            m_lastError = m_path + ": " + strerror(written < 0 ? errno : ENOSPC);
+            if (partial && start >= 0) {
+                (void)!ftruncate(m_fd, start);
+            }
             Close();
             return false;
         }
+        partial = true;
         data += written;
         length -= static_cast<size_t>(written);
         m_dirty = true;

@@ -20,8 +20,9 @@ class LogFileWriter {
     LogFileWriter(const LogFileWriter&) = delete;
     LogFileWriter& operator=(const LogFileWriter&) = delete;
 
-    // Writes all of `data`; false when the file cannot be opened or the write
-    // fails (the data is then lost, and the file is opened anew next time).
+    // Writes all of `data` or nothing: false when the file cannot be opened
+    // or the write fails (the data is then lost, what part of it was written
+    // is cut off again, and the file is opened anew next time).
     bool Append(const char* data, size_t length);
     // Flushes written data to the medium.
     void Sync();

@@ -314,6 +314,8 @@ void LoggerService::WriterLoop() {
     std::string stored;
     std::string consoleText;
     bool running = true;
+    bool failing = false;
+    uint64_t droppedWhileFailing = 0;
     while (running) {
         running = m_queue.PopAll(items, wait);
         if (!items.empty()) {
@@ -340,8 +342,25 @@ void LoggerService::WriterLoop() {
                 if (log.Append(stored.data(), stored.size())) {
                     m_statistics.recordsWritten += records;
                     m_statistics.bytesWritten += stored.size();
+                    if (failing) {
+                        failing = false;
+                        fprintf(stderr,
+                                "replay-logger: writing %s again; %" PRIu64
+                                " records dropped while it could not be written\n",
+                                log.Path().c_str(), droppedWhileFailing);
+                    }
                 } else {
                     m_statistics.recordsDroppedNoMedium += records;
+                    droppedWhileFailing = failing ? droppedWhileFailing + records : records;
+                    // Once per outage: a missing or full medium fails every
+                    // write until it is back.
+                    if (!failing) {
+                        failing = true;
+                        fprintf(stderr,
+                                "replay-logger: cannot write %s; records are dropped until it "
+                                "can be written again\n",
+                                log.LastError().c_str());
+                    }
                 }
             }
             if (!consoleText.empty()) {

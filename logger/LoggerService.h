@@ -35,8 +35,8 @@ struct LoggerStatistics {
     std::atomic<uint64_t> recordsReceived{0};
     std::atomic<uint64_t> recordsWritten{0};
     std::atomic<uint64_t> recordsDroppedQueueFull{0};
-    std::atomic<uint64_t> recordsDroppedNoMedium{0};
-    std::atomic<uint64_t> bytesWritten{0};  // to the log file, stored form
+    std::atomic<uint64_t> recordsDroppedNoMedium{0};  // the log file could not be written
+    std::atomic<uint64_t> bytesWritten{0};            // to the log file, stored form
     std::atomic<uint64_t> malformedBytes{0};
     std::atomic<uint64_t> reconnects{0};
     std::atomic<uint64_t> recordChannelClosures{0};  // times all record writers had gone

@@ -73,6 +73,9 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    // A log file at the process's file size limit fails the write (EFBIG),
+    // reported and counted like a full medium, instead of ending the service.
+    signal(SIGXFSZ, SIG_IGN);
 
     MulticoreLogService::LoggerService service(options);
     if (!service.Start()) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang under ASan+UBSan and runs each one
-# from its seed corpus, failing on the first finding.
+# from its seed corpus (fuzz/corpus/<target>/ and tests/data/), failing on the
+# first finding (crash, sanitizer report, leak, out-of-memory).
 #   scripts/fuzz.sh [seconds-per-target] [target...]
 #   FUZZ_RUNS=1000000 scripts/fuzz.sh      a fixed number of executions instead
 set -euo pipefail
@@ -12,12 +13,13 @@ shift || true
 jobs=${JOBS:-$(nproc)}
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DREPLAY_BUILD_FUZZ=ON -DREPLAY_BUILD_TESTS=OFF -DREPLAY_SANITIZE=address,undefined >/dev/null
-cmake --build build/fuzz -j "$jobs"
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   for source in fuzz/*Fuzz.cpp; do targets+=("$(basename "$source" .cpp)"); done
 fi
+# Only the fuzz targets: the rest of the tree is built and tested elsewhere.
+cmake --build build/fuzz -j "$jobs" --target "${targets[@]}"
 
 for target in "${targets[@]}"; do
   work=$(mktemp -d)

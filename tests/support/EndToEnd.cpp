@@ -1,0 +1,273 @@
+#include "tests/support/EndToEnd.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <sstream>
+
+extern char** environ;
+
+namespace ReplayTest {
+
+using namespace std::chrono_literals;
+
+std::string BuiltBinary(const std::string& relative) {
+    return std::string(REPLAY_BINARY_DIR) + "/" + relative;
+}
+
+Process::Process(const std::vector<std::string>& argv, const std::string& outputPath,
+                 const std::vector<std::string>& environment)
+    : m_outputPath(outputPath) {
+    // Everything the child needs is prepared before the fork: between fork
+    // and exec only async-signal-safe calls are made.
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+        args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    std::vector<std::string> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string variable = *entry;
+        const std::string name = variable.substr(0, variable.find('='));
+        const bool replaced =
+            std::any_of(environment.begin(), environment.end(), [&name](const std::string& added) {
+                return added.compare(0, name.size() + 1, name + "=") == 0;
+            });
+        if (!replaced) {
+            variables.push_back(variable);
+        }
+    }
+    variables.insert(variables.end(), environment.begin(), environment.end());
+    std::vector<char*> envp;
+    for (const std::string& variable : variables) {
+        envp.push_back(const_cast<char*>(variable.c_str()));
+    }
+    envp.push_back(nullptr);
+    std::fflush(nullptr);
+    m_pid = fork();
+    if (m_pid == 0) {
+        const int out = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        const int in = open("/dev/null", O_RDONLY);
+        dup2(out, 1);
+        dup2(out, 2);
+        dup2(in, 0);
+        execve(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+}
+
+bool Process::Running() {
+    Reap(false);
+    return !m_reaped;
+}
+
+void Process::Kill(int signal) {
+    if (m_pid > 0 && !m_reaped) {
+        kill(m_pid, signal);
+        if (signal == SIGKILL) {
+            Reap(true);
+        }
+    }
+}
+
+int Process::Wait(std::chrono::milliseconds deadline) {
+    WaitFor([this] { return !Running(); }, deadline, 10ms);
+    return m_reaped ? m_status : -1;
+}
+
+void Process::Reap(bool block) {
+    if (m_pid <= 0 || m_reaped) {
+        return;
+    }
+    int status = 0;
+    if (waitpid(m_pid, &status, block ? 0 : WNOHANG) == m_pid) {
+        m_reaped = true;
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+}
+
+ClientSummary ParseClientSummary(const std::string& output) {
+    ClientSummary summary;
+    const size_t at = output.rfind("demo_client ");
+    char identical[4] = {};
+    if (at != std::string::npos &&
+        std::sscanf(output.c_str() + at,
+                    "demo_client %*s recorded %zu items; replayed %zu items; identical in order: "
+                    "%3s",
+                    &summary.recorded, &summary.replayed, identical) == 3) {
+        summary.found = true;
+        summary.identical = std::string(identical) == "yes";
+        const size_t timing = output.find("timing error ms:", at);
+        if (timing != std::string::npos) {
+            std::sscanf(output.c_str() + timing, "timing error ms: mean %lf p99 %ld max %ld",
+                        &summary.meanErrorMs, &summary.p99ErrorMs, &summary.maxErrorMs);
+        }
+    }
+    return summary;
+}
+
+long NumberAfter(const std::string& text, const std::string& key) {
+    const size_t at = text.rfind(key);
+    return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
+}
+
+long LatestPosition(const std::string& dump, const std::string& client) {
+    const std::string key = ":" + client + ":!1 ";
+    long latest = -1;
+    for (size_t at = dump.find(key); at != std::string::npos; at = dump.find(key, at + 1)) {
+        const size_t position = dump.find(":POS ", at + key.size());
+        if (position != std::string::npos &&
+            dump.find_first_not_of("0123456789", at + key.size()) == position) {
+            latest = std::max(latest, std::strtol(dump.c_str() + position + 5, nullptr, 10));
+        }
+    }
+    return latest;
+}
+
+void EndToEndTest::SetUp() {
+    PrepareTarget();
+    if (HasFatalFailure()) {
+        return;
+    }
+    StartLogger();
+    if (HasFatalFailure()) {
+        return;
+    }
+    StartServer();
+}
+
+void EndToEndTest::TearDown() {
+    // Clients first, so none of them waits on a server that has gone.
+    m_clients.clear();
+    m_server.reset();
+    m_logger.reset();
+    unsetenv("ENABLE_REPLAY");
+    TargetRootTest::TearDown();
+}
+
+void EndToEndTest::PrepareTarget() {
+    TargetRootTest::SetUp();
+    // Components take part in record and replay only when this is set.
+    setenv("ENABLE_REPLAY", "1", 1);
+    MakeTargetDirectory("/fs/usb0");
+    MakeTargetDirectory("/tmp");
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<int> part(1, 254);
+    m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
+           std::to_string(part(random));
+    WriteFile("ReplayConfig.txt", "serverIP:" + m_ip +
+                                      ";\nexternalConnectWait:0;\n"
+                                      "networkingLatency:100;\nserverLeadTime:100;\n");
+}
+
+void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
+    const std::string ready = Root() + "/logger.ready";
+    // A killed service leaves its ready file behind.
+    std::filesystem::remove(ready);
+    std::vector<std::string> argv = launcher;
+    argv.insert(argv.end(), {BuiltBinary("logger/replay-logger"), "--ready-file", ready});
+    m_logger.reset(new Process(argv, Root() + "/logger.out", m_environment));
+    ASSERT_TRUE(WaitFor([&] { return std::filesystem::exists(ready); }, 20s, 10ms))
+        << m_logger->Output();
+}
+
+void EndToEndTest::StartServer() {
+    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip},
+                               Root() + "/server.out", m_environment));
+    ASSERT_TRUE(
+        WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
+    ASSERT_TRUE(m_server->Running()) << m_server->Output();
+}
+
+CommandResult EndToEndTest::Send(const std::string& command) {
+    return Run({"server/ReplayManager", "send", command});
+}
+
+CommandResult EndToEndTest::Run(std::vector<std::string> argv) {
+    argv[0] = BuiltBinary(argv[0]);
+    const std::string output = Root() + "/command" + std::to_string(m_commands++) + ".out";
+    Process process(argv, output);
+    const int status = process.Wait(20s);
+    return {status, process.Output()};
+}
+
+CommandResult EndToEndTest::Verify(const std::string& path) {
+    return Run({"tools/replaylog/replaylog", "verify", path.empty() ? LogPath() : path});
+}
+
+std::string EndToEndTest::Dump(const std::string& path) {
+    return Run({"tools/replaylog/replaylog", "dump", path.empty() ? LogPath() : path}).output;
+}
+
+Process& EndToEndTest::StartClient(const std::string& name) {
+    const std::string run = Root() + "/" + name + "." + std::to_string(m_clients.size());
+    m_clients.emplace_back(
+        new Process({BuiltBinary("examples/demo_client"), name, run + ".journal"}, run + ".out",
+                    m_environment));
+    return *m_clients.back();
+}
+
+int EndToEndTest::ClientEntries(const std::string& name, bool runningOnly) {
+    const std::string table = Send("clients").output;
+    int entries = 0;
+    std::istringstream lines(table);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, name.size() + 1, name + " ") == 0 &&
+            (!runningOnly || line.find("Running") != std::string::npos)) {
+            ++entries;
+        }
+    }
+    return entries;
+}
+
+bool EndToEndTest::AllRunning(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        if (ClientEntries(name) != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void EndToEndTest::StartClients(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        StartClient(name);
+    }
+    ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 15s, 50ms))
+        << Send("clients").output << m_clients.back()->Output() << m_server->Output();
+}
+
+long EndToEndTest::RecordsToLog() {
+    return NumberAfter(Send("status").output, "records to the log ");
+}
+
+void EndToEndTest::WaitForRecords(long count) {
+    const long target = RecordsToLog() + count;
+    ASSERT_TRUE(WaitFor([&] { return RecordsToLog() >= target; }, 20s, 50ms))
+        << Send("status").output;
+}
+
+void EndToEndTest::Record(double seconds) {
+    ASSERT_EQ(Send("record " + std::to_string(seconds)).status, 0);
+    const CommandResult waited = Send("wait");
+    ASSERT_EQ(waited.status, 0) << waited.output << m_server->Output();
+}
+
+std::vector<ClientSummary> EndToEndTest::StopClients() {
+    std::vector<ClientSummary> summaries;
+    for (const std::unique_ptr<Process>& client : m_clients) {
+        client->Kill(SIGTERM);
+        client->Wait(10s);
+        summaries.push_back(ParseClientSummary(client->Output()));
+    }
+    return summaries;
+}
+
+}  // namespace ReplayTest

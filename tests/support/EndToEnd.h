@@ -1,0 +1,142 @@
+#ifndef TESTS_SUPPORT_ENDTOEND_H
+#define TESTS_SUPPORT_ENDTOEND_H
+
+// The whole system as real processes: the logger service, the replay server
+// and demo clients, under a private target root and on a loopback address of
+// their own, with helpers to command the server and read the log back.
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+namespace ReplayTest {
+
+// REPLAY_BINARY_DIR + "/" + relative.
+std::string BuiltBinary(const std::string& relative);
+
+// A child process running a built executable, its output (stdout and
+// stderr) appended to a file. `environment` entries ("NAME=value") are added
+// to the test's own. Killed and reaped on destruction, so a failing case
+// leaves nothing running.
+class Process {
+  public:
+    Process(const std::vector<std::string>& argv, const std::string& outputPath,
+            const std::vector<std::string>& environment = {});
+    ~Process() { Kill(SIGKILL); }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t Pid() const { return m_pid; }
+    bool Running();
+    // Sends `signal`; SIGKILL also reaps the process.
+    void Kill(int signal);
+    // The exit status (128 + signal when killed), or -1 when the process is
+    // still running at the deadline.
+    int Wait(std::chrono::milliseconds deadline);
+    std::string Output() const { return ReadFile(m_outputPath); }
+
+  private:
+    void Reap(bool block);
+
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+    int m_status = -1;
+    std::string m_outputPath;
+};
+
+struct CommandResult {
+    int status;
+    std::string output;
+};
+
+// The last summary line a demo client prints when it ends.
+struct ClientSummary {
+    bool found = false;
+    size_t recorded = 0;
+    size_t replayed = 0;
+    bool identical = false;
+    double meanErrorMs = 0;
+    long p99ErrorMs = 0;
+    long maxErrorMs = 0;
+};
+ClientSummary ParseClientSummary(const std::string& output);
+
+// The number after the last occurrence of `key` in `text`, or -1.
+long NumberAfter(const std::string& text, const std::string& key);
+
+// The highest position number of `client` in a log dump, or -1.
+long LatestPosition(const std::string& dump, const std::string& client);
+
+// A block is sent once it is a second old; the demo client produces 60 items
+// a second, so its last, unsent block holds at most about that many.
+constexpr size_t kLastBlockItems = 64;
+
+class EndToEndTest : public TargetRootTest {
+  protected:
+    // Prepares the target and starts the logger service and the server.
+    void SetUp() override;
+    void TearDown() override;
+
+    // The target root's directories, a random loopback address and the
+    // options file; SetUp's first step, for fixtures that start the
+    // processes themselves.
+    void PrepareTarget();
+    // Starts the logger service (again) and waits until its devices exist;
+    // `launcher` is a command line the service is run under (a resource
+    // limit, dropped privileges).
+    void StartLogger(const std::vector<std::string>& launcher = {});
+    // Starts the server (again) and waits until it answers commands.
+    void StartServer();
+
+    // One command to the running server through its control socket.
+    CommandResult Send(const std::string& command);
+    // Runs a built program (path relative to the build directory) to its end.
+    CommandResult Run(std::vector<std::string> argv);
+    // `replaylog verify` and `replaylog dump` of a log (the live log by default).
+    CommandResult Verify(const std::string& path = "");
+    std::string Dump(const std::string& path = "");
+
+    // Starts a demo client; each start has its own journal and output file.
+    Process& StartClient(const std::string& name);
+
+    // Lines of `send clients` naming the client, and whether it is running.
+    int ClientEntries(const std::string& name, bool runningOnly = true);
+    bool AllRunning(const std::vector<std::string>& names);
+    // Starts clients and waits until the server has all of them running.
+    void StartClients(const std::vector<std::string>& names);
+
+    // Records the server has passed on towards the log so far.
+    long RecordsToLog();
+    // Waits until the server has passed on `count` more records.
+    void WaitForRecords(long count);
+
+    // Records for `seconds` and waits until the recording has ended.
+    void Record(double seconds);
+    // Stops every client with SIGTERM and returns their summaries in start
+    // order.
+    std::vector<ClientSummary> StopClients();
+
+    std::string LogPath() const { return Root() + "/fs/usb0/LOGFILE.DAT"; }
+    std::string Address() const { return m_ip; }
+
+    // Added to the environment of every process started after it is set.
+    std::vector<std::string> m_environment;
+    std::unique_ptr<Process> m_logger;
+    std::unique_ptr<Process> m_server;
+    std::vector<std::unique_ptr<Process>> m_clients;
+
+  private:
+    std::string m_ip;
+    int m_commands = 0;
+};
+
+}  // namespace ReplayTest
+
+#endif

@@ -1,0 +1,211 @@
+// How the soak program accounts for every item: stored, held back in the
+// last block, dropped as late, lost, replayed; and how it reads memory.
+
+#include "tools/soak/SoakAnalysis.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "libreplay/ReplayCore.h"
+#include "tests/support/TestSupport.h"
+#include "tools/soak/SoakReport.h"
+
+namespace {
+
+using ReplaySoak::AnalyseClient;
+using ReplaySoak::ClientResult;
+using ReplaySoak::LoggedItem;
+using ReplaySoak::LossLimits;
+using ReplaySoak::ReplayedItem;
+using ReplaySoak::SentItem;
+
+// Positions every 100 ms from 1000 ms on: "P0", "P1", ...
+std::vector<SentItem> Positions(size_t count) {
+    std::vector<SentItem> items;
+    for (size_t i = 0; i < count; ++i) {
+        items.push_back(
+            {1000 + static_cast<int64_t>(i) * 100, kDataTypeAsciiText, "P" + std::to_string(i)});
+    }
+    return items;
+}
+
+std::vector<LoggedItem> Stored(const std::vector<SentItem>& sent,
+                               const std::vector<size_t>& which) {
+    std::vector<LoggedItem> items;
+    for (size_t i : which) {
+        items.push_back({sent[i].timeMs, sent[i].bytes});
+    }
+    return items;
+}
+
+std::vector<size_t> Range(size_t from, size_t to) {
+    std::vector<size_t> range;
+    for (size_t i = from; i < to; ++i) {
+        range.push_back(i);
+    }
+    return range;
+}
+
+TEST(SoakAnalysisTest, MissingItemsAreHeldBackLateOrLost) {
+    const std::vector<SentItem> sent = Positions(40);
+    // 0-9 stored; 10-14 missing, the next item 500 ms later (a young block:
+    // lost); 15-19 stored; 20-29 missing, the next item a second later (an
+    // old block: late); 30-34 stored; 35-39 never sent (the last block).
+    std::vector<size_t> stored = Range(0, 10);
+    for (size_t i : Range(15, 20))
+        stored.push_back(i);
+    for (size_t i : Range(30, 35))
+        stored.push_back(i);
+    const ClientResult result = AnalyseClient(sent, Stored(sent, stored), {}, LossLimits());
+    EXPECT_EQ(result.sent, 40u);
+    EXPECT_EQ(result.logged, 20u);
+    EXPECT_EQ(result.unflushed, 5u);
+    EXPECT_EQ(result.late, 10u);
+    EXPECT_EQ(result.lost, 5u);
+    EXPECT_EQ(result.unexpected, 0u);
+    EXPECT_EQ(result.replayLost, 20u);
+}
+
+TEST(SoakAnalysisTest, HeldBackItemsFitOneBlockOfOneType) {
+    LossLimits limits;
+    limits.spanMs = 100000;
+    // A type change before the tail forced a send: the text items before the
+    // binary tail were in a block that went out and is missing.
+    std::vector<SentItem> sent = Positions(6);
+    for (int i = 0; i < 3; ++i) {
+        sent.push_back({1600 + i * 20, kDataTypeBinary, std::string(48, static_cast<char>(i))});
+    }
+    ClientResult result = AnalyseClient(sent, Stored(sent, Range(0, 3)), {}, limits);
+    EXPECT_EQ(result.unflushed, 3u);
+    EXPECT_EQ(result.late + result.lost, 3u);
+
+    // More than a block's bytes cannot all be the last block.
+    sent.clear();
+    for (int i = 0; i < 60; ++i) {
+        sent.push_back({1000 + i, kDataTypeAsciiText, std::to_string(i) + std::string(60, 'x')});
+    }
+    result = AnalyseClient(sent, Stored(sent, Range(0, 10)), {}, limits);
+    EXPECT_GT(result.unflushed, 20u);
+    EXPECT_LT(result.unflushed, 50u);
+    EXPECT_EQ(result.unflushed + result.lost + result.late, 50u);
+
+    // Nor can items older than a block gets before the ping sends it.
+    limits.spanMs = 1000;
+    sent = Positions(30);
+    result = AnalyseClient(sent, Stored(sent, Range(0, 5)), {}, limits);
+    EXPECT_EQ(result.unflushed, 11u);  // 2900 ms .. 3900 ms
+}
+
+TEST(SoakAnalysisTest, AClientWithNothingStoredHasItsOldBlocksCountedLate) {
+    // Ten seconds of positions: the last five fit the held-back block.
+    const std::vector<SentItem> sent = Positions(100);
+    const ClientResult result = AnalyseClient(sent, {}, {}, LossLimits());
+    EXPECT_EQ(result.logged, 0u);
+    EXPECT_EQ(result.unflushed, 51u);
+    EXPECT_EQ(result.late, 49u);
+    EXPECT_EQ(result.lost, 0u);
+}
+
+TEST(SoakAnalysisTest, StoredItemsNeverSentOrStoredTwiceAreExtra) {
+    const std::vector<SentItem> sent = Positions(5);
+    std::vector<LoggedItem> stored = Stored(sent, {0, 1, 2, 3, 4, 2});
+    stored.push_back({2000, "stranger"});
+    const ClientResult result = AnalyseClient(sent, stored, {}, LossLimits());
+    EXPECT_EQ(result.logged, 5u);
+    EXPECT_EQ(result.unexpected, 2u);
+}
+
+TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
+    const std::vector<SentItem> sent = Positions(6);
+    const std::vector<LoggedItem> stored = Stored(sent, Range(0, 6));
+    // Delivered 5000 ms after the log time, one item 7 ms late; item 3
+    // comes back after item 4 (out of order), item 5 twice, item 2 never.
+    const std::vector<ReplayedItem> replayed = {{6000, "P0"},     {6100, "P1"}, {6407, "P4"},
+                                                {6300, "P3"},     {6500, "P5"}, {6500, "P5"},
+                                                {6600, "unknown"}};
+    const ClientResult result = AnalyseClient(sent, stored, replayed, LossLimits());
+    EXPECT_EQ(result.replayed, 4u);
+    EXPECT_EQ(result.replayWrong, 3u);
+    EXPECT_EQ(result.replayLost, 2u);
+    ASSERT_EQ(result.timingErrorsMs.size(), 4u);
+    const ReplaySoak::Distribution timing = ReplaySoak::Summarise(result.timingErrorsMs);
+    EXPECT_EQ(timing.max, 7);
+    EXPECT_DOUBLE_EQ(timing.mean, 7.0 / 4);
+}
+
+class SoakFilesTest : public ReplayTest::TargetRootTest {};
+
+TEST_F(SoakFilesTest, JournalsAndReplayListsSkipDamagedLines) {
+    ReplayTest::WriteFile("client.journal",
+                          "1000 2 504f5320310a\n"
+                          "1020 5 de0a00ff\n"
+                          "garbage\n"
+                          "1040 5 abc\n"  // odd number of digits
+                          "1060 5 zz\n");
+    const std::vector<SentItem> sent = ReplaySoak::ReadJournal("client.journal");
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].bytes, "POS 1\n");
+    EXPECT_EQ(sent[1].dataType, kDataTypeBinary);
+    EXPECT_EQ(sent[1].bytes, std::string("\xde\n\0\xff", 4));
+
+    ReplayTest::WriteFile("client.replayed", "77 4142\n78\n");
+    const std::vector<ReplayedItem> replayed = ReplaySoak::ReadReplayed("client.replayed");
+    ASSERT_EQ(replayed.size(), 1u);
+    EXPECT_EQ(replayed[0].momentMs, 77);
+    EXPECT_EQ(replayed[0].bytes, "AB");
+
+    EXPECT_TRUE(ReplaySoak::ReadJournal("missing.journal").empty());
+}
+
+TEST_F(SoakFilesTest, LogItemsAreDecodedPerClient) {
+    ReplaySoak::LogContents log =
+        ReplaySoak::ReadLog(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat", "line one");
+    ASSERT_TRUE(log.opened);
+    EXPECT_EQ(log.checksumFailures + log.unparsable, 0u);
+    ASSERT_EQ(log.items["gps"].size(), 3u);
+    EXPECT_EQ(log.items["gps"][2].bytes, "lat=48.3 lon=11.7");
+    EXPECT_EQ(log.items["gps"][2].timeMs, 100350);
+    ASSERT_EQ(log.items["can"].size(), 3u);
+    EXPECT_EQ(log.items["can"][0].bytes, "\x01\x02\x03\xff");
+    EXPECT_EQ(log.items["can"][1].bytes, std::string("\0\x10", 2));
+    EXPECT_EQ(log.items["can"][2].bytes, "hello");
+    // The item with the initialisation prefix and the status record are not data.
+    EXPECT_TRUE(log.items["ui"].empty());
+
+    // A damaged copy: one record's checksum no longer matches.
+    std::string damaged =
+        ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat");
+    damaged[damaged.find("lat=48.1") + 4] = '9';
+    ReplayTest::WriteFile("damaged.dat", damaged);
+    log = ReplaySoak::ReadLog("damaged.dat", "INIT:");
+    EXPECT_EQ(log.checksumFailures, 1u);
+    EXPECT_EQ(log.items["gps"].size(), 2u);
+
+    EXPECT_FALSE(ReplaySoak::ReadLog("absent.dat", "INIT:").opened);
+}
+
+TEST(SoakMemoryTest, GrowthLeavesOutTheWarmUpAndShowsTheSlope) {
+    // Ten minutes sampled every 30 s: start-up allocation in the first
+    // minute, then a leak of 50 KB a minute.
+    std::vector<ReplaySoak::MemorySample> samples;
+    for (int i = 0; i <= 20; ++i) {
+        const double minutes = i * 0.5;
+        const long kb = minutes < 1 ? 1000 + i * 400 : 5000 + static_cast<long>(minutes * 50);
+        samples.push_back({minutes, kb});
+    }
+    const ReplaySoak::MemoryGrowth growth = ReplaySoak::MeasureGrowth(samples, 10);
+    EXPECT_EQ(growth.startKb, 5050);
+    EXPECT_EQ(growth.endKb, 5500);
+    EXPECT_EQ(growth.middleKb, 5275);
+    EXPECT_EQ(growth.growthKb, 450);
+    EXPECT_NEAR(growth.slopeKbPerMinute, 50, 0.01);
+
+    // A steady process, and too few samples for a slope.
+    const ReplaySoak::MemoryGrowth flat = ReplaySoak::MeasureGrowth({{0, 10}, {2, 4000}}, 2);
+    EXPECT_EQ(flat.growthKb, 0);
+    EXPECT_EQ(flat.slopeKbPerMinute, 0);
+}
+
+}  // namespace

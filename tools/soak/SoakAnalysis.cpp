@@ -1,0 +1,272 @@
+#include "tools/soak/SoakAnalysis.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <unordered_map>
+
+#include "libreplay/Ascii7.h"
+#include "libreplay/ReplayCore.h"
+#include "libreplay/ReplayLogReader.h"
+#include "libreplay/ReplayLogRecord.h"
+
+namespace ReplaySoak {
+
+namespace {
+
+bool Unhex(const std::string& text, std::string& bytes) {
+    if (text.size() % 2 != 0) {
+        return false;
+    }
+    bytes.clear();
+    bytes.reserve(text.size() / 2);
+    for (size_t i = 0; i < text.size(); i += 2) {
+        char pair[3] = {text[i], text[i + 1], '\0'};
+        char* end = nullptr;
+        const long value = std::strtol(pair, &end, 16);
+        if (end != pair + 2) {
+            return false;
+        }
+        bytes += static_cast<char>(value);
+    }
+    return true;
+}
+
+// The bytes of a binary item's Ascii7 text. n characters carry at most
+// 7n / 8 whole bytes, so the decoder stays inside the item; an item whose
+// first characters carry no bits is not handed to the decoder at all,
+// which would report the empty result on standard output.
+std::string DecodeAscii7Item(const char* text, size_t length) {
+    const size_t capacity = length * 7 / 8;
+    auto carriesBits = [](char c) {
+        const unsigned char value = static_cast<unsigned char>(c);
+        return value >= 37 && value - 37 <= 127;
+    };
+    if (capacity == 0 || !carriesBits(text[0]) || !carriesBits(text[1])) {
+        return std::string();
+    }
+    std::string out(capacity, '\0');
+    const unsigned int decoded = Ascii7Decoder::DecodeAscii7(
+        reinterpret_cast<const unsigned char*>(text), static_cast<unsigned int>(capacity), &out[0]);
+    out.resize(decoded);
+    return out;
+}
+
+}  // namespace
+
+std::vector<SentItem> ReadJournal(const std::string& path) {
+    std::vector<SentItem> items;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        SentItem item;
+        std::string hex;
+        if (fields >> item.timeMs >> item.dataType >> hex && Unhex(hex, item.bytes)) {
+            items.push_back(std::move(item));
+        }
+    }
+    return items;
+}
+
+std::vector<ReplayedItem> ReadReplayed(const std::string& path) {
+    std::vector<ReplayedItem> items;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        ReplayedItem item;
+        std::string hex;
+        if (fields >> item.momentMs >> hex && Unhex(hex, item.bytes)) {
+            items.push_back(std::move(item));
+        }
+    }
+    return items;
+}
+
+LogContents ReadLog(const std::string& path, const std::string& initialisationPrefix) {
+    LogContents contents;
+    ReplayCore::ReplayLogReader reader;
+    if (!reader.Open(path)) {
+        contents.error = reader.LastError();
+        return contents;
+    }
+    contents.opened = true;
+    ReplayCore::LogRecord record;
+    ReplayCore::LogClientRecord fields;
+    while (reader.Next(record)) {
+        if (record.kind != ReplayCore::LogRecordKind::kClient) {
+            continue;
+        }
+        if (!ReplayCore::LogRecordChecksumValid(record.payload.data(), record.payload.size())) {
+            ++contents.checksumFailures;
+            continue;
+        }
+        if (!ReplayCore::ParseLogClientRecord(record.payload, fields)) {
+            ++contents.unparsable;
+            continue;
+        }
+        if (fields.typeCharacter == '#') {
+            continue;  // status reports are not data
+        }
+        const bool binary = fields.typeCharacter == '$';
+        std::vector<LoggedItem>& items = contents.items[fields.clientName];
+        ReplayCore::ForEachLogItem(
+            record.payload, fields, [&](int64_t timeMs, const char* data, size_t length) {
+                LoggedItem item;
+                item.timeMs = timeMs;
+                item.bytes = binary ? DecodeAscii7Item(data, length) : std::string(data, length);
+                if (item.bytes.compare(0, initialisationPrefix.size(), initialisationPrefix) != 0) {
+                    items.push_back(std::move(item));
+                }
+            });
+    }
+    contents.skippedRegions = reader.SkipCount();
+    if (reader.ReadFailed()) {
+        contents.error = reader.LastError();
+    }
+    return contents;
+}
+
+size_t BlockBytes(const SentItem& item) {
+    // Separator byte, "seconds.millis" and a colon before the item.
+    const size_t separator = std::to_string(item.timeMs / 1000).size() + 6;
+    const size_t data =
+        item.dataType == kDataTypeBinary ? (item.bytes.size() * 8 + 6) / 7 : item.bytes.size();
+    return separator + data;
+}
+
+ClientResult AnalyseClient(const std::vector<SentItem>& sent, const std::vector<LoggedItem>& logged,
+                           const std::vector<ReplayedItem>& replayed, const LossLimits& limits) {
+    ClientResult result;
+    result.sent = sent.size();
+
+    // Every item a client sends differs from the others (it carries a
+    // count), so the bytes identify it.
+    std::unordered_map<std::string, size_t> logIndex;
+    for (size_t i = 0; i < logged.size(); ++i) {
+        if (!logIndex.emplace(logged[i].bytes, i).second) {
+            ++result.unexpected;  // stored twice
+        }
+    }
+
+    std::unordered_map<std::string, size_t> sentBytes;
+    std::vector<bool> inLog(sent.size(), false);
+    for (size_t i = 0; i < sent.size(); ++i) {
+        sentBytes.emplace(sent[i].bytes, i);
+        inLog[i] = logIndex.count(sent[i].bytes) != 0;
+        result.logged += inLog[i] ? 1 : 0;
+    }
+    for (const auto& entry : logIndex) {
+        if (sentBytes.count(entry.first) == 0) {
+            ++result.unexpected;
+        }
+    }
+
+    // The block the client still held when recording stopped: the missing
+    // items at the end, as far as they fit one block.
+    size_t tailStart = sent.size();
+    size_t tailBytes = 0;
+    while (tailStart > 0 && !inLog[tailStart - 1]) {
+        const SentItem& item = sent[tailStart - 1];
+        tailBytes += BlockBytes(item);
+        if (item.dataType != sent.back().dataType || tailBytes > limits.blockBytes ||
+            sent.back().timeMs - item.timeMs > limits.spanMs) {
+            break;
+        }
+        --tailStart;
+    }
+    result.unflushed = sent.size() - tailStart;
+    result.lost = tailStart - result.logged;
+
+    // Runs of missing items before the tail: the next item sent after a run
+    // went out no earlier than the run's block, so the time from the run's
+    // first item to it bounds the block's age when it was sent.
+    for (size_t i = 0; i < tailStart;) {
+        if (inLog[i]) {
+            ++i;
+            continue;
+        }
+        size_t end = i;
+        while (end < tailStart && !inLog[end]) {
+            ++end;
+        }
+        if (end < sent.size() && sent[end].timeMs - sent[i].timeMs >= limits.lateAgeMs) {
+            result.late += end - i;
+            result.lost -= end - i;
+        }
+        i = end;
+    }
+
+    // Replay: every stored item once, in the stored order.
+    std::vector<bool> seen(logged.size(), false);
+    std::vector<int64_t> offsets;
+    bool haveLast = false;
+    size_t lastIndex = 0;
+    for (const ReplayedItem& item : replayed) {
+        const auto found = logIndex.find(item.bytes);
+        if (found == logIndex.end() || seen[found->second] ||
+            (haveLast && found->second < lastIndex)) {
+            ++result.replayWrong;
+            continue;
+        }
+        seen[found->second] = true;
+        haveLast = true;
+        lastIndex = found->second;
+        ++result.replayed;
+        offsets.push_back(item.momentMs - logged[found->second].timeMs);
+    }
+    result.replayLost = logIndex.size() - result.replayed;
+
+    if (!offsets.empty()) {
+        std::vector<int64_t> sorted = offsets;
+        std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+        const int64_t median = sorted[sorted.size() / 2];
+        result.timingErrorsMs.reserve(offsets.size());
+        for (int64_t offset : offsets) {
+            result.timingErrorsMs.push_back(std::llabs(offset - median));
+        }
+    }
+    return result;
+}
+
+Distribution Summarise(std::vector<int64_t> values) {
+    Distribution distribution;
+    distribution.count = values.size();
+    if (values.empty()) {
+        return distribution;
+    }
+    std::sort(values.begin(), values.end());
+    double sum = 0;
+    for (int64_t value : values) {
+        sum += static_cast<double>(value);
+    }
+    distribution.mean = sum / static_cast<double>(values.size());
+    distribution.p99 = values[std::min(values.size() - 1, values.size() * 99 / 100)];
+    distribution.max = values.back();
+    return distribution;
+}
+
+double SlopeKbPerMinute(const std::vector<MemorySample>& samples) {
+    if (samples.size() < 2) {
+        return 0;
+    }
+    double meanX = 0;
+    double meanY = 0;
+    for (const MemorySample& sample : samples) {
+        meanX += sample.minutes;
+        meanY += static_cast<double>(sample.rssKb);
+    }
+    meanX /= static_cast<double>(samples.size());
+    meanY /= static_cast<double>(samples.size());
+    double covariance = 0;
+    double variance = 0;
+    for (const MemorySample& sample : samples) {
+        covariance += (sample.minutes - meanX) * (static_cast<double>(sample.rssKb) - meanY);
+        variance += (sample.minutes - meanX) * (sample.minutes - meanX);
+    }
+    return variance > 0 ? covariance / variance : 0;
+}
+
+}  // namespace ReplaySoak
