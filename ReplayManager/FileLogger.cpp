@@ -237,6 +237,10 @@ std::string FileLogger::FormatDebugText(const char* text, unsigned int maxLength
     return result;
 }
 
+unsigned int FileLogger::WritesSoFar() {
+    return g_debugLines.load(std::memory_order_relaxed);
+}
+
 void FileLogger::ResetForTesting() {
     g_loggingLevel.store(eSeverityInfo, std::memory_order_relaxed);
     g_fileWriteErrors.store(0, std::memory_order_relaxed);

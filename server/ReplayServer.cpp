@@ -61,6 +61,11 @@ bool ReplayServer::Start(std::string& error) {
         return false;
     }
 
+    m_reorder.reset(
+        new RecordReorderBuffer(m_settings.reorderHoldMs, m_settings.reorderByteLimit,
+                                [this](const std::string& record) { return Forward(record); }));
+    m_reorder->Start();
+
     if (!m_settings.bindAddress.empty()) {
         SetBindAddress(m_settings.bindAddress);
     }
@@ -70,6 +75,7 @@ bool ReplayServer::Start(std::string& error) {
                       m_settings.bindAddress.empty() ? "0.0.0.0" : m_settings.bindAddress.c_str(),
                       std::strerror(errno));
         error = text;
+        m_reorder.reset();
         m_writer.reset();
         return false;
     }
@@ -100,6 +106,7 @@ void ReplayServer::Shutdown() {
     }
     // No datagram may reach the handler once the writer is gone.
     StopReadThread();
+    m_reorder.reset();
     m_writer.reset();
 }
 
@@ -144,6 +151,7 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
         return false;
     }
     m_datagrams.fetch_add(1, std::memory_order_relaxed);
+    StopFileLogAtItsCap();
     if (!ReplayCore::CheckSumValid(data, static_cast<unsigned int>(nBytes))) {
         m_checksumFailures.fetch_add(1, std::memory_order_relaxed);
         return false;
@@ -184,7 +192,9 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     if (status) {
         m_statusRecords.fetch_add(1, std::memory_order_relaxed);
     } else if (!m_replaying.load(std::memory_order_relaxed)) {
-        Forward(data, nBytes);
+        // Never waits on the writer: this runs under the client table lock,
+        // which the writer thread takes too. A full buffer counts the loss.
+        m_reorder->Add(fields.blockTimeMs, data, static_cast<size_t>(nBytes));
     }
     return accepted;
 }
@@ -277,13 +287,26 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
     return false;
 }
 
-void ReplayServer::Forward(const char* data, int nBytes) {
-    std::lock_guard<std::mutex> lock(m_forwardMutex);
-    if (LogWriterThread::WriteRecord(data, static_cast<unsigned int>(nBytes)) == nBytes) {
-        m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
-    } else {
-        m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+void ReplayServer::StopFileLogAtItsCap() {
+    if (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites ||
+        FileLogger::GetLogginglevel() < 0) {
+        return;
     }
+    FileLogger::SetLogginglevel(-1);
+    std::printf("\nReplayManager: %s has its %u entries; nothing more is logged to it\n",
+                FileLogger::kLogFileLocation, FileLogger::kMaximumWrites);
+    std::fflush(stdout);
+}
+
+bool ReplayServer::Forward(const std::string& record) {
+    std::lock_guard<std::mutex> lock(m_forwardMutex);
+    const int size = static_cast<int>(record.size());
+    if (LogWriterThread::WriteRecord(record.data(), static_cast<unsigned int>(size)) == size) {
+        m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
+    m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+    return false;
 }
 
 int ReplayServer::CommandAllClients(ReplayState state, const std::string& extraArguments) {
@@ -340,6 +363,9 @@ bool ReplayServer::FlushWriteQueue(int timeoutMs) {
     if (m_writer == nullptr || !LogWriterThread::PipeOpen()) {
         return false;
     }
+    // Everything still held goes first, so the status record's flush
+    // writes it out.
+    m_reorder->Drain();
     char record[256];
     const char* message = "stop";
     unsigned int length =
@@ -379,6 +405,10 @@ ServerCounters ReplayServer::Counters() const {
     counters.statusRecords = m_statusRecords.load(std::memory_order_relaxed);
     counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
     counters.refusedSources = m_refusedSources.load(std::memory_order_relaxed);
+    if (m_reorder != nullptr) {
+        counters.recordsHeld = m_reorder->HeldRecords();
+        counters.heldOverflow = m_reorder->Refused();
+    }
     return counters;
 }
 

@@ -20,6 +20,7 @@
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
 #include "server/SourceAllowList.h"
+#include "server/RecordReorderBuffer.h"
 
 namespace ReplayServer {
 
@@ -34,6 +35,9 @@ struct ServerCounters {
     uint64_t refusedClients = 0;
     // Datagrams dropped unread because their source is not allowed.
     uint64_t refusedSources = 0;
+    // Records waiting in the reorder buffer, and those it had no room for.
+    uint64_t recordsHeld = 0;
+    uint64_t heldOverflow = 0;
 };
 
 struct ServerSettings {
@@ -49,6 +53,11 @@ struct ServerSettings {
     int stopSettleMs = 300;
     // Sources whose datagrams are taken; by default any.
     SourceAllowList allowedSources;
+    // How long each data record waits before it goes to the log writer, so
+    // that blocks sent late (up to about 5 s after their time) still reach
+    // the writer in time order. 0 passes records on at once.
+    int reorderHoldMs = 5000;
+    size_t reorderByteLimit = 64 * 1024 * 1024;
 };
 
 class ReplayServer : public UDPSocketServer {
@@ -111,12 +120,19 @@ class ReplayServer : public UDPSocketServer {
                          ClientData& client);
     void Forward(const char* data, int nBytes);
     void ReportRefusedSource(const sockaddr_in& from);
+    // Writes one record into the log writer's pipe.
+    bool Forward(const std::string& record);
+    // The file log keeps one stream open for every call after its last
+    // entry: a server fed bad datagrams for hours would run out of memory
+    // and descriptors. At that point the server stops logging to the file.
+    void StopFileLogAtItsCap();
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};
     // The writer thread keeps a reference; only it and Start touch this copy.
     ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
     std::unique_ptr<LogWriterThread> m_writer;
+    std::unique_ptr<RecordReorderBuffer> m_reorder;
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 

@@ -264,7 +264,8 @@ std::string ServerControl::StatusText() {
          << counters.recordsForwarded << ", checksum failures " << counters.checksumFailures
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
          << ", refused clients " << counters.refusedClients << ", refused sources "
-         << counters.refusedSources << "\n";
+         << counters.refusedSources << ", held for ordering " << counters.recordsHeld
+         << ", no room to hold " << counters.heldOverflow << "\n";
     text << ClientsText();
     return text.str();
 }

@@ -70,6 +70,7 @@ struct CommonOptions {
     std::string root;
     std::string control;
     int clientWait = 30;
+    int reorderMs = 5000;
 };
 
 enum class Mode { kServe, kRecord, kReplay };
@@ -101,6 +102,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         std::string parseError;
         settings.allowedSources.Parse(common.allow, parseError);  // checked with the options
     }
+    settings.reorderHoldMs = common.reorderMs;
     ReplayServer server(settings);
     std::string error;
     if (!server.Start(error)) {
@@ -217,6 +219,11 @@ int ServerMain(int argc, char** argv) {
                    "Seconds a replay waits for the recorded clients")
         ->default_val(30)
         ->check(CLI::NonNegativeNumber);
+
+    app.add_option("--reorder-ms", common.reorderMs,
+                   "Milliseconds each record waits, so that late blocks go to the log in order")
+        ->default_val(5000)
+        ->check(CLI::Range(0, 60000));
 
     double recordSeconds = 0;
     CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");

@@ -29,6 +29,8 @@ class REPLAY_API FileLogger {
     // Messages above this severity are not written (initially 3).
     static void SetLogginglevel(ErrorSeverity level);
     static ErrorSeverity GetLogginglevel();
+    // Entries written so far; at kMaximumWrites the file takes no more.
+    static unsigned int WritesSoFar();
 
     // A time-stamped line; texts of fewer than 3 characters are dropped.
     static int LogToFile(ErrorSeverity severity, const char* format, ...)

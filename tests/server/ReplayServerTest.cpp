@@ -114,11 +114,13 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     // handled.
     ASSERT_TRUE(WaitFor([&] { return m_server->Counters().checksumFailures >= 1; }, kDeadline));
     const srv::ServerCounters counters = m_server->Counters();
-    EXPECT_EQ(counters.recordsForwarded, 2u);
+    // Held for ordering until the stop flushes them.
+    EXPECT_EQ(counters.recordsHeld + counters.recordsForwarded, 2u);
     EXPECT_EQ(counters.checksumFailures, 1u);
     EXPECT_EQ(TableSize(), 3u);
 
     EXPECT_TRUE(m_server->StopRecording(0));
+    EXPECT_EQ(m_server->Counters().recordsForwarded, 3u);  // with the flushing status record
     EXPECT_EQ(gps.Receive(), "#stop s=0;");
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
 }
@@ -178,6 +180,23 @@ TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
     control.Execute("quit");
     EXPECT_TRUE(control.QuitRequested());
+}
+
+// Past its last entry the file log keeps a stream open per call; the server
+// stops logging there instead, so bad datagrams cannot exhaust descriptors.
+TEST_F(ReplayServerTest, StopsFileLoggingAtTheFileLogsCap) {
+    StartServer();
+    using ReplayCore::FileLogger;
+    while (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites) {
+        ASSERT_GT(FileLogger::LogToFile(FileLogger::eSeverityError, "filler entry"), 0);
+    }
+    UdpClient sender(m_ip);
+    std::string damaged = DataRecord("gps", 1300, 2);
+    damaged[3] = 'x';
+    Send(sender, damaged);
+    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().checksumFailures == 1; }, kDeadline));
+    EXPECT_LT(FileLogger::GetLogginglevel(), FileLogger::eSeverityAssert);
+    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityAssert, "not written"), 0);
 }
 
 }  // namespace

@@ -179,8 +179,12 @@ void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
 }
 
 void EndToEndTest::StartServer() {
-    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip},
-                               Root() + "/server.out", m_environment));
+    // The demo clients send every block within about two seconds of its
+    // time, so a short reorder hold keeps their records in order and lets
+    // them reach the log while the cases record only a few seconds.
+    m_server.reset(
+        new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms", "1000"},
+                    Root() + "/server.out", m_environment));
     ASSERT_TRUE(
         WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
     ASSERT_TRUE(m_server->Running()) << m_server->Output();

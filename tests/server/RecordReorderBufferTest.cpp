@@ -1,0 +1,132 @@
+#include "server/RecordReorderBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayServer::RecordReorderBuffer;
+using Clock = RecordReorderBuffer::Clock;
+using std::chrono::milliseconds;
+
+class Collected {
+  public:
+    RecordReorderBuffer::Sink Sink() {
+        return [this](const std::string& record) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_records.push_back(record);
+            return true;
+        };
+    }
+    std::vector<std::string> Records() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_records;
+    }
+
+  private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_records;
+};
+
+void Add(RecordReorderBuffer& buffer, int64_t timeMs, const std::string& text) {
+    ASSERT_TRUE(buffer.Add(timeMs, text.data(), text.size()));
+}
+
+// Without Start() nothing passes records on but the calls the test makes.
+TEST(RecordReorderBufferTest, HoldsEachRecordThenPassesThemOnInRecordTimeOrder) {
+    Collected sink;
+    RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
+    const Clock::time_point start = Clock::now();
+    Add(buffer, 5000, "slow client, sent late");
+    Add(buffer, 7000, "b");
+    Add(buffer, 6000, "a");
+    Add(buffer, 7000, "c");  // same time as "b": arrival order holds
+
+    buffer.ReleaseDue(start);
+    EXPECT_TRUE(sink.Records().empty());
+    EXPECT_EQ(buffer.HeldRecords(), 4u);
+
+    buffer.ReleaseDue(start + milliseconds(2000));
+    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"slow client, sent late", "a", "b", "c"}));
+    EXPECT_EQ(buffer.HeldRecords(), 0u);
+}
+
+TEST(RecordReorderBufferTest, AnOlderRecordArrivingLaterOvertakesThoseStillHeld) {
+    Collected sink;
+    RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
+    Add(buffer, 9000, "recent");
+    const Clock::time_point afterFirst = Clock::now();
+    Add(buffer, 4000, "four seconds old");
+    // The young record at the front is not due yet; the old one waits too.
+    buffer.ReleaseDue(afterFirst + milliseconds(999));
+    EXPECT_TRUE(sink.Records().empty());
+    buffer.Drain();
+    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"four seconds old", "recent"}));
+}
+
+TEST(RecordReorderBufferTest, RefusesRecordsBeyondItsByteLimitAndCountsThem) {
+    Collected sink;
+    RecordReorderBuffer buffer(60000, 10, sink.Sink());
+    EXPECT_TRUE(buffer.Add(1, "123456", 6));
+    EXPECT_FALSE(buffer.Add(2, "123456", 6));
+    EXPECT_TRUE(buffer.Add(3, "1234", 4));
+    EXPECT_EQ(buffer.Refused(), 1u);
+    buffer.Drain();
+    // Passing records on frees their room.
+    EXPECT_TRUE(buffer.Add(4, "123456", 6));
+}
+
+TEST(RecordReorderBufferTest, StopPassesOnEverythingHeldAndSinkFailuresAreCounted) {
+    std::vector<std::string> passed;
+    RecordReorderBuffer buffer(60000, 1 << 20, [&](const std::string& record) {
+        passed.push_back(record);
+        return record != "refused by the writer";
+    });
+    buffer.Start();
+    Add(buffer, 2, "refused by the writer");
+    Add(buffer, 1, "first");
+    buffer.Stop();
+    EXPECT_EQ(passed, (std::vector<std::string>{"first", "refused by the writer"}));
+    EXPECT_EQ(buffer.SinkFailures(), 1u);
+}
+
+// Receive threads add while the buffer's thread and a flush pass records on:
+// every record arrives exactly once and each producer's records keep their order.
+TEST(RecordReorderBufferTest, ConcurrentProducersAndDrainsLoseNothing) {
+    Collected sink;
+    RecordReorderBuffer buffer(1, 1 << 24, sink.Sink());
+    buffer.Start();
+    constexpr int kProducers = 3;
+    constexpr int kRecords = 2000;
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&buffer, p] {
+            for (int i = 0; i < kRecords; ++i) {
+                const std::string text = std::to_string(p) + ":" + std::to_string(i);
+                buffer.Add(i, text.data(), text.size());
+                if (i % 500 == 0) {
+                    buffer.Drain();
+                }
+            }
+        });
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    buffer.Stop();
+    const std::vector<std::string> records = sink.Records();
+    ASSERT_EQ(records.size(), static_cast<size_t>(kProducers * kRecords));
+    std::vector<int> next(kProducers, 0);
+    for (const std::string& record : records) {
+        const int producer = record[0] - '0';
+        EXPECT_EQ(record.substr(2), std::to_string(next[producer]++));
+    }
+}
+
+}  // namespace
