@@ -3,6 +3,7 @@
 // any other datagram is a replay record while the client replays.
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
@@ -43,6 +44,17 @@ constexpr int kExitWaitMs = 2000;
 
 const char* ClientName() {
     return g_clientName.c_str();
+}
+
+// An options file is a small regular file. Anything else named by a server
+// (a FIFO that nobody writes, a device without end, a directory, a huge log)
+// would stall the read thread or fill the memory while it is read.
+constexpr off_t kLargestOptionsFile = 1024 * 1024;
+
+bool IsOptionsFile(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_size <= kLargestOptionsFile;
 }
 
 bool ParseUnsigned(const std::string& text, unsigned int& value) {
@@ -203,14 +215,19 @@ void SynchronousReadThread::HandleCommand(const unsigned char* data, int length,
     // Each key is applied on its own; a bad value skips only its key.
     std::string value;
     if (parser.Get('c', value)) {
-        ReplayRuntimeOptions& options = ReplayRuntimeOptions::Get();
-        options.OpenOptionsFile(value.c_str());
-        const unsigned int level =
-            static_cast<unsigned int>(options.GetIntegerValue(eClientUDPDebugLevel));
-        g_LoggingLevel.store(level, std::memory_order_relaxed);
-        if (DebugOutputAttached()) {
-            dbgMessage("%s::%s: Client Debug Level set to %u\n", DebugAppName(), kHandlerTag,
-                       level);
+        if (IsOptionsFile(value)) {
+            ReplayRuntimeOptions& options = ReplayRuntimeOptions::Get();
+            options.OpenOptionsFile(value.c_str());
+            const unsigned int level =
+                static_cast<unsigned int>(options.GetIntegerValue(eClientUDPDebugLevel));
+            g_LoggingLevel.store(level, std::memory_order_relaxed);
+            if (DebugOutputAttached()) {
+                dbgMessage("%s::%s: Client Debug Level set to %u\n", DebugAppName(), kHandlerTag,
+                           level);
+            }
+        } else if (DebugOutputAttached()) {
+            dbgError("%s::%s: Not an Options File: %s\n", DebugAppName(), kHandlerTag,
+                     value.c_str());
         }
     }
 

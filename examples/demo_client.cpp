@@ -11,7 +11,11 @@
 // A rate of 0 turns a stream off. Runs for SECONDS (default: until SIGINT or
 // SIGTERM), then prints one summary line and, with --received, writes every
 // replayed item ("<monotonic ms> <hex>" a line) to FILE; exit status 0 unless
-// a replayed item did not match.
+// a replayed item did not match. With DEMO_CLIENT_ITEMS set to a path, it
+// also writes one line per replayed item there: the item's index in the
+// journal (-1 if it is not there), its recorded time in ms, the callback
+// moment in us on the monotonic clock, and the callback moment minus the
+// item's time on the client's own clock in ms.
 
 #include <signal.h>
 #include <unistd.h>
@@ -24,6 +28,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -41,6 +46,8 @@ std::atomic<bool> g_stop{false};
 struct Received {
     std::string bytes;
     int64_t momentMs;  // monotonic, at the callback
+    int64_t momentUs;
+    int32_t clockLeadMs;  // the client's clock at the callback minus the item's time on it
 };
 
 std::mutex g_receivedMutex;
@@ -52,14 +59,24 @@ int64_t NowMs() {
         .count();
 }
 
-int OnReplay(void* data, unsigned int nBytes, unsigned int /*clientTime*/) {
-    const int64_t moment = NowMs();
+int64_t NowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+int OnReplay(void* data, unsigned int nBytes, unsigned int clientTime) {
+    const int64_t momentUs = NowUs();
+    const int64_t moment = momentUs / 1000;
+    // The item's time on the client's clock comes as its low 32 bits.
+    const int32_t clockLead = static_cast<int32_t>(
+        static_cast<uint32_t>(ReplayCore::MSTime::CurrentTimeMS().m_timeMilliseconds) - clientTime);
     std::string bytes(static_cast<const char*>(data), nBytes);
     if (bytes.compare(0, sizeof kInitPrefix - 1, kInitPrefix) == 0) {
         return 1;  // the initialisation record, not part of the journal
     }
     std::lock_guard<std::mutex> lock(g_receivedMutex);
-    g_received.push_back({std::move(bytes), moment});
+    g_received.push_back({std::move(bytes), moment, momentUs, clockLead});
     return 1;
 }
 
@@ -213,12 +230,30 @@ void WriteReceived(const std::string& path) {
     }
 }
 
+void WriteItems(const char* path, const std::vector<JournalItem>& journal,
+                const std::vector<Received>& received) {
+    std::map<std::string, size_t> index;
+    for (size_t i = 0; i < journal.size(); ++i) {
+        index.emplace(journal[i].bytes, i);
+    }
+    std::ofstream out(path);
+    for (const Received& item : received) {
+        const auto found = index.find(item.bytes);
+        out << (found == index.end() ? -1 : static_cast<long long>(found->second)) << ' '
+            << (found == index.end() ? 0 : journal[found->second].timeMs) << ' ' << item.momentUs
+            << ' ' << item.clockLeadMs << '\n';
+    }
+}
+
 int Summarise(const std::string& name, const std::string& journalPath) {
     const std::vector<JournalItem> journal = ReadJournal(journalPath);
     std::vector<Received> received;
     {
         std::lock_guard<std::mutex> lock(g_receivedMutex);
         received = g_received;
+    }
+    if (const char* itemsPath = std::getenv("DEMO_CLIENT_ITEMS")) {
+        WriteItems(itemsPath, journal, received);
     }
     StreamCheck check;
     for (int stream = 0; stream < 3; ++stream) {

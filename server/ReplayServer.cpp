@@ -247,16 +247,7 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
     ClientData* existing = table.FindByName(name);
     if (existing == nullptr && table.Size(false) >= m_settings.clientLimit) {
         m_refusedClients.fetch_add(1, std::memory_order_relaxed);
-        if (m_refusedNames.insert(name).second) {
-            std::printf(
-                "\nReplayManager: refusing client %s (port %d): limit of %zu clients "
-                "reached\n",
-                name.c_str(), client.GetPort(), m_settings.clientLimit);
-            std::fflush(stdout);
-            FileLogger::LogToFile(FileLogger::eSeverityWarning,
-                                  "Refusing client %s: limit of %zu clients reached", name.c_str(),
-                                  m_settings.clientLimit);
-        }
+        ReportRefusal(name, client.GetPort());
         return false;
     }
     if (client.GetClientName().empty()) {
@@ -285,6 +276,33 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
     }
     // The table replaces a sick entry of this name, or marks a duplicate.
     return false;
+}
+
+void ReplayServer::ReportRefusal(const std::string& name, int port) {
+    if (m_refusedNames.count(name) != 0) {
+        return;
+    }
+    // Anyone can send names; only so many are remembered, so that a flood of
+    // made-up names cannot grow the set without end.
+    if (m_refusedNames.size() >= kNamedRefusals) {
+        if (!m_refusalsUnnamed) {
+            m_refusalsUnnamed = true;
+            std::printf("\nReplayManager: %zu clients refused; further refusals are only counted\n",
+                        kNamedRefusals);
+            std::fflush(stdout);
+            FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                                  "%zu clients refused; further refusals are only counted",
+                                  kNamedRefusals);
+        }
+        return;
+    }
+    m_refusedNames.insert(name);
+    std::printf("\nReplayManager: refusing client %s (port %d): limit of %zu clients reached\n",
+                name.c_str(), port, m_settings.clientLimit);
+    std::fflush(stdout);
+    FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                          "Refusing client %s: limit of %zu clients reached", name.c_str(),
+                          m_settings.clientLimit);
 }
 
 void ReplayServer::StopFileLogAtItsCap() {

@@ -126,6 +126,9 @@ class ReplayServer : public UDPSocketServer {
     // entry: a server fed bad datagrams for hours would run out of memory
     // and descriptors. At that point the server stops logging to the file.
     void StopFileLogAtItsCap();
+    // Says once per name that a client was refused (the first kNamedRefusals
+    // names), and once that later refusals are only counted.
+    void ReportRefusal(const std::string& name, int port);
 
     ServerSettings m_settings;
     std::atomic<int> m_state{ReplayCore::eStateStopped};
@@ -138,7 +141,11 @@ class ReplayServer : public UDPSocketServer {
 
     std::mutex m_slotMutex;
     std::map<std::string, unsigned int> m_slots;
-    std::set<std::string> m_refusedNames;  // under the table lock
+    // Refused names reported so far, at most kNamedRefusals; under the table
+    // lock, like the flag that the rest were only counted.
+    static constexpr size_t kNamedRefusals = 1024;
+    std::set<std::string> m_refusedNames;
+    bool m_refusalsUnnamed = false;
     // Read thread only: the refused addresses named so far, and when the
     // running total was last reported.
     std::vector<uint32_t> m_namedRefusedSources;

@@ -36,7 +36,7 @@ struct SoakSettings {
     LossLimits loss;
     // Whether records dropped as late by the server's write queue fail the
     // run; they are always counted and reported.
-    bool failOnLate = false;
+    bool failOnLate = true;
     bool keepRoot = false;
 };
 

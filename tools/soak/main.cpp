@@ -68,9 +68,10 @@ int main(int argc, char** argv) {
                    "newest")
         ->default_val(settings.loss.spanMs)
         ->check(CLI::NonNegativeNumber);
-    app.add_flag("--fail-on-late", settings.failOnLate,
-                 "Fail the run when the server's write queue dropped records as late (more than "
-                 "a second older than what it had written); by default they are reported only");
+    bool allowLate = false;
+    app.add_flag("--allow-late", allowLate,
+                 "Only report records the server's write queue dropped as late (more than a "
+                 "second older than what it had written) instead of failing the run");
     app.add_option("--bin-dir", settings.binaryDirectory,
                    "Build tree with server/ReplayManager, logger/replay-logger and "
                    "examples/demo_client")
@@ -83,6 +84,7 @@ int main(int argc, char** argv) {
         const int status = app.exit(error);
         return status == 0 ? 0 : 2;
     }
+    settings.failOnLate = !allowLate;
 
     struct sigaction action = {};
     action.sa_handler = OnStopSignal;

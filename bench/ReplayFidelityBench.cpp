@@ -1,0 +1,283 @@
+// Replay fidelity of the whole pipeline: three demo clients (a 10 Hz position
+// text and a 50 Hz binary frame each) are recorded through the logger service
+// and the replay server, the log is replayed to them, and each replayed
+// item's timing is compared with its recording: the callback moment's offset
+// from the client's first replayed item minus the item's recorded offset from
+// the first recorded one. Also counted: items lost, items out of order, and
+// how late the first item of each client came against its due moment.
+//
+// Baseline in the same run: one thread sleeping on absolute deadlines
+// (clock_nanosleep, TIMER_ABSTIME, CLOCK_MONOTONIC) through the same recorded
+// schedule, the host's scheduling noise floor.
+//
+// Settings (environment):
+//   FIDELITY_SECONDS   recording length (default 60)
+// Needs logger/replay-logger, server/ReplayManager and examples/demo_client
+// built in the same tree.
+
+#include <benchmark/benchmark.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "bench/PipelineSupport.h"
+
+namespace {
+
+using BenchPipeline::ChildProcess;
+using BenchPipeline::EnvironmentNumber;
+
+const char* const kClientNames[] = {"gps", "can", "compass"};
+constexpr int kNetworkingLatencyMs = 100;
+
+// Per-item timing errors in microseconds with the counts that go with them.
+struct FidelityResult {
+    std::vector<int64_t> errorsUs;
+    size_t recorded = 0;
+    size_t lost = 0;
+    size_t reordered = 0;
+    size_t duplicated = 0;
+    size_t foreign = 0;  // replayed but not in the journal
+    int64_t worstFirstItemLateMs = 0;
+};
+
+// The recorded schedule: per client, item times in ms (journal order).
+std::vector<std::vector<int64_t>>& RecordedSchedule() {
+    static std::vector<std::vector<int64_t>> schedule;
+    return schedule;
+}
+
+std::vector<int64_t> ReadJournalTimes(const std::string& path) {
+    std::vector<int64_t> times;
+    std::ifstream in(path);
+    int64_t time = 0;
+    std::string hex;
+    while (in >> time >> hex) {
+        times.push_back(time);
+    }
+    return times;
+}
+
+struct ReplayedItem {
+    long long journalIndex;
+    int64_t recordedMs;
+    int64_t momentUs;
+    int clockLeadMs;
+};
+
+std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
+    std::vector<ReplayedItem> items;
+    std::ifstream in(path);
+    ReplayedItem item{};
+    while (in >> item.journalIndex >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
+        items.push_back(item);
+    }
+    return items;
+}
+
+void AddClient(const std::vector<int64_t>& journal, const std::vector<ReplayedItem>& replayed,
+               FidelityResult& result) {
+    result.recorded += journal.size();
+    std::set<long long> seen;
+    long long highest = -1;
+    const ReplayedItem* first = nullptr;
+    for (const ReplayedItem& item : replayed) {
+        if (item.journalIndex < 0) {
+            ++result.foreign;
+            continue;
+        }
+        if (!seen.insert(item.journalIndex).second) {
+            ++result.duplicated;
+            continue;
+        }
+        if (item.journalIndex < highest) {
+            ++result.reordered;
+        }
+        highest = std::max(highest, item.journalIndex);
+        if (first == nullptr) {
+            first = &item;
+            // Due when the client's clock reads the item's time less the
+            // networking latency it adds to its clock.
+            result.worstFirstItemLateMs = std::max<int64_t>(
+                result.worstFirstItemLateMs, item.clockLeadMs + kNetworkingLatencyMs);
+        }
+        const int64_t replayedUs = item.momentUs - first->momentUs;
+        const int64_t recordedUs = (item.recordedMs - first->recordedMs) * 1000;
+        result.errorsUs.push_back(replayedUs - recordedUs);
+    }
+    result.lost += journal.size() - seen.size();
+}
+
+struct Distribution {
+    double meanMs = 0;
+    double p99Ms = 0;
+    double maxMs = 0;
+};
+
+Distribution Summarise(const std::vector<int64_t>& errorsUs) {
+    Distribution d;
+    if (errorsUs.empty()) {
+        return d;
+    }
+    std::vector<int64_t> absolute;
+    double sum = 0;
+    for (const int64_t e : errorsUs) {
+        absolute.push_back(std::llabs(e));
+        sum += static_cast<double>(std::llabs(e));
+    }
+    std::sort(absolute.begin(), absolute.end());
+    d.meanMs = sum / static_cast<double>(absolute.size()) / 1000.0;
+    const size_t p99 = static_cast<size_t>(std::ceil(0.99 * static_cast<double>(absolute.size())));
+    d.p99Ms = static_cast<double>(absolute[std::max<size_t>(p99, 1) - 1]) / 1000.0;
+    d.maxMs = static_cast<double>(absolute.back()) / 1000.0;
+    return d;
+}
+
+void ReportDistribution(benchmark::State& state, const std::vector<int64_t>& errorsUs) {
+    const Distribution d = Summarise(errorsUs);
+    state.counters["items"] = static_cast<double>(errorsUs.size());
+    state.counters["mean_abs_ms"] = d.meanMs;
+    state.counters["p99_abs_ms"] = d.p99Ms;
+    state.counters["max_abs_ms"] = d.maxMs;
+}
+
+// Records, replays and collects; false with `error` when a step fails.
+bool RunPipeline(int seconds, FidelityResult& result, std::string& error) {
+    BenchPipeline::TargetRoot root;
+    const std::string address = BenchPipeline::RandomLoopbackAddress();
+    BenchPipeline::RecordingPipeline pipeline(root, address);
+    const std::string demoClient = BenchPipeline::BuiltProgram("examples/demo_client");
+    if (demoClient.empty() ||
+        !pipeline.Start("serverIP:" + address + ";\nnetworkingLatency:" +
+                        std::to_string(kNetworkingLatencyMs) + ";\nserverLeadTime:100;\n")) {
+        error = "cannot start the pipeline";
+        return false;
+    }
+    ChildProcess clients[3];
+    for (int c = 0; c < 3; ++c) {
+        const std::string name = kClientNames[c];
+        if (!clients[c].Start({demoClient, name, root / (name + ".journal")}, root / "work",
+                              {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1",
+                               "DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))},
+                              root / (name + ".out"))) {
+            error = "cannot start demo_client";
+            return false;
+        }
+    }
+    const bool connected = BenchPipeline::WaitFor(
+        [&] {
+            const std::string table = pipeline.Command("clients");
+            size_t running = 0;
+            for (size_t at = table.find("Running"); at != std::string::npos;
+                 at = table.find("Running", at + 1)) {
+                ++running;
+            }
+            return running >= 3;
+        },
+        std::chrono::seconds(20), std::chrono::milliseconds(100));
+    if (!connected) {
+        error = "the demo clients did not connect";
+        return false;
+    }
+    std::fprintf(stderr, "  recording %d s ...\n", seconds);
+    pipeline.Command("record " + std::to_string(seconds));
+    pipeline.Command("wait");
+    std::fprintf(stderr, "  replaying ...\n");
+    const std::string replay = pipeline.Command("replay " + pipeline.LogFile());
+    if (replay.compare(0, 9, "replaying") != 0) {
+        error = "replay refused: " + replay;
+        return false;
+    }
+    const std::string done = pipeline.Command("wait");
+    std::fprintf(stderr, "  %s  replay: %s", replay.c_str(), done.c_str());
+    // The clients write their journals' comparison when told to end.
+    for (ChildProcess& client : clients) {
+        client.Stop(std::chrono::seconds(20));
+    }
+    RecordedSchedule().clear();
+    for (int c = 0; c < 3; ++c) {
+        const std::string name = kClientNames[c];
+        const std::vector<int64_t> journal = ReadJournalTimes(root / (name + ".journal"));
+        RecordedSchedule().push_back(journal);
+        AddClient(journal, ReadReplayedItems(root / (name + ".items")), result);
+        const std::string output = clients[c].Output();
+        const size_t summary = output.find("demo_client ");
+        std::fprintf(stderr, "  %s",
+                     summary == std::string::npos
+                         ? ("demo_client " + name + ": no summary\n").c_str()
+                         : output.substr(summary).c_str());
+    }
+    return true;
+}
+
+void BM_ReplayFidelity(benchmark::State& state) {
+    const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_SECONDS", 60));
+    FidelityResult result;
+    for (auto _ : state) {
+        std::string error;
+        if (!RunPipeline(seconds, result, error)) {
+            state.SkipWithError(error.c_str());
+            return;
+        }
+    }
+    ReportDistribution(state, result.errorsUs);
+    state.counters["recorded"] = static_cast<double>(result.recorded);
+    state.counters["lost"] = static_cast<double>(result.lost);
+    state.counters["reordered"] = static_cast<double>(result.reordered);
+    state.counters["duplicated"] = static_cast<double>(result.duplicated + result.foreign);
+    state.counters["first_item_late_ms"] = static_cast<double>(result.worstFirstItemLateMs);
+}
+
+// The same schedule slept through on absolute deadlines: each client's items
+// at their recorded offsets from its first item, all clients from one start.
+void BM_AbsoluteSleepBaseline(benchmark::State& state) {
+    std::vector<int64_t> offsetsMs;
+    for (const std::vector<int64_t>& client : RecordedSchedule()) {
+        for (const int64_t time : client) {
+            offsetsMs.push_back(time - client.front());
+        }
+    }
+    if (offsetsMs.empty()) {
+        // No recording ran: 3 clients at 10 Hz and 50 Hz.
+        const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_SECONDS", 60));
+        for (int client = 0; client < 3; ++client) {
+            for (int64_t t = 0; t < seconds * 1000; t += 20) {
+                offsetsMs.push_back(t + client * 7);
+                if (t % 100 == 0) {
+                    offsetsMs.push_back(t + client * 7);
+                }
+            }
+        }
+    }
+    std::sort(offsetsMs.begin(), offsetsMs.end());
+    std::vector<int64_t> errorsUs;
+    for (auto _ : state) {
+        timespec start{};
+        clock_gettime(CLOCK_MONOTONIC, &start);
+        const int64_t startNs = start.tv_sec * 1000000000LL + start.tv_nsec + 50000000;
+        for (const int64_t offset : offsetsMs) {
+            const int64_t dueNs = startNs + offset * 1000000;
+            const timespec due{static_cast<time_t>(dueNs / 1000000000), dueNs % 1000000000};
+            while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr) == EINTR) {
+            }
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            errorsUs.push_back((now.tv_sec * 1000000000LL + now.tv_nsec - dueNs) / 1000);
+        }
+    }
+    ReportDistribution(state, errorsUs);
+}
+
+BENCHMARK(BM_ReplayFidelity)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_AbsoluteSleepBaseline)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
