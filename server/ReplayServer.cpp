@@ -245,7 +245,8 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
                                    bool isConnect, ClientData& client) {
     ClientDataList& table = GetClientDataList();
     ClientData* existing = table.FindByName(name);
-    if (existing == nullptr && table.Size(false) >= m_settings.clientLimit) {
+    if (existing == nullptr && table.Size(false) >= m_settings.clientLimit &&
+        !MakeRoomFromSilentClient(table, name)) {
         m_refusedClients.fetch_add(1, std::memory_order_relaxed);
         ReportRefusal(name, client.GetPort());
         return false;
@@ -275,6 +276,23 @@ bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /
         std::fflush(stdout);
     }
     // The table replaces a sick entry of this name, or marks a duplicate.
+    return false;
+}
+
+bool ReplayServer::MakeRoomFromSilentClient(ClientDataList& table, const std::string& newName) {
+    for (const ClientData& entry : table.Clients()) {
+        if (!entry.IsSick()) {
+            continue;
+        }
+        const std::string gone = entry.GetClientName();
+        std::printf("\nReplayManager: client %s (port %d) has gone silent; its entry goes to %s\n",
+                    gone.c_str(), entry.GetPort(), newName.c_str());
+        std::fflush(stdout);
+        table.Remove(&entry);
+        std::lock_guard<std::mutex> lock(m_slotMutex);
+        m_slots.erase(gone);
+        return true;
+    }
     return false;
 }
 

@@ -126,6 +126,11 @@ class ReplayServer : public UDPSocketServer {
     // entry: a server fed bad datagrams for hours would run out of memory
     // and descriptors. At that point the server stops logging to the file.
     void StopFileLogAtItsCap();
+    // With the table full, a client that has gone silent (sick by the
+    // table's health rule) gives its entry to a newcomer, so names that
+    // stopped sending cannot keep real clients out for good. Caller holds
+    // the table lock; false when every entry is alive.
+    bool MakeRoomFromSilentClient(ClientDataList& table, const std::string& newName);
     // Says once per name that a client was refused (the first kNamedRefusals
     // names), and once that later refusals are only counted.
     void ReportRefusal(const std::string& name, int port);

@@ -115,6 +115,26 @@ TEST_F(ReplayServerTest, RefusesClientsBeyondTheLimitAndReplacesRestartedOnes) {
         kDeadline));
 }
 
+// Names that stopped sending must not keep new clients out once the table
+// is full: a silent entry makes room.
+TEST_F(ReplayServerTest, SilentClientGivesItsEntryToANewcomerWhenTheTableIsFull) {
+    ReplayTest::ManualClock clock(1000000);
+    StartServer(1);
+    UdpClient silent(m_ip);
+    Send(silent, StatusRecord("fake", 1000, ""));
+    EXPECT_EQ(silent.Receive(), "#stop s=0;");
+
+    clock.Advance(60000);
+    m_server->GetClientDataList().UpdateClientStatus(true);
+    UdpClient newcomer(m_ip);
+    Send(newcomer, StatusRecord("gps", 1000, ""));
+    EXPECT_EQ(newcomer.Receive(), "#stop s=0;");
+    const auto table = m_server->Clients();
+    ASSERT_EQ(table.size(), 1u);
+    EXPECT_EQ(table[0].GetClientName(), "gps");
+    EXPECT_EQ(m_server->Counters().refusedClients, 0u);
+}
+
 TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
     StartServer();
     srv::ReplaySettings settings;
