@@ -12,7 +12,6 @@ namespace {
 
 using ReplayCore::ExecutionTimer;
 using ReplayCore::ExecutionTimerManager;
-using ReplayTest::CapturedDebug;
 
 // Timers read an injected clock set in milliseconds with Now().
 class ExecutionTimerTest : public ReplayTest::TargetRootTest {
@@ -45,22 +44,6 @@ TEST_F(ExecutionTimerTest, SumsIntervalsInMicrosecondsAcrossThe32BitWrap) {
     Now(5000000);
     ExecutionTimer late("late");
     EXPECT_EQ(late.CurrentTime(), 32704u);  // (5000 - 705) s, modulo 2^32 microseconds
-}
-
-TEST_F(ExecutionTimerTest, OnlyATimerRunningAtDestructionPrintsItself) {
-    CapturedDebug debug;
-    { ExecutionTimer idle("idle"); }
-    EXPECT_EQ(debug.Count("DisplayTime"), 0) << debug.Dump();
-    {
-        ExecutionTimer running("running");
-        Now(10250);
-        running.Start();
-        Now(10750);
-    }
-    EXPECT_EQ(debug.Count(CapturedDebug::kMessage,
-                          "Timer running: TotalTime=500000; Calls=1; Average Time: 0.500000"),
-              1)
-        << debug.Dump();
 }
 
 // The manager is process-wide: the test works with whatever timers exist.

@@ -52,18 +52,6 @@ class ReplayFilesTest : public ReplayTest::TargetRootTest {
     std::string m_savedPath;
 };
 
-TEST_F(ReplayFilesTest, ClassifiesReplayFilesByExtension) {
-    EXPECT_TRUE(ReplayFiles::IsTraceFile("TRC0"));
-    EXPECT_EQ(ReplayFiles::GetFileType("x.trc0"), ReplayFiles::kNotReplayFile);
-    EXPECT_EQ(ReplayFiles::GetFileType("x.TRC"), ReplayFiles::kTraceFile);
-    EXPECT_EQ(ReplayFiles::GetFileType("x.13xx"), ReplayFiles::kLogFile);
-    // A directory wins over any extension.
-    const std::string directory = MakeTargetDirectory("/logs.3X0");
-    EXPECT_EQ(ReplayFiles::GetFileType(directory.c_str()), ReplayFiles::kDirectory);
-    EXPECT_EQ(ReplayFiles::GetFileSize(WriteTargetFile("/five.bin", "12345").c_str()), 5u);
-    EXPECT_EQ(ReplayFiles::GetFileSize((Root() + "/missing").c_str()), 0xFFFFFFFFu);
-}
-
 TEST_F(ReplayFilesTest, SupportFileSearchOrder) {
     std::string found;
     auto search = [&found](const std::string& path) {

@@ -59,13 +59,6 @@ TEST_F(ReplayTimeTest, SlotsRoundToTheNearestTenth) {
         << LogText();
 }
 
-TEST(MSTimeTextTest, ToStringPadsMilliseconds) {
-    EXPECT_EQ(TimeValue(0, 83061).ToString(), "83.061");
-    EXPECT_EQ(TimeValue(0, 5).ToString(), "0.005");
-    EXPECT_EQ(TimeValue(0, -1500).ToString(), "-1.500");
-    EXPECT_EQ(TimeValue(99, 7000).ToString(), "7.000");  // seconds field is not shown
-}
-
 TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
     struct Case {
         const char* text;

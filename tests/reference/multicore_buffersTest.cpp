@@ -188,19 +188,6 @@ TEST_F(MulticoreBuffersTest, BadHandBacksAreRejectedOrRepaired) {
     EXPECT_EQ(Records()[0].text, std::string(MI_MULTICORE_BUFFER_SIZE, 'o'));
 }
 
-TEST_F(MulticoreBuffersTest, InvalidConsolesArriveOnZButAreCountedUnderTheirOwnCode) {
-    EXPECT_TRUE(mi_isValidConsole(' ') && mi_isValidConsole(223));
-    EXPECT_FALSE(mi_isValidConsole(31) || mi_isValidConsole(224) || mi_isValidConsole('L'));
-    EXPECT_EQ(mi_multicoreLog('D', 0, "debug"), 1);
-    miInternal_cppStats();
-    const std::vector<std::string> texts = FlushedTexts();
-    ASSERT_GE(texts.size(), 2u);
-    EXPECT_EQ(Records()[0].console, 'z');
-    EXPECT_EQ(texts[0], "debug\n");
-    EXPECT_NE(std::find(texts.begin(), texts.end(), "Console D ( 68) :      1 sent      6 bytes\n"),
-              texts.end());
-}
-
 TEST_F(MulticoreBuffersTest, PrefixFlagsGiveBootTimeProcessNameAndThread) {
     MulticoreTest::FakeNow() = 123456789;
     EXPECT_EQ(mi_setLogProcessName("navigation"), 9);  // the last 9 characters

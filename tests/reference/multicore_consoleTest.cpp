@@ -85,23 +85,6 @@ TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
     EXPECT_EQ(Run("rec"), "second");
 }
 
-TEST_F(MulticoreConsoleTest, RegistrationLimits) {
-    const std::string fifteen(15, 'n');
-    const std::string sixteen(16, 'n');
-    EXPECT_EQ(mi_aclineSetFunction(sixteen.c_str(), &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction(fifteen.c_str(), &RecordingCommand, nullptr), 1);
-    EXPECT_EQ(mi_aclineSetFunction(nullptr, &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction(fifteen.c_str(), &OtherCommand, nullptr), 1);
-    for (int entry = 1; entry < 100; ++entry) {
-        const std::string name = "cmd" + std::to_string(entry);
-        ASSERT_EQ(mi_aclineSetFunction(name.c_str(), &RecordingCommand, nullptr), 1);
-    }
-    EXPECT_EQ(mi_aclineSetFunction("cmd100", &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction("cmd99", &OtherCommand, nullptr), 1);  // replacing still works
-
-    EXPECT_STREQ(miInternal_aclineMain("cmd99", 0), "second");
-}
-
 TEST_F(MulticoreConsoleTest, BuiltInCommandsSetLevelsFlushAndHelp) {
     miInternal_setInternalACLineFuntions();
     EXPECT_EQ(Printed("SETDBGLVL  a , 3"),

@@ -12,16 +12,6 @@
 
 namespace ReplayTest {
 
-std::string Datagram::SenderAddress() const {
-    char text[INET_ADDRSTRLEN] = {0};
-    inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
-    return text;
-}
-
-uint16_t Datagram::SenderPort() const {
-    return ntohs(sender.sin_port);
-}
-
 FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
     std::random_device seed;
     std::mt19937 random(seed());
@@ -131,11 +121,6 @@ size_t FakeServer::Count() const {
 bool FakeServer::WaitForDatagrams(size_t count, std::chrono::milliseconds deadline) const {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_arrived.wait_for(lock, deadline, [&] { return m_datagrams.size() >= count; });
-}
-
-void FakeServer::Clear() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_datagrams.clear();
 }
 
 bool FakeServer::SendTo(const sockaddr_in& destination, const std::string& bytes) const {

@@ -23,9 +23,6 @@ struct Datagram {
     std::string bytes;
     std::chrono::steady_clock::time_point arrival;
     sockaddr_in sender{};
-
-    std::string SenderAddress() const;
-    uint16_t SenderPort() const;
 };
 
 class FakeServer {
@@ -55,7 +52,6 @@ class FakeServer {
     // True once at least `count` datagrams have arrived, false at the
     // deadline.
     bool WaitForDatagrams(size_t count, std::chrono::milliseconds deadline) const;
-    void Clear();
 
     // Sends `bytes` from the server's socket; true when the whole datagram
     // went out.

@@ -66,28 +66,6 @@ TEST(ReplayLogToolTest, VerifyTellsCleanLogsFromDamagedOnes) {
     EXPECT_EQ(report["counts"]["skipped"], 1);
 }
 
-TEST(ReplayLogToolTest, InfoSummarisesSegmentsAndClients) {
-    Result text = RunTool("info " + Golden("two_segments.dat"));
-    EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("11 records (8 replay, 2 header, 0 other), 2 segments"),
-              std::string::npos)
-        << text.out;
-    EXPECT_NE(text.out.find("segment 2 at offset 386: start 200.000, duration 0.300 s"),
-              std::string::npos)
-        << text.out;
-
-    Result json = RunTool("info --json " + Golden("two_segments.dat"));
-    ASSERT_EQ(json.status, 0);
-    const nlohmann::json info = nlohmann::json::parse(json.out);
-    ASSERT_EQ(info["segments"].size(), 2u);
-    EXPECT_EQ(info["segments"][0]["duration_ms"], 500);
-    EXPECT_EQ(info["file"], Golden("two_segments.dat"));
-    const nlohmann::json& can = info["clients"][0];
-    EXPECT_EQ(can["name"], "can");
-    EXPECT_EQ(can["items"], 4);
-    EXPECT_EQ(can["last_time"], "200.300");
-}
-
 TEST(ReplayLogToolTest, DumpFiltersByClientSegmentAndTime) {
     Result all = RunTool("dump " + Golden("clean.dat"));
     EXPECT_EQ(all.status, 0);

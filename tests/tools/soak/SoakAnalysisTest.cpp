@@ -98,16 +98,6 @@ TEST(SoakAnalysisTest, HeldBackItemsFitOneBlockOfOneType) {
     EXPECT_EQ(result.unflushed, 11u);  // 2900 ms .. 3900 ms
 }
 
-TEST(SoakAnalysisTest, AClientWithNothingStoredHasItsOldBlocksCountedLate) {
-    // Ten seconds of positions: the last five fit the held-back block.
-    const std::vector<SentItem> sent = Positions(100);
-    const ClientResult result = AnalyseClient(sent, {}, {}, LossLimits());
-    EXPECT_EQ(result.logged, 0u);
-    EXPECT_EQ(result.unflushed, 51u);
-    EXPECT_EQ(result.late, 49u);
-    EXPECT_EQ(result.lost, 0u);
-}
-
 TEST(SoakAnalysisTest, StoredItemsNeverSentOrStoredTwiceAreExtra) {
     const std::vector<SentItem> sent = Positions(5);
     std::vector<LoggedItem> stored = Stored(sent, {0, 1, 2, 3, 4, 2});
@@ -136,28 +126,6 @@ TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
 }
 
 class SoakFilesTest : public ReplayTest::TargetRootTest {};
-
-TEST_F(SoakFilesTest, JournalsAndReplayListsSkipDamagedLines) {
-    ReplayTest::WriteFile("client.journal",
-                          "1000 2 504f5320310a\n"
-                          "1020 5 de0a00ff\n"
-                          "garbage\n"
-                          "1040 5 abc\n"  // odd number of digits
-                          "1060 5 zz\n");
-    const std::vector<SentItem> sent = ReplaySoak::ReadJournal("client.journal");
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].bytes, "POS 1\n");
-    EXPECT_EQ(sent[1].dataType, kDataTypeBinary);
-    EXPECT_EQ(sent[1].bytes, std::string("\xde\n\0\xff", 4));
-
-    ReplayTest::WriteFile("client.replayed", "77 4142\n78\n");
-    const std::vector<ReplayedItem> replayed = ReplaySoak::ReadReplayed("client.replayed");
-    ASSERT_EQ(replayed.size(), 1u);
-    EXPECT_EQ(replayed[0].momentMs, 77);
-    EXPECT_EQ(replayed[0].bytes, "AB");
-
-    EXPECT_TRUE(ReplaySoak::ReadJournal("missing.journal").empty());
-}
 
 TEST_F(SoakFilesTest, LogItemsAreDecodedPerClient) {
     ReplaySoak::LogContents log =
