@@ -69,26 +69,6 @@ TEST_F(FileLoggerTest, WritesAreCappedAt5000CallsPerProcess) {
     EXPECT_EQ(text.find("over"), std::string::npos);
 }
 
-// Failures at severities 0 to 2 are announced, those at 3 and 4 only
-// counted; after five counted failures the logger stays silent.
-TEST_F(FileLoggerTest, FailedOpensAreReportedFiveTimesAtMost) {
-    MakeLogUnwritable();
-    CapturedDebug debug;
-    FileLogger::SetLogginglevel(FileLogger::eSeverityDebug);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityDebug, "quiet failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityInfo, "quiet failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityWarning, "loud failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "loud failure"), -1);
-    EXPECT_EQ(FileLogger::DumpTextToFile(FileLogger::eSeverityAssert, "\nabcd", "x"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "silent"), 0);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(Occurrences(printed, "\nDebugLogger::DumpTextToFile: Failed to open " + Root() +
-                                       "/tmp/ReplayLog.txt at 83.061"),
-              3);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Failed to open "), 3) << debug.Dump();
-}
-
 TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
     EXPECT_EQ(ReplayCore::DumpTextToFile("as it stands"), 12);
     EXPECT_EQ(LogText(), "as it stands");

@@ -75,17 +75,9 @@ TEST_F(ReplayCoreTest, ArgumentsEndAtTheLastSemicolon) {
     EXPECT_EQ(parser.GetArgs(), "t=4");
 }
 
-TEST_F(ReplayCoreTest, GetFindsTheFirstFieldAndFailsOnOverlongOnesWithAnAssertion) {
+TEST_F(ReplayCoreTest, OverlongFieldsFailWithAnAssertion) {
     Parser parser;
     std::string value = "unchanged";
-    parser.SetArgs("c=1;s=2;s=3;e=");
-    EXPECT_TRUE(parser.Get('s', value));
-    EXPECT_EQ(value, "2");
-    EXPECT_TRUE(parser.Get('e', value));
-    EXPECT_EQ(value, "");
-    value = "unchanged";
-    EXPECT_FALSE(parser.Get('x', value));
-    EXPECT_EQ(value, "unchanged");
     parser.SetArgs("c=" + std::string(125, 'v') + ";s=2");  // 127 characters fit
     EXPECT_TRUE(parser.Get('s', value));
     EXPECT_EQ(LogText(), "");

@@ -76,24 +76,6 @@ TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
     EXPECT_EQ(std::string(record, 8), "   3|!\xd7\r");
 }
 
-TEST_F(ReplayLoggerTest, MissingMediumIsReportedEvery25thAttempt) {
-    ReplayLogger& logger = ReplayLogger::Get();
-    EXPECT_TRUE(logger.WriteTextToLog("!x\n").IsError());
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 1);
-    for (int attempt = 2; attempt <= 25; ++attempt) {
-        EXPECT_FALSE(logger.Connect());
-    }
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 1);
-    EXPECT_FALSE(logger.Connect());  // the 26th
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 2);
-
-    // Once the medium and the channel appear the next attempt connects.
-    MakeUsbAndChannelFile();
-    EXPECT_TRUE(logger.Connect());
-    EXPECT_TRUE(logger.IsConnected());
-    EXPECT_STREQ(mi_getLogFileName(), "/fs/usb0/LOGFILE.DAT");
-}
-
 TEST_F(ReplayLoggerTest, MissingChannelIsReportedEvery100thAttemptUpTo1000) {
     MakeTargetDirectory("/fs/usb0");
     ReplayLogger& logger = ReplayLogger::Get();

@@ -29,42 +29,7 @@ class ReplayRuntimeOptionsTest : public ReplayTest::TargetRootTest {
     std::string Options(const std::string& content, const std::string& name = "opts.txt") {
         return WriteTargetFile("/work/" + name, content);
     }
-    std::string Log() const { return ReadTargetFile(ReplayCore::FileLogger::kLogFileLocation); }
-
-    // Every key and value of `options` equals that of `expected`.
-    static void ExpectSameTable(const ReplayRuntimeOptions& options,
-                                const ReplayRuntimeOptions& expected) {
-        for (int index = 0; index < eOptionsCount; ++index) {
-            const ReplayOptionsEnum ro = static_cast<ReplayOptionsEnum>(index);
-            EXPECT_EQ(options.GetKey(ro), expected.GetKey(ro)) << index;
-            EXPECT_EQ(options.GetStringValue(ro), expected.GetStringValue(ro)) << index;
-        }
-    }
 };
-
-TEST_F(ReplayRuntimeOptionsTest, WithoutAnyFileTheTableHoldsTheDefaults) {
-    testing::internal::CaptureStdout();
-    ReplayRuntimeOptions options(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Config File Path ReplayConfig.txt Not Found\n");
-    EXPECT_EQ(options.GetStringValue(eServerIP), "127.0.0.1");
-    EXPECT_EQ(options.GetIntegerValue(eReconnectInterval), 150);
-    EXPECT_EQ(options.GetIntegerValue(eExternalConnectWait), 20);
-    EXPECT_EQ(options.GetIntegerValue(eNetworkingLatency), 100);
-    EXPECT_EQ(options.GetStringValue(eTemporaryFilesPath), "/tmp");
-    EXPECT_NE(Log().find("Config File Path ReplayConfig.txt Not Found"), std::string::npos);
-    // The on/off decision did not run: no marker file exists, yet the flag is set.
-    EXPECT_TRUE(options.GetBooleanValue(eReplayEnabled));
-
-    // Same in a working directory that has been removed.
-    const std::string doomed = MakeTargetDirectory("/doomed");
-    ASSERT_EQ(chdir(doomed.c_str()), 0);
-    std::filesystem::remove(doomed);
-    testing::internal::CaptureStdout();
-    ReplayRuntimeOptions orphan(nullptr);
-    testing::internal::GetCapturedStdout();
-    ExpectSameTable(orphan, options);
-}
 
 TEST_F(ReplayRuntimeOptionsTest, KeywordsAreExactAndValuesKeepEveryCharacter) {
     ReplayRuntimeOptions options(Options("").c_str());

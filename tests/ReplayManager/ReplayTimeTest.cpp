@@ -98,33 +98,6 @@ TEST_F(ReplayTimeTest, ClockWrapsEvery365DaysAndAFailingClockReadsZero) {
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Returned by clock_gettime"), 1);
 }
 
-TEST_F(ReplayTimeTest, ExecutionTimeRunsFromTheStartTime) {
-    MSTime clock;
-    Now(50000);
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 50000);  // plain clock before a start
-
-    clock.SetStartTime(TimeValue(7, 7250));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 7250);
-    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, 42750);
-
-    Now(51234);
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 8484);
-
-    // A start in the future runs backwards from now: a negative offset.
-    clock.SetStartTime(TimeValue(0, 90000));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 90000);
-    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, -38766);
-
-    EXPECT_EQ(LogText().find(" at line "), std::string::npos) << LogText();
-
-    // An execution time not after zero is recorded.
-    clock.SetStartTime(TimeValue(0, 0));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 0);
-    EXPECT_NE(LogText().find("adjustedTime > 0 at line 344 of ReplayManager/ReplayCore"),
-              std::string::npos)
-        << LogText();
-}
-
 // One thread resets the clock while others read it, as the client's read
 // thread does while senders stamp records. Run under ThreadSanitizer.
 TEST_F(MSTimeRealClockTest, ClockCanBeSetWhileOthersReadIt) {

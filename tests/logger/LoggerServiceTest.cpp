@@ -47,7 +47,7 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
         ASSERT_EQ(write(fd, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
     }
 
-    std::vector<std::string> ReadBack(uint64_t* reconnects = nullptr) const {
+    std::vector<std::string> ReadBack() const {
         ReplayCore::ReplayLogReader reader;
         std::vector<std::string> payloads;
         if (!reader.Open(Root() + "/fs/usb0/LOGFILE.DAT")) {
@@ -58,9 +58,6 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
             payloads.push_back(record.payload);
         }
         EXPECT_EQ(reader.SkipCount(), 0u);
-        if (reconnects != nullptr) {
-            *reconnects = reader.ReconnectCount();
-        }
         return payloads;
     }
 };

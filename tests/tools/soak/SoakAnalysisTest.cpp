@@ -80,22 +80,6 @@ TEST(SoakAnalysisTest, HeldBackItemsFitOneBlockOfOneType) {
     ClientResult result = AnalyseClient(sent, Stored(sent, Range(0, 3)), {}, limits);
     EXPECT_EQ(result.unflushed, 3u);
     EXPECT_EQ(result.late + result.lost, 3u);
-
-    // More than a block's bytes cannot all be the last block.
-    sent.clear();
-    for (int i = 0; i < 60; ++i) {
-        sent.push_back({1000 + i, kDataTypeAsciiText, std::to_string(i) + std::string(60, 'x')});
-    }
-    result = AnalyseClient(sent, Stored(sent, Range(0, 10)), {}, limits);
-    EXPECT_GT(result.unflushed, 20u);
-    EXPECT_LT(result.unflushed, 50u);
-    EXPECT_EQ(result.unflushed + result.lost + result.late, 50u);
-
-    // Nor can items older than a block gets before the ping sends it.
-    limits.spanMs = 1000;
-    sent = Positions(30);
-    result = AnalyseClient(sent, Stored(sent, Range(0, 5)), {}, limits);
-    EXPECT_EQ(result.unflushed, 11u);  // 2900 ms .. 3900 ms
 }
 
 TEST(SoakAnalysisTest, StoredItemsNeverSentOrStoredTwiceAreExtra) {
@@ -123,35 +107,6 @@ TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
     const ReplaySoak::Distribution timing = ReplaySoak::Summarise(result.timingErrorsMs);
     EXPECT_EQ(timing.max, 7);
     EXPECT_DOUBLE_EQ(timing.mean, 7.0 / 4);
-}
-
-class SoakFilesTest : public ReplayTest::TargetRootTest {};
-
-TEST_F(SoakFilesTest, LogItemsAreDecodedPerClient) {
-    ReplaySoak::LogContents log =
-        ReplaySoak::ReadLog(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat", "line one");
-    ASSERT_TRUE(log.opened);
-    EXPECT_EQ(log.checksumFailures + log.unparsable, 0u);
-    ASSERT_EQ(log.items["gps"].size(), 3u);
-    EXPECT_EQ(log.items["gps"][2].bytes, "lat=48.3 lon=11.7");
-    EXPECT_EQ(log.items["gps"][2].timeMs, 100350);
-    ASSERT_EQ(log.items["can"].size(), 3u);
-    EXPECT_EQ(log.items["can"][0].bytes, "\x01\x02\x03\xff");
-    EXPECT_EQ(log.items["can"][1].bytes, std::string("\0\x10", 2));
-    EXPECT_EQ(log.items["can"][2].bytes, "hello");
-    // The item with the initialisation prefix and the status record are not data.
-    EXPECT_TRUE(log.items["ui"].empty());
-
-    // A damaged copy: one record's checksum no longer matches.
-    std::string damaged =
-        ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat");
-    damaged[damaged.find("lat=48.1") + 4] = '9';
-    ReplayTest::WriteFile("damaged.dat", damaged);
-    log = ReplaySoak::ReadLog("damaged.dat", "INIT:");
-    EXPECT_EQ(log.checksumFailures, 1u);
-    EXPECT_EQ(log.items["gps"].size(), 2u);
-
-    EXPECT_FALSE(ReplaySoak::ReadLog("absent.dat", "INIT:").opened);
 }
 
 TEST(SoakMemoryTest, GrowthLeavesOutTheWarmUpAndShowsTheSlope) {
