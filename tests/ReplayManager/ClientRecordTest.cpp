@@ -115,23 +115,6 @@ TEST_F(ClientRecordTest, WritersBuildTheStoredRecordsByteForByte) {
     }
 }
 
-TEST_F(ClientRecordTest, WritersCutToTheirBufferAndAppendChecksumChecksRoom) {
-    char area[32];
-    std::memset(area, '#', sizeof area);
-    EXPECT_EQ(ReplayCore::WriteItemSeparator(area, 20, MSTime::MSTimeStruct(0, 123456789012345678)),
-              19u);
-    EXPECT_EQ(area[19], '\0');
-    EXPECT_EQ(area[20], '#');
-
-    // Exactly nine bytes of room: the trailer fits without its terminator.
-    char tight[12] = "abc";
-    std::memset(tight + 3, '#', sizeof tight - 3);
-    unsigned int checksum = 0;
-    EXPECT_EQ(ReplayCore::AppendChecksum(tight, 3, 12, checksum), 12);
-    EXPECT_EQ(std::string(tight, 12), "abc     126\n");
-    EXPECT_EQ(ReplayCore::AppendChecksum(tight, 4, 12, checksum), -1);
-}
-
 TEST_F(ClientRecordTest, ParsesDataAndStatusRecords) {
     const std::string block = ReadRecord("binary_block.rec");
     ParsedRecord parsed = Parse(block);

@@ -91,9 +91,6 @@ TEST_F(ReplayRuntimeOptionsTest, MissingDirectoriesFallBackToTheTemporaryPath) {
     MakeTargetDirectory("/mnt/net");
     EXPECT_EQ(kept.GetResultsFilePath(true), "/mnt/net");
     EXPECT_TRUE(std::filesystem::exists(Root() + "/mnt/net/junk.txt"));
-    // A reload does not repeat the checks.
-    EXPECT_TRUE(kept.OpenOptionsFile(missing.c_str()));
-    EXPECT_EQ(kept.GetStringValue(eTemporaryFilesPath), "/no/dir");
 }
 
 TEST_F(ReplayRuntimeOptionsTest, ReadsStayWholeWhileAnotherThreadReloads) {

@@ -12,7 +12,6 @@ namespace {
 
 using ReplayCore::MSTime;
 using TimeValue = ReplayCore::MSTime::MSTimeStruct;
-using ReplayTest::CapturedDebug;
 
 // Runs each test on an injected clock (set with Now()) and a private target
 // root that receives the assertion records.
@@ -77,7 +76,7 @@ TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
     }
 }
 
-TEST_F(ReplayTimeTest, ClockWrapsEvery365DaysAndAFailingClockReadsZero) {
+TEST_F(ReplayTimeTest, ClockWrapsEvery365Days) {
     Now(31536000LL * 1000 + 1234);
     EXPECT_EQ(MSTime::CurrentTimeMS().m_timeMilliseconds, 1234);
     Now(31536000LL * 1000 - 1);
@@ -91,11 +90,6 @@ TEST_F(ReplayTimeTest, ClockWrapsEvery365DaysAndAFailingClockReadsZero) {
                              "ReplayManager/ReplayCore"),
               std::string::npos)
         << LogText();
-
-    CapturedDebug debug;
-    Now(-1);
-    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Returned by clock_gettime"), 1);
 }
 
 // One thread resets the clock while others read it, as the client's read

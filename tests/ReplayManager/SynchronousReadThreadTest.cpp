@@ -1,8 +1,4 @@
-#include <cstring>
-
-#include "libreplay/ReplayOutputFiler.h"
 #include "libreplay/ReplayRuntimeOptions.h"
-#include "libreplay/multicore.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {
@@ -38,20 +34,6 @@ TEST_F(SynchronousReadThreadTest, CommandSetsStateSlotAndClockInKeyOrder) {
     ASSERT_NE(slot, std::string::npos) << lines;
     ASSERT_NE(clock, std::string::npos) << lines;
     EXPECT_LT(slot, clock);
-    // "OFFSET -200250 \n" and the current time wait in the output block.
-    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(),
-              static_cast<int>(std::strlen("OFFSET -200250 \n") +
-                               std::strlen("CURRENT TIME: 300.000 \n")));
-}
-
-TEST_F(SynchronousReadThreadTest, DebugLevelAboveThreeIsRefused) {
-    Connect(ReplayCore::eStateStopped);
-    CapturedDebug debug;
-    Handle("#stop D=3;");
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
-    Handle("#stop D=4;");
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Invalid Debug Level 4"), 1);
 }
 
 TEST_F(SynchronousReadThreadTest, LateServerTimeIsAssertedAndGivesANegativeLatency) {

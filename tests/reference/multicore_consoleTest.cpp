@@ -73,12 +73,6 @@ TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
 
     EXPECT_EQ(Run("nosuch"), "ERROR : No acline command found");
     EXPECT_EQ(Run(nullptr), "ERROR : No acline command found");  // nothing to repeat now
-
-    mi_aclineSetFunction("rec", nullptr, nullptr);
-    EXPECT_EQ(Run("rec 2"), "ERROR : No acline command found");
-    // A removed command comes back under its old entry.
-    EXPECT_EQ(mi_aclineSetFunction("rec", &OtherCommand, nullptr), 1);
-    EXPECT_EQ(Run("rec"), "second");
 }
 
 TEST_F(MulticoreConsoleTest, BuiltInCommandsSetLevelsFlushAndHelp) {
