@@ -145,6 +145,9 @@ void UDPServerReadThread::execute() {
         if (m_stopRequested.load(std::memory_order_acquire)) {
             break;
         }
+        if (length > 0 && !server->AcceptSource(from)) {
+            continue;
+        }
 
         ClientDataLock lock(true);
         if (DebugOutputAttached()) {

@@ -22,6 +22,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -54,15 +55,21 @@ std::vector<std::vector<int64_t>>& RecordedSchedule() {
     return schedule;
 }
 
-std::vector<int64_t> ReadJournalTimes(const std::string& path) {
-    std::vector<int64_t> times;
+// A journal line: "<time ms> <data type> <hex bytes>".
+struct JournalEntry {
+    int64_t timeMs;
+    unsigned int dataType;
+};
+
+std::vector<JournalEntry> ReadJournal(const std::string& path) {
+    std::vector<JournalEntry> entries;
     std::ifstream in(path);
-    int64_t time = 0;
+    JournalEntry entry{};
     std::string hex;
-    while (in >> time >> hex) {
-        times.push_back(time);
+    while (in >> entry.timeMs >> entry.dataType >> hex) {
+        entries.push_back(entry);
     }
-    return times;
+    return entries;
 }
 
 struct ReplayedItem {
@@ -82,11 +89,13 @@ std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
     return items;
 }
 
-void AddClient(const std::vector<int64_t>& journal, const std::vector<ReplayedItem>& replayed,
+// Order is checked per data type: each is an input stream of its own, sent
+// in blocks of its own.
+void AddClient(const std::vector<JournalEntry>& journal, const std::vector<ReplayedItem>& replayed,
                FidelityResult& result) {
     result.recorded += journal.size();
     std::set<long long> seen;
-    long long highest = -1;
+    std::map<unsigned int, long long> highest;
     const ReplayedItem* first = nullptr;
     for (const ReplayedItem& item : replayed) {
         if (item.journalIndex < 0) {
@@ -97,10 +106,16 @@ void AddClient(const std::vector<int64_t>& journal, const std::vector<ReplayedIt
             ++result.duplicated;
             continue;
         }
-        if (item.journalIndex < highest) {
+        if (item.journalIndex >= static_cast<long long>(journal.size())) {
+            ++result.foreign;
+            continue;
+        }
+        const unsigned int type = journal[static_cast<size_t>(item.journalIndex)].dataType;
+        const auto previous = highest.find(type);
+        if (previous != highest.end() && item.journalIndex < previous->second) {
             ++result.reordered;
         }
-        highest = std::max(highest, item.journalIndex);
+        highest[type] = std::max(highest[type], item.journalIndex);
         if (first == nullptr) {
             first = &item;
             // Due when the client's clock reads the item's time less the
@@ -204,8 +219,11 @@ bool RunPipeline(int seconds, FidelityResult& result, std::string& error) {
     RecordedSchedule().clear();
     for (int c = 0; c < 3; ++c) {
         const std::string name = kClientNames[c];
-        const std::vector<int64_t> journal = ReadJournalTimes(root / (name + ".journal"));
-        RecordedSchedule().push_back(journal);
+        const std::vector<JournalEntry> journal = ReadJournal(root / (name + ".journal"));
+        RecordedSchedule().emplace_back();
+        for (const JournalEntry& entry : journal) {
+            RecordedSchedule().back().push_back(entry.timeMs);
+        }
         AddClient(journal, ReadReplayedItems(root / (name + ".items")), result);
         const std::string output = clients[c].Output();
         const size_t summary = output.find("demo_client ");

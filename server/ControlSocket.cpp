@@ -7,14 +7,21 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <functional>
+
+#include "libreplay/FileLogger.h"
 
 namespace ReplayServer {
 
 namespace {
 
 constexpr int kPollMs = 200;
+constexpr int kBacklog = 8;
 constexpr size_t kMaxCommandLength = 4096;
+constexpr size_t kMaxConnections = 16;
+constexpr std::chrono::seconds kCommandTimeout(10);
 
 bool FillAddress(const std::string& path, sockaddr_un& address, std::string& error) {
     std::memset(&address, 0, sizeof address);
@@ -24,6 +31,67 @@ bool FillAddress(const std::string& path, sockaddr_un& address, std::string& err
         return false;
     }
     std::memcpy(address.sun_path, path.c_str(), path.size());
+    return true;
+}
+
+// The user at the other end must be the server's own user or root. The
+// file mode already keeps others out; this also holds when the socket file's
+// directory or mode has been opened up by hand.
+bool PeerMayControl(int connection, std::string& refusal) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        refusal = "error: permission denied (the caller's credentials are unknown)\n";
+        return false;
+    }
+    if (peer.uid == geteuid() || peer.uid == 0) {
+        return true;
+    }
+    refusal = "error: permission denied: user " + std::to_string(peer.uid) +
+              " may not control this server\n";
+    ReplayCore::FileLogger::LogToFile(ReplayCore::FileLogger::eSeverityWarning,
+                                      "Control socket: refused user %u (pid %d)",
+                                      static_cast<unsigned int>(peer.uid), peer.pid);
+    return false;
+}
+
+// Makes room at `path` for the new socket. Only a socket file that nobody
+// listens on is removed: a live one belongs to a running server, and any
+// other file is not ours to delete.
+bool ClearStaleSocket(const std::string& path, const sockaddr_un& address, std::string& error) {
+    struct stat existing;
+    if (lstat(path.c_str(), &existing) != 0) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        error = "cannot examine " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISSOCK(existing.st_mode)) {
+        error = path + " exists and is not a socket; it is left alone";
+        return false;
+    }
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe < 0) {
+        error = std::string("socket: ") + std::strerror(errno);
+        return false;
+    }
+    const int connected =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int connectError = errno;
+    close(probe);
+    if (connected == 0) {
+        error = "another server is listening on " + path;
+        return false;
+    }
+    if (connectError != ECONNREFUSED) {
+        error = "cannot examine " + path + ": " + std::strerror(connectError);
+        return false;
+    }
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        error = "cannot remove the stale socket " + path + ": " + std::strerror(errno);
+        return false;
+    }
     return true;
 }
 
@@ -52,7 +120,7 @@ ControlSocket::~ControlSocket() {
 
 bool ControlSocket::Start(const std::string& path, std::string& error) {
     sockaddr_un address;
-    if (!FillAddress(path, address, error)) {
+    if (!FillAddress(path, address, error) || !ClearStaleSocket(path, address, error)) {
         return false;
     }
     m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -60,13 +128,23 @@ bool ControlSocket::Start(const std::string& path, std::string& error) {
         error = std::string("socket: ") + std::strerror(errno);
         return false;
     }
-    unlink(path.c_str());
-    // Nobody else may steer the server: the file is private from its creation.
-    const mode_t previous = umask(0077);
-    const int bound = bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    umask(previous);
-    if (bound != 0 || chmod(path.c_str(), 0600) != 0 || listen(m_fd, 8) != 0) {
+    // Nobody else may steer the server: the file is private from its
+    // creation. Linux gives the file the socket's own mode; where that cannot
+    // be set, a umask around the bind does it (it is process-wide, so only
+    // as the fallback).
+    int bound;
+    if (fchmod(m_fd, 0600) == 0) {
+        bound = bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    } else {
+        const mode_t previous = umask(0177);
+        bound = bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        umask(previous);
+    }
+    if (bound != 0 || listen(m_fd, kBacklog) != 0) {
         error = "cannot listen on " + path + ": " + std::strerror(errno);
+        if (bound == 0) {
+            unlink(path.c_str());
+        }
         close(m_fd);
         m_fd = -1;
         return false;
@@ -82,13 +160,13 @@ void ControlSocket::Stop() {
     if (m_acceptThread.joinable()) {
         m_acceptThread.join();
     }
-    std::list<std::thread> connections;
+    std::list<Connection> connections;
     {
         std::lock_guard<std::mutex> lock(m_connectionsMutex);
         connections.swap(m_connections);
     }
-    for (std::thread& connection : connections) {
-        connection.join();
+    for (Connection& connection : connections) {
+        connection.thread.join();
     }
     if (m_fd >= 0) {
         close(m_fd);
@@ -97,25 +175,58 @@ void ControlSocket::Stop() {
     }
 }
 
+void ControlSocket::ReapFinishedConnections() {
+    for (auto it = m_connections.begin(); it != m_connections.end();) {
+        if (it->finished.load()) {
+            it->thread.join();
+            it = m_connections.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
 void ControlSocket::AcceptLoop() {
     while (!m_stop.load()) {
         pollfd wait = {m_fd, POLLIN, 0};
-        if (poll(&wait, 1, kPollMs) <= 0) {
+        const int ready = poll(&wait, 1, kPollMs);
+        std::lock_guard<std::mutex> lock(m_connectionsMutex);
+        // A server driven by scripts sees many short connections: each
+        // thread is joined once it has ended rather than kept until Stop.
+        ReapFinishedConnections();
+        if (ready <= 0) {
             continue;
         }
         const int connection = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (connection < 0) {
             continue;
         }
-        std::lock_guard<std::mutex> lock(m_connectionsMutex);
-        m_connections.emplace_back(&ControlSocket::Serve, this, connection);
+        if (m_connections.size() >= kMaxConnections) {
+            WriteAll(connection, "error: busy; too many control connections\n");
+            close(connection);
+            continue;
+        }
+        m_connections.emplace_back();
+        Connection& added = m_connections.back();
+        added.thread =
+            std::thread(&ControlSocket::Serve, this, connection, std::ref(added.finished));
     }
 }
 
-void ControlSocket::Serve(int connection) {
+void ControlSocket::Serve(int connection, std::atomic<bool>& finished) {
+    std::string refusal;
+    if (!PeerMayControl(connection, refusal)) {
+        WriteAll(connection, refusal);
+        close(connection);
+        finished.store(true);
+        return;
+    }
     std::string line;
     char buffer[512];
-    while (line.size() < kMaxCommandLength && line.find('\n') == std::string::npos) {
+    // A client that never finishes its line does not hold a thread for long.
+    const auto deadline = std::chrono::steady_clock::now() + kCommandTimeout;
+    while (line.size() < kMaxCommandLength && line.find('\n') == std::string::npos &&
+           std::chrono::steady_clock::now() < deadline) {
         pollfd wait = {connection, POLLIN, 0};
         if (m_stop.load() || poll(&wait, 1, kPollMs) < 0) {
             break;
@@ -137,6 +248,7 @@ void ControlSocket::Serve(int connection) {
         WriteAll(connection, m_handler(line));
     }
     close(connection);
+    finished.store(true);
 }
 
 bool ControlSocket::Send(const std::string& path, const std::string& command, std::string& reply,
@@ -153,11 +265,10 @@ bool ControlSocket::Send(const std::string& path, const std::string& command, st
         }
         return false;
     }
-    if (!WriteAll(fd, command + "\n")) {
-        error = std::string("cannot send the command: ") + std::strerror(errno);
-        close(fd);
-        return false;
-    }
+    // The server may answer and close before it reads the command (a
+    // refusal, or busy): its reply is still worth reading then.
+    const bool sent = WriteAll(fd, command + "\n");
+    const int sendError = errno;
     reply.clear();
     char buffer[4096];
     for (;;) {
@@ -169,6 +280,11 @@ bool ControlSocket::Send(const std::string& path, const std::string& command, st
             break;
         }
         reply.append(buffer, static_cast<size_t>(n));
+    }
+    if (!sent && reply.empty()) {
+        error = std::string("cannot send the command: ") + std::strerror(sendError);
+        close(fd);
+        return false;
     }
     close(fd);
     return true;

@@ -3,7 +3,9 @@
 
 // A local stream socket through which scripts drive a running server: each
 // connection sends one command line and reads the reply until the server
-// closes it. The socket file is created with mode 0600.
+// closes it. Only the server's own user (and root) may use it: the socket
+// file is mode 0600 from the moment it exists, and each connection's peer
+// credentials are checked as well.
 
 #include <atomic>
 #include <functional>
@@ -23,19 +25,33 @@ class ControlSocket {
     ControlSocket(const ControlSocket&) = delete;
     ControlSocket& operator=(const ControlSocket&) = delete;
 
-    // Binds `path` (a stale socket file there is replaced) and starts
-    // accepting; false with `error` on failure.
+    // Binds `path` and starts accepting; false with `error` on failure. A
+    // socket file there that nobody listens on is replaced; a live socket or
+    // any other kind of file is left alone and is an error.
     bool Start(const std::string& path, std::string& error);
     // Stops accepting, waits for connections in progress, removes the file.
     void Stop();
+
+    // Connections being served or ended but not yet joined.
+    size_t Connections() {
+        std::lock_guard<std::mutex> lock(m_connectionsMutex);
+        return m_connections.size();
+    }
 
     // Sends `command` to the server at `path`; the reply, or false with `error`.
     static bool Send(const std::string& path, const std::string& command, std::string& reply,
                      std::string& error);
 
   private:
+    struct Connection {
+        std::thread thread;
+        std::atomic<bool> finished{false};
+    };
+
     void AcceptLoop();
-    void Serve(int connection);
+    void Serve(int connection, std::atomic<bool>& finished);
+    // Joins the connections that have ended; with the list locked.
+    void ReapFinishedConnections();
 
     Handler m_handler;
     std::string m_path;
@@ -43,7 +59,7 @@ class ControlSocket {
     std::atomic<bool> m_stop{false};
     std::thread m_acceptThread;
     std::mutex m_connectionsMutex;
-    std::list<std::thread> m_connections;
+    std::list<Connection> m_connections;
 };
 
 }  // namespace ReplayServer

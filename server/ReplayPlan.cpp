@@ -1,7 +1,11 @@
 #include "server/ReplayPlan.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "libreplay/ReplayLogReader.h"
 #include "libreplay/ReplayLogRecord.h"
@@ -104,6 +108,16 @@ bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& opt
 
 bool LoadReplayPlan(const std::string& path, const PlanOptions& options, ReplayPlan& plan,
                     std::string& error) {
+    // A FIFO or device would block the command that names it, or never end.
+    struct stat file;
+    if (stat(path.c_str(), &file) != 0) {
+        error = "cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(file.st_mode)) {
+        error = path + " is not a regular file";
+        return false;
+    }
     ReplayCore::ReplayLogReader reader;
     if (!reader.Open(path)) {
         error = "cannot open " + path + ": " + reader.LastError();

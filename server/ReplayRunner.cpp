@@ -1,6 +1,7 @@
 #include "server/ReplayRunner.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "libreplay/FileLogger.h"
 
@@ -53,8 +54,10 @@ bool ReplayRunner::WaitForClients(ReplayResult& result) {
             for (const std::string& name : result.missingClients) {
                 names += (names.empty() ? "" : ", ") + name;
             }
-            result.error = "recorded clients not connected after " +
-                           std::to_string(m_settings.clientWaitMs / 1000) + " s: " + names;
+            char waited[32];
+            std::snprintf(waited, sizeof waited, "%g s", m_settings.clientWaitMs / 1000.0);
+            result.error =
+                "recorded clients not connected after " + std::string(waited) + ": " + names;
             return false;
         }
         if (!WaitUntil(std::chrono::steady_clock::now() +

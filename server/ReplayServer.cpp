@@ -1,7 +1,9 @@
 #include "server/ReplayServer.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -23,6 +25,8 @@ namespace {
 
 constexpr int kWriterStackSize = 65536;
 constexpr int kWriterPriority = 10;
+constexpr size_t kNamedRefusedSources = 5;
+constexpr std::chrono::seconds kRefusalReportInterval(60);
 
 bool IsStatusRecord(const char* data, int nBytes) {
     return nBytes > 0 && data[0] == '#';
@@ -195,6 +199,48 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     return accepted;
 }
 
+bool ReplayServer::AcceptSource(const sockaddr_in& from) {
+    if (m_settings.allowedSources.Allows(from.sin_addr)) {
+        return true;
+    }
+    m_refusedSources.fetch_add(1, std::memory_order_relaxed);
+    ReportRefusedSource(from);
+    return false;
+}
+
+void ReplayServer::ReportRefusedSource(const sockaddr_in& from) {
+    char address[INET_ADDRSTRLEN] = {0};
+    inet_ntop(AF_INET, &from.sin_addr, address, sizeof address);
+    const bool named = std::find(m_namedRefusedSources.begin(), m_namedRefusedSources.end(),
+                                 from.sin_addr.s_addr) != m_namedRefusedSources.end();
+    if (!named && m_namedRefusedSources.size() < kNamedRefusedSources) {
+        // The first few sources by name: usually a misconfigured client.
+        m_namedRefusedSources.push_back(from.sin_addr.s_addr);
+        std::printf(
+            "\nReplayManager: refusing datagrams from %s (port %d): not in the allowed "
+            "networks %s\n",
+            address, ntohs(from.sin_port), m_settings.allowedSources.ToString().c_str());
+        std::fflush(stdout);
+        FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                              "Refusing datagrams from %s: not in the allowed networks", address);
+        return;
+    }
+    // Past those a flood from many addresses costs one line a minute.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_lastRefusalReport >= kRefusalReportInterval) {
+        m_lastRefusalReport = now;
+        const unsigned long long refused = m_refusedSources.load(std::memory_order_relaxed);
+        std::printf(
+            "\nReplayManager: %llu datagrams refused from sources outside the allowed "
+            "networks (latest %s)\n",
+            refused, address);
+        std::fflush(stdout);
+        FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                              "%llu datagrams refused from sources outside the allowed networks",
+                              refused);
+    }
+}
+
 bool ReplayServer::AcceptNewClient(const std::string& name, const std::string& /*record*/,
                                    bool isConnect, ClientData& client) {
     ClientDataList& table = GetClientDataList();
@@ -315,6 +361,9 @@ void ReplayServer::StartRecording() {
 bool ReplayServer::StopRecording(int settleMs) {
     m_state.store(ReplayCore::eStateStopped, std::memory_order_relaxed);
     CommandAllClients(ReplayCore::eStateStopped);
+    if (settleMs < 0) {
+        settleMs = m_settings.stopSettleMs;
+    }
     if (settleMs > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
     }
@@ -373,6 +422,7 @@ ServerCounters ReplayServer::Counters() const {
     counters.forwardFailures = m_forwardFailures.load(std::memory_order_relaxed);
     counters.statusRecords = m_statusRecords.load(std::memory_order_relaxed);
     counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
+    counters.refusedSources = m_refusedSources.load(std::memory_order_relaxed);
     if (m_reorder != nullptr) {
         counters.recordsHeld = m_reorder->HeldRecords();
         counters.heldOverflow = m_reorder->Refused();

@@ -6,6 +6,7 @@
 // to the log writer thread, which orders the records and writes the log.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
+#include "server/SourceAllowList.h"
 #include "server/RecordReorderBuffer.h"
 
 namespace ReplayServer {
@@ -31,6 +33,8 @@ struct ServerCounters {
     uint64_t forwardFailures = 0;
     uint64_t statusRecords = 0;
     uint64_t refusedClients = 0;
+    // Datagrams dropped unread because their source is not allowed.
+    uint64_t refusedSources = 0;
     // Records waiting in the reorder buffer, and those it had no room for.
     uint64_t recordsHeld = 0;
     uint64_t heldOverflow = 0;
@@ -44,6 +48,11 @@ struct ServerSettings {
     // Receive buffer asked for, so that bursts from many clients wait in the
     // kernel while the receive path is busy.
     int receiveBufferBytes = 8 * 1024 * 1024;
+    // How long a stop waits for the clients' last blocks before it flushes
+    // the write queue.
+    int stopSettleMs = 300;
+    // Sources whose datagrams are taken; by default any.
+    SourceAllowList allowedSources;
     // How long each data record waits before it goes to the log writer, so
     // that blocks sent late (up to about 5 s after their time) still reach
     // the writer in time order. 0 passes records on at once.
@@ -70,6 +79,9 @@ class ReplayServer : public UDPSocketServer {
 
     bool ProcessClientMessage(const char* data, int nBytes, ClientData& client,
                               bool isNewClient) override;
+    // Drops datagrams from sources outside the allowed networks, counting
+    // them and naming the first few.
+    bool AcceptSource(const sockaddr_in& from) override;
 
     ReplayCore::ReplayState GetState() const {
         return static_cast<ReplayCore::ReplayState>(m_state.load(std::memory_order_relaxed));
@@ -85,9 +97,10 @@ class ReplayServer : public UDPSocketServer {
     ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
 
     void StartRecording();
-    // Tells the clients to stop, waits `settleMs` for their last blocks, then
-    // flushes the write queue into the log; true when the writer took it all.
-    bool StopRecording(int settleMs = 300);
+    // Tells the clients to stop, waits `settleMs` (by default the settings'
+    // stopSettleMs) for their last blocks, then flushes the write queue into
+    // the log; true when the writer took it all.
+    bool StopRecording(int settleMs = -1);
     // Writes a status record into the writer's pipe: the writer writes out
     // everything queued. Waits up to `timeoutMs` for the writer to take it.
     bool FlushWriteQueue(int timeoutMs = 5000);
@@ -105,6 +118,8 @@ class ReplayServer : public UDPSocketServer {
                              const std::string& extraArguments);
     bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
                          ClientData& client);
+    void Forward(const char* data, int nBytes);
+    void ReportRefusedSource(const sockaddr_in& from);
     // Writes one record into the log writer's pipe.
     bool Forward(const std::string& record);
     // The file log keeps one stream open for every call after its last
@@ -131,6 +146,10 @@ class ReplayServer : public UDPSocketServer {
     static constexpr size_t kNamedRefusals = 1024;
     std::set<std::string> m_refusedNames;
     bool m_refusalsUnnamed = false;
+    // Read thread only: the refused addresses named so far, and when the
+    // running total was last reported.
+    std::vector<uint32_t> m_namedRefusedSources;
+    std::chrono::steady_clock::time_point m_lastRefusalReport;
 
     std::atomic<uint64_t> m_datagrams{0};
     std::atomic<uint64_t> m_checksumFailures{0};
@@ -139,6 +158,7 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_forwardFailures{0};
     std::atomic<uint64_t> m_statusRecords{0};
     std::atomic<uint64_t> m_refusedClients{0};
+    std::atomic<uint64_t> m_refusedSources{0};
     std::atomic<bool> m_replaying{false};
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
 };

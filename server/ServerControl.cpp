@@ -263,8 +263,9 @@ std::string ServerControl::StatusText() {
          << "datagrams " << counters.datagrams << ", records to the log "
          << counters.recordsForwarded << ", checksum failures " << counters.checksumFailures
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
-         << ", refused clients " << counters.refusedClients << ", held for ordering "
-         << counters.recordsHeld << ", no room to hold " << counters.heldOverflow << "\n";
+         << ", refused clients " << counters.refusedClients << ", refused sources "
+         << counters.refusedSources << ", held for ordering " << counters.recordsHeld
+         << ", no room to hold " << counters.heldOverflow << "\n";
     text << ClientsText();
     return text.str();
 }

@@ -15,6 +15,7 @@
 #include "reference/src/target_root.h"
 #include "server/ControlSocket.h"
 #include "server/ServerControl.h"
+#include "server/SourceAllowList.h"
 
 namespace ReplayServer {
 
@@ -62,6 +63,7 @@ void ReadStandardInput(ServerControl& control, const std::atomic<bool>& stop) {
 
 struct CommonOptions {
     std::string bind;
+    std::string allow;
     int port = 4400;
     size_t maxClients = 64;
     std::string config;
@@ -96,6 +98,10 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     settings.bindAddress = common.bind;
     settings.port = common.port;
     settings.clientLimit = common.maxClients;
+    if (!common.allow.empty()) {
+        std::string parseError;
+        settings.allowedSources.Parse(common.allow, parseError);  // checked with the options
+    }
     settings.reorderHoldMs = common.reorderMs;
     ReplayServer server(settings);
     std::string error;
@@ -111,7 +117,8 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     Print("\nReplayManager: listening on " +
           (common.bind.empty() ? std::string("0.0.0.0") : common.bind) + ":" +
           std::to_string(common.port) + " (receive buffer " +
-          std::to_string(server.ReceiveBufferBytes()) + " bytes)\n");
+          std::to_string(server.ReceiveBufferBytes()) + " bytes; sources " +
+          settings.allowedSources.ToString() + ")\n");
 
     ServerControl control(server, replaySettings, Print);
     ControlSocket controlSocket(
@@ -187,6 +194,16 @@ int ServerMain(int argc, char** argv) {
         "ReplayManager"};
     CommonOptions common;
     app.add_option("--bind", common.bind, "Address to listen on (default: every address)");
+    app.add_option("--allow", common.allow,
+                   "Networks whose datagrams are taken, e.g. 127.0.0.0/8,10.1.0.0/16 "
+                   "(default: any source)")
+        ->check(
+            [](const std::string& text) {
+                SourceAllowList list;
+                std::string error;
+                return list.Parse(text, error) ? std::string() : error;
+            },
+            "NETWORKS");
     app.add_option("--port", common.port, "UDP port")
         ->default_val(4400)
         ->check(CLI::Range(1, 65535));

@@ -8,6 +8,7 @@
 // to the server process's handler. Sends to clients respect their status:
 // sick clients are not sent to, disabled ones can be skipped.
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -80,6 +81,13 @@ class REPLAY_API UDPSocketServer : public UDPSocket {
                                       bool isNewClient) = 0;
     // Called after each receive time-out, with the table locked.
     virtual bool ServerIdleProcess() { return true; }
+    // Called by the read thread for every datagram received, before the
+    // client table is locked or anything looks at the datagram: false drops
+    // it unseen. The base version takes every source.
+    virtual bool AcceptSource(const sockaddr_in& from) {
+        (void)from;
+        return true;
+    }
 
     // Binds the wildcard address (or the address set with SetBindAddress) on
     // `port` and starts the read thread; the descriptor or -1. The address

@@ -78,7 +78,10 @@ void FakeServer::Close() {
 }
 
 void FakeServer::ReceiveLoop() {
-    static thread_local char buffer[65536];
+    // On the heap: 64 KiB of thread-local storage would be reserved in every
+    // thread of the test program and leave no room in small thread stacks.
+    std::vector<char> storage(65536);
+    char* buffer = storage.data();
     pollfd watched[2] = {{m_socket, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
     for (;;) {
         if (poll(watched, 2, -1) < 0) {
@@ -93,7 +96,7 @@ void FakeServer::ReceiveLoop() {
         Datagram datagram;
         socklen_t senderLength = sizeof datagram.sender;
         const ssize_t received =
-            recvfrom(m_socket, buffer, sizeof buffer, MSG_DONTWAIT,
+            recvfrom(m_socket, buffer, storage.size(), MSG_DONTWAIT,
                      reinterpret_cast<sockaddr*>(&datagram.sender), &senderLength);
         if (received < 0) {
             continue;

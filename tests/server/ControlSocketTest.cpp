@@ -1,0 +1,202 @@
+#include "server/ControlSocket.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayServer::ControlSocket;
+
+constexpr auto kDeadline = std::chrono::seconds(10);
+
+ControlSocket::Handler Echo(std::atomic<int>& calls) {
+    return [&calls](const std::string& line) {
+        ++calls;
+        return "did " + line + "\n";
+    };
+}
+
+std::string Ask(const std::string& path, const std::string& command) {
+    std::string reply;
+    std::string error;
+    return ControlSocket::Send(path, command, reply, error) ? reply : "failed: " + error;
+}
+
+// Connects and sends nothing; the connection stays open until destroyed.
+class IdleConnection {
+  public:
+    explicit IdleConnection(const std::string& path) {
+        m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    ~IdleConnection() { close(m_fd); }
+    std::string Read() const {
+        char buffer[256];
+        const ssize_t n = recv(m_fd, buffer, sizeof buffer, 0);
+        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+    }
+
+  private:
+    int m_fd = -1;
+};
+
+class ControlSocketTest : public ReplayTest::TargetRootTest {
+  protected:
+    std::string Path() const { return Root() + "/control.sock"; }
+    std::atomic<int> m_calls{0};
+};
+
+TEST_F(ControlSocketTest, SocketFileIsPrivateWhateverTheUmask) {
+    const mode_t previous = umask(0);
+    ControlSocket control(Echo(m_calls));
+    std::string error;
+    const bool started = control.Start(Path(), error);
+    EXPECT_EQ(umask(previous), 0) << "the process's umask was changed";
+    ASSERT_TRUE(started) << error;
+
+    struct stat file;
+    ASSERT_EQ(lstat(Path().c_str(), &file), 0);
+    EXPECT_TRUE(S_ISSOCK(file.st_mode));
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+    EXPECT_EQ(Ask(Path(), "status"), "did status\n");
+    control.Stop();
+    EXPECT_NE(lstat(Path().c_str(), &file), 0) << "the socket file outlived Stop";
+}
+
+TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
+    std::string error;
+    // A file that is not a socket, or a link to one, is never removed.
+    WriteTargetFile("/control.sock", "keep me");
+    ControlSocket first(Echo(m_calls));
+    EXPECT_FALSE(first.Start(Path(), error));
+    EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
+    EXPECT_EQ(ReadTargetFile("/control.sock"), "keep me");
+    ASSERT_EQ(unlink(Path().c_str()), 0);
+    WriteTargetFile("/target.txt", "keep me too");
+    ASSERT_EQ(symlink((Root() + "/target.txt").c_str(), Path().c_str()), 0);
+    EXPECT_FALSE(first.Start(Path(), error));
+    EXPECT_EQ(ReadTargetFile("/target.txt"), "keep me too");
+    ASSERT_EQ(unlink(Path().c_str()), 0);
+
+    // A socket left behind by a server that died is replaced.
+    {
+        const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, Path().c_str(), sizeof address.sun_path - 1);
+        ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        close(stale);
+    }
+    ASSERT_TRUE(first.Start(Path(), error)) << error;
+
+    // A live server's socket is not taken over.
+    std::atomic<int> secondCalls{0};
+    ControlSocket second(Echo(secondCalls));
+    EXPECT_FALSE(second.Start(Path(), error));
+    EXPECT_NE(error.find("another server"), std::string::npos) << error;
+    second.Stop();
+    EXPECT_EQ(Ask(Path(), "ping"), "did ping\n");
+    EXPECT_EQ(secondCalls, 0);
+}
+
+TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to act as another user";
+    }
+    const uid_t kOther = 65534;
+    int go[2];
+    int result[2];
+    ASSERT_EQ(pipe(go), 0);
+    ASSERT_EQ(pipe(result), 0);
+    const std::string path = Path();
+    // The child is made before any thread exists, then waits for the socket.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(go[1]);
+        close(result[0]);
+        char signal;
+        if (setgid(kOther) != 0 || setuid(kOther) != 0 || read(go[0], &signal, 1) != 1) {
+            _exit(2);
+        }
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            _exit(3);
+        }
+        const char command[] = "quit\n";
+        // The server may refuse and close first: no SIGPIPE, read its answer.
+        (void)!send(fd, command, sizeof command - 1, MSG_NOSIGNAL);
+        char reply[256];
+        ssize_t n;
+        while ((n = read(fd, reply, sizeof reply)) > 0) {
+            (void)!write(result[1], reply, static_cast<size_t>(n));
+        }
+        _exit(0);
+    }
+    close(go[0]);
+    close(result[1]);
+
+    ControlSocket control(Echo(m_calls));
+    std::string error;
+    ASSERT_TRUE(control.Start(path, error)) << error;
+    // Someone widened the directory and the file: the credentials still count.
+    ASSERT_EQ(chmod(Root().c_str(), 0711), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(write(go[1], "x", 1), 1);
+    std::string reply;
+    char buffer[256];
+    ssize_t n;
+    while ((n = read(result[0], buffer, sizeof buffer)) > 0) {
+        reply.append(buffer, static_cast<size_t>(n));
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    close(go[1]);
+    close(result[0]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(reply.compare(0, 24, "error: permission denied"), 0) << reply;
+    EXPECT_EQ(m_calls, 0);
+    // The server's own user (root here) is served.
+    EXPECT_EQ(Ask(path, "status"), "did status\n");
+}
+
+TEST_F(ControlSocketTest, ConnectionsAreBoundedAndReleased) {
+    ControlSocket control(Echo(m_calls));
+    std::string error;
+    ASSERT_TRUE(control.Start(Path(), error)) << error;
+    // A script polling the server: every connection's thread is released.
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_EQ(Ask(Path(), "status"), "did status\n");
+    }
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
+
+    // Clients that connect and say nothing take a slot each; past the limit
+    // the server answers busy at once.
+    std::vector<std::unique_ptr<IdleConnection>> idle;
+    for (int i = 0; i < 16; ++i) {
+        idle.emplace_back(new IdleConnection(Path()));
+    }
+    ASSERT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 16; }, kDeadline));
+    const std::string busy = Ask(Path(), "status");
+    EXPECT_EQ(busy.compare(0, 11, "error: busy"), 0) << busy;
+    idle.clear();
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
+    EXPECT_EQ(Ask(Path(), "status"), "did status\n");
+    control.Stop();
+}
+
+}  // namespace

@@ -1,0 +1,118 @@
+#include "server/SourceAllowList.h"
+
+#include <arpa/inet.h>
+
+#include "libreplay/FileLogger.h"
+#include "server/ServerControl.h"
+#include "tests/server/LoopbackServer.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace srv = ReplayServer;
+using ServerTest::DataRecord;
+using ServerTest::StatusRecord;
+using ServerTest::UdpPeer;
+
+bool Allows(const srv::SourceAllowList& list, const char* address) {
+    in_addr value;
+    EXPECT_EQ(inet_pton(AF_INET, address, &value), 1) << address;
+    return list.Allows(value);
+}
+
+TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
+    srv::SourceAllowList list;
+    EXPECT_TRUE(list.AllowsAny());
+    EXPECT_TRUE(Allows(list, "203.0.113.9"));
+
+    std::string error;
+    ASSERT_TRUE(list.Parse("127.0.0.0/8, 10.1.0.0/16,192.168.1.7", error)) << error;
+    EXPECT_FALSE(list.AllowsAny());
+    EXPECT_TRUE(Allows(list, "127.255.1.1"));
+    EXPECT_TRUE(Allows(list, "10.1.0.0"));
+    EXPECT_TRUE(Allows(list, "10.1.255.255"));
+    EXPECT_FALSE(Allows(list, "10.2.0.1"));
+    EXPECT_FALSE(Allows(list, "10.0.255.255"));
+    EXPECT_TRUE(Allows(list, "192.168.1.7"));
+    EXPECT_FALSE(Allows(list, "192.168.1.8"));
+    EXPECT_FALSE(Allows(list, "128.0.0.1"));
+    EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32");
+
+    // Prefix 0 takes everything (a 32-bit shift by 32 would not); an odd
+    // prefix splits an octet.
+    ASSERT_TRUE(list.Parse("0.0.0.0/0", error));
+    EXPECT_TRUE(Allows(list, "255.255.255.255"));
+    ASSERT_TRUE(list.Parse("172.16.0.0/12", error));
+    EXPECT_TRUE(Allows(list, "172.31.255.255"));
+    EXPECT_FALSE(Allows(list, "172.32.0.0"));
+    EXPECT_EQ(list.ToString(), "172.16.0.0/12");
+}
+
+TEST(SourceAllowListTest, RejectsBadNetworksAndKeepsTheList) {
+    srv::SourceAllowList list;
+    std::string error;
+    ASSERT_TRUE(list.Parse("10.0.0.0/8", error));
+    for (const char* bad : {"", ",", "10.0.0.0/8,", ",10.0.0.0/8", "10.1.2.3/16", "1.2.3.4/33",
+                            "1.2.3.4/", "1.2.3.4/-1", "1.2.3.4/+8", "1.2.3.4/008", "1.2.3/8",
+                            "1.2.3.4.5", "::1", "localhost", "1.2.3.4/8/8", "256.0.0.0/8"}) {
+        error.clear();
+        EXPECT_FALSE(list.Parse(bad, error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+        EXPECT_EQ(list.ToString(), "10.0.0.0/8") << bad;
+    }
+}
+
+class SourceRefusalTest : public ReplayTest::TargetRootTest {
+  protected:
+    void TearDown() override {
+        m_server.reset();
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+
+    std::string m_ip;
+    std::unique_ptr<srv::ReplayServer> m_server;
+};
+
+TEST_F(SourceRefusalTest, DatagramsFromOutsideTheListNeverReachTheClientTable) {
+    srv::ServerSettings settings;
+    std::string error;
+    ASSERT_TRUE(settings.allowedSources.Parse("127.0.0.0/9", error));
+    m_server = ServerTest::StartLoopbackServer(settings, m_ip);
+    ASSERT_NE(m_server, nullptr);
+    const auto deadline = std::chrono::seconds(10);
+
+    UdpPeer outsider("127.200.5.5", 0);
+    ASSERT_TRUE(outsider.Bound());
+    outsider.Send(m_ip, StatusRecord("spy", 1000, ""));
+    ASSERT_TRUE(
+        ReplayTest::WaitFor([&] { return m_server->Counters().refusedSources == 1; }, deadline));
+    EXPECT_TRUE(m_server->Clients().empty());
+    EXPECT_EQ(m_server->Counters().datagrams, 0u);
+
+    UdpPeer client("127.5.5.5", 0);
+    ASSERT_TRUE(client.Bound());
+    client.Send(m_ip, StatusRecord("gps", 1000, ""));
+    EXPECT_EQ(client.Receive(), "#stop s=0;");
+
+    // Clients are told apart by port alone: a refused source on the port of
+    // a known client must not pass as that client.
+    UdpPeer impostor("127.200.5.6", client.Port());
+    ASSERT_TRUE(impostor.Bound());
+    impostor.Send(m_ip, DataRecord("gps", 1100, 1));
+    ASSERT_TRUE(
+        ReplayTest::WaitFor([&] { return m_server->Counters().refusedSources == 2; }, deadline));
+    const std::vector<ClientData> table = m_server->Clients();
+    ASSERT_EQ(table.size(), 1u);
+    EXPECT_EQ(table[0].GetClientName(), "gps");
+    EXPECT_EQ(table[0].GetMessagesReceived(), 1u);
+    EXPECT_EQ(m_server->Counters().recordsForwarded, 0u);
+
+    srv::ServerControl control(*m_server, srv::ReplaySettings(), [](const std::string&) {});
+    EXPECT_NE(control.StatusText().find("refused sources 2"), std::string::npos);
+    const std::string log = ReadTargetFile("/tmp/ReplayLog.txt");
+    EXPECT_NE(log.find("Refusing datagrams from 127.200.5.5"), std::string::npos) << log;
+    EXPECT_NE(log.find("Refusing datagrams from 127.200.5.6"), std::string::npos) << log;
+}
+
+}  // namespace
