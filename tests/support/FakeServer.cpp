@@ -126,6 +126,11 @@ bool FakeServer::WaitForDatagrams(size_t count, std::chrono::milliseconds deadli
     return m_arrived.wait_for(lock, deadline, [&] { return m_datagrams.size() >= count; });
 }
 
+void FakeServer::Clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_datagrams.clear();
+}
+
 bool FakeServer::SendTo(const sockaddr_in& destination, const std::string& bytes) const {
     if (m_socket < 0) {
         return false;

@@ -52,6 +52,7 @@ class FakeServer {
     // True once at least `count` datagrams have arrived, false at the
     // deadline.
     bool WaitForDatagrams(size_t count, std::chrono::milliseconds deadline) const;
+    void Clear();
 
     // Sends `bytes` from the server's socket; true when the whole datagram
     // went out.
