@@ -3,15 +3,6 @@
 #include "libreplay/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define CLIENT_TEST_UNDER_TSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define CLIENT_TEST_UNDER_TSAN 1
-#endif
-
 namespace {
 
 using namespace ClientTest;
@@ -57,21 +48,6 @@ TEST_F(CReplayClientTest, DisabledReplayReturnsAtOnceAndEndsTheClient) {
     EXPECT_EQ(m_server.Count(), 0u);
 }
 
-TEST_F(CReplayClientTest, FirstRecordIsAnEmptyMessageWithoutInitialisationData) {
-    // A null pointer with a size still counts as no data.
-    ASSERT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText,
-                                                   nullptr, 12),
-              1);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
-    EXPECT_TRUE(clientReadThread.isRunning());
-    const std::vector<std::string> datagrams = Received();
-    ASSERT_GE(datagrams.size(), 1u);
-    EXPECT_EQ(datagrams[0][0], '#');
-    EXPECT_EQ(Body(datagrams[0]), "Nav:");
-    EXPECT_TRUE(ChecksumValid(datagrams[0]));
-    EXPECT_EQ(g_UDPSendBuffer.GetBlockSequence(), 1u);
-}
-
 TEST_F(CReplayClientTest, InitialisationDataIsSentAtOnceAsBlockZero) {
     CountingHandler handler;
     const char init[] = "init-data";
@@ -99,84 +75,6 @@ TEST_F(CReplayClientTest, InitialisationsWithoutHandlerOrNameAreRefusedAndEndThe
     EXPECT_EQ(debug.Count("Invalid Client Name"), 1);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateShutDown);
     EXPECT_FALSE(clientPingThread.isRunning());
-}
-
-TEST_F(CReplayClientTest, SecondFunctionInitialisationIsRefused) {
-    ASSERT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText),
-              1);
-    EXPECT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText),
-              0);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
-    // Only the first initialisation's record reached the server.
-    int announcements = 0;
-    for (const std::string& datagram : Received()) {
-        announcements += Body(datagram) == "Nav:" ? 1 : 0;
-    }
-    EXPECT_EQ(announcements, 1);
-}
-
-TEST_F(CReplayClientTest, UnopenedSocketFailsButTheThreadsRun) {
-    // The server counts as remote; the external wait keeps the socket shut.
-    ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 1000000);
-    EXPECT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText),
-              0);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateConnecting);
-    EXPECT_TRUE(clientPingThread.isRunning());
-    EXPECT_TRUE(clientReadThread.isRunning());
-}
-
-TEST_F(CReplayClientTest, ServerStartsRecordingAndReceivesTheItems) {
-    ASSERT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText),
-              1);
-    ASSERT_TRUE(m_server.WaitForDatagrams(1, 5s));
-    ASSERT_TRUE(m_server.Reply(m_server.Datagrams()[0], "#record"));
-    ASSERT_TRUE(ReplayTest::WaitFor(
-        [] { return ReplayClient::GetReplayState() == ReplayCore::eStateRecord; }, 5s));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(ReplayClient::SendClientData("item", 4, false, kDataTypeAsciiText), 0);
-    }
-    FlushBlock();
-    std::vector<std::string> items;
-    for (const std::string& datagram : Received()) {
-        if (datagram[0] == '"') {
-            const Block block = SplitBlock(datagram);
-            EXPECT_NE(block.header.find(":Nav:!1 1:"), std::string::npos);
-            items.insert(items.end(), block.items.begin(), block.items.end());
-        }
-    }
-    EXPECT_EQ(items, (std::vector<std::string>{"item", "item", "item"}));
-}
-
-#if !defined(CLIENT_TEST_UNDER_TSAN)
-// Re-initialising re-opens the socket that the running read thread uses; the
-// race is accepted by design, so this case stays out of the thread checker.
-TEST_F(CReplayClientTest, SecondHandlerInitialisationReplacesTheHandler) {
-    CountingHandler first;
-    CountingHandler second;
-    ASSERT_EQ(ReplayClient::InitializeReplayClient("Nav", &first, kDataTypeAsciiText, false), 1);
-    ASSERT_EQ(ReplayClient::InitializeReplayClient("Nav", &second, kDataTypeAsciiText, false), 1);
-    EXPECT_EQ(g_replayMessageHandler.load(), &second);
-    int announcements = 0;
-    for (const std::string& datagram : Received()) {
-        announcements += Body(datagram) == "Nav:" ? 1 : 0;
-    }
-    EXPECT_EQ(announcements, 2);
-}
-#endif
-
-// Without an initialisation callback, initialisation records go to the
-// replay callback.
-TEST(ReplayMessageHandlerTest, InitialisationRecordsGoWhereTheHandlerWantsThem) {
-    static int replayed = 0;
-    static int initialised = 0;
-    const auto replay = [](void*, unsigned int, unsigned int) { return ++replayed; };
-    ReplayClient::ReplayMessageHandler withInit(replay,
-                                                [](void*, unsigned int) { return ++initialised; });
-    ReplayClient::ReplayMessageHandler withoutInit(replay, nullptr);
-    withInit.DoCallback(nullptr, 0, 0, true);
-    withoutInit.DoCallback(nullptr, 0, 0, true);
-    EXPECT_EQ(initialised, 1);
-    EXPECT_EQ(replayed, 1);
 }
 
 }  // namespace

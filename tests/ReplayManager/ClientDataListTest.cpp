@@ -87,38 +87,6 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsAndRestart) {
     EXPECT_EQ(client.GetDroppedPackets(), static_cast<int32_t>(4000000003u));
 }
 
-TEST_F(ClientDataListTest, ListOperationsOverMixedStatuses) {
-    ClientDataList list;
-    const ClientData::ClientStatus statuses[] = {ClientData::Idle, ClientData::Running,
-                                                 ClientData::Disabled, ClientData::Failed,
-                                                 ClientData::Error};
-    int port = 6000;
-    for (ClientData::ClientStatus status : statuses) {
-        ClientData client = Named("c" + std::to_string(port), port);
-        client.SetStatus(status);
-        client.SetPacketSequenceNumber(3);
-        client.SetPacketSequenceNumber(8);
-        list.Append(client);
-        ++port;
-    }
-    EXPECT_EQ(list.NumValidClients(true), 3);
-
-    list.ClearDisabledClients(true);
-    EXPECT_EQ(list.FindByName("c6002")->GetStatus(), ClientData::Running);
-    EXPECT_EQ(list.NumValidClients(true), 3);
-
-    EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
-    EXPECT_FALSE(list.IncrementPacketsKept("c6001", true).IsError());
-    EXPECT_TRUE(list.IncrementPacketsKept("ghost", true).IsError());
-    for (const ClientData& client : list.Snapshot(true)) {
-        EXPECT_EQ(client.GetPacketsKept(), client == "c6001" ? 2u : 0u);
-    }
-
-    // Look-up by address compares the port only.
-    EXPECT_EQ(list.FindByAddress(Address("10.1.2.3", 6003)), list.FindByName("c6003"));
-    EXPECT_EQ(list.FindByAddress(Address("127.0.0.1", 7000)), nullptr);
-}
-
 TEST_F(ClientDataListTest, OperationsInsideTheLockPassFalse) {
     ManualClock clock(1000);
     ClientDataList list;

@@ -1,4 +1,4 @@
-#include <cstring>
+#include <cstdio>
 
 #include "tests/ReplayManager/ClientTestFixture.h"
 
@@ -6,7 +6,6 @@ namespace {
 
 using namespace ClientTest;
 using ReplayCore::ReplayState;
-using ReplayTest::CapturedDebug;
 
 class ClientStateTest : public ClientFixture {};
 
@@ -61,17 +60,6 @@ TEST_F(ClientStateTest, EndOfReplaySendsTheClosingTextBeforeTheStateReport) {
     EXPECT_EQ(StatusText(datagrams[0]), "#replay w=all done;");
     EXPECT_EQ(StatusText(datagrams[1]), "#stop");
     EXPECT_TRUE(ChecksumValid(datagrams[1]));
-}
-
-TEST_F(ClientStateTest, StateTextsAtTheLimitAreRefused) {
-    Connect(ReplayCore::eStateRecord);
-    CapturedDebug debug;
-    EXPECT_EQ(ReplayClient::SendClientState(std::string(128, 'a').c_str(), 'e', 128), -1);
-    EXPECT_EQ(debug.Count("Message Length of 196 Exceeds Limit"), 1);
-    EXPECT_GT(ReplayClient::SendClientState(std::string(127, 'a').c_str(), 'e', 128), 0);
-    const std::vector<std::string> datagrams = Received();
-    ASSERT_EQ(datagrams.size(), 1u);
-    EXPECT_EQ(StatusText(datagrams[0]), "#record e=" + std::string(127, 'a') + ";");
 }
 
 TEST_F(ClientStateTest, PingWhileRecordingSendsAnOldBlockInsteadOfAReport) {

@@ -35,15 +35,4 @@ TEST_F(ClientTimersTest, PingsGoOutOnlyInTheServersTimeSlot) {
     }
 }
 
-TEST_F(ClientTimersTest, PingThreadReconnectsAConnectingClient) {
-    Connect(ReplayCore::eStateConnecting);
-    g_replayClient.close();
-    clientPingThread.start();
-    ASSERT_TRUE(ReplayTest::WaitFor(
-        [] { return ReplayClient::GetReplayState() == ReplayCore::eStateStopped; }, 5s));
-    ASSERT_TRUE(m_server.WaitForDatagrams(1, 5s));
-    const std::string first = m_server.Datagrams()[0].bytes;
-    EXPECT_EQ(first.substr(first.find(':'), first.size() - 9 - first.find(':')), ":Tester:");
-}
-
 }  // namespace

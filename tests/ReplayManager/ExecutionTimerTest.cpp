@@ -11,8 +11,6 @@
 namespace {
 
 using ReplayCore::ExecutionTimer;
-using ReplayCore::ExecutionTimerManager;
-using ReplayTest::CapturedDebug;
 
 // Timers read an injected clock set in milliseconds with Now().
 class ExecutionTimerTest : public ReplayTest::TargetRootTest {
@@ -45,34 +43,6 @@ TEST_F(ExecutionTimerTest, SumsIntervalsInMicrosecondsAcrossThe32BitWrap) {
     Now(5000000);
     ExecutionTimer late("late");
     EXPECT_EQ(late.CurrentTime(), 32704u);  // (5000 - 705) s, modulo 2^32 microseconds
-}
-
-TEST_F(ExecutionTimerTest, OnlyATimerRunningAtDestructionPrintsItself) {
-    CapturedDebug debug;
-    { ExecutionTimer idle("idle"); }
-    EXPECT_EQ(debug.Count("DisplayTime"), 0) << debug.Dump();
-    {
-        ExecutionTimer running("running");
-        Now(10250);
-        running.Start();
-        Now(10750);
-    }
-    EXPECT_EQ(debug.Count(CapturedDebug::kMessage,
-                          "Timer running: TotalTime=500000; Calls=1; Average Time: 0.500000"),
-              1)
-        << debug.Dump();
-}
-
-// The manager is process-wide: the test works with whatever timers exist.
-TEST_F(ExecutionTimerTest, FiftyFirstNameSharesTheLastTimer) {
-    ExecutionTimerManager& manager = ExecutionTimerManager::Get();
-    for (int i = 0; manager.GetCount() < ExecutionTimerManager::kMaximumTimers; ++i) {
-        manager.GetTimer("fill-" + std::to_string(i));
-    }
-    ExecutionTimer& extra = manager.GetTimer("one too many");
-    EXPECT_EQ(manager.GetCount(), 50u);
-    EXPECT_EQ(&extra, &manager.GetTimer("yet another"));
-    EXPECT_NE(extra.GetName(), "one too many");  // it keeps the 50th name
 }
 
 }  // namespace

@@ -69,56 +69,6 @@ TEST_F(FileLoggerTest, WritesAreCappedAt5000CallsPerProcess) {
     EXPECT_EQ(text.find("over"), std::string::npos);
 }
 
-// Failures at severities 0 to 2 are announced, those at 3 and 4 only
-// counted; after five counted failures the logger stays silent.
-TEST_F(FileLoggerTest, FailedOpensAreReportedFiveTimesAtMost) {
-    MakeLogUnwritable();
-    CapturedDebug debug;
-    FileLogger::SetLogginglevel(FileLogger::eSeverityDebug);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityDebug, "quiet failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityInfo, "quiet failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityWarning, "loud failure"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "loud failure"), -1);
-    EXPECT_EQ(FileLogger::DumpTextToFile(FileLogger::eSeverityAssert, "\nabcd", "x"), -1);
-    EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "silent"), 0);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(Occurrences(printed, "\nDebugLogger::DumpTextToFile: Failed to open " + Root() +
-                                       "/tmp/ReplayLog.txt at 83.061"),
-              3);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Failed to open "), 3) << debug.Dump();
-}
-
-TEST_F(FileLoggerTest, HexDumpsGoToTheDebugChannelSixteenBytesALine) {
-    CapturedDebug debug("app");
-    unsigned char data[20];
-    for (unsigned int i = 0; i < 20; ++i) {
-        data[i] = static_cast<unsigned char>(0x3c + i);
-    }
-    data[1] = '\n';
-    data[2] = 0x80;
-    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, "title", data, 0, true);
-    FileLogger::DumpHexToFile(FileLogger::eSeverityDebug, "Block", data, 20, true);
-    const std::vector<CapturedDebug::Line> lines = debug.Lines();
-    ASSERT_EQ(lines.size(), 3u) << debug.Dump();
-    EXPECT_EQ(lines[1].text,
-              "app:  3c 0a 80 3f 40 41 42 43 44 45 46 47 48 49 4a 4b     <..?@ABCDEFGHIJK\n");
-    EXPECT_EQ(lines[2].text, "app:  4c 4d 4e 4f" + std::string(36, ' ') + "     LMNO\n");
-
-    const unsigned char bytes[] = {0x0a, 0xff, 0x00, 0x7b};
-    EXPECT_STREQ(FileLogger::ToHex(bytes, 4), "  a ff  0 7b");
-    std::vector<unsigned char> tooMany(129, 1);
-    EXPECT_EQ(FileLogger::ToHex(tooMany.data(), 129), nullptr);
-    EXPECT_NE(LogText().find("len <= maxInputLength at line "), std::string::npos);
-}
-
-TEST(FileLoggerTextTest, FormatDebugTextShowsControlCharacters) {
-    EXPECT_EQ(FileLogger::FormatDebugText("a\r\nb", 10), "a\\nb");
-    EXPECT_EQ(FileLogger::FormatDebugText("a\r\nb", 2), "a\\");
-    EXPECT_EQ(FileLogger::FormatDebugText("\x01\tz\x80\xff~", 10), "__z__~");
-    EXPECT_EQ(FileLogger::FormatDebugText(nullptr, 5), "");
-}
-
 TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
     EXPECT_EQ(ReplayCore::DumpTextToFile("as it stands"), 12);
     EXPECT_EQ(LogText(), "as it stands");

@@ -42,18 +42,6 @@ TEST_F(MemoryBufferTest, GrowsToThePowerOfTwoAboveTheRequestAndDropsContents) {
     EXPECT_TRUE(AllZero(buffer));
 }
 
-TEST_F(MemoryBufferTest, RequestWithinCapacityKeepsStorageAndClearsOnlyOnRequest) {
-    MemoryBuffer buffer("Reuse", 100, 1000);
-    unsigned char* storage = buffer.Get();
-    std::memset(storage, 0x5A, buffer.Capacity());
-    buffer.SetLength(17);
-    EXPECT_EQ(buffer.ExpandBuffer(buffer.Capacity(), false), storage);
-    EXPECT_EQ(storage[buffer.Capacity() - 1], 0x5A);
-    EXPECT_EQ(buffer.ExpandBuffer(10, true), storage);
-    EXPECT_TRUE(AllZero(buffer));
-    EXPECT_EQ(buffer.Length(), 17u);
-}
-
 TEST_F(MemoryBufferTest, RefusedRequestsKeepTheOldStorage) {
     CapturedDebug debug;
     MemoryBuffer atLimit("Limited", 0, 1000);

@@ -3,8 +3,6 @@
 #include <string>
 
 #include "libreplay/ReplayClientC.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayOutputFiler.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {
@@ -14,8 +12,6 @@ using namespace ClientTest;
 int Replayed(void*, unsigned int, unsigned int) {
     return 1;
 }
-
-void Ignore(const char*, va_list) {}
 
 class ReplayClientExportsTest : public ClientFixture {
   protected:
@@ -96,36 +92,6 @@ TEST_F(ReplayClientExportsTest, EntryPointsDriveTheClient) {
         EXPECT_EQ(datagram.find("buffered"), std::string::npos);
     }
     EXPECT_TRUE(immediate);
-
-    CShutDownClient(0);
-    EXPECT_EQ(CGetReplayState(), ReplayCore::eStateShutDown);
-    EXPECT_EQ(CSendClientData("late", 4, 1, kDataTypeAsciiText), 0);
-}
-
-TEST_F(ReplayClientExportsTest, HandlerInitialisationPassesItsArgumentsOn) {
-    // Handlers live for the rest of the process.
-    static ReplayClient::ReplayMessageHandler handler(&Replayed, nullptr);
-    const char init[] = "init";
-    ASSERT_EQ(CInitializeFromHandlerClass("Handled", &handler, kDataTypeAsciiText, 0, init, 4), 1);
-    EXPECT_EQ(g_replayMessageHandler.load(), &handler);
-    EXPECT_EQ(g_clientName, "Handled");
-    bool initialisation = false;
-    for (const std::string& datagram : Received()) {
-        initialisation = initialisation || datagram.find(":!1 0:init") != std::string::npos;
-    }
-    EXPECT_TRUE(initialisation);
-}
-
-TEST_F(ReplayClientExportsTest, OutputLoggingAndFileEntryPoints) {
-    const int buffered = ReplayOutputFiler::Get().BufferedLength();
-    EXPECT_EQ(CWriteReplayOutput("result line\n"), 0);
-    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(), buffered + 12);
-
-    EXPECT_GT(CDumpTextToFile("Header", "some text"), 0);
-    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("Header:some text"), std::string::npos);
-    setLoggingHandlers("ExportApp", &Ignore, nullptr, &Ignore);
-    EXPECT_EQ(g_dbgWarningPtr.load(), nullptr);
-    EXPECT_STREQ(DebugAppName(), "ExportApp");
 }
 
 }  // namespace

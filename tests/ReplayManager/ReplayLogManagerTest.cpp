@@ -216,14 +216,8 @@ TEST_F(ReplayLogManagerTest, StatusRecordWithMessageFlushesAndForgetsClients) {
     EXPECT_FALSE(LogWriterThread::GetErrorStatus().IsError());
 }
 
-TEST_F(ReplayLogManagerTest, RecordsBeforeTheMediumAreDroppedOrBuffered) {
+TEST_F(ReplayLogManagerTest, CalibrationRecordsWaitForTheMedium) {
     ReplayLogManager manager;
-    // Data records wait silently for the medium.
-    EXPECT_FALSE(manager
-                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1000), 2, 5,
-                                           DataRecord("nav", 1000, 5), nullptr, false)
-                     .IsError());
-    EXPECT_EQ(manager.GetBufferCount(), 0u);
     // Calibration records are buffered without opening the log.
     EXPECT_FALSE(manager
                      .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1100), 2, 0,

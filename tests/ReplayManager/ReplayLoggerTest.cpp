@@ -67,31 +67,6 @@ TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
     const ReplayError tooLong = logger.WriteTextToLog(Golden("largest.txt") + "x");
     EXPECT_TRUE(tooLong.IsError());
     EXPECT_EQ(ReadTargetFile(kChannel), expected);
-
-    // A single '!' has no bytes to escape; a payload ending in CR keeps it.
-    char record[ReplayLogger::kMaximumRecordSize];
-    ASSERT_EQ(ReplayLogger::FrameRecord("!", record), 6);
-    EXPECT_EQ(std::string(record, 6), "   1|!");
-    ASSERT_EQ(ReplayLogger::FrameRecord("!\r\r", record), 8);
-    EXPECT_EQ(std::string(record, 8), "   3|!\xd7\r");
-}
-
-TEST_F(ReplayLoggerTest, MissingMediumIsReportedEvery25thAttempt) {
-    ReplayLogger& logger = ReplayLogger::Get();
-    EXPECT_TRUE(logger.WriteTextToLog("!x\n").IsError());
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 1);
-    for (int attempt = 2; attempt <= 25; ++attempt) {
-        EXPECT_FALSE(logger.Connect());
-    }
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 1);
-    EXPECT_FALSE(logger.Connect());  // the 26th
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Logger"), 2);
-
-    // Once the medium and the channel appear the next attempt connects.
-    MakeUsbAndChannelFile();
-    EXPECT_TRUE(logger.Connect());
-    EXPECT_TRUE(logger.IsConnected());
-    EXPECT_STREQ(mi_getLogFileName(), "/fs/usb0/LOGFILE.DAT");
 }
 
 TEST_F(ReplayLoggerTest, MissingChannelIsReportedEvery100thAttemptUpTo1000) {

@@ -40,15 +40,6 @@ TEST_F(ReplayOutputFilerTest, OverlongTextIsRefused) {
     EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(), 0);
 }
 
-TEST_F(ReplayOutputFilerTest, FirstFlushPrefersAWritableNetworkShare) {
-    MakeTargetDirectory("/mnt/net");
-    ReplayOutputFiler& filer = ReplayOutputFiler::Get();
-    filer.Write(std::string(1000, 'n').c_str());
-    EXPECT_EQ(filer.Write(std::string(100, 'm').c_str()), 1000);
-    EXPECT_EQ(ReadTargetFile("/mnt/net/ReplayOutput.txt"), std::string(1000, 'n'));
-    EXPECT_EQ(filer.GetResultsFilePathName(), "/tmp/ReplayOutput.txt");
-}
-
 TEST_F(ReplayOutputFilerTest, UnwritableResultsDirectoryKeepsTheBlock) {
     ReplayRuntimeOptions::Get().SetStringValue(eTemporaryFilesPath, "/missing");
     CapturedDebug debug;

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
 #include <thread>
 
 #include "libreplay/FileLogger.h"
@@ -30,67 +29,7 @@ class ReplayRuntimeOptionsTest : public ReplayTest::TargetRootTest {
     std::string Options(const std::string& content, const std::string& name = "opts.txt") {
         return WriteTargetFile("/work/" + name, content);
     }
-    std::string Log() const { return ReadTargetFile(ReplayCore::FileLogger::kLogFileLocation); }
-
-    // Every key and value of `options` equals that of `expected`.
-    static void ExpectSameTable(const ReplayRuntimeOptions& options,
-                                const ReplayRuntimeOptions& expected) {
-        for (int index = 0; index < eOptionsCount; ++index) {
-            const ReplayOptionsEnum ro = static_cast<ReplayOptionsEnum>(index);
-            EXPECT_EQ(options.GetKey(ro), expected.GetKey(ro)) << index;
-            EXPECT_EQ(options.GetStringValue(ro), expected.GetStringValue(ro)) << index;
-        }
-    }
 };
-
-TEST_F(ReplayRuntimeOptionsTest, WithoutAnyFileTheTableHoldsTheDefaults) {
-    testing::internal::CaptureStdout();
-    ReplayRuntimeOptions options(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Config File Path ReplayConfig.txt Not Found\n");
-    EXPECT_EQ(options.GetStringValue(eServerIP), "127.0.0.1");
-    EXPECT_EQ(options.GetIntegerValue(eReconnectInterval), 150);
-    EXPECT_EQ(options.GetIntegerValue(eExternalConnectWait), 20);
-    EXPECT_EQ(options.GetIntegerValue(eNetworkingLatency), 100);
-    EXPECT_EQ(options.GetStringValue(eTemporaryFilesPath), "/tmp");
-    EXPECT_NE(Log().find("Config File Path ReplayConfig.txt Not Found"), std::string::npos);
-    // The on/off decision did not run: no marker file exists, yet the flag is set.
-    EXPECT_TRUE(options.GetBooleanValue(eReplayEnabled));
-
-    // Same in a working directory that has been removed.
-    const std::string doomed = MakeTargetDirectory("/doomed");
-    ASSERT_EQ(chdir(doomed.c_str()), 0);
-    std::filesystem::remove(doomed);
-    testing::internal::CaptureStdout();
-    ReplayRuntimeOptions orphan(nullptr);
-    testing::internal::GetCapturedStdout();
-    ExpectSameTable(orphan, options);
-}
-
-TEST_F(ReplayRuntimeOptionsTest, OptionsFileIsFoundInTheSupportDirectory) {
-    const std::string path =
-        WriteTargetFile("/fs/mmc0/app/share/replay/ReplayConfig.txt", "serverIP:10.1.1.1;\n");
-    testing::internal::CaptureStdout();
-    ReplayRuntimeOptions options(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Options file located at " + path + "\n");
-    EXPECT_EQ(options.GetStringValue(eServerIP), "10.1.1.1");
-    EXPECT_EQ(options.GetStringValue(eSupportFilePath), Root() + "/fs/mmc0/app/share/replay");
-}
-
-TEST_F(ReplayRuntimeOptionsTest, LinesWithoutKeywordAndValueChangeNothing) {
-    ReplayRuntimeOptions options(Options("").c_str());
-    const ReplayRuntimeOptions before(Options("").c_str());
-    EXPECT_FALSE(options.OpenOptionsFile(Options("// comment serverIP:1.1.1.1;\n"
-                                                 "/serverIP:1.1.1.1;\n\n"
-                                                 "serverIP 1.1.1.1;\n"
-                                                 "serverIP:1.1.1.1\n"
-                                                 "hostIP:no semicolon\r\n"
-                                                 "serverIP:127.0.0.1;\n")  // the default
-                                             .c_str()));
-    EXPECT_TRUE(options.IsFileOpened());
-    ExpectSameTable(options, before);
-    EXPECT_EQ(Log().find("Replay Disabled"), std::string::npos);  // switch not re-evaluated
-}
 
 TEST_F(ReplayRuntimeOptionsTest, KeywordsAreExactAndValuesKeepEveryCharacter) {
     ReplayRuntimeOptions options(Options("").c_str());
@@ -113,28 +52,6 @@ TEST_F(ReplayRuntimeOptionsTest, KeywordsAreExactAndValuesKeepEveryCharacter) {
     EXPECT_TRUE(options.OpenOptionsFile(Options("hostIP:h2;\n", "second.txt").c_str()));
     EXPECT_EQ(options.GetStringValue(eServerIP), " 10.0.0.2 ");
     EXPECT_EQ(options.GetStringValue(eHostIP), "h2");
-}
-
-TEST_F(ReplayRuntimeOptionsTest, TypedGettersAndOutOfRangeIndices) {
-    ReplayRuntimeOptions options(Options("").c_str());
-    for (const char* value : {"true", "1", "01"}) {
-        options.SetStringValue(eValidateResults, value);
-        EXPECT_TRUE(options.GetBooleanValue(eValidateResults)) << value;
-    }
-    for (const char* value : {"TRUE", "2", "yes", "true ", ""}) {
-        options.SetStringValue(eValidateResults, value);
-        EXPECT_FALSE(options.GetBooleanValue(eValidateResults)) << value;
-    }
-    options.SetStringValue(eReconnectInterval, "250ms");
-    EXPECT_EQ(options.GetIntegerValue(eReconnectInterval), 250);
-    EXPECT_TRUE(options.SetIntegerValue(eReconnectInterval, 1234567890));
-    EXPECT_EQ(options.GetStringValue(eReconnectInterval), "123456789");
-
-    // Out-of-range indices are recorded as assertions and answered neutrally.
-    EXPECT_EQ(options.GetIntegerValue(eOptionsCount), -1);
-    EXPECT_FALSE(options.GetBooleanValue(static_cast<ReplayOptionsEnum>(-1)));
-    EXPECT_FALSE(options.SetStringValue(eOptionsCount, "x"));
-    EXPECT_NE(Log().find("eOptionsCount > ro at line"), std::string::npos);
 }
 
 TEST_F(ReplayRuntimeOptionsTest, ReplayIsEnabledByEnvironmentOrMarkerFile) {
@@ -174,33 +91,6 @@ TEST_F(ReplayRuntimeOptionsTest, MissingDirectoriesFallBackToTheTemporaryPath) {
     MakeTargetDirectory("/mnt/net");
     EXPECT_EQ(kept.GetResultsFilePath(true), "/mnt/net");
     EXPECT_TRUE(std::filesystem::exists(Root() + "/mnt/net/junk.txt"));
-    // A reload does not repeat the checks.
-    EXPECT_TRUE(kept.OpenOptionsFile(missing.c_str()));
-    EXPECT_EQ(kept.GetStringValue(eTemporaryFilesPath), "/no/dir");
-}
-
-TEST_F(ReplayRuntimeOptionsTest, BadFilesAndPathsNeverBreakTheTable) {
-    ReplayRuntimeOptions options(Options("").c_str());
-    CapturedDebug debug;
-    std::mt19937 random(7);
-    std::string binary(64 * 1024, '\0');
-    for (char& c : binary) {
-        c = static_cast<char>(random());
-    }
-    options.OpenOptionsFile(Options(binary, "binary.bin").c_str());
-    const std::string longLine(100000, 'k');
-    EXPECT_FALSE(options.OpenOptionsFile(Options(longLine, "long1.txt").c_str()));
-    options.OpenOptionsFile(Options(longLine + ":v;\n", "long2.txt").c_str());
-    EXPECT_TRUE(options.OpenOptionsFile(Options("hostIP:" + longLine + ";\n", "l3").c_str()));
-    EXPECT_EQ(options.GetStringValue(eHostIP).size(), longLine.size());
-
-    // A directory, a missing file, an empty name, no name at all.
-    EXPECT_FALSE(options.OpenOptionsFile((Root() + "/fs").c_str()));
-    EXPECT_FALSE(options.OpenOptionsFile((Root() + "/absent.txt").c_str()));
-    EXPECT_FALSE(options.IsFileOpened());
-    EXPECT_FALSE(options.OpenOptionsFile(""));
-    EXPECT_FALSE(options.OpenOptionsFile(nullptr));
-    EXPECT_EQ(options.GetStringValue(eServerIP), "127.0.0.1");
 }
 
 TEST_F(ReplayRuntimeOptionsTest, ReadsStayWholeWhileAnotherThreadReloads) {

@@ -12,7 +12,6 @@ namespace {
 
 using ReplayCore::MSTime;
 using TimeValue = ReplayCore::MSTime::MSTimeStruct;
-using ReplayTest::CapturedDebug;
 
 // Runs each test on an injected clock (set with Now()) and a private target
 // root that receives the assertion records.
@@ -59,13 +58,6 @@ TEST_F(ReplayTimeTest, SlotsRoundToTheNearestTenth) {
         << LogText();
 }
 
-TEST(MSTimeTextTest, ToStringPadsMilliseconds) {
-    EXPECT_EQ(TimeValue(0, 83061).ToString(), "83.061");
-    EXPECT_EQ(TimeValue(0, 5).ToString(), "0.005");
-    EXPECT_EQ(TimeValue(0, -1500).ToString(), "-1.500");
-    EXPECT_EQ(TimeValue(99, 7000).ToString(), "7.000");  // seconds field is not shown
-}
-
 TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
     struct Case {
         const char* text;
@@ -84,7 +76,7 @@ TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
     }
 }
 
-TEST_F(ReplayTimeTest, ClockWrapsEvery365DaysAndAFailingClockReadsZero) {
+TEST_F(ReplayTimeTest, ClockWrapsEvery365Days) {
     Now(31536000LL * 1000 + 1234);
     EXPECT_EQ(MSTime::CurrentTimeMS().m_timeMilliseconds, 1234);
     Now(31536000LL * 1000 - 1);
@@ -96,38 +88,6 @@ TEST_F(ReplayTimeTest, ClockWrapsEvery365DaysAndAFailingClockReadsZero) {
     EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
     EXPECT_NE(LogText().find("currentTime.m_timeMilliseconds > 0 at line 283 of "
                              "ReplayManager/ReplayCore"),
-              std::string::npos)
-        << LogText();
-
-    CapturedDebug debug;
-    Now(-1);
-    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Returned by clock_gettime"), 1);
-}
-
-TEST_F(ReplayTimeTest, ExecutionTimeRunsFromTheStartTime) {
-    MSTime clock;
-    Now(50000);
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 50000);  // plain clock before a start
-
-    clock.SetStartTime(TimeValue(7, 7250));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 7250);
-    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, 42750);
-
-    Now(51234);
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 8484);
-
-    // A start in the future runs backwards from now: a negative offset.
-    clock.SetStartTime(TimeValue(0, 90000));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 90000);
-    EXPECT_EQ(clock.GetOffsetTime().m_timeMilliseconds, -38766);
-
-    EXPECT_EQ(LogText().find(" at line "), std::string::npos) << LogText();
-
-    // An execution time not after zero is recorded.
-    clock.SetStartTime(TimeValue(0, 0));
-    EXPECT_EQ(clock.ExecutionTimeMS().m_timeMilliseconds, 0);
-    EXPECT_NE(LogText().find("adjustedTime > 0 at line 344 of ReplayManager/ReplayCore"),
               std::string::npos)
         << LogText();
 }

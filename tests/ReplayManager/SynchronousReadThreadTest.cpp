@@ -1,8 +1,4 @@
-#include <cstring>
-
-#include "libreplay/ReplayOutputFiler.h"
 #include "libreplay/ReplayRuntimeOptions.h"
-#include "libreplay/multicore.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {
@@ -38,20 +34,6 @@ TEST_F(SynchronousReadThreadTest, CommandSetsStateSlotAndClockInKeyOrder) {
     ASSERT_NE(slot, std::string::npos) << lines;
     ASSERT_NE(clock, std::string::npos) << lines;
     EXPECT_LT(slot, clock);
-    // "OFFSET -200250 \n" and the current time wait in the output block.
-    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(),
-              static_cast<int>(std::strlen("OFFSET -200250 \n") +
-                               std::strlen("CURRENT TIME: 300.000 \n")));
-}
-
-TEST_F(SynchronousReadThreadTest, DebugLevelAboveThreeIsRefused) {
-    Connect(ReplayCore::eStateStopped);
-    CapturedDebug debug;
-    Handle("#stop D=3;");
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
-    Handle("#stop D=4;");
-    EXPECT_EQ(mi_getDebugLevel('q'), 3);
-    EXPECT_EQ(debug.Count(CapturedDebug::kError, "Invalid Debug Level 4"), 1);
 }
 
 TEST_F(SynchronousReadThreadTest, LateServerTimeIsAssertedAndGivesANegativeLatency) {
@@ -73,38 +55,6 @@ TEST_F(SynchronousReadThreadTest, ConfigurationKeyReloadsOptionsAndLoggingLevel)
     EXPECT_EQ(g_LoggingLevel.load(), 6u);
     EXPECT_EQ(ReplayRuntimeOptions::Get().GetIntegerValue(eReconnectInterval), 900);
     EXPECT_EQ(g_UDPSendBuffer.GetTimeSlot(), 7u);
-}
-
-TEST_F(SynchronousReadThreadTest, OtherDatagramsNeitherChangeStateNorReachReplay) {
-    Connect(ReplayCore::eStateRecord);
-    Handle("\"100.000:Tester:!1 5:data       0\n");
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
-    Handle("#nonsense");
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
-    // A zero-length datagram means the connection is gone.
-    clientReadThread.udpClientMessageHandler(reinterpret_cast<const unsigned char*>(""), 0);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateConnecting);
-    // Any datagram marks the client connected again.
-    Handle("#");
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
-}
-
-TEST_F(SynchronousReadThreadTest, ThreadFollowsServerCommandsAndEndsOnQuit) {
-    ReplayCore::SetClockSourceForTesting(nullptr);
-    Connect(ReplayCore::eStateStopped);
-    clientReadThread.start();
-    ASSERT_GT(ReplayClient::SendClientMessage(nullptr, 0), 0);
-    ASSERT_TRUE(m_server.WaitForDatagrams(1, 5s));
-    const ReplayTest::Datagram hello = m_server.Datagrams()[0];
-
-    ASSERT_TRUE(m_server.Reply(hello, "#record s=9;"));
-    EXPECT_TRUE(ReplayTest::WaitFor(
-        [] { return ReplayClient::GetReplayState() == ReplayCore::eStateRecord; }, 5s));
-    EXPECT_TRUE(ReplayTest::WaitFor([] { return g_UDPSendBuffer.GetTimeSlot() == 9u; }, 5s));
-
-    ASSERT_TRUE(m_server.Reply(hello, "#quit"));
-    EXPECT_TRUE(ReplayTest::WaitFor([] { return !clientReadThread.isRunning(); }, 5s));
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateShutDown);
 }
 
 }  // namespace

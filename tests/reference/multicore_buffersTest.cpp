@@ -54,33 +54,6 @@ TEST_F(MulticoreBuffersTest, QuietProcessWritesWithTheNextLineAfterTheWaitOrOnFl
     EXPECT_EQ(Records().size(), 3u);
     mi_flushBuffer();
     EXPECT_EQ(Records().size(), 4u);
-
-    EXPECT_EQ(mi_setBufferConfig(0, 100000), 5000);  // the wait is clipped to 5000 ms
-    MulticoreTest::FakeNow() += 5000;
-    mi_multicoreLog('a', 0, "fifth");
-    MulticoreTest::FakeNow() += 1;
-    mi_multicoreLog('a', 0, "sixth");
-    EXPECT_EQ(Records().size(), 6u);
-}
-
-TEST_F(MulticoreBuffersTest, LinesWithoutPauseAreWrittenWhenThePoolRunsDry) {
-    // Queued lines keep their buffers until their batch is written, so a
-    // process that never pauses writes a batch each time the pool of 100 is
-    // used up: at the 101st and the 201st line.
-    mi_flushBuffer();  // the batch clock starts now
-    for (int line = 0; line < 100; ++line) {
-        ASSERT_EQ(mi_multicoreLog('a', 0, "line %d", line), 1);
-    }
-    EXPECT_EQ(Device(), "");
-    for (int line = 100; line < 201; ++line) {
-        ASSERT_EQ(mi_multicoreLog('a', 0, "line %d", line), 1);
-    }
-    EXPECT_EQ(Records().size(), 200u);
-    EXPECT_EQ(miInternal_getOutputCounters().writeCount, 2u);
-    const std::vector<std::string> texts = FlushedTexts();
-    ASSERT_EQ(texts.size(), 201u);
-    EXPECT_EQ(texts[0], "line 0\n");
-    EXPECT_EQ(texts[200], "line 200\n");
 }
 
 TEST_F(MulticoreBuffersTest, MissingDeviceDropsEachBatchReportsOnceAndFreesBuffers) {
@@ -98,22 +71,6 @@ TEST_F(MulticoreBuffersTest, MissingDeviceDropsEachBatchReportsOnceAndFreesBuffe
     EXPECT_EQ(m_systemLog.Count("MultiConsole write open"), 1);
     EXPECT_EQ(miInternal_getOutputCounters().openErrors, 3u);
     EXPECT_EQ(miInternal_getOutputCounters().writeIgnoredCount, 3u);
-
-    // A successful open re-arms the report; the device root can be moved.
-    WriteTargetFile(kDevice, "");
-    mi_multicoreLog('a', 0, "arrives");
-    mi_flushBuffer();
-    mi_setLogFileName("missing");
-    mi_multicoreLog('a', 0, "lost");
-    mi_flushBuffer();
-    EXPECT_EQ(Records().size(), 1u);
-    EXPECT_EQ(m_systemLog.Count("MultiConsole write open missing/navi/multi error 2"), 1);
-    // Too long: the batch is dropped. The interface keeps the caller's text.
-    const std::string tooLong(53, 'r');
-    mi_setLogFileName(tooLong.c_str());
-    mi_multicoreLog('a', 0, "dropped");
-    mi_flushBuffer();
-    EXPECT_EQ(miInternal_getOutputCounters().writeIgnoredCount, 5u);
 }
 
 TEST_F(MulticoreBuffersTest, FifoWithoutReaderFailsAtOnceAndWorksWithOne) {
@@ -145,29 +102,6 @@ TEST_F(MulticoreBuffersTest, FifoWithoutReaderFailsAtOnceAndWorksWithOne) {
     EXPECT_EQ(m_systemLog.Count("error 6"), 2);
 }
 
-TEST_F(MulticoreBuffersTest, PoolExhaustionReturnsNullAndWarnsOncePerRun) {
-    std::vector<char*> taken;
-    for (int buffer = 0; buffer < MI_CPP_SUPPORT_MAX_BUFFERS; ++buffer) {
-        taken.push_back(mi_getMulticoreBuffer());
-        ASSERT_NE(taken.back(), nullptr);
-    }
-    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
-    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
-    EXPECT_EQ(m_systemLog.Count("mi_getMulticoreBuffer : no free buffers"), 1);
-    EXPECT_EQ(mi_multicoreLog('a', 0, "no room"), 0);
-    EXPECT_EQ(mi_getLostPrintfErrorCount(), 1u);
-
-    // A success ends the run of failures; the next failure warns again.
-    mi_multicoreLogBuffer('a', 0, taken.back());
-    taken.back() = mi_getMulticoreBuffer();
-    ASSERT_NE(taken.back(), nullptr);
-    EXPECT_EQ(mi_getMulticoreBuffer(), nullptr);
-    EXPECT_EQ(m_systemLog.Count("mi_getMulticoreBuffer : no free buffers"), 2);
-    for (char* buffer : taken) {
-        mi_multicoreLogBuffer('a', 0, buffer);
-    }
-}
-
 TEST_F(MulticoreBuffersTest, BadHandBacksAreRejectedOrRepaired) {
     mi_flushBuffer();  // keep the lines queued until the end
     char foreign[MI_MULTICORE_BUFFER_SIZE];
@@ -186,19 +120,6 @@ TEST_F(MulticoreBuffersTest, BadHandBacksAreRejectedOrRepaired) {
     mi_flushBuffer();
     ASSERT_EQ(Records().size(), 1u);
     EXPECT_EQ(Records()[0].text, std::string(MI_MULTICORE_BUFFER_SIZE, 'o'));
-}
-
-TEST_F(MulticoreBuffersTest, InvalidConsolesArriveOnZButAreCountedUnderTheirOwnCode) {
-    EXPECT_TRUE(mi_isValidConsole(' ') && mi_isValidConsole(223));
-    EXPECT_FALSE(mi_isValidConsole(31) || mi_isValidConsole(224) || mi_isValidConsole('L'));
-    EXPECT_EQ(mi_multicoreLog('D', 0, "debug"), 1);
-    miInternal_cppStats();
-    const std::vector<std::string> texts = FlushedTexts();
-    ASSERT_GE(texts.size(), 2u);
-    EXPECT_EQ(Records()[0].console, 'z');
-    EXPECT_EQ(texts[0], "debug\n");
-    EXPECT_NE(std::find(texts.begin(), texts.end(), "Console D ( 68) :      1 sent      6 bytes\n"),
-              texts.end());
 }
 
 TEST_F(MulticoreBuffersTest, PrefixFlagsGiveBootTimeProcessNameAndThread) {

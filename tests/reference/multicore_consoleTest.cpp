@@ -1,7 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <string>
 #include <thread>
 #include <vector>
@@ -77,29 +73,6 @@ TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
 
     EXPECT_EQ(Run("nosuch"), "ERROR : No acline command found");
     EXPECT_EQ(Run(nullptr), "ERROR : No acline command found");  // nothing to repeat now
-
-    mi_aclineSetFunction("rec", nullptr, nullptr);
-    EXPECT_EQ(Run("rec 2"), "ERROR : No acline command found");
-    // A removed command comes back under its old entry.
-    EXPECT_EQ(mi_aclineSetFunction("rec", &OtherCommand, nullptr), 1);
-    EXPECT_EQ(Run("rec"), "second");
-}
-
-TEST_F(MulticoreConsoleTest, RegistrationLimits) {
-    const std::string fifteen(15, 'n');
-    const std::string sixteen(16, 'n');
-    EXPECT_EQ(mi_aclineSetFunction(sixteen.c_str(), &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction(fifteen.c_str(), &RecordingCommand, nullptr), 1);
-    EXPECT_EQ(mi_aclineSetFunction(nullptr, &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction(fifteen.c_str(), &OtherCommand, nullptr), 1);
-    for (int entry = 1; entry < 100; ++entry) {
-        const std::string name = "cmd" + std::to_string(entry);
-        ASSERT_EQ(mi_aclineSetFunction(name.c_str(), &RecordingCommand, nullptr), 1);
-    }
-    EXPECT_EQ(mi_aclineSetFunction("cmd100", &RecordingCommand, nullptr), 0);
-    EXPECT_EQ(mi_aclineSetFunction("cmd99", &OtherCommand, nullptr), 1);  // replacing still works
-
-    EXPECT_STREQ(miInternal_aclineMain("cmd99", 0), "second");
 }
 
 TEST_F(MulticoreConsoleTest, BuiltInCommandsSetLevelsFlushAndHelp) {
@@ -124,67 +97,6 @@ TEST_F(MulticoreConsoleTest, BuiltInCommandsSetLevelsFlushAndHelp) {
     ASSERT_GE(records.size(), 2u);
     EXPECT_EQ(records[records.size() - 2].text, "queued\n");
     EXPECT_EQ(records.back().text, "Flush output buffer\n");
-
-    // Help names one command for a prefix match and all of them otherwise.
-    mi_aclineSetFunction("nohelp", &RecordingCommand, nullptr);
-    const std::vector<std::string> all = Printed("help");
-    ASSERT_EQ(all.size(), 11u);
-    EXPECT_EQ(all.back(), "acline cmd 'nohelp' : No debug text\n");
-    EXPECT_EQ(Printed("help   setdbglvl x,1"),
-              std::vector<std::string>{
-                  "acline cmd 'setdbglvl x,1' : set console specific debug level\n"});
-    EXPECT_EQ(Printed("HELP config"), all);  // exactly a command name: everything
-}
-
-TEST_F(MulticoreConsoleTest, InputConsolesMapToDevicePathsAndBelongToTheirOpener) {
-    WriteTargetFile("/kfsystem/multicore/navi/S", "from S");
-    WriteTargetFile("/kfsystem/multicore/ioc1/0", "from U");
-    WriteTargetFile("/kfsystem/multicore/navi/a", "from a");
-    char buffer[32] = {};
-    EXPECT_EQ(mi_readConsole('S', buffer, sizeof buffer), 6);
-    EXPECT_EQ(std::string(buffer, 6), "from S");
-    EXPECT_EQ(mi_readConsole('U', buffer, sizeof buffer), 6);
-    EXPECT_EQ(std::string(buffer, 6), "from U");
-    EXPECT_EQ(mi_readConsole('a', buffer, sizeof buffer), 6);
-    EXPECT_EQ(mi_readConsole('a', buffer, sizeof buffer), 0);  // end of file
-    EXPECT_EQ(mi_readConsole('a', nullptr, 4), -1);
-    EXPECT_EQ(mi_readConsole('a', buffer, 0), -1);
-
-    EXPECT_EQ(mi_getConsoleFD(5), -1);                          // not printable
-    EXPECT_EQ(mi_readConsole('b', buffer, sizeof buffer), -1);  // missing: reported once
-    EXPECT_EQ(mi_readConsole('c', buffer, sizeof buffer), -1);
-    EXPECT_EQ(m_systemLog.Count("MultiConsole read open"), 1);
-
-    int foreignRead = 0;
-    std::thread([&] { foreignRead = mi_readConsole('S', buffer, sizeof buffer); }).join();
-    EXPECT_EQ(foreignRead, -1);
-
-    EXPECT_EQ(mi_closeConsole('S'), 0);
-    EXPECT_EQ(mi_closeConsole('S'), -1);
-    // Another thread may now open it and becomes its owner.
-    int ownRead = -1;
-    std::thread([&] { ownRead = mi_readConsole('S', buffer, sizeof buffer); }).join();
-    EXPECT_EQ(ownRead, 6);
-    EXPECT_EQ(mi_readConsole('S', buffer, sizeof buffer), -1);
-
-    miInternal_closeConsoleFD(mi_getConsoleFD('U'));
-    EXPECT_EQ(mi_closeConsole('U'), -1);
-}
-
-TEST_F(MulticoreConsoleTest, InputCommandReadsAFifoWithoutBlocking) {
-    const std::string fifo = MakeTargetDirectory("/kfsystem/multicore/custom") + "/0";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    miInternal_setInternalACLineFuntions();
-    const int writer = open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(writer, 0);
-    ASSERT_EQ(write(writer, "hello", 5), 5);
-    EXPECT_EQ(Printed("input   Y"),
-              std::vector<std::string>{"input from console Y, read 5 of 1024\n"});
-    // Nothing waiting: the read would block, and gives 0.
-    EXPECT_EQ(Printed("input Y"),
-              std::vector<std::string>{"input from console Y, read 0 of 1024\n"});
-    close(writer);
-    EXPECT_TRUE(Printed("input").empty());
 }
 
 TEST_F(MulticoreConsoleTest, CommandsCanChangeWhileAnotherThreadDispatches) {

@@ -12,16 +12,6 @@
 
 namespace ReplayTest {
 
-std::string Datagram::SenderAddress() const {
-    char text[INET_ADDRSTRLEN] = {0};
-    inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
-    return text;
-}
-
-uint16_t Datagram::SenderPort() const {
-    return ntohs(sender.sin_port);
-}
-
 FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
     std::random_device seed;
     std::mt19937 random(seed());

@@ -23,9 +23,6 @@ struct Datagram {
     std::string bytes;
     std::chrono::steady_clock::time_point arrival;
     sockaddr_in sender{};
-
-    std::string SenderAddress() const;
-    uint16_t SenderPort() const;
 };
 
 class FakeServer {

@@ -80,41 +80,6 @@ TEST(SoakAnalysisTest, HeldBackItemsFitOneBlockOfOneType) {
     ClientResult result = AnalyseClient(sent, Stored(sent, Range(0, 3)), {}, limits);
     EXPECT_EQ(result.unflushed, 3u);
     EXPECT_EQ(result.late + result.lost, 3u);
-
-    // More than a block's bytes cannot all be the last block.
-    sent.clear();
-    for (int i = 0; i < 60; ++i) {
-        sent.push_back({1000 + i, kDataTypeAsciiText, std::to_string(i) + std::string(60, 'x')});
-    }
-    result = AnalyseClient(sent, Stored(sent, Range(0, 10)), {}, limits);
-    EXPECT_GT(result.unflushed, 20u);
-    EXPECT_LT(result.unflushed, 50u);
-    EXPECT_EQ(result.unflushed + result.lost + result.late, 50u);
-
-    // Nor can items older than a block gets before the ping sends it.
-    limits.spanMs = 1000;
-    sent = Positions(30);
-    result = AnalyseClient(sent, Stored(sent, Range(0, 5)), {}, limits);
-    EXPECT_EQ(result.unflushed, 11u);  // 2900 ms .. 3900 ms
-}
-
-TEST(SoakAnalysisTest, AClientWithNothingStoredHasItsOldBlocksCountedLate) {
-    // Ten seconds of positions: the last five fit the held-back block.
-    const std::vector<SentItem> sent = Positions(100);
-    const ClientResult result = AnalyseClient(sent, {}, {}, LossLimits());
-    EXPECT_EQ(result.logged, 0u);
-    EXPECT_EQ(result.unflushed, 51u);
-    EXPECT_EQ(result.late, 49u);
-    EXPECT_EQ(result.lost, 0u);
-}
-
-TEST(SoakAnalysisTest, StoredItemsNeverSentOrStoredTwiceAreExtra) {
-    const std::vector<SentItem> sent = Positions(5);
-    std::vector<LoggedItem> stored = Stored(sent, {0, 1, 2, 3, 4, 2});
-    stored.push_back({2000, "stranger"});
-    const ClientResult result = AnalyseClient(sent, stored, {}, LossLimits());
-    EXPECT_EQ(result.logged, 5u);
-    EXPECT_EQ(result.unexpected, 2u);
 }
 
 TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
@@ -135,57 +100,6 @@ TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
     EXPECT_DOUBLE_EQ(timing.mean, 7.0 / 4);
 }
 
-class SoakFilesTest : public ReplayTest::TargetRootTest {};
-
-TEST_F(SoakFilesTest, JournalsAndReplayListsSkipDamagedLines) {
-    ReplayTest::WriteFile("client.journal",
-                          "1000 2 504f5320310a\n"
-                          "1020 5 de0a00ff\n"
-                          "garbage\n"
-                          "1040 5 abc\n"  // odd number of digits
-                          "1060 5 zz\n");
-    const std::vector<SentItem> sent = ReplaySoak::ReadJournal("client.journal");
-    ASSERT_EQ(sent.size(), 2u);
-    EXPECT_EQ(sent[0].bytes, "POS 1\n");
-    EXPECT_EQ(sent[1].dataType, kDataTypeBinary);
-    EXPECT_EQ(sent[1].bytes, std::string("\xde\n\0\xff", 4));
-
-    ReplayTest::WriteFile("client.replayed", "77 4142\n78\n");
-    const std::vector<ReplayedItem> replayed = ReplaySoak::ReadReplayed("client.replayed");
-    ASSERT_EQ(replayed.size(), 1u);
-    EXPECT_EQ(replayed[0].momentMs, 77);
-    EXPECT_EQ(replayed[0].bytes, "AB");
-
-    EXPECT_TRUE(ReplaySoak::ReadJournal("missing.journal").empty());
-}
-
-TEST_F(SoakFilesTest, LogItemsAreDecodedPerClient) {
-    ReplaySoak::LogContents log =
-        ReplaySoak::ReadLog(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat", "line one");
-    ASSERT_TRUE(log.opened);
-    EXPECT_EQ(log.checksumFailures + log.unparsable, 0u);
-    ASSERT_EQ(log.items["gps"].size(), 3u);
-    EXPECT_EQ(log.items["gps"][2].bytes, "lat=48.3 lon=11.7");
-    EXPECT_EQ(log.items["gps"][2].timeMs, 100350);
-    ASSERT_EQ(log.items["can"].size(), 3u);
-    EXPECT_EQ(log.items["can"][0].bytes, "\x01\x02\x03\xff");
-    EXPECT_EQ(log.items["can"][1].bytes, std::string("\0\x10", 2));
-    EXPECT_EQ(log.items["can"][2].bytes, "hello");
-    // The item with the initialisation prefix and the status record are not data.
-    EXPECT_TRUE(log.items["ui"].empty());
-
-    // A damaged copy: one record's checksum no longer matches.
-    std::string damaged =
-        ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/logs/clean.dat");
-    damaged[damaged.find("lat=48.1") + 4] = '9';
-    ReplayTest::WriteFile("damaged.dat", damaged);
-    log = ReplaySoak::ReadLog("damaged.dat", "INIT:");
-    EXPECT_EQ(log.checksumFailures, 1u);
-    EXPECT_EQ(log.items["gps"].size(), 2u);
-
-    EXPECT_FALSE(ReplaySoak::ReadLog("absent.dat", "INIT:").opened);
-}
-
 TEST(SoakMemoryTest, GrowthLeavesOutTheWarmUpAndShowsTheSlope) {
     // Ten minutes sampled every 30 s: start-up allocation in the first
     // minute, then a leak of 50 KB a minute.
@@ -201,11 +115,6 @@ TEST(SoakMemoryTest, GrowthLeavesOutTheWarmUpAndShowsTheSlope) {
     EXPECT_EQ(growth.middleKb, 5275);
     EXPECT_EQ(growth.growthKb, 450);
     EXPECT_NEAR(growth.slopeKbPerMinute, 50, 0.01);
-
-    // A steady process, and too few samples for a slope.
-    const ReplaySoak::MemoryGrowth flat = ReplaySoak::MeasureGrowth({{0, 10}, {2, 4000}}, 2);
-    EXPECT_EQ(flat.growthKb, 0);
-    EXPECT_EQ(flat.slopeKbPerMinute, 0);
 }
 
 }  // namespace
