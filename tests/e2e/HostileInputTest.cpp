@@ -197,6 +197,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         return;
     }
     ASSERT_EQ(Send("record 20").status, 0);
+    const auto recordingStarted = std::chrono::steady_clock::now();
 
     HostileMix mix(kSeed);
     const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
@@ -238,6 +239,9 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
             10s, 50ms);
     }
     EXPECT_EQ(sent, kServerDatagrams);
+    // However fast the flood went, the real clients record for at least
+    // three seconds (30 positions each) before the stop.
+    std::this_thread::sleep_until(recordingStarted + std::chrono::seconds(3));
     ASSERT_EQ(Send("stop").status, 0);
     EXPECT_EQ(Send("wait").status, 0);
 
