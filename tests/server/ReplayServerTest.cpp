@@ -123,6 +123,8 @@ TEST_F(ReplayServerTest, SilentClientGivesItsEntryToANewcomerWhenTheTableIsFull)
     UdpClient silent(m_ip);
     Send(silent, StatusRecord("fake", 1000, ""));
     EXPECT_EQ(silent.Receive(), "#stop s=0;");
+    // The reply goes out before the entry is added.
+    ASSERT_TRUE(WaitFor([&] { return TableSize() == 1; }, kDeadline));
 
     clock.Advance(60000);
     m_server->GetClientDataList().UpdateClientStatus(true);
