@@ -69,34 +69,45 @@ const std::string& FramedRecord() {
     return framed;
 }
 
+struct Production {
+    uint64_t lost = 0;
+    // The most records written back to back to catch up after the writer
+    // itself was held up: a catch-up larger than the FIFO holds loses
+    // records however fast the reader is.
+    uint64_t longestCatchUp = 0;
+};
+
 // Writes `count` records, one write each. With `rate` 0 it waits for room;
 // otherwise it keeps `rate` records a second and counts the records that
-// found the FIFO full. Returns that count.
-uint64_t Produce(int fd, size_t count, double rate) {
+// found the FIFO full.
+Production Produce(int fd, size_t count, double rate) {
     const std::string& record = FramedRecord();
     const auto start = Clock::now();
-    uint64_t lost = 0;
+    Production result;
+    uint64_t catchUp = 0;
     for (size_t sent = 0; sent < count;) {
         if (rate > 0) {
             const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
             const size_t due = std::min(count, static_cast<size_t>(elapsed * rate) + 1);
             if (sent >= due) {
+                catchUp = 0;
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
                 continue;
             }
+            result.longestCatchUp = std::max(result.longestCatchUp, ++catchUp);
         }
         const ssize_t written = write(fd, record.data(), record.size());
         if (written == static_cast<ssize_t>(record.size())) {
             ++sent;
         } else if (rate > 0) {
-            ++lost;
+            ++result.lost;
             ++sent;
         } else {
             pollfd room{fd, POLLOUT, 0};
             (void)poll(&room, 1, 100);
         }
     }
-    return lost;
+    return result;
 }
 
 bool WaitUntil(const std::function<bool()>& done) {
@@ -124,11 +135,17 @@ int LargestPipe(int fd) {
     return fcntl(fd, F_GETPIPE_SZ);
 }
 
-void ReportRun(benchmark::State& state, uint64_t sent, uint64_t lost, int pipeBytes) {
-    state.SetItemsProcessed(static_cast<int64_t>(sent - lost));
-    state.SetBytesProcessed(static_cast<int64_t>((sent - lost) * FramedRecord().size()));
-    state.counters["lost"] = static_cast<double>(lost);
-    state.counters["pipe_kb"] = pipeBytes / 1024.0;
+void ReportRun(benchmark::State& state, uint64_t sent, const Production& total, int pipeBytes) {
+    state.SetItemsProcessed(static_cast<int64_t>(sent - total.lost));
+    state.SetBytesProcessed(static_cast<int64_t>((sent - total.lost) * FramedRecord().size()));
+    state.counters["lost"] = static_cast<double>(total.lost);
+    state.counters["pipe_records"] = static_cast<double>(pipeBytes / FramedRecord().size());
+    state.counters["longest_catch_up"] = static_cast<double>(total.longestCatchUp);
+}
+
+void Accumulate(Production& total, const Production& one) {
+    total.lost += one.lost;
+    total.longestCatchUp = std::max(total.longestCatchUp, one.longestCatchUp);
 }
 
 void BM_LoggerService(benchmark::State& state) {
@@ -148,23 +165,26 @@ void BM_LoggerService(benchmark::State& state) {
         open((options.deviceRoot + MulticoreLogService::LoggerService::kRecordDevice).c_str(),
              O_RDWR | O_NONBLOCK | O_CLOEXEC);
     uint64_t sent = 0;
-    uint64_t lost = 0;
+    Production total;
     for (auto _ : state) {
         const uint64_t before = service.Statistics().recordsWritten.load();
-        const uint64_t lostNow = Produce(fd, count, rate);
+        const Production now = Produce(fd, count, rate);
         if (!WaitUntil([&] {
-                return service.Statistics().recordsWritten.load() >= before + count - lostNow;
+                return service.Statistics().recordsWritten.load() >= before + count - now.lost;
             })) {
-            state.SkipWithError("records did not reach the file");
+            static std::string error;
+            error = "records did not reach the file: " + service.StatisticsJson() + ", expected " +
+                    std::to_string(before + count - now.lost) + " written";
+            state.SkipWithError(error.c_str());
             break;
         }
         sent += count;
-        lost += lostNow;
+        Accumulate(total, now);
         state.PauseTiming();
         (void)truncate(options.logFile.c_str(), 0);
         state.ResumeTiming();
     }
-    ReportRun(state, sent, lost, service.RecordPipeSize());
+    ReportRun(state, sent, total, service.RecordPipeSize());
     state.counters["dropped_by_service"] =
         static_cast<double>(service.Statistics().RecordsDropped());
     close(fd);
@@ -210,22 +230,22 @@ void BM_PlainCopyLoop(benchmark::State& state) {
         }
     });
     uint64_t sent = 0;
-    uint64_t lost = 0;
+    Production total;
     for (auto _ : state) {
         const uint64_t before = copied.load();
-        const uint64_t lostNow = Produce(writeFd, count, rate);
-        const uint64_t expected = (count - lostNow) * FramedRecord().size();
+        const Production now = Produce(writeFd, count, rate);
+        const uint64_t expected = (count - now.lost) * FramedRecord().size();
         if (!WaitUntil([&] { return copied.load() >= before + expected; })) {
             state.SkipWithError("records did not reach the file");
             break;
         }
         sent += count;
-        lost += lostNow;
+        Accumulate(total, now);
         state.PauseTiming();
         (void)ftruncate(fileFd, 0);
         state.ResumeTiming();
     }
-    ReportRun(state, sent, lost, pipeBytes);
+    ReportRun(state, sent, total, pipeBytes);
     stopping = true;
     (void)!write(writeFd, "", 1);  // wakes the blocked read
     copier.join();
