@@ -97,6 +97,14 @@ void LogBatchWriter::WriteDue(Clock::time_point now) {
             }
         } else {
             if (!m_failing) {
+                // Drops from before the outage are told on their own, not
+                // mixed into the outage's count.
+                const uint64_t dropped = m_queue.DroppedRecords();
+                if (dropped > m_dropsReported) {
+                    m_notice(Format("queue full: %" PRIu64 " records dropped",
+                                    dropped - m_dropsReported));
+                    m_dropsReported = dropped;
+                }
                 // Once per outage: a missing or full medium fails every write
                 // until it is back.
                 m_failing = true;

@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -112,48 +110,6 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
               "5 records received, 5 written, 0 dropped (0 queue full, 0 "
               "unwritable at stop), " +
                   std::to_string(stored.size()) + " bytes, 0 outages");
-}
-
-// The medium is missing from the start: records wait in memory, the stats
-// file tells so, and they are written in order once the directory appears.
-TEST_F(LoggerServiceTest, RecordsWaitForAMissingMediumAndTheStatisticsFileFollows) {
-    LoggerOptions options = Options();
-    options.statisticsFile = Root() + "/tmp/logger.json";
-    LoggerService service(options);
-    ASSERT_TRUE(service.Start()) << service.Error();
-    const int channel = OpenChannel();
-    ASSERT_GE(channel, 0);
-    std::vector<std::string> payloads;
-    for (int i = 0; i < 200; ++i) {
-        payloads.push_back("!" + std::to_string(i) + ".000:c:!1 " + std::to_string(i) + ":x\n");
-        WriteRecord(channel, payloads.back());
-    }
-    const auto statistics = [&] {
-        const std::string text = ReplayTest::ReadFile(options.statisticsFile);
-        return nlohmann::json::parse(text.empty() ? "{}" : text);
-    };
-    ASSERT_TRUE(ReplayTest::WaitFor(
-        [&] {
-            const nlohmann::json now = statistics();
-            return now.value("queued", 0) == 200 && now.value("medium_failing", false);
-        },
-        10s))
-        << statistics().dump();
-    EXPECT_EQ(statistics().value("written", -1), 0);
-
-    MakeTargetDirectory("/fs/usb0");
-    ASSERT_TRUE(ReplayTest::WaitFor(
-        [&] { return service.Statistics().recordsWritten.load() == payloads.size(); }, 10s));
-    close(channel);
-    service.Stop();
-    EXPECT_EQ(ReadBack(), payloads);
-    const nlohmann::json last = statistics();
-    EXPECT_EQ(last.value("received", -1), 200);
-    EXPECT_EQ(last.value("written", -1), 200);
-    EXPECT_EQ(last.value("dropped", -1), 0);
-    EXPECT_EQ(last.value("queued", -1), 0);
-    EXPECT_EQ(last.value("outages", -1), 1);
-    EXPECT_FALSE(std::filesystem::exists(options.statisticsFile + ".tmp"));
 }
 
 TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
