@@ -2,11 +2,13 @@
 #define LOGGER_LOGGERSERVICE_H
 
 // The logger service behind the multicore device tree. It creates the
-// devices as FIFOs (or reuses those left by an earlier run) and reads them in a poll loop without
-// ever making a writer wait: replay records from "navi/Q" are appended to the log file in stored
-// form, console batches ("navi/multi") and debug text ("navi/q") go to the
-// console log, and "ioc1/0" answers the library's presence probe. A separate
-// writer thread does all file output through a bounded queue.
+// devices as FIFOs (or reuses those left by an earlier run) and reads them
+// in a poll loop without ever making a writer wait: replay records from
+// "navi/Q" are appended to the log file in stored form, console batches
+// ("navi/multi") and debug text ("navi/q") go to the console log, and
+// "ioc1/0" answers the library's presence probe. A separate writer thread
+// does all file output through a bounded queue, which also holds the
+// records while the log file cannot be written.
 
 #include <atomic>
 #include <cstdint>
