@@ -28,12 +28,6 @@ struct LoggerStatistics {
     uint64_t RecordsDropped() const {
         return recordsDroppedQueueFull.load() + recordsDroppedUnwritten.load();
     }
-    // Received and neither written nor dropped yet.
-    uint64_t RecordsQueued() const {
-        const uint64_t done = recordsWritten.load() + RecordsDropped();
-        const uint64_t received = recordsReceived.load();
-        return received > done ? received - done : 0;
-    }
 };
 
 }  // namespace MulticoreLogService
