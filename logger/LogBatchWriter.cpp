@@ -25,6 +25,12 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
+// "64.0 MB", or "80 KB" below a megabyte.
+std::string Size(size_t bytes) {
+    return bytes >= 1024 * 1024 ? Format("%.1f MB", static_cast<double>(bytes) / (1024 * 1024))
+                                : Format("%zu KB", bytes / 1024);
+}
+
 double Seconds(LogBatchWriter::Clock::duration duration) {
     return std::chrono::duration<double>(duration).count();
 }
@@ -113,9 +119,9 @@ void LogBatchWriter::WriteDue(Clock::time_point now) {
                 m_queueFullReported = false;
                 ++m_statistics.outages;
                 m_notice(
-                    Format("cannot write %s; records are held in memory (up to %.1f MB) "
-                           "until it can be written again",
-                           m_file.LastError().c_str(), m_queue.Capacity() / 1048576.0));
+                    Format("cannot write %s; records are held in memory (up to %s) until "
+                           "it can be written again",
+                           m_file.LastError().c_str(), Size(m_queue.Capacity()).c_str()));
             }
             m_nextRetry = now + m_retryInterval;
         }
@@ -133,9 +139,9 @@ void LogBatchWriter::ReportQueueDrops(Clock::time_point now) {
         if (!m_queueFullReported) {
             m_queueFullReported = true;
             m_notice(
-                Format("queue full after %.1f s without the medium (%.1f MB held); newer "
+                Format("queue full after %.1f s without the medium (%s held); newer "
                        "records are dropped until it is back",
-                       Seconds(now - m_outageStart), m_queue.HeldBytes() / 1048576.0));
+                       Seconds(now - m_outageStart), Size(m_queue.HeldBytes()).c_str()));
         }
         return;
     }
@@ -158,7 +164,7 @@ void LogBatchWriter::Finish(Clock::time_point now) {
         const uint64_t lost = PendingRecords();
         m_statistics.recordsDroppedUnwritten += lost;
         m_notice(Format("stopping while %s; %" PRIu64 " held records dropped, %" PRIu64
-                        " dropped before because the queue was full",
+                        " dropped earlier because the queue was full",
                         m_file.LastError().c_str(), lost, dropped - m_dropsAtOutageStart));
         m_dropsReported = dropped;
     }
