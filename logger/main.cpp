@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
                    "arrive; the default holds about 75 s of 20 clients each sending twenty "
                    "2 KB blocks a second. Records that do not fit are dropped and counted")
         ->default_val(queueMegabytes)
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(0.001, 1048576.0));
     app.add_option("--pipe-size", options.pipeSize,
                    "Buffer size of the navi/Q FIFO to ask the kernel for; 0 for the largest it "
                    "allows (16 MB, else /proc/sys/fs/pipe-max-size)")
