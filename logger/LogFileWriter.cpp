@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <vector>
 
 namespace MulticoreLogService {
 
@@ -33,6 +36,11 @@ bool LogFileWriter::EnsureOpen() {
 }
 
 bool LogFileWriter::Append(const char* data, size_t length) {
+    struct iovec part = {const_cast<char*>(data), length};
+    return Append(&part, 1);
+}
+
+bool LogFileWriter::Append(const struct iovec* parts, int count) {
     if (!EnsureOpen()) {
         return false;
     }
@@ -40,9 +48,16 @@ bool LogFileWriter::Append(const char* data, size_t length) {
     // takes what fits) is cut back to here, so the file never ends in a torn
     // record that the records written after recovery would follow.
     const off_t start = lseek(m_fd, 0, SEEK_END);
+    std::vector<struct iovec> rest(parts, parts + count);
+    size_t next = 0;
     bool partial = false;
-    while (length > 0) {
-        const ssize_t written = write(m_fd, data, length);
+    while (next < rest.size()) {
+        if (rest[next].iov_len == 0) {
+            ++next;
+            continue;
+        }
+        const int chunk = static_cast<int>(std::min<size_t>(rest.size() - next, IOV_MAX));
+        const ssize_t written = writev(m_fd, rest.data() + next, chunk);
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -55,9 +70,19 @@ bool LogFileWriter::Append(const char* data, size_t length) {
             return false;
         }
         partial = true;
-        data += written;
-        length -= static_cast<size_t>(written);
         m_dirty = true;
+        // Skip what the kernel took.
+        size_t taken = static_cast<size_t>(written);
+        while (taken > 0) {
+            struct iovec& part = rest[next];
+            const size_t step = std::min(taken, part.iov_len);
+            part.iov_base = static_cast<char*>(part.iov_base) + step;
+            part.iov_len -= step;
+            taken -= step;
+            if (part.iov_len == 0) {
+                ++next;
+            }
+        }
     }
     return true;
 }

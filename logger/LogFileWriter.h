@@ -7,6 +7,7 @@
 // noticed by comparing it with the path before each write.
 
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <cstddef>
 #include <string>
@@ -24,6 +25,9 @@ class LogFileWriter {
     // or the write fails (the data is then lost, what part of it was written
     // is cut off again, and the file is opened anew next time).
     bool Append(const char* data, size_t length);
+    // The same for the concatenation of `count` buffers, in one writev where
+    // the kernel takes it all.
+    bool Append(const struct iovec* parts, int count);
     // Flushes written data to the medium.
     void Sync();
     void Close();

@@ -2,11 +2,13 @@
 #define LOGGER_LOGGERSERVICE_H
 
 // The logger service behind the multicore device tree. It creates the
-// devices as FIFOs (or reuses those left by an earlier run) and reads them in a poll loop without
-// ever making a writer wait: replay records from "navi/Q" are appended to the log file in stored
-// form, console batches ("navi/multi") and debug text ("navi/q") go to the
-// console log, and "ioc1/0" answers the library's presence probe. A separate
-// writer thread does all file output through a bounded queue.
+// devices as FIFOs (or reuses those left by an earlier run) and reads them
+// in a poll loop without ever making a writer wait: replay records from
+// "navi/Q" are appended to the log file in stored form, console batches
+// ("navi/multi") and debug text ("navi/q") go to the console log, and
+// "ioc1/0" answers the library's presence probe. A separate writer thread
+// does all file output through a bounded queue, which also holds the
+// records while the log file cannot be written.
 
 #include <atomic>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "logger/ChannelParsers.h"
+#include "logger/LoggerStatistics.h"
 #include "logger/RecordQueue.h"
 
 namespace MulticoreLogService {
@@ -25,27 +28,16 @@ struct LoggerOptions {
     std::string consoleLogFile;  // console and debug text; empty for none
     bool consoleToStdout = false;
     int syncIntervalMs = 1000;  // 0: sync after every write
-    size_t queueRecords = 16384;
-    size_t queueBytes = 32 * 1024 * 1024;
-    int pipeSize = 1024 * 1024;  // requested FIFO buffer; the kernel may cap it
+    // Records held while the medium is missing, full or slow: 64 MB keeps
+    // about 75 s of 20 clients each sending twenty 2 KB blocks a second.
+    size_t queueBytes = 64 * 1024 * 1024;
+    // The record channel's FIFO buffer; 0 asks for the largest the system
+    // allows. The other channels get at most 1 MB.
+    int pipeSize = 0;
+    // How often a failing log file is tried again.
+    int retryIntervalMs = 100;
     std::string readyFile;       // written once the devices exist
-};
-
-struct LoggerStatistics {
-    std::atomic<uint64_t> recordsReceived{0};
-    std::atomic<uint64_t> recordsWritten{0};
-    std::atomic<uint64_t> recordsDroppedQueueFull{0};
-    std::atomic<uint64_t> recordsDroppedNoMedium{0};  // the log file could not be written
-    std::atomic<uint64_t> bytesWritten{0};            // to the log file, stored form
-    std::atomic<uint64_t> malformedBytes{0};
-    std::atomic<uint64_t> reconnects{0};
-    std::atomic<uint64_t> recordChannelClosures{0};  // times all record writers had gone
-    std::atomic<uint64_t> consoleLines{0};
-    std::atomic<uint64_t> consoleLinesDropped{0};
-
-    uint64_t RecordsDropped() const {
-        return recordsDroppedQueueFull.load() + recordsDroppedNoMedium.load();
-    }
+    std::string statisticsFile;  // JSON counters, rewritten every second; empty for none
 };
 
 class LoggerService {
@@ -65,8 +57,14 @@ class LoggerService {
 
     const std::string& Error() const { return m_error; }
     const LoggerStatistics& Statistics() const { return m_statistics; }
-    // "N records written, N dropped, N bytes".
+    // "N records received, N written, N dropped (N queue full, N unwritable
+    // at stop), N bytes, N outages".
     std::string Summary() const;
+    // The counters as one JSON object; "received", "written", "dropped" and
+    // "queued" count records.
+    std::string StatisticsJson() const;
+    // The record channel's FIFO buffer size, once started.
+    int RecordPipeSize() const { return m_recordPipeSize.load(); }
 
     // Device paths below the device root.
     static const char* const kRecordDevice;   // "/navi/Q"
@@ -93,12 +91,16 @@ class LoggerService {
     void HandleData(int which, const char* data, size_t length);
     void WriterLoop();
     void PushConsoleLine(char console, const char* text, size_t length);
+    void WriteStatisticsFile() const;
 
     LoggerOptions m_options;
     LoggerStatistics m_statistics;
     std::string m_error;
     std::vector<Device> m_devices;
     RecordQueue m_queue;
+    std::vector<char> m_readBuffer;  // poll thread only
+    std::atomic<int> m_recordPipeSize{0};
+    std::atomic<bool> m_mediumFailing{false};
     // Used by the poll thread only.
     RecordChannelParser m_recordParser;
     ConsoleChannelParser m_consoleParser;

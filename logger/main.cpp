@@ -14,8 +14,11 @@ int main(int argc, char** argv) {
         "Creates the multicore logger devices (FIFOs) under the target root, or reuses the ones "
         "an earlier run left, and stores what arrives on them: replay records from navi/Q go to "
         "the log file, console batches from navi/multi and debug text from navi/q to the console "
-        "log; ioc1/0 answers the presence probe. Stops on SIGINT or SIGTERM after writing "
-        "everything received. The FIFOs stay in place, so a writer that keeps navi/Q open "
+        "log; ioc1/0 answers the presence probe. While the log file cannot be written "
+        "(medium missing or full) records are held in memory (--queue-mb) and written in "
+        "arrival order once it can; what does not fit is dropped, counted and reported. Stops "
+        "on SIGINT or SIGTERM after writing everything received. The FIFOs stay in place, so a "
+        "writer that keeps navi/Q open "
         "read-write (the replay server) can go on writing while the service restarts: what it "
         "writes meanwhile waits in the FIFO, up to its capacity, and the next start stores it. "
         "Writers that open a device write-only get ENXIO while the service is down. A path "
@@ -40,12 +43,22 @@ int main(int argc, char** argv) {
                    "Flush the log file to the medium this often; 0 after every write")
         ->default_val(options.syncIntervalMs)
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--queue-records", options.queueRecords,
-                   "Records held in memory while the medium is slow; more are dropped")
-        ->default_val(options.queueRecords)
-        ->check(CLI::PositiveNumber);
-    app.add_option("--pipe-size", options.pipeSize, "FIFO buffer size to ask the kernel for")
-        ->default_val(options.pipeSize);
+    double queueMegabytes = static_cast<double>(options.queueBytes) / (1024 * 1024);
+    app.add_option("--queue-mb", queueMegabytes,
+                   "Memory (MB, fractions allowed) that holds records while the log file cannot "
+                   "be written (medium missing or full) or is written slower than records "
+                   "arrive; the default holds about 75 s of 20 clients each sending twenty "
+                   "2 KB blocks a second. Records that do not fit are dropped and counted")
+        ->default_val(queueMegabytes)
+        ->check(CLI::Range(0.001, 1048576.0));
+    app.add_option("--pipe-size", options.pipeSize,
+                   "Buffer size of the navi/Q FIFO to ask the kernel for; 0 for the largest it "
+                   "allows (16 MB, else /proc/sys/fs/pipe-max-size)")
+        ->default_val(options.pipeSize)
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--stats-file", options.statisticsFile,
+                   "JSON counters (records received, written, dropped, queued, and more), "
+                   "rewritten atomically every second and at exit");
     app.add_option("--ready-file", options.readyFile,
                    "Written (with the process id) once the devices exist; removed on exit");
     bool consoleGiven = false;
@@ -57,6 +70,7 @@ int main(int argc, char** argv) {
         return status == 0 ? 0 : 2;
     }
 
+    options.queueBytes = static_cast<size_t>(queueMegabytes * 1024 * 1024);
     if (!root.empty()) {
         ReplayPlatform::SetTargetRoot(root);
     }
@@ -82,8 +96,11 @@ int main(int argc, char** argv) {
         fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
         return 1;
     }
-    printf("\nreplay-logger: devices under %s, logging to %s\n", options.deviceRoot.c_str(),
-           options.logFile.c_str());
+    printf(
+        "\nreplay-logger: devices under %s, logging to %s; navi/Q buffer %d bytes, queue %zu "
+        "bytes\n",
+        options.deviceRoot.c_str(), options.logFile.c_str(), service.RecordPipeSize(),
+        options.queueBytes);
     fflush(stdout);
 
     int received = 0;

@@ -107,7 +107,9 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
     close(probe);
     service.Stop();
     EXPECT_EQ(service.Summary(),
-              "5 records written, 0 dropped, " + std::to_string(stored.size()) + " bytes");
+              "5 records received, 5 written, 0 dropped (0 queue full, 0 "
+              "unwritable at stop), " +
+                  std::to_string(stored.size()) + " bytes, 0 outages");
 }
 
 TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
