@@ -178,7 +178,8 @@ TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAtItsOwnTime) {
     // The age counts from that item: in its slot, but not yet a second old,
     // the block is not due, although the last send was over a second ago.
     g_nowMs = 101500;
-    g_UDPSendBuffer.SetTimeSlot(ReplayCore::GetTimeSlotFromTime(ReplayCore::MSTime::CurrentTimeMS()));
+    g_UDPSendBuffer.SetTimeSlot(
+        ReplayCore::GetTimeSlotFromTime(ReplayCore::MSTime::CurrentTimeMS()));
     EXPECT_EQ(Send("young"), 0);
 
     // The ping thread leaves a block under two seconds old alone and sends
