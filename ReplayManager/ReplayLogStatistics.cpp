@@ -233,7 +233,9 @@ bool LogStatistics::TrackBlock(const LogRecord& record, LogClientStatistics& cli
     if (m_fields.hasSequence) {
         const unsigned int sequence = m_fields.sequenceNumber;
         const size_t hash = std::hash<std::string>()(record.payload);
-        const bool laterThanAll = !client.hasLastItemTime || blockTime >= client.lastItemTimeMs;
+        // A new run starts strictly after the last item of the old one; a
+        // low block number at the same millisecond is a block out of order.
+        const bool laterThanAll = !client.hasLastItemTime || blockTime > client.lastItemTimeMs;
         if (!client.hasLastSequence) {
             client.lastSequence = sequence;
         } else if (sequence == client.lastSequence + 1) {

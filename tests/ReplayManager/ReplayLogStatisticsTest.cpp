@@ -145,6 +145,13 @@ TEST(ReplayLogStatisticsTest, EachKindOfDamageIsAProblem) {
              return Log(p);
          },
          LogProblem::kBlockOrder, "client gps: block 4 stored after block 5"},
+        {"first blocks of a client, of one millisecond, swapped",
+         [](Payloads p) {
+             p[1] = Block('$', "100.010", "gps", 1, "x");
+             p[3] = Block('"', "100.010", "gps", 0, "INIT:gps");
+             return Log(p);
+         },
+         LogProblem::kBlockOrder, "client gps: block 0 stored after block 1"},
         {"record repeated",
          [](Payloads p) {
              p.insert(p.begin() + 4, p[4]);
