@@ -89,10 +89,16 @@ void LogStatistics::Add(const LogRecord& record) {
     }
     ++m_records;
     m_payloadBytes += record.payload.size();
-    // The server never writes the same record twice in a row: record times
-    // are in milliseconds and every data block has a number of its own.
-    const bool repeated = m_records > 1 && record.payload == m_previousPayload;
-    m_previousPayload = record.payload;
+    // The server never writes the same header or data record twice in a
+    // row: every data block has a number of its own. Status records are left
+    // out: a client may report the same state twice within a millisecond.
+    const bool status = record.kind == LogRecordKind::kClient && !record.payload.empty() &&
+                        record.payload[0] == '#';
+    m_payloadHash = std::hash<std::string>()(record.payload);
+    const bool repeated = m_records > 1 && !status && m_payloadHash == m_previousHash &&
+                          record.payload.size() == m_previousLength;
+    m_previousHash = m_payloadHash;
+    m_previousLength = record.payload.size();
     if (repeated) {
         AddProblem(LogProblem::kDuplicate, record.offset,
                    "record repeated: " + Excerpt(record.payload));
@@ -232,7 +238,7 @@ bool LogStatistics::TrackBlock(const LogRecord& record, LogClientStatistics& cli
     bool inOrder = true;
     if (m_fields.hasSequence) {
         const unsigned int sequence = m_fields.sequenceNumber;
-        const size_t hash = std::hash<std::string>()(record.payload);
+        const size_t hash = m_payloadHash;
         // A new run starts strictly after the last item of the old one; a
         // low block number at the same millisecond is a block out of order.
         const bool laterThanAll = !client.hasLastItemTime || blockTime > client.lastItemTimeMs;

@@ -158,8 +158,11 @@ class REPLAY_API LogStatistics {
     uint64_t m_problemCount = 0;
     uint64_t m_problemCounts[LogProblem::kKindCount] = {};
     std::vector<LogProblem> m_problems;
-    // Adjacent repeats, and header times seen, for duplicate detection.
-    std::string m_previousPayload;
+    // Adjacent repeats (by hash and length), and header times seen, for
+    // duplicate detection.
+    size_t m_payloadHash = 0;  // of the record being added
+    size_t m_previousHash = 0;
+    size_t m_previousLength = 0;
     std::set<int64_t> m_headerTimes;
     bool m_finished = false;
     LogClientRecord m_fields;  // reused, so names do not allocate per record
