@@ -280,12 +280,19 @@ void UDPSendBuffer::RestoreBlockEnd(unsigned int end) {
 
 bool UDPSendBuffer::ItemFits(unsigned int nBytes, const MSTime::MSTimeStruct& now) const {
     // Ascii7 turns n bytes into ceil(8n / 7) characters.
-    unsigned int needed = m_dataType == kDataTypeBinary ? (8 * nBytes + 6) / 7 : nBytes;
-    if (!IsEmpty()) {
-        char separator[kSeparatorArea];
-        needed += ReplayCore::WriteItemSeparator(separator, kSeparatorArea, now);
+    const unsigned int needed = m_dataType == kDataTypeBinary ? (8 * nBytes + 6) / 7 : nBytes;
+    if (IsEmpty()) {
+        return m_blockBufferPos + needed < recordLimit;
     }
-    return m_blockBufferPos + needed < recordLimit;
+    // The separator is at most kSeparatorArea - 1 bytes; its exact length
+    // is formatted only near the limit.
+    if (m_blockBufferPos + needed + kSeparatorArea - 1 < recordLimit) {
+        return true;
+    }
+    char separator[kSeparatorArea];
+    const unsigned int separatorLength =
+        ReplayCore::WriteItemSeparator(separator, kSeparatorArea, now);
+    return m_blockBufferPos + separatorLength + needed < recordLimit;
 }
 
 int UDPSendBuffer::SendDataBlock() {
