@@ -84,8 +84,9 @@ class UDPSendBuffer {
     // data type, a negative `sequence` keeps the block number.
     unsigned int InitializeMemoryBuffer(ReplayCore::MSTime::MSTimeStruct startTime,
                                         unsigned int dataType, int sequence);
-    // Appends one item (Ascii7-encoded when binary); bytes written, 0 for an
-    // empty item, -1 when it does not fit.
+    // Appends one item (Ascii7-encoded when binary) while the block stays
+    // below recordLimit; bytes written, 0 for an empty item, -1 when it does
+    // not fit (the block is left as it was).
     int AppendDataToBuffer(const void* data, unsigned int nBytes);
     // Closes the block with its checksum and sends it; bytes sent, 0 for an
     // empty block, -1 on failure (the block is kept and sent again later).
@@ -112,6 +113,12 @@ class UDPSendBuffer {
     }
 
   private:
+    // Cuts the block back to `end` bytes (a refused item's separator).
+    void RestoreBlockEnd(unsigned int end);
+    // Whether an item of `nBytes` of the block's type, with its separator,
+    // fits behind the records already in the block.
+    bool ItemFits(unsigned int nBytes, const ReplayCore::MSTime::MSTimeStruct& now) const;
+
     ReplayCore::MemoryBuffer m_outgoingDataBuffer;
     std::atomic<unsigned int> timeSlot;
     unsigned int m_blockBufferPos = 0;

@@ -102,28 +102,33 @@ int UDPSendBuffer::SendClientData(const void* data, unsigned int nBytes, bool im
     const int64_t age = now.m_timeMilliseconds - blockStartTime.m_timeMilliseconds;
 
     if (IsEmpty()) {
-        // The block's time is that of its first item.
-        if (typeChanged || age > kBlockMaximumAge) {
-            InitializeMemoryBuffer(now, kDataTypeUnspecified, -1);
-        }
-        AppendDataToBuffer(data, nBytes);
-        return 0;
+        // The block's time is that of its first item, however short the
+        // pause since the last block was sent: an empty block is always
+        // restarted now.
+        InitializeMemoryBuffer(now, kDataTypeUnspecified, -1);
+        const int appended = AppendDataToBuffer(data, nBytes);
+        return appended < 0 ? appended : 0;
     }
 
     // An old block waits for the slot the server gave this client, so that
-    // the clients' blocks do not all arrive at once.
+    // the clients' blocks do not all arrive at once. A block is also due
+    // when the item would not fit behind its records (the estimate above can
+    // fall short by a few bytes of separator): the item then starts the next
+    // block instead of being refused.
     const bool due =
-        typeChanged || estimate >= recordLimit ||
+        typeChanged || estimate >= recordLimit || !ItemFits(nBytes, now) ||
         (age > kBlockMaximumAge && ReplayCore::GetTimeSlotFromTime(now) == GetTimeSlot());
     if (!due) {
-        AppendDataToBuffer(data, nBytes);
-        return 0;
+        const int appended = AppendDataToBuffer(data, nBytes);
+        return appended < 0 ? appended : 0;
     }
 
     const int sent = SendDataBlock();
     if (sent >= 0) {
-        AppendDataToBuffer(data, nBytes);
-        return sent;
+        // A negative result tells the caller that its item was not taken,
+        // although the block before it went out.
+        const int appended = AppendDataToBuffer(data, nBytes);
+        return appended < 0 ? appended : sent;
     }
     // The item is lost with the failed send.
     const int error = errno;
@@ -203,6 +208,8 @@ int UDPSendBuffer::AppendDataToBuffer(const void* data, unsigned int nBytes) {
         return -1;
     }
     const unsigned int capacity = m_outgoingDataBuffer.Capacity();
+    // Where the block ends now: a refused item leaves no separator behind.
+    const unsigned int itemStart = m_blockBufferPos;
 
     if (!IsEmpty()) {
         const unsigned int room = capacity - m_blockBufferPos < kSeparatorArea
@@ -215,12 +222,15 @@ int UDPSendBuffer::AppendDataToBuffer(const void* data, unsigned int nBytes) {
     const unsigned char* bytes = static_cast<const unsigned char*>(data);
     unsigned int length = nBytes;
     if (m_dataType != kDataTypeBinary) {
-        if (m_blockBufferPos + nBytes >= blockCapacity) {
+        // The fill limit keeps the record, checksum trailer included, within
+        // the largest record a server accepts.
+        if (m_blockBufferPos + nBytes >= recordLimit) {
             ReplayClient::LogClientMessage(
                 FileLogger::eSeverityError,
                 "Cannot Append %d Bytes to Buffer, Current Size=%d, Limit=%d",
                 static_cast<int>(nBytes), static_cast<int>(m_blockBufferPos),
-                static_cast<int>(blockCapacity));
+                static_cast<int>(recordLimit));
+            RestoreBlockEnd(itemStart);
             return -1;
         }
     } else {
@@ -234,14 +244,16 @@ int UDPSendBuffer::AppendDataToBuffer(const void* data, unsigned int nBytes) {
         if (encoded == nullptr || encodedLength == 0) {
             ReplayClient::LogClientMessage(FileLogger::eSeverityError,
                                            "Conversion to Ascii7 Failed");
+            RestoreBlockEnd(itemStart);
             return -1;
         }
-        if (m_blockBufferPos + encodedLength >= blockCapacity) {
+        if (m_blockBufferPos + encodedLength >= recordLimit) {
             ReplayClient::LogClientMessage(
                 FileLogger::eSeverityError,
                 "Cannot Append %d Ascii7 Bytes to Buffer, Current Size=%d, Limit=%d",
                 static_cast<int>(encodedLength), static_cast<int>(m_blockBufferPos),
-                static_cast<int>(blockCapacity));
+                static_cast<int>(recordLimit));
+            RestoreBlockEnd(itemStart);
             return -1;
         }
         bytes = reinterpret_cast<const unsigned char*>(encoded);
@@ -256,6 +268,31 @@ int UDPSendBuffer::AppendDataToBuffer(const void* data, unsigned int nBytes) {
                                  "m_blockBufferPos <= m_outgoingDataBuffer.Capacity()");
     }
     return static_cast<int>(length);
+}
+
+void UDPSendBuffer::RestoreBlockEnd(unsigned int end) {
+    m_blockBufferPos = end;
+    unsigned char* block = m_outgoingDataBuffer.Get();
+    if (block != nullptr) {
+        block[end] = '\0';
+    }
+}
+
+bool UDPSendBuffer::ItemFits(unsigned int nBytes, const MSTime::MSTimeStruct& now) const {
+    // Ascii7 turns n bytes into ceil(8n / 7) characters.
+    const unsigned int needed = m_dataType == kDataTypeBinary ? (8 * nBytes + 6) / 7 : nBytes;
+    if (IsEmpty()) {
+        return m_blockBufferPos + needed < recordLimit;
+    }
+    // The separator is at most kSeparatorArea - 1 bytes; its exact length
+    // is formatted only near the limit.
+    if (m_blockBufferPos + needed + kSeparatorArea - 1 < recordLimit) {
+        return true;
+    }
+    char separator[kSeparatorArea];
+    const unsigned int separatorLength =
+        ReplayCore::WriteItemSeparator(separator, kSeparatorArea, now);
+    return m_blockBufferPos + separatorLength + needed < recordLimit;
 }
 
 int UDPSendBuffer::SendDataBlock() {
@@ -326,7 +363,10 @@ int UDPSendBuffer::SendDataImmediate(const void* data, unsigned int nBytes) {
         FileLogger::LogAssertion(1457, ReplayClient::kClientSourceFile, "IsEmpty()");
     }
     InitializeMemoryBuffer(MSTime::CurrentTimeMS(), kDataTypeUnspecified, -1);
-    AppendDataToBuffer(data, nBytes);
+    const int appended = AppendDataToBuffer(data, nBytes);
+    if (appended < 0) {
+        return appended;  // nothing to send: the item was refused
+    }
     const int result = SendDataBlock();
 
     if (g_writtenMessages.Allow() && DebugOutputAttached()) {

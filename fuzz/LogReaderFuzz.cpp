@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "fuzz/FuzzSupport.h"
 #include "libreplay/ClientRecord.h"
@@ -68,6 +70,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     statistics.Finish(reader);
     if (reader.BytesConsumed() != size || payloadBytes > size) {
         __builtin_trap();
+    }
+    // The verdict agrees with its parts: counts add up, an empty log is
+    // never clean, and the kept problems are in file order.
+    uint64_t counted = 0;
+    for (int kind = 0; kind < ReplayCore::LogProblem::kKindCount; ++kind) {
+        counted += statistics.ProblemCount(static_cast<ReplayCore::LogProblem::Kind>(kind));
+    }
+    const std::vector<ReplayCore::LogProblem>& problems = statistics.Problems();
+    if (counted != statistics.ProblemCount() || statistics.Clean() != (counted == 0) ||
+        (statistics.Records() == 0 && statistics.Clean()) || problems.size() > counted ||
+        problems.size() > ReplayCore::LogStatistics::kMaxKeptProblems) {
+        __builtin_trap();
+    }
+    for (size_t i = 1; i < problems.size(); ++i) {
+        if (problems[i].offset < problems[i - 1].offset) {
+            __builtin_trap();
+        }
     }
     // What the reader took apart must frame again.
     std::string framed;

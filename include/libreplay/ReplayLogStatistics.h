@@ -3,11 +3,16 @@
 
 // Statistics and consistency checks over the records of a stored log: the
 // segments between header records, per client the records, items, times,
-// sequence gaps and checksum failures, and a list of problems found.
+// sequence gaps and checksum failures, and a list of problems found. A log
+// is clean exactly when it holds records, begins with a header, every record
+// reads whole, and each client's blocks are all there, once, in block order,
+// with times that never run backwards.
 
 #include <cstddef>
 #include <cstdint>
+#include <array>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,14 +29,31 @@ struct LogClientStatistics {
     uint64_t items = 0;
     uint64_t bytes = 0;  // record payload bytes
     uint64_t checksumFailures = 0;
-    uint64_t sequenceGaps = 0;   // places where the block sequence jumped
-    uint64_t missingBlocks = 0;  // blocks absent in those jumps
+    uint64_t sequenceGaps = 0;      // runs of missing blocks
+    uint64_t missingBlocks = 0;     // blocks absent in those runs
+    uint64_t blocksOutOfOrder = 0;  // stored after a later block of the client
+    uint64_t duplicateBlocks = 0;   // stored a second time
+    uint64_t restarts = 0;          // the client's block count began again
     bool hasTime = false;
     int64_t firstTimeMs = 0;  // first block time
     int64_t lastTimeMs = 0;   // latest item time
-    // Sequence tracking within the segment.
+
+    // Tracking within the segment, since the client's last restart.
     bool hasLastSequence = false;
-    unsigned int lastSequence = 0;
+    unsigned int lastSequence = 0;  // highest block number seen
+    bool hasLastItemTime = false;
+    int64_t lastItemTimeMs = 0;  // latest item time of the blocks in order
+    // Blocks found missing that may still turn up late: block number to the
+    // offset of the record that revealed the gap.
+    std::map<unsigned int, uint64_t> pendingMissing;
+    // The latest blocks, to tell a repeated block from a late one.
+    struct RecentBlock {
+        unsigned int sequence = 0;
+        size_t hash = 0;
+    };
+    static constexpr size_t kRecentBlocks = 64;
+    std::array<RecentBlock, kRecentBlocks> recent{};
+    size_t recentCount = 0;
 };
 
 struct LogSegmentStatistics {
@@ -55,13 +77,28 @@ struct LogSegmentStatistics {
 };
 
 struct LogProblem {
-    enum Kind { kChecksum, kSequenceGap, kTimeOrder, kSkipped };
+    enum Kind {
+        kChecksum,     // a client record whose checksum does not match
+        kSequenceGap,  // blocks of a client missing
+        kTimeOrder,    // time running backwards within a client, or a record
+                       // far older than the records before it
+        kSkipped,      // bytes of the file that hold no readable record
+        kBlockOrder,   // a client's block stored after a later one
+        kDuplicate,    // a record or header stored twice
+        kUnreadable,   // a record that is neither a header nor a client record
+        kHeader,       // the log does not begin with a header
+        kEmpty,        // the log holds no record at all
+        kKindCount
+    };
     Kind kind;
     uint64_t offset;
     std::string text;
 };
 
+// Names of the kinds as shown in problem lists ("sequence gap") and as JSON
+// keys ("sequence_gap").
 REPLAY_API const char* LogProblemKindName(LogProblem::Kind kind);
+REPLAY_API const char* LogProblemKindKey(LogProblem::Kind kind);
 
 class REPLAY_API LogStatistics {
   public:
@@ -71,6 +108,10 @@ class REPLAY_API LogStatistics {
     static constexpr size_t kMaxKeptProblems = 1000;
     static constexpr size_t kMaxClientsPerSegment = 256;
     static constexpr size_t kMaxSegments = 10000;
+    // A gap of more blocks than this is reported at once rather than kept
+    // open for blocks that arrive late.
+    static constexpr unsigned int kMaxPendingGap = 64;
+    static constexpr size_t kMaxPendingMissing = 4096;
 
     void Add(const LogRecord& record);
     // Takes the reader's skipped regions into the problems; call once, after
@@ -92,13 +133,18 @@ class REPLAY_API LogStatistics {
 
     uint64_t ProblemCount() const { return m_problemCount; }
     uint64_t ProblemCount(LogProblem::Kind kind) const { return m_problemCounts[kind]; }
-    // The first kMaxKeptProblems problems in file order (skips last).
+    // The first kMaxKeptProblems problems found, in file order.
     const std::vector<LogProblem>& Problems() const { return m_problems; }
     bool Clean() const { return m_problemCount == 0; }
 
   private:
     LogSegmentStatistics& SegmentFor(const LogRecord& record);
     void AddClientRecord(const LogRecord& record, LogSegmentStatistics& segment);
+    // Block numbering and times of one data record of a tracked client;
+    // true when the record's time was found running backwards.
+    bool TrackBlock(const LogRecord& record, LogClientStatistics& client, bool checksumValid);
+    void ReportMissing(LogClientStatistics& client);
+    void ReportMissing(LogSegmentStatistics& segment);
     void AddProblem(LogProblem::Kind kind, uint64_t offset, const std::string& text);
 
     uint64_t m_records = 0;
@@ -110,8 +156,15 @@ class REPLAY_API LogStatistics {
     uint64_t m_reconnectLines = 0;
     std::vector<LogSegmentStatistics> m_segments;
     uint64_t m_problemCount = 0;
-    uint64_t m_problemCounts[4] = {0, 0, 0, 0};
+    uint64_t m_problemCounts[LogProblem::kKindCount] = {};
     std::vector<LogProblem> m_problems;
+    // Adjacent repeats (by hash and length), and header times seen, for
+    // duplicate detection.
+    size_t m_payloadHash = 0;  // of the record being added
+    size_t m_previousHash = 0;
+    size_t m_previousLength = 0;
+    std::set<int64_t> m_headerTimes;
+    bool m_finished = false;
     LogClientRecord m_fields;  // reused, so names do not allocate per record
 };
 

@@ -61,17 +61,142 @@ TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) 
     EXPECT_TRUE(ChecksumValid(datagrams[1]));
 }
 
-TEST_F(UDPSendBufferTest, OversizedItemStopsRecordingWhileTheLimitIsAccepted) {
-    Connect();
-    EXPECT_EQ(Send(std::string(2032, 'a')), 0);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
-    EXPECT_EQ(Send(std::string(2033, 'b')), -1);
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
-    // Stopped: items are dropped without a send.
-    EXPECT_EQ(Send("later"), 0);
-    for (const std::string& datagram : Received()) {
-        EXPECT_EQ(datagram[0], '#') << "only state reports expected";
+// The largest item a block can take at its current length: the block must
+// stay below the fill limit of 2032 bytes.
+unsigned int LargestTextItem(unsigned int blockLength) {
+    return 2032 - blockLength - 1;
+}
+
+// Every data datagram whole: within the largest record and a valid checksum.
+void ExpectIntactDatagrams(const std::vector<std::string>& datagrams) {
+    for (const std::string& datagram : datagrams) {
+        EXPECT_LE(datagram.size(), ::GetMaximumClientRecordSize());
+        EXPECT_TRUE(ChecksumValid(datagram)) << datagram.substr(0, 40);
     }
+}
+
+TEST_F(UDPSendBufferTest, TextAtTheFillLimitIsTakenWholeOrRefusedWithANegativeResult) {
+    Connect();
+    const unsigned int header = g_UDPSendBuffer.GetBlockLength();
+    const unsigned int largest = LargestTextItem(header);
+
+    // One byte over the limit in an empty block: refused, still recording,
+    // the block left empty.
+    EXPECT_LT(Send(std::string(largest + 1, 'x')), 0);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
+    EXPECT_TRUE(g_UDPSendBuffer.IsEmpty());
+    // Items up to recordLimit that cannot fit anywhere are refused as well,
+    // without ending the recording; only longer ones stop it.
+    EXPECT_LT(Send(std::string(2032, 'y')), 0);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
+    EXPECT_LT(Send(std::string(2032, 'y'), kDataTypeAsciiText, true), 0);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
+
+    EXPECT_EQ(Send(std::string(largest, 'a')), 0);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockLength(), 2031u);
+
+    // A block holding records, at a time whose text is long enough that the
+    // separator (0xDE "2000000.010" ':', 13 bytes) outgrows the sender's
+    // estimate of 12: the item that fits exactly stays in the block ...
+    g_nowMs = 2000000000;
+    EXPECT_GT(Send("b"), 0);
+    g_nowMs = 2000000010;
+    const unsigned int separator = 13;
+    const std::string fits(LargestTextItem(g_UDPSendBuffer.GetBlockLength() + separator), 'c');
+    EXPECT_EQ(Send(fits), 0);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockLength(), 2031u);
+    // ... and one byte more sends the block first and starts the next one.
+    EXPECT_GT(Send("d"), 0);
+    const std::string over(LargestTextItem(g_UDPSendBuffer.GetBlockLength() + separator) + 1, 'e');
+    EXPECT_GT(Send(over), 0);
+    EXPECT_GT(FlushBlock(), 0);
+
+    const std::vector<std::string> datagrams = Received();
+    ExpectIntactDatagrams(datagrams);
+    ASSERT_EQ(datagrams.size(), 4u);
+    EXPECT_EQ(datagrams[0].size(), 2040u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).items, std::vector<std::string>{std::string(largest, 'a')});
+    EXPECT_EQ(SplitBlock(datagrams[1]).items, (std::vector<std::string>{"b", fits}));
+    EXPECT_EQ(datagrams[1].size(), 2040u);
+    EXPECT_EQ(SplitBlock(datagrams[2]).items, std::vector<std::string>{"d"});
+    EXPECT_EQ(SplitBlock(datagrams[3]).items, std::vector<std::string>{over});
+
+    EXPECT_EQ(Send(std::string(2033, 'z')), -1);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+}
+
+TEST_F(UDPSendBufferTest, BinaryAtTheFillLimitIsTakenWholeOrRefusedWithANegativeResult) {
+    Connect(ReplayCore::eStateRecord, kDataTypeBinary);
+    const unsigned int header = g_UDPSendBuffer.GetBlockLength();
+    // n bytes travel as ceil(8n / 7) characters.
+    unsigned int largest = 0;
+    while ((8 * (largest + 1) + 6) / 7 <= LargestTextItem(header)) {
+        ++largest;
+    }
+    EXPECT_LT(Send(std::string(largest + 1, '\x81'), kDataTypeBinary), 0);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
+    EXPECT_TRUE(g_UDPSendBuffer.IsEmpty());
+    const std::string item(largest, '\xF3');
+    EXPECT_EQ(Send(item, kDataTypeBinary), 0);
+
+    // Behind a record, the sender's estimate of Ascii7 growth (half the
+    // size again) decides: the largest item it lets in stays in the block.
+    g_nowMs = 100200;
+    EXPECT_GT(Send("\x01\x02", kDataTypeBinary), 0);
+    const unsigned int length = g_UDPSendBuffer.GetBlockLength();
+    unsigned int behind = 0;
+    while (length + 12 + (behind + 1) + (behind + 1) / 2 < 2032) {
+        ++behind;
+    }
+    const std::string second(behind, '\x7E');
+    g_nowMs = 100210;
+    EXPECT_EQ(Send(second, kDataTypeBinary), 0);
+    EXPECT_GT(FlushBlock(), 0);
+
+    const std::vector<std::string> datagrams = Received();
+    ExpectIntactDatagrams(datagrams);
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).items, std::vector<std::string>{Ascii7(item)});
+    EXPECT_EQ(SplitBlock(datagrams[1]).items,
+              (std::vector<std::string>{Ascii7("\x01\x02"), Ascii7(second)}));
+}
+
+TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAtItsOwnTime) {
+    Connect();  // the block was started at 100.000
+    // The first item of the recording, 300 ms later.
+    g_nowMs = 100300;
+    EXPECT_EQ(Send("first"), 0);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 100300);
+    g_nowMs = 100350;
+    EXPECT_GT(FlushBlock(), 0);
+
+    // An idle spell well under a second, then an item: its own time.
+    g_nowMs = 100900;
+    EXPECT_EQ(Send("after pause"), 0);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 100900);
+
+    // The age counts from that item: in its slot, but not yet a second old,
+    // the block is not due, although the last send was over a second ago.
+    g_nowMs = 101500;
+    g_UDPSendBuffer.SetTimeSlot(
+        ReplayCore::GetTimeSlotFromTime(ReplayCore::MSTime::CurrentTimeMS()));
+    EXPECT_EQ(Send("young"), 0);
+
+    // The ping thread leaves a block under two seconds old alone and sends
+    // an older one.
+    g_nowMs = 102800;
+    EXPECT_EQ(ReplayClient::PingServer(), 0);
+    EXPECT_FALSE(g_UDPSendBuffer.IsEmpty());
+    g_nowMs = 102901;
+    EXPECT_EQ(ReplayClient::PingServer(), 0);
+    EXPECT_TRUE(g_UDPSendBuffer.IsEmpty());
+
+    const std::vector<std::string> datagrams = Received();
+    ASSERT_EQ(datagrams.size(), 2u);
+    EXPECT_EQ(SplitBlock(datagrams[0]).header, "\"100.300:Tester:!1 1:");
+    const Block second = SplitBlock(datagrams[1]);
+    EXPECT_EQ(second.header, "\"100.900:Tester:!1 2:");
+    EXPECT_EQ(second.itemTimes, std::vector<std::string>{"101.500"});
 }
 
 TEST_F(UDPSendBufferTest, OldBlockWaitsForTheAnnouncedTimeSlot) {

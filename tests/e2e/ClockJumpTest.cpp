@@ -80,9 +80,7 @@ TEST_F(ClockJumpTest, WallClockJumpsDisturbNeitherRecordingNorReplayTiming) {
     ASSERT_EQ(Send("stop").status, 0);
     ASSERT_EQ(Send("wait").status, 0) << m_server->Output();
 
-    const CommandResult verify = Verify();
-    EXPECT_NE(verify.output.find(" 0 time order violations"), std::string::npos) << verify.output;
-    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    ExpectLogIntact();
 
     const CommandResult replay = Send("replay " + LogPath());
     ASSERT_EQ(replay.status, 0) << replay.output;

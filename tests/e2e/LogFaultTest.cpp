@@ -216,6 +216,7 @@ TEST_F(LogFaultTest, LoggerKilledAndRestartedLosesNothingTheChannelHeld) {
     // each batch as soon as it has read it, so that is nothing in practice.
     ExpectReadableLog();
     EXPECT_EQ(MissingBlocks(Dump()), 0u);
+    ExpectLogIntact();
 }
 
 TEST_F(LogFaultTest, MediumPulledForFiveSecondsLosesNothing) {

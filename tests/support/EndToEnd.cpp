@@ -206,6 +206,20 @@ CommandResult EndToEndTest::Verify(const std::string& path) {
     return Run({"tools/replaylog/replaylog", "verify", path.empty() ? LogPath() : path});
 }
 
+void EndToEndTest::ExpectLogIntact(const std::string& path) {
+    const std::string log = path.empty() ? LogPath() : path;
+    const CommandResult verify = Verify(log);
+    EXPECT_EQ(verify.status, 0) << verify.output;
+    const char* keep = std::getenv("REPLAY_FAILED_LOG_DIR");
+    if (verify.status != 0 && keep != nullptr) {
+        const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        std::error_code ignored;
+        std::filesystem::copy_file(
+            log, std::string(keep) + "/" + test->test_suite_name() + "." + test->name() + ".DAT",
+            std::filesystem::copy_options::overwrite_existing, ignored);
+    }
+}
+
 std::string EndToEndTest::Dump(const std::string& path) {
     return Run({"tools/replaylog/replaylog", "dump", path.empty() ? LogPath() : path}).output;
 }

@@ -102,6 +102,10 @@ class EndToEndTest : public TargetRootTest {
     // `replaylog verify` and `replaylog dump` of a log (the live log by default).
     CommandResult Verify(const std::string& path = "");
     std::string Dump(const std::string& path = "");
+    // Expects `replaylog verify` to find the log (the live log by default)
+    // intact: exit status 0. When it does not and REPLAY_FAILED_LOG_DIR is
+    // set, the log is copied there for a closer look.
+    void ExpectLogIntact(const std::string& path = "");
 
     // Starts a demo client; each start has its own journal and output file.
     Process& StartClient(const std::string& name);

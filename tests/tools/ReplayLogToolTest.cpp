@@ -62,6 +62,31 @@ TEST(ReplayLogToolTest, VerifyTellsCleanLogsFromDamagedOnes) {
     EXPECT_EQ(report["counts"]["skipped"], 1);
 }
 
+class ReplayLogToolFileTest : public ReplayTest::TargetRootTest {};
+
+// The JSON report keeps its fields, with a count for every problem kind
+// whether it occurred or not; an empty file is a problem, not a clean log.
+TEST_F(ReplayLogToolFileTest, VerifyJsonCountsEveryKindAndAnEmptyLogFails) {
+    const std::string empty = WriteTargetFile("/fs/usb0/EMPTY.DAT", "");
+    Result result = RunTool("verify --json " + empty);
+    EXPECT_EQ(result.status, 1) << result.out;
+    const nlohmann::json report = nlohmann::json::parse(result.out);
+    for (const char* key : {"file", "clean", "records", "problem_count", "counts", "problems"}) {
+        EXPECT_TRUE(report.contains(key)) << key;
+    }
+    for (const char* kind : {"checksum", "sequence_gap", "time_order", "skipped", "block_order",
+                             "duplicate", "unreadable", "header", "empty"}) {
+        EXPECT_TRUE(report["counts"].contains(kind)) << kind;
+    }
+    EXPECT_EQ(report["counts"]["empty"], 1);
+    ASSERT_EQ(report["problems"].size(), 1u);
+    EXPECT_EQ(report["problems"][0]["kind"], "empty");
+
+    Result clean = RunTool("verify --json " + Golden("clean.dat"));
+    EXPECT_EQ(clean.status, 0) << clean.out;
+    EXPECT_TRUE(nlohmann::json::parse(clean.out)["clean"].get<bool>());
+}
+
 TEST(ReplayLogToolTest, DumpFiltersByClientAndSegment) {
     Result all = RunTool("dump " + Golden("clean.dat"));
     EXPECT_EQ(all.status, 0);
@@ -73,8 +98,6 @@ TEST(ReplayLogToolTest, DumpFiltersByClientAndSegment) {
     EXPECT_EQ(CountLines(gps.out), 2) << gps.out;
     EXPECT_NE(gps.out.find("lat=49.1"), std::string::npos);
 }
-
-class ReplayLogToolFileTest : public ReplayTest::TargetRootTest {};
 
 TEST_F(ReplayLogToolFileTest, CutWritesAReadableLogWithAHeader) {
     const std::string cut = Root() + "/tmp/cut.dat";

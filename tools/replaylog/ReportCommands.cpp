@@ -31,6 +31,9 @@ Json ClientJson(const LogClientStatistics& client) {
     }
     j["sequence_gaps"] = client.sequenceGaps;
     j["missing_blocks"] = client.missingBlocks;
+    j["blocks_out_of_order"] = client.blocksOutOfOrder;
+    j["duplicate_blocks"] = client.duplicateBlocks;
+    j["restarts"] = client.restarts;
     j["checksum_failures"] = client.checksumFailures;
     return j;
 }
@@ -65,11 +68,14 @@ Json ProblemsJson(const LogStatistics& statistics) {
     return problems;
 }
 
+// One count per problem kind, every kind present (0 when none).
 Json CountsJson(const LogStatistics& statistics) {
-    return Json{{"checksum", statistics.ProblemCount(LogProblem::kChecksum)},
-                {"sequence_gap", statistics.ProblemCount(LogProblem::kSequenceGap)},
-                {"time_order", statistics.ProblemCount(LogProblem::kTimeOrder)},
-                {"skipped", statistics.ProblemCount(LogProblem::kSkipped)}};
+    Json counts = Json::object();
+    for (int kind = 0; kind < LogProblem::kKindCount; ++kind) {
+        const auto k = static_cast<LogProblem::Kind>(kind);
+        counts[ReplayCore::LogProblemKindKey(k)] = statistics.ProblemCount(k);
+    }
+    return counts;
 }
 
 void PrintClientTable(const char* indent, const std::vector<LogClientStatistics>& clients) {
@@ -153,12 +159,20 @@ void PrintVerifyText(const CommonOptions& options, const LogStatistics& statisti
                statistics.ProblemCount() - statistics.Problems().size());
     }
     printf("%s: %s: %" PRIu64 " records, %" PRIu64 " checksum failures, %" PRIu64
-           " sequence gaps, %" PRIu64 " time order violations, %" PRIu64 " skipped regions\n",
+           " sequence gaps, %" PRIu64 " time order violations, %" PRIu64
+           " skipped regions, %" PRIu64 " blocks out of order, %" PRIu64 " duplicates, %" PRIu64
+           " unreadable records%s\n",
            options.logFile.c_str(), statistics.Clean() ? "clean" : "PROBLEMS", statistics.Records(),
            statistics.ProblemCount(LogProblem::kChecksum),
            statistics.ProblemCount(LogProblem::kSequenceGap),
            statistics.ProblemCount(LogProblem::kTimeOrder),
-           statistics.ProblemCount(LogProblem::kSkipped));
+           statistics.ProblemCount(LogProblem::kSkipped),
+           statistics.ProblemCount(LogProblem::kBlockOrder),
+           statistics.ProblemCount(LogProblem::kDuplicate),
+           statistics.ProblemCount(LogProblem::kUnreadable),
+           statistics.ProblemCount(LogProblem::kEmpty) > 0    ? ", empty"
+           : statistics.ProblemCount(LogProblem::kHeader) > 0 ? ", no header first"
+                                                              : "");
 }
 
 // A report over the statistics of the whole log, as text or as one JSON

@@ -1,0 +1,258 @@
+// The consistency checks behind `replaylog verify`, on logs built here: a
+// healthy log must come out clean, and each kind of damage must not.
+
+#include "libreplay/ReplayLogStatistics.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "libreplay/ClientRecord.h"
+
+namespace {
+
+using ReplayCore::LogProblem;
+using ReplayCore::LogStatistics;
+namespace LogFormat = ReplayCore::LogFormat;
+
+std::string Stored(const std::string& payload) {
+    std::string framed;
+    EXPECT_TRUE(LogFormat::FrameRecord(payload, framed));
+    std::string out;
+    LogFormat::AppendStoredRecord(framed.data(), framed.size(), out);
+    return out;
+}
+
+std::string Checksummed(const std::string& body) {
+    std::string record(body.size() + ReplayCore::kChecksumFieldLength + 1, '\0');
+    record.replace(0, body.size(), body);
+    unsigned int sum = 0;
+    const int length =
+        ReplayCore::AppendChecksum(&record[0], static_cast<unsigned int>(body.size()),
+                                   static_cast<unsigned int>(record.size()), sum);
+    record.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return record;
+}
+
+// One data block: `type` '"' for text, '$' for binary.
+std::string Block(char type, const std::string& time, const std::string& client,
+                  unsigned int sequence, const std::string& items) {
+    return Checksummed(type + time + ":" + client + ":!1 " + std::to_string(sequence) + ":" +
+                       items);
+}
+
+std::string Item(const std::string& time, const std::string& data) {
+    return '\xDE' + time + ":" + data;
+}
+
+void Collect(const std::string& log, LogStatistics& statistics) {
+    ReplayCore::ReplayLogReader reader;
+    reader.OpenMemory(log.data(), log.size());
+    ReplayCore::LogRecord record;
+    while (reader.Next(record)) {
+        statistics.Add(record);
+    }
+    statistics.Finish(reader);
+}
+
+std::string ProblemList(const LogStatistics& statistics) {
+    std::string text;
+    for (const LogProblem& problem : statistics.Problems()) {
+        text += std::to_string(problem.offset) + ": " +
+                ReplayCore::LogProblemKindName(problem.kind) + ": " + problem.text + "\n";
+    }
+    return text;
+}
+
+// The payloads of a healthy recording of two clients that alternate text
+// and binary blocks, send a burst of blocks within one millisecond, and
+// restart (gps with an initialisation block 0, can without one, from 1),
+// then a second recording in which the clients' block count goes on.
+std::vector<std::string> HealthyPayloads() {
+    return {
+        LogFormat::HeaderPayload(100000),
+        Block('"', "99.990", "gps", 0, "INIT:gps"),
+        Block('"', "100.010", "can", 5, "POS 1"),
+        Block('$', "100.010", "gps", 1, "%&'" + Item("100.012", "()*")),
+        Block('"', "100.020", "gps", 2, "POS 1" + Item("100.020", "POS 2")),
+        Block('$', "100.020", "can", 6, "+,-"),
+        Block('"', "100.030", "gps", 3, "a"),
+        Block('"', "100.030", "gps", 4, "b"),
+        Block('"', "100.030", "gps", 5, "c"),
+        Checksummed("#100.040:gps:"),
+        Block('$', "100.500", "gps", 6, "./0"),
+        Block('"', "101.000", "gps", 0, "INIT:gps"),
+        Block('"', "101.001", "can", 1, "POS 1"),
+        Block('"', "101.100", "gps", 1, "POS 1"),
+        Block('"', "101.200", "can", 2, "POS 2"),
+        Checksummed("#101.300:ReplayManager:stop"),
+        LogFormat::HeaderPayload(200000),
+        Block('"', "200.100", "gps", 9, "POS 9"),
+        Block('"', "200.100", "can", 3, "POS 3"),
+        Block('$', "200.200", "gps", 10, "123"),
+    };
+}
+
+std::string Log(const std::vector<std::string>& payloads) {
+    std::string log;
+    for (const std::string& payload : payloads) {
+        log += Stored(payload);
+    }
+    return log;
+}
+
+TEST(ReplayLogStatisticsTest, HealthyLogOfMixedTypesBurstsAndRestartsIsClean) {
+    LogStatistics statistics;
+    std::string log = Log(HealthyPayloads());
+    // The logger service's re-attach line is no damage.
+    LogFormat::AppendReconnectLine(log);
+    log += Stored(Block('"', "200.300", "can", 4, "POS 4"));
+    Collect(log, statistics);
+    EXPECT_TRUE(statistics.Clean()) << ProblemList(statistics);
+    ASSERT_EQ(statistics.Segments().size(), 2u);
+    const ReplayCore::LogSegmentStatistics& first = statistics.Segments()[0];
+    EXPECT_EQ(first.clients.at("gps").restarts, 1u);
+    EXPECT_EQ(first.clients.at("can").restarts, 1u);
+    EXPECT_EQ(first.clients.at("gps").items, 11u);
+}
+
+TEST(ReplayLogStatisticsTest, EachKindOfDamageIsAProblem) {
+    using Payloads = std::vector<std::string>;
+    struct Case {
+        const char* what;
+        std::function<std::string(Payloads)> damage;  // the damaged log
+        LogProblem::Kind kind;
+        const char* text;  // part of the first problem's text
+    };
+    const Case cases[] = {
+        {"block removed",
+         [](Payloads p) {
+             p.erase(p.begin() + 6);
+             return Log(p);
+         },
+         LogProblem::kSequenceGap, "client gps: block 3 missing"},
+        {"several blocks removed",
+         [](Payloads p) {
+             p.erase(p.begin() + 6, p.begin() + 9);
+             return Log(p);
+         },
+         LogProblem::kSequenceGap, "client gps: blocks 3 to 5 missing"},
+        {"blocks of one millisecond swapped",
+         [](Payloads p) {
+             std::swap(p[7], p[8]);
+             return Log(p);
+         },
+         LogProblem::kBlockOrder, "client gps: block 4 stored after block 5"},
+        {"first blocks of a client, of one millisecond, swapped",
+         [](Payloads p) {
+             p[1] = Block('$', "100.010", "gps", 1, "x");
+             p[3] = Block('"', "100.010", "gps", 0, "INIT:gps");
+             return Log(p);
+         },
+         LogProblem::kBlockOrder, "client gps: block 0 stored after block 1"},
+        {"record repeated",
+         [](Payloads p) {
+             p.insert(p.begin() + 4, p[4]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "record repeated"},
+        {"block stored again later",
+         [](Payloads p) {
+             p.insert(p.begin() + 9, p[6]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "client gps: block 3 stored a second time"},
+        {"header repeated",
+         [](Payloads p) {
+             p.insert(p.begin() + 5, p[0]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "header of 100.000 stored a second time"},
+        {"byte inserted into a client name",
+         [](Payloads p) {
+             p[4].insert(10, "-");
+             return Log(p);
+         },
+         LogProblem::kUnreadable, "neither a header nor a client record"},
+        {"name character changed",
+         [](Payloads p) {
+             p[4][9] = 'X';
+             return Log(p);
+         },
+         LogProblem::kChecksum, "checksum mismatch"},
+        {"header damaged",
+         [](Payloads p) {
+             p[0][3] = '#';
+             return Log(p);
+         },
+         LogProblem::kHeader, "the log does not begin with a header"},
+        {"header removed",
+         [](Payloads p) {
+             p.erase(p.begin());
+             return Log(p);
+         },
+         LogProblem::kHeader, "the log does not begin with a header"},
+        {"empty file", [](Payloads) { return std::string(); }, LogProblem::kEmpty, "no records"},
+        {"block time running backwards",
+         [](Payloads p) {
+             p[6] = Block('"', "100.015", "gps", 3, "a");
+             return Log(p);
+         },
+         LogProblem::kTimeOrder, "client gps: time runs backwards"},
+        {"item time running backwards",
+         [](Payloads p) {
+             p[4] = Block('"', "100.020", "gps", 2, "POS 1" + Item("100.019", "POS 2"));
+             return Log(p);
+         },
+         LogProblem::kTimeOrder, "item times run backwards"},
+        {"record cut short", [](Payloads p) { return Log(p).substr(0, Log(p).size() - 5); },
+         LogProblem::kSkipped, "truncated"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogStatistics statistics;
+        Collect(c.damage(HealthyPayloads()), statistics);
+        EXPECT_FALSE(statistics.Clean());
+        EXPECT_GE(statistics.ProblemCount(c.kind), 1u) << ProblemList(statistics);
+        bool found = false;
+        for (const LogProblem& problem : statistics.Problems()) {
+            found =
+                found || (problem.kind == c.kind && problem.text.find(c.text) != std::string::npos);
+        }
+        EXPECT_TRUE(found) << ProblemList(statistics);
+    }
+}
+
+TEST(ReplayLogStatisticsTest, LateBlockIsOutOfOrderNotMissingAndProblemsAreInFileOrder) {
+    std::string damaged = Block('"', "100.030", "can", 1, "x");
+    damaged[damaged.size() - 3] ^= 1;
+    const std::string log = Log({
+        LogFormat::HeaderPayload(100000),
+        Block('"', "100.010", "gps", 1, "a"),
+        Block('"', "100.020", "gps", 3, "c"),
+        damaged,
+        Block('"', "100.020", "gps", 2, "b"),  // late, not missing
+        Block('"', "100.050", "gps", 5, "e"),  // block 4 never comes
+        Block('"', "100.060", "can", 2, "y"),
+    });
+    LogStatistics statistics;
+    Collect(log, statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kBlockOrder), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kSequenceGap), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kChecksum), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(), 3u) << ProblemList(statistics);
+    const ReplayCore::LogClientStatistics& gps = statistics.Segments()[0].clients.at("gps");
+    EXPECT_EQ(gps.missingBlocks, 1u);
+    EXPECT_EQ(gps.blocksOutOfOrder, 1u);
+    // The gap is reported where it showed, although it was known only at
+    // the end of the segment.
+    const std::vector<LogProblem>& problems = statistics.Problems();
+    for (size_t i = 1; i < problems.size(); ++i) {
+        EXPECT_LE(problems[i - 1].offset, problems[i].offset) << ProblemList(statistics);
+    }
+    EXPECT_EQ(problems.back().kind, LogProblem::kSequenceGap) << ProblemList(statistics);
+}
+
+}  // namespace

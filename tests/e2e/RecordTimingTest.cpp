@@ -1,0 +1,232 @@
+// What a client hands over is what the log holds, at the moment it was
+// handed over: real processes (logger service, server, clients that journal
+// each hand-over on the library's clock) on loopback, the log read back.
+
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libreplay/Ascii7.h"
+#include "libreplay/ReplayCore.h"
+#include "libreplay/ReplayLogReader.h"
+#include "libreplay/ReplayLogRecord.h"
+#include "tests/e2e/clients/TimedItems.h"
+#include "tests/support/EndToEnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ReplayTest::WaitFor;
+
+struct PlannedItem {
+    long pauseMs;
+    char type;  // 't' or 'b'
+    size_t size;
+};
+
+struct HandOver {
+    int64_t beforeMs = 0;
+    int64_t afterMs = 0;
+    int result = 0;
+};
+
+struct Journal {
+    bool done = false;
+    std::vector<HandOver> items;
+};
+
+// Where an item was found in the log: its stored time, how often.
+struct Stored {
+    int64_t timeMs = 0;
+    int count = 0;
+};
+
+class RecordTimingTest : public ReplayTest::EndToEndTest {
+  protected:
+    // Starts a timed item client on `plan`.
+    void StartTimedClient(const std::string& name, const std::vector<PlannedItem>& plan) {
+        const std::string base = Root() + "/" + name;
+        std::ofstream out(base + ".plan");
+        for (const PlannedItem& item : plan) {
+            out << item.pauseMs << ' ' << item.type << ' ' << item.size << '\n';
+        }
+        out.close();
+        m_plans[name] = plan;
+        m_clients.emplace_back(
+            new ReplayTest::Process({ReplayTest::BuiltBinary("tests/timed_item_client"), name,
+                                     base + ".plan", base + ".journal"},
+                                    base + ".out", m_environment));
+    }
+
+    Journal ReadJournal(const std::string& name) const {
+        Journal journal;
+        std::istringstream in(ReplayTest::ReadFile(Root() + "/" + name + ".journal"));
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line == "done") {
+                journal.done = true;
+                break;
+            }
+            std::istringstream fields(line);
+            size_t index = 0;
+            HandOver handOver;
+            fields >> index >> handOver.beforeMs >> handOver.afterMs >> handOver.result;
+            journal.items.push_back(handOver);
+        }
+        return journal;
+    }
+
+    // Every item of every client in the log, by client and stored bytes
+    // (binary items as the Ascii7 text they travel as); records longer than
+    // the largest client record are counted apart.
+    std::map<std::string, std::map<std::string, Stored>> ReadLog(size_t& oversized) const {
+        std::map<std::string, std::map<std::string, Stored>> items;
+        oversized = 0;
+        ReplayCore::ReplayLogReader reader;
+        if (!reader.Open(LogPath())) {
+            return items;
+        }
+        ReplayCore::LogRecord record;
+        ReplayCore::LogClientRecord fields;
+        while (reader.Next(record)) {
+            if (record.kind != ReplayCore::LogRecordKind::kClient ||
+                !ReplayCore::ParseLogClientRecord(record.payload, fields) ||
+                fields.typeCharacter == '#') {
+                continue;
+            }
+            if (record.payload.size() > GetMaximumClientRecordSize()) {
+                ++oversized;
+            }
+            std::map<std::string, Stored>& client = items[fields.clientName];
+            ReplayCore::ForEachLogItem(record.payload, fields,
+                                       [&](int64_t timeMs, const char* data, size_t length) {
+                                           Stored& stored = client[std::string(data, length)];
+                                           stored.timeMs = timeMs;
+                                           ++stored.count;
+                                       });
+        }
+        return items;
+    }
+
+    // The bytes item `index` of `name`'s plan is stored as.
+    std::string StoredForm(const std::string& name, size_t index) const {
+        const PlannedItem& planned = m_plans.at(name)[index];
+        const std::string bytes = TimedItems::ItemBytes(index, planned.type, planned.size);
+        if (planned.type == 't') {
+            return bytes;
+        }
+        Ascii7Encoder::CMessageEncode encoder;
+        unsigned int length = 0;
+        const char* text = Ascii7Encoder::ConvertToAscii7(
+            encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
+            static_cast<unsigned int>(bytes.size()), length);
+        return text != nullptr ? std::string(text, length) : std::string();
+    }
+
+    bool AllPlansDone() const {
+        for (const auto& plan : m_plans) {
+            if (!ReadJournal(plan.first).done) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::map<std::string, std::vector<PlannedItem>> m_plans;
+};
+
+TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
+    // A 1 Hz client; a client with idle spells under a second, switching
+    // between text and binary; a client handing over items around the size
+    // limit, each right after a small item and again after a pause.
+    std::vector<PlannedItem> slow(6, PlannedItem{1000, 't', 24});
+    std::vector<PlannedItem> idle;
+    const long pauses[] = {150, 400, 700, 950, 20, 300, 850, 60, 500, 990, 5, 640};
+    for (size_t i = 0; i < sizeof pauses / sizeof pauses[0]; ++i) {
+        idle.push_back({pauses[i], i % 3 == 2 ? 'b' : 't', 16 + i * 40});
+    }
+    std::vector<PlannedItem> sizes;
+    for (size_t size = 2003; size <= 2032; ++size) {
+        sizes.push_back({5, 't', 8});
+        sizes.push_back({0, 't', size});
+        sizes.push_back({40, 't', size});
+    }
+    for (size_t size : {1700u, 1740u, 1750u, 1755u, 1758u, 1760u, 1765u, 1780u, 1791u, 1800u}) {
+        sizes.push_back({5, 'b', 6});
+        sizes.push_back({0, 'b', size});
+        sizes.push_back({40, 'b', size});
+    }
+    StartTimedClient("slow", slow);
+    StartTimedClient("idle", idle);
+    StartTimedClient("sizes", sizes);
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return AllRunning({"slow", "idle", "sizes"});
+        },
+        15s, 50ms))
+        << Send("clients").output << m_server->Output();
+
+    ASSERT_EQ(Send("record").status, 0);
+    // The plans take about seven seconds; each client's last block is on
+    // its way when its journal says done.
+    ASSERT_TRUE(WaitFor([&] { return AllPlansDone(); }, 60s, 100ms));
+    std::this_thread::sleep_for(500ms);
+    ASSERT_EQ(Send("stop").status, 0);
+    ASSERT_EQ(Send("wait").status, 0) << m_server->Output();
+
+    size_t oversized = 0;
+    const auto logged = ReadLog(oversized);
+    EXPECT_EQ(oversized, 0u);
+    for (const auto& plan : m_plans) {
+        SCOPED_TRACE(plan.first);
+        const Journal journal = ReadJournal(plan.first);
+        ASSERT_TRUE(journal.done);
+        ASSERT_EQ(journal.items.size(), plan.second.size());
+        const std::map<std::string, Stored>& stored = logged.at(plan.first);
+        size_t slowCalls = 0;
+        size_t refused = 0;
+        for (size_t i = 0; i < journal.items.size(); ++i) {
+            const HandOver& handOver = journal.items[i];
+            const auto found = stored.find(StoredForm(plan.first, i));
+            if (handOver.result < 0) {
+                // Refused: only an item that cannot fit a block, and then it
+                // is nowhere in the log, not even in part.
+                ++refused;
+                EXPECT_GE(plan.second[i].size, 1700u) << "item " << i;
+                EXPECT_TRUE(found == stored.end()) << "item " << i;
+                continue;
+            }
+            ASSERT_TRUE(found != stored.end()) << "item " << i;
+            EXPECT_EQ(found->second.count, 1) << "item " << i;
+            // The library read its clock during the call, and the call took
+            // no more than a scheduling delay.
+            EXPECT_GE(found->second.timeMs, handOver.beforeMs) << "item " << i;
+            EXPECT_LE(found->second.timeMs, handOver.afterMs) << "item " << i;
+            if (handOver.afterMs - handOver.beforeMs > 2) {
+                ++slowCalls;
+            }
+        }
+        // A loaded machine may stretch a call now and then, not often.
+        EXPECT_LE(slowCalls, 1 + journal.items.size() / 5) << slowCalls << " slow calls";
+        if (plan.first == "sizes") {
+            // The boundary lies inside the range: the smallest text items
+            // are stored, the largest refused, and so are the largest
+            // binary ones; the client went on recording after each refusal.
+            EXPECT_GE(journal.items[1].result, 0);
+            EXPECT_LT(journal.items[88].result, 0);
+            EXPECT_LT(journal.items.back().result, 0);
+            EXPECT_GT(refused, 0u);
+            EXPECT_GE(journal.items[journal.items.size() - 3].result, 0);
+        } else {
+            EXPECT_EQ(refused, 0u);
+        }
+    }
+    ExpectLogIntact();
+}
+
+}  // namespace
