@@ -22,14 +22,16 @@
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
 
-// Construction order matters: each object may use the ones before it.
-std::string g_clientName = "clientNameNotSet";
-CMutex clientWriteMutex;
+// Construction order matters: each object may use the ones before it. They
+// live until the process ends, never destroyed: a client thread that has not
+// ended by exit (a callback that does not return) keeps using them.
+std::string& g_clientName = *new std::string("clientNameNotSet");
+CMutex& clientWriteMutex = *new CMutex;
 UDPSocketClient& g_replayClient = UDPSocketClient::Get();
 ReplayClient::ClientStateManager g_clientStateManager;
-UDPSendBuffer g_UDPSendBuffer;
-ClientPingThread clientPingThread;
-ReplayClient::SynchronousReadThread clientReadThread;
+UDPSendBuffer& g_UDPSendBuffer = *new UDPSendBuffer;
+ClientPingThread& clientPingThread = *new ClientPingThread;
+ReplayClient::SynchronousReadThread& clientReadThread = *new ReplayClient::SynchronousReadThread;
 
 std::atomic<ReplayClient::ReplayMessageHandlerBase*> g_replayMessageHandler{nullptr};
 uint32_t g_nameLength = 0;

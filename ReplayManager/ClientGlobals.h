@@ -8,7 +8,7 @@
 
 // The client name given to initialisation; "clientNameNotSet" before. Set
 // before the client's threads start, read by them afterwards.
-extern std::string g_clientName;
+extern std::string& g_clientName;
 
 // The client's logging level (option clientUDPDebugLevel, set at
 // initialisation); verbose client messages need 5 or more.

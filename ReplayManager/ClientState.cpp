@@ -90,6 +90,8 @@ ReplayState ClientStateManager::SetClientState(ReplayState newState,
     if (newState == ReplayCore::eStateShutDown) {
         clientPingThread.Wake();
     }
+    // A replay waiting for an item's moment ends its wait at a state change.
+    clientReadThread.WakeFromWait();
     SendClientState(nullptr, 'e', kReplayCompleteTextSize);
     return GetState();
 }
@@ -97,6 +99,7 @@ ReplayState ClientStateManager::SetClientState(ReplayState newState,
 void ClientStateManager::MarkShutDown() {
     m_state.store(ReplayCore::eStateShutDown, std::memory_order_relaxed);
     clientPingThread.Wake();
+    clientReadThread.WakeFromWait();
 }
 
 void ClientStateManager::SetClientConnected() {

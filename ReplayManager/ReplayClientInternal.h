@@ -188,9 +188,12 @@ class SynchronousReadThread : public CThread {
     }
     const ReplayCore::MSTime& GetReplayClock() const { return m_replayClock; }
 
-    // Asks the thread to end and wakes it from its read (process exit,
-    // tests); waits briefly for it.
+    // Asks the thread to end and wakes it from its read and from a wait for
+    // an item's moment (process exit, tests); waits briefly for it.
     void RequestStop();
+    // Ends a wait for an item's moment early, so that the thread sees a state
+    // change or a stop request at once rather than after up to a minute.
+    void WakeFromWait();
 
     // Replay waits for an item's moment with this function; null restores
     // CThread::sleep. Tests and the fuzzer replace it so they need not wait.
@@ -215,6 +218,9 @@ class SynchronousReadThread : public CThread {
     bool ReplayItem(ReplayItemContext& context, char* begin, char* end, bool firstItem);
     // The replay clock plus the latency, in milliseconds.
     int64_t ReplayTimeMs() const;
+    // Waits `milliseconds` for an item's moment; false when the client left
+    // replay or is ending before then (the item is then not delivered).
+    bool WaitForItem(unsigned int milliseconds);
 
     // Set once the replay clock has been set (by the server or by the first
     // replayed item); never cleared.
@@ -224,6 +230,8 @@ class SynchronousReadThread : public CThread {
     // Runs from the log's time once set.
     ReplayCore::MSTime m_replayClock;
     std::atomic<bool> m_stopRequested{false};
+    std::mutex m_waitMutex;
+    std::condition_variable m_waitWake;
 
     // Replay statistics, read thread only.
     unsigned int m_lastSequenceNumber = 0;
@@ -234,13 +242,15 @@ class SynchronousReadThread : public CThread {
 
 }  // namespace ReplayClient
 
-// Process-wide client objects, in construction order.
-extern CMutex clientWriteMutex;
+// Process-wide client objects, in construction order. Those the client
+// threads use are never destroyed: a thread still inside a callback at exit
+// must not find them gone.
+extern CMutex& clientWriteMutex;
 extern UDPSocketClient& g_replayClient;
 extern ReplayClient::ClientStateManager g_clientStateManager;
-extern UDPSendBuffer g_UDPSendBuffer;
-extern ClientPingThread clientPingThread;
-extern ReplayClient::SynchronousReadThread clientReadThread;
+extern UDPSendBuffer& g_UDPSendBuffer;
+extern ClientPingThread& clientPingThread;
+extern ReplayClient::SynchronousReadThread& clientReadThread;
 
 // The handler given to initialisation; never freed.
 extern std::atomic<ReplayClient::ReplayMessageHandlerBase*> g_replayMessageHandler;

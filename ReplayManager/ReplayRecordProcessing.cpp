@@ -4,10 +4,12 @@
 // thread. Timing errors are measured and reported, never corrected.
 
 #include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "ReplayManager/ClientLogging.h"
@@ -49,16 +51,6 @@ ReplayCore::MessageLimiter g_processingMessages;
 
 std::atomic<ReplayClient::SynchronousReadThread::SleepFunction> g_sleepFunction{nullptr};
 
-void SleepFor(unsigned int milliseconds) {
-    const ReplayClient::SynchronousReadThread::SleepFunction sleep =
-        g_sleepFunction.load(std::memory_order_relaxed);
-    if (sleep != nullptr) {
-        sleep(milliseconds);
-    } else {
-        CThread::sleep(milliseconds);
-    }
-}
-
 std::string TimeText(int64_t milliseconds) {
     return MSTime::MSTimeStruct(0, milliseconds).ToString();
 }
@@ -94,6 +86,18 @@ struct SynchronousReadThread::ReplayItemContext {
 
 void SynchronousReadThread::SetSleepForTesting(SleepFunction sleep) {
     g_sleepFunction.store(sleep, std::memory_order_relaxed);
+}
+
+bool SynchronousReadThread::WaitForItem(unsigned int milliseconds) {
+    auto interrupted = [this] { return Ending() || !IsReplaying(); };
+    const SleepFunction sleep = g_sleepFunction.load(std::memory_order_relaxed);
+    if (sleep != nullptr) {
+        sleep(milliseconds);
+    } else {
+        std::unique_lock<std::mutex> lock(m_waitMutex);
+        m_waitWake.wait_for(lock, std::chrono::milliseconds(milliseconds), interrupted);
+    }
+    return !interrupted();
 }
 
 int64_t SynchronousReadThread::ReplayTimeMs() const {
@@ -300,7 +304,11 @@ bool SynchronousReadThread::ReplayItem(ReplayItemContext& context, char* begin, 
         // One millisecond short: the clock's resolution makes a full-length
         // sleep land late more often than early.
         sleepStart = context.replayTime;
-        SleepFor(static_cast<unsigned int>(delta - 1));
+        if (!WaitForItem(static_cast<unsigned int>(delta - 1))) {
+            // Stopped, replay ended or the client is shutting down meanwhile:
+            // the item and the rest of its record are not delivered.
+            return false;
+        }
         context.replayTime = ReplayTimeMs();
         sleptTime = context.replayTime - sleepStart;
         slept = true;

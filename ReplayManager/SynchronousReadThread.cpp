@@ -79,8 +79,16 @@ bool SynchronousReadThread::Ending() const {
            g_clientStateManager.GetState() == ReplayCore::eStateShutDown;
 }
 
+void SynchronousReadThread::WakeFromWait() {
+    // Taking the lock orders the caller's change before the waiter's next
+    // look at it: the wake cannot fall between its check and its wait.
+    { std::lock_guard<std::mutex> lock(m_waitMutex); }
+    m_waitWake.notify_all();
+}
+
 void SynchronousReadThread::RequestStop() {
     m_stopRequested.store(true, std::memory_order_relaxed);
+    WakeFromWait();
     if (getThreadId() == CThread::getCurrentID()) {
         return;
     }

@@ -1,6 +1,7 @@
 #include "server/ControlSocket.h"
 
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <vector>
 
 #include "libreplay/FileLogger.h"
 
@@ -34,17 +36,38 @@ bool FillAddress(const std::string& path, sockaddr_un& address, std::string& err
     return true;
 }
 
+// "name (uid N)" for messages; the number alone when the user has no name.
+std::string DescribeUser(uid_t uid) {
+    std::vector<char> buffer(4096);
+    passwd entry{};
+    passwd* found = nullptr;
+    if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+        return std::string(found->pw_name) + " (uid " + std::to_string(uid) + ")";
+    }
+    return "uid " + std::to_string(uid);
+}
+
+// Only this process's own user and root may be trusted at either end of the
+// control socket.
+bool Trusted(uid_t uid) {
+    return uid == geteuid() || uid == 0;
+}
+
+bool PeerCredentials(int connection, ucred& peer) {
+    socklen_t length = sizeof peer;
+    return getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0;
+}
+
 // The user at the other end must be the server's own user or root. The
 // file mode already keeps others out; this also holds when the socket file's
 // directory or mode has been opened up by hand.
 bool PeerMayControl(int connection, std::string& refusal) {
     ucred peer{};
-    socklen_t length = sizeof peer;
-    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+    if (!PeerCredentials(connection, peer)) {
         refusal = "error: permission denied (the caller's credentials are unknown)\n";
         return false;
     }
-    if (peer.uid == geteuid() || peer.uid == 0) {
+    if (Trusted(peer.uid)) {
         return true;
     }
     refusal = "error: permission denied: user " + std::to_string(peer.uid) +
@@ -53,6 +76,37 @@ bool PeerMayControl(int connection, std::string& refusal) {
                                       "Control socket: refused user %u (pid %d)",
                                       static_cast<unsigned int>(peer.uid), peer.pid);
     return false;
+}
+
+// The directory that holds the socket decides who can put a file of their
+// own at its path. It must belong to this user or root, and a directory
+// that others may write to must be sticky (as /tmp is), so that nobody else
+// can remove or replace the socket once it exists. A socket that someone
+// else placed first is caught by the ownership checks of Start and Send.
+bool DirectoryIsSafe(const std::string& path, std::string& error) {
+    const size_t slash = path.rfind('/');
+    const std::string directory =
+        slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+    struct stat status;
+    if (stat(directory.c_str(), &status) != 0) {
+        error = "cannot examine the directory " + directory + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        error = directory + " is not a directory";
+        return false;
+    }
+    if (!Trusted(status.st_uid)) {
+        error = "the directory " + directory + " of the control socket belongs to " +
+                DescribeUser(status.st_uid) + "; it must belong to this user or root";
+        return false;
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0) {
+        error = "the directory " + directory +
+                " of the control socket may be written by other users and is not sticky";
+        return false;
+    }
+    return true;
 }
 
 // Makes room at `path` for the new socket. Only a socket file that nobody
@@ -79,17 +133,30 @@ bool ClearStaleSocket(const std::string& path, const sockaddr_un& address, std::
     const int connected =
         connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const int connectError = errno;
-    close(probe);
     if (connected == 0) {
-        error = "another server is listening on " + path;
+        ucred peer{};
+        const bool known = PeerCredentials(probe, peer);
+        close(probe);
+        error = "another server is listening on " + path + " (socket file owned by " +
+                DescribeUser(existing.st_uid);
+        if (known) {
+            error +=
+                "; listening process " + std::to_string(peer.pid) + " of " + DescribeUser(peer.uid);
+        }
+        error += ")";
+        if (!Trusted(existing.st_uid) || (known && !Trusted(peer.uid))) {
+            error += ": not this user's; remove it or choose another --control path";
+        }
         return false;
     }
+    close(probe);
     if (connectError != ECONNREFUSED) {
         error = "cannot examine " + path + ": " + std::strerror(connectError);
         return false;
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        error = "cannot remove the stale socket " + path + ": " + std::strerror(errno);
+        error = "cannot remove the stale socket " + path + " (owned by " +
+                DescribeUser(existing.st_uid) + "): " + std::strerror(errno);
         return false;
     }
     return true;
@@ -120,7 +187,8 @@ ControlSocket::~ControlSocket() {
 
 bool ControlSocket::Start(const std::string& path, std::string& error) {
     sockaddr_un address;
-    if (!FillAddress(path, address, error) || !ClearStaleSocket(path, address, error)) {
+    if (!FillAddress(path, address, error) || !DirectoryIsSafe(path, error) ||
+        !ClearStaleSocket(path, address, error)) {
         return false;
     }
     m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -257,12 +325,33 @@ bool ControlSocket::Send(const std::string& path, const std::string& command, st
     if (!FillAddress(path, address, error)) {
         return false;
     }
+    // connect() would follow a link: only a socket at the path itself is
+    // used. Whoever listens is checked below, so the lstat needs no lock.
+    struct stat file;
+    if (lstat(path.c_str(), &file) == 0 && !S_ISSOCK(file.st_mode)) {
+        error = path + (S_ISLNK(file.st_mode) ? " is a symbolic link" : " is not a socket") +
+                "; it is not followed";
+        return false;
+    }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         error = "cannot reach the server at " + path + ": " + std::strerror(errno);
         if (fd >= 0) {
             close(fd);
         }
+        return false;
+    }
+    // Anyone could have bound the path before the server started: commands
+    // go only to a server run by this user or root, and nothing another
+    // user answers is believed.
+    ucred peer{};
+    const bool known = PeerCredentials(fd, peer);
+    if (!known || !Trusted(peer.uid)) {
+        error = "refusing to use " + path + ": it is served by " +
+                (known ? DescribeUser(peer.uid) + ", process " + std::to_string(peer.pid)
+                       : std::string("an unknown user")) +
+                ", not by this user or root";
+        close(fd);
         return false;
     }
     // The server may answer and close before it reads the command (a

@@ -169,6 +169,10 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     const size_t payloadStart = fields.payloadStart;
     const size_t payloadLength = fields.payloadLength;
     const bool status = IsStatusRecord(data, nBytes);
+    if (!status && !m_recordTimes.Accept(name, fields.blockTimeMs,
+                                         MSTime::CurrentTimeMS().m_timeMilliseconds)) {
+        return false;  // counted; never reaches the log
+    }
 
     bool accepted = true;
     if (isNewClient) {
@@ -441,6 +445,7 @@ ServerCounters ReplayServer::Counters() const {
     counters.statusRecords = m_statusRecords.load(std::memory_order_relaxed);
     counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
     counters.refusedSources = m_refusedSources.load(std::memory_order_relaxed);
+    counters.outsideTimeWindow = m_recordTimes.Refused();
     if (m_reorder != nullptr) {
         counters.recordsHeld = m_reorder->HeldRecords();
         counters.heldOverflow = m_reorder->Refused();

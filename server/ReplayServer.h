@@ -21,6 +21,7 @@
 #include "libreplay/UDPSocketServer.h"
 #include "server/SourceAllowList.h"
 #include "server/RecordReorderBuffer.h"
+#include "server/RecordTimeWindow.h"
 
 namespace ReplayServer {
 
@@ -38,6 +39,8 @@ struct ServerCounters {
     // Records waiting in the reorder buffer, and those it had no room for.
     uint64_t recordsHeld = 0;
     uint64_t heldOverflow = 0;
+    // Data records refused for a time far from their client's clock.
+    uint64_t outsideTimeWindow = 0;
 };
 
 struct ServerSettings {
@@ -58,6 +61,9 @@ struct ServerSettings {
     // the writer in time order. 0 passes records on at once.
     int reorderHoldMs = 5000;
     size_t reorderByteLimit = 64 * 1024 * 1024;
+    // How far a data record's time may stray from its client's clock; 0
+    // accepts any time.
+    int recordWindowMs = 60000;
 };
 
 class ReplayServer : public UDPSocketServer {
@@ -141,6 +147,7 @@ class ReplayServer : public UDPSocketServer {
     ReplayCore::ReplayState m_writerState = ReplayCore::eStateStopped;
     std::unique_ptr<LogWriterThread> m_writer;
     std::unique_ptr<RecordReorderBuffer> m_reorder;
+    RecordTimeWindow m_recordTimes{m_settings.recordWindowMs};
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 

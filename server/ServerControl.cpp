@@ -265,7 +265,8 @@ std::string ServerControl::StatusText() {
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
          << ", refused clients " << counters.refusedClients << ", refused sources "
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
-         << ", no room to hold " << counters.heldOverflow << "\n";
+         << ", no room to hold " << counters.heldOverflow << ", outside the time window "
+         << counters.outsideTimeWindow << "\n";
     text << ClientsText();
     return text.str();
 }

@@ -71,6 +71,7 @@ struct CommonOptions {
     std::string control;
     int clientWait = 30;
     int reorderMs = 5000;
+    int recordWindow = 60;
 };
 
 enum class Mode { kServe, kRecord, kReplay };
@@ -103,6 +104,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         settings.allowedSources.Parse(common.allow, parseError);  // checked with the options
     }
     settings.reorderHoldMs = common.reorderMs;
+    settings.recordWindowMs = common.recordWindow * 1000;
     ReplayServer server(settings);
     std::string error;
     if (!server.Start(error)) {
@@ -224,6 +226,12 @@ int ServerMain(int argc, char** argv) {
                    "Milliseconds each record waits, so that late blocks go to the log in order")
         ->default_val(5000)
         ->check(CLI::Range(0, 60000));
+
+    app.add_option("--record-window", common.recordWindow,
+                   "Seconds a data record's time may differ from its client's clock before it "
+                   "is refused and counted (0: no limit)")
+        ->default_val(60)
+        ->check(CLI::Range(0, 86400));
 
     double recordSeconds = 0;
     CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");

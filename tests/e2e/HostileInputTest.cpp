@@ -289,4 +289,75 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
 }
 
+// A long flood with nobody recording: whatever the server keeps per datagram,
+// per source port or per made-up name must stop growing once its bounds are
+// reached. The resident size is sampled after each tenth of the flood.
+TEST_F(HostileServerTest, LongFloodLeavesTheServersMemoryFlat) {
+    HostileMix mix(kSeed + 1);
+    const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    constexpr size_t kLongFlood = 100000;
+#else
+    // Slower by far, and their resident size says nothing: a shorter flood.
+    constexpr size_t kLongFlood = 30000;
+#endif
+    ASSERT_EQ(Send("record").status, 0);
+    std::vector<long> resident;
+    for (size_t chunk = 0; chunk < kFloodChunks; ++chunk) {
+        std::vector<std::string> datagrams;
+        for (size_t i = 0; i < kLongFlood / kFloodChunks; ++i) {
+            datagrams.push_back(mix.ForServer(kFakeNames));
+        }
+        const uint64_t handledBefore = DatagramsHandled(Send("status").output);
+        ReplayTest::SendFromManyPorts(server, datagrams, kPortsPerChunk);
+        WaitFor(
+            [&] {
+                return DatagramsHandled(Send("status").output) >=
+                       handledBefore + datagrams.size() * 9 / 10;
+            },
+            20s, 50ms);
+        resident.push_back(ProcessStatus(m_server->Pid(), "VmRSS"));
+    }
+    ASSERT_TRUE(m_server->Running()) << m_server->Output();
+    std::ostringstream curve;
+    for (long kilobytes : resident) {
+        curve << kilobytes << " ";
+    }
+    std::printf("resident kB after each tenth: %s\n", curve.str().c_str());
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // Over the second half every bound has long been reached: allow only
+    // the allocator's noise.
+    EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve.str();
+#endif
+}
+
+// A record stamped an hour ahead of its client's clock would stretch the
+// log by an hour and make a replay wait for it: it is refused and counted,
+// while the same client's records around it are kept.
+TEST_F(HostileServerTest, RecordFarFromItsClientsClockIsRefusedAndCounted) {
+    ASSERT_EQ(Send("record").status, 0);
+    const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
+    auto data = [](const std::string& time, int sequence, const std::string& item) {
+        return ReplayTest::WithChecksum("\"" + time + ":forger:!1 " + std::to_string(sequence) +
+                                        ":" + item);
+    };
+    const std::vector<std::string> records = {
+        HostileMix::ConnectRecord("forger"), data("1000.000", 1, "in time"),
+        data("4600.000", 2, "an hour ahead"), data("1000.500", 3, "in time again")};
+    ASSERT_EQ(ReplayTest::SendFromManyPorts(server, records, 1), records.size());
+    std::string status;
+    EXPECT_TRUE(WaitFor(
+        [&] {
+            status = Send("status").output;
+            return status.find("outside the time window 1\n") != std::string::npos;
+        },
+        10s, 50ms))
+        << status;
+    ASSERT_EQ(Send("stop").status, 0);
+    EXPECT_EQ(Send("wait").status, 0);
+    const std::string dump = Dump();
+    EXPECT_EQ(ReplayTest::Occurrences(dump, "in time again"), 1) << dump;
+    EXPECT_EQ(ReplayTest::Occurrences(dump, "an hour ahead"), 0) << dump;
+}
+
 }  // namespace

@@ -1,5 +1,8 @@
 #include "server/ControlSocket.h"
 
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 
 #include "tests/support/TestSupport.h"
@@ -172,6 +176,129 @@ TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
     EXPECT_EQ(m_calls, 0);
     // The server's own user (root here) is served.
     EXPECT_EQ(Ask(path, "status"), "did status\n");
+}
+
+// A user of its own for the duration of one test, removed again after it.
+class TemporaryUser {
+  public:
+    TemporaryUser() : m_name("rpsq" + std::to_string(getpid() % 100000)) {
+        const std::string add = "useradd --system --no-create-home --shell /usr/sbin/nologin " +
+                                m_name + " >/dev/null 2>&1";
+        if (std::system(add.c_str()) != 0) {
+            return;
+        }
+        const passwd* entry = getpwnam(m_name.c_str());
+        if (entry != nullptr) {
+            m_uid = entry->pw_uid;
+            m_gid = entry->pw_gid;
+            m_created = true;
+        }
+    }
+    ~TemporaryUser() {
+        if (m_created) {
+            (void)!std::system(("userdel " + m_name + " >/dev/null 2>&1").c_str());
+        }
+    }
+    bool Created() const { return m_created; }
+    const std::string& Name() const { return m_name; }
+    // Drops every privilege of this process for the user's; false on failure.
+    bool Become() const {
+        return setgroups(0, nullptr) == 0 && setgid(m_gid) == 0 && setuid(m_uid) == 0;
+    }
+
+  private:
+    std::string m_name;
+    uid_t m_uid = 0;
+    gid_t m_gid = 0;
+    bool m_created = false;
+};
+
+// Another local user binds the control socket's path first, in a shared
+// sticky directory like /tmp, and answers every command with an invented
+// reply. The server must not start, naming the path and the squatter, and
+// the sending side must refuse to believe the squatter.
+TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to create a second user and act as it";
+    }
+    TemporaryUser squatter;
+    if (!squatter.Created()) {
+        GTEST_SKIP() << "useradd could not create a second user";
+    }
+    ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
+    const std::string path = Path();
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    // Forked before this process has any thread.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(ready[0]);
+        if (!squatter.Become()) {
+            _exit(2);
+        }
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            chmod(path.c_str(), 0666) != 0 || listen(fd, 8) != 0) {
+            _exit(3);
+        }
+        (void)!write(ready[1], "x", 1);
+        for (;;) {
+            const int connection = accept(fd, nullptr, nullptr);
+            const char invented[] = "recording started (invented)\n";
+            (void)!send(connection, invented, sizeof invented - 1, MSG_NOSIGNAL);
+            close(connection);
+        }
+    }
+    close(ready[1]);
+    char signal = 0;
+    const bool squatting = read(ready[0], &signal, 1) == 1;
+    close(ready[0]);
+
+    std::string error;
+    ControlSocket control(Echo(m_calls));
+    const bool started = squatting && control.Start(path, error);
+    std::string reply;
+    std::string sendError;
+    const bool sent = ControlSocket::Send(path, "record 5", reply, sendError);
+    const std::string command = std::string(REPLAY_BINARY_DIR) +
+                                "/server/ReplayManager --control " + path +
+                                " send status >/dev/null 2>&1";
+    const int exitStatus = std::system(command.c_str());
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+
+    ASSERT_TRUE(squatting) << "the squatter could not bind " << path;
+    EXPECT_FALSE(started);
+    EXPECT_NE(error.find(path), std::string::npos) << error;
+    EXPECT_NE(error.find(squatter.Name()), std::string::npos) << error;
+    EXPECT_FALSE(sent) << reply;
+    EXPECT_NE(sendError.find(squatter.Name()), std::string::npos) << sendError;
+    EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) != 0) << exitStatus;
+}
+
+// Who may put a file at the socket's path is decided by its directory; a
+// link at the path is never followed by either end.
+TEST_F(ControlSocketTest, UnsafeDirectoryAndLinksAreRefused) {
+    std::string error;
+    ControlSocket control(Echo(m_calls));
+    ASSERT_EQ(chmod(Root().c_str(), 0777), 0);
+    EXPECT_FALSE(control.Start(Path(), error));
+    EXPECT_NE(error.find("not sticky"), std::string::npos) << error;
+    ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
+    const std::string real = Root() + "/real.sock";
+    ASSERT_TRUE(control.Start(real, error)) << error;
+    EXPECT_EQ(Ask(real, "status"), "did status\n");
+
+    ASSERT_EQ(symlink(real.c_str(), Path().c_str()), 0);
+    std::string reply;
+    EXPECT_FALSE(ControlSocket::Send(Path(), "status", reply, error)) << reply;
+    EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
+    EXPECT_EQ(m_calls, 1);
+    control.Stop();
 }
 
 TEST_F(ControlSocketTest, ConnectionsAreBoundedAndReleased) {
