@@ -12,8 +12,10 @@
 #include <thread>
 
 #include "libreplay/ReplayRuntimeOptions.h"
+#include "libreplay/ReplayVersion.h"
 #include "reference/src/target_root.h"
 #include "server/ControlSocket.h"
+#include "server/ReplayFileCheck.h"
 #include "server/ServerControl.h"
 #include "server/SourceAllowList.h"
 
@@ -190,8 +192,11 @@ int ServerMain(int argc, char** argv) {
         "through the logger service, and replays logs to them.\n\nWithout a subcommand it serves "
         "until quit (standard input or the control socket), SIGINT or SIGTERM. Commands: "
         "record [SECONDS], replay FILE [--segment N] [--from SECONDS], stop, status, clients, "
-        "wait, quit.",
+        "wait, quit.\n\nExit status: 0 success; 1 the operation failed (a replay that did not "
+        "complete, a replay file that is missing or not a regular file, a command the server "
+        "refused); 2 usage error (bad option).",
         "ReplayManager"};
+    app.set_version_flag("--version", std::string("ReplayManager ") + LIBREPLAY_VERSION);
     CommonOptions common;
     app.add_option("--bind", common.bind, "Address to listen on (default: every address)");
     app.add_option("--allow", common.allow,
@@ -274,6 +279,13 @@ int ServerMain(int argc, char** argv) {
         return Run(common, Mode::kRecord, recordSeconds, "");
     }
     if (*replay) {
+        // Checked before anything is bound, so that a wrong path costs no
+        // client a connection.
+        std::string fileError;
+        if (!CheckReplayFile(replayFile, fileError)) {
+            std::fprintf(stderr, "ReplayManager: %s\n", fileError.c_str());
+            return 1;
+        }
         std::string line = "replay " + replayFile;
         if (segment >= 0) {
             line += " --segment " + std::to_string(segment);
