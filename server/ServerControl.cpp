@@ -5,6 +5,8 @@
 #include <sstream>
 #include <vector>
 
+#include "server/ServerStatusJson.h"
+
 namespace ReplayServer {
 
 namespace {
@@ -37,8 +39,8 @@ const char* kHelp =
     "  record [SECONDS]                     record (until stop, or for SECONDS)\n"
     "  replay FILE [--segment N] [--from S] replay a log (one segment, from S seconds in)\n"
     "  stop                                 end the recording or replay\n"
-    "  status                               state, counters and the client table\n"
-    "  clients                              the client table\n"
+    "  status [--json]                      state, counters and the client table\n"
+    "  clients [--json]                     the client table\n"
     "  wait                                 wait until the running job has ended\n"
     "  quit                                 stop everything and exit\n";
 
@@ -78,6 +80,10 @@ std::string ServerControl::Execute(const std::string& line) {
     }
     if (command == "clients" && words.size() == 1) {
         return ClientsText();
+    }
+    if ((command == "status" || command == "clients") && words.size() == 2 &&
+        words[1] == "--json") {
+        return command == "status" ? StatusJson(m_server, JobRunning()) : ClientsJson(m_server);
     }
     if (command == "quit" && words.size() == 1) {
         RequestQuit();
