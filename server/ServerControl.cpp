@@ -5,21 +5,12 @@
 #include <sstream>
 #include <vector>
 
+#include "server/CommandWords.h"
 #include "server/ServerStatusJson.h"
 
 namespace ReplayServer {
 
 namespace {
-
-std::vector<std::string> SplitWords(const std::string& line) {
-    std::istringstream stream(line);
-    std::vector<std::string> words;
-    std::string word;
-    while (stream >> word) {
-        words.push_back(word);
-    }
-    return words;
-}
 
 // A whole non-negative number of seconds (fractions allowed); -1 otherwise.
 double ParseSeconds(const std::string& text) {
@@ -57,7 +48,10 @@ ServerControl::~ServerControl() {
 }
 
 std::string ServerControl::Execute(const std::string& line) {
-    const std::vector<std::string> words = SplitWords(line);
+    std::vector<std::string> words;
+    if (!SplitCommandWords(line, words)) {
+        return "error: unclosed quote in '" + line.substr(0, 64) + "'\n";
+    }
     if (words.empty()) {
         return "";
     }

@@ -14,6 +14,7 @@
 #include "libreplay/ReplayRuntimeOptions.h"
 #include "libreplay/ReplayVersion.h"
 #include "reference/src/target_root.h"
+#include "server/CommandWords.h"
 #include "server/ControlSocket.h"
 #include "server/ReplayFileCheck.h"
 #include "server/ServerControl.h"
@@ -245,9 +246,12 @@ int ServerMain(int argc, char** argv) {
     replay->add_option("--from", from, "Start this many seconds into the log")
         ->check(CLI::NonNegativeNumber);
 
-    std::string command;
-    CLI::App* send = app.add_subcommand("send", "Send one command to a running server");
-    send->add_option("command", command, "The command line, e.g. \"status\"")->required();
+    CLI::App* send = app.add_subcommand(
+        "send",
+        "Send one command to a running server: one argument holding the command line (e.g. "
+        "\"status --json\"), or its words as separate arguments. A replay file is taken "
+        "relative to this working directory; quote names with spaces.");
+    send->prefix_command();
     app.require_subcommand(0, 1);
 
     try {
@@ -264,8 +268,13 @@ int ServerMain(int argc, char** argv) {
         const std::string path = common.control.empty()
                                      ? ReplayPlatform::TargetPath(kDefaultControlPath)
                                      : common.control;
-        std::string reply;
+        std::string command;
         std::string error;
+        if (!SenderCommandLine(send->remaining(), command, error)) {
+            std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+            return 2;
+        }
+        std::string reply;
         if (!ControlSocket::Send(path, command, reply, error)) {
             std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
             return 1;
@@ -286,7 +295,7 @@ int ServerMain(int argc, char** argv) {
             std::fprintf(stderr, "ReplayManager: %s\n", fileError.c_str());
             return 1;
         }
-        std::string line = "replay " + replayFile;
+        std::string line = "replay " + QuoteCommandWord(replayFile);
         if (segment >= 0) {
             line += " --segment " + std::to_string(segment);
         }
