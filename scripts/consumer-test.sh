@@ -15,12 +15,18 @@ jobs=${JOBS:-2}
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/replay-consumer.XXXXXX")
 pids=()
+installed_deb=""
 cleanup() {
+  # An installed package would put libreplay.so on the loader's path for
+  # the tests that follow (the proxy's tests need it absent).
+  [ -n "$installed_deb" ] && { "${sudo_cmd[@]}" dpkg -r libreplay >/dev/null 2>&1 || true; }
   for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
   [ -n "${KEEP_WORK:-}" ] && echo "kept $work" || rm -rf "$work"
 }
 trap cleanup EXIT
+sudo_cmd=()
+[ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
 fail() { echo "consumer-test: $*" >&2; exit 1; }
 
 echo "--- install into $work/prefix"
@@ -109,9 +115,13 @@ for file in usr/bin/ReplayManager usr/bin/replaylog usr/lib/libreplay.so.0 \
   grep -q "\./$file\( \|$\)" <<<"$contents" || fail "$deb lacks $file"
 done
 if [ "${1:-}" = "--dpkg-install" ]; then
-  dpkg -i "$deb" >/dev/null
-  ReplayManager --version
-  dpkg -r libreplay >/dev/null
+  installed_deb=$deb
+  "${sudo_cmd[@]}" dpkg -i "$deb" >/dev/null
+  /usr/bin/ReplayManager --version
+  man -w ReplayManager >/dev/null 2>&1 || [ -f /usr/share/man/man1/ReplayManager.1 ] ||
+    fail "the package installed no manual page"
+  "${sudo_cmd[@]}" dpkg -r libreplay >/dev/null
+  installed_deb=""
 else
   dpkg-deb -x "$deb" "$work/deb"
   "$work/deb/usr/bin/ReplayManager" --version
