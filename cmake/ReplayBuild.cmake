@@ -17,6 +17,10 @@ endif()
 # can shadow a system header of the same name.
 set(REPLAY_ROOT_INCLUDE ${PROJECT_SOURCE_DIR})
 set(REPLAY_PUBLIC_INCLUDE ${PROJECT_SOURCE_DIR}/include)
+# Headers generated at configure time (the version).
+set(REPLAY_GENERATED_INCLUDE ${PROJECT_BINARY_DIR}/generated/include)
+include_directories(${REPLAY_GENERATED_INCLUDE})
+include(GNUInstallDirs)
 
 # Fuzz builds instrument every object for coverage; the targets themselves add
 # the libFuzzer driver.

@@ -36,6 +36,7 @@
 
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
+#include "libreplay/ReplayVersion.h"
 
 namespace {
 
@@ -334,6 +335,10 @@ int main(int argc, char** argv) {
     streams[0] = {20, kDataTypeBinary, SensorFrame, 48};
     streams[1] = {100, kDataTypeAsciiText, MakePosition, 0};
     streams[2] = {0, kDataTypeAsciiText, MakeStatus, 0};
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("demo_client %s\n", LIBREPLAY_VERSION);
+        return 0;
+    }
     std::string receivedPath;
     int first = 3;
     double seconds = 0;

@@ -12,6 +12,7 @@
 
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayCore.h"
+#include "libreplay/ReplayVersion.h"
 #include "reference/src/operating_system.h"
 #include "reference/src/target_root.h"
 
@@ -38,7 +39,15 @@ class EchoThread : public CThread {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("replay_tour %s\n", LIBREPLAY_VERSION);
+        return 0;
+    }
+    if (argc > 1) {
+        std::fprintf(stderr, "usage: replay_tour [--version]\n");
+        return 2;
+    }
     char rootTemplate[] = "/tmp/replay-tour-XXXXXX";
     const char* root = mkdtemp(rootTemplate);
     if (root == nullptr) {

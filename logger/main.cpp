@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "libreplay/ReplayVersion.h"
 #include "logger/LoggerService.h"
 #include "reference/src/target_root.h"
 
@@ -25,6 +26,7 @@ int main(int argc, char** argv) {
         "that exists but is not a FIFO stops the start.\n\nExit status: 0 after a clean stop, "
         "1 when the devices cannot be created or opened, 2 for bad options.",
         "replay-logger"};
+    app.set_version_flag("--version", std::string("replay-logger ") + LIBREPLAY_VERSION);
     std::string root;
     std::string logFile;
     std::string consoleFile;

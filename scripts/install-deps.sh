@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-dev
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
   libcli11-dev nlohmann-json3-dev
+  help2man pkgconf dpkg-dev
 )
 
 missing=()

@@ -2,7 +2,8 @@
 # Builds and runs every test: the plain build, then the whole suite under
 # AddressSanitizer + UndefinedBehaviorSanitizer and under ThreadSanitizer,
 # then every fuzz target for a short fixed time from its seed corpus, then a
-# two-minute soak run.
+# two-minute soak run. After the plain build, scripts/consumer-test.sh builds
+# components against the installed tree and installs the .deb.
 #   scripts/test.sh            everything (what CI runs)
 #   scripts/test.sh --quick    the plain build only
 # FUZZ_SECONDS (default 20) and SOAK_MINUTES (default 2) change the last two.
@@ -24,6 +25,8 @@ run_suite() {
 
 run_suite release
 if [ "${1:-}" != "--quick" ]; then
+  stage "install, consumers and .deb"
+  BUILD_DIR=build/release JOBS=$jobs scripts/consumer-test.sh --dpkg-install
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     run_suite asan-ubsan -DREPLAY_SANITIZE=address,undefined
   TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \

@@ -5,19 +5,12 @@
 #include <sstream>
 #include <vector>
 
+#include "server/CommandWords.h"
+#include "server/ServerStatusJson.h"
+
 namespace ReplayServer {
 
 namespace {
-
-std::vector<std::string> SplitWords(const std::string& line) {
-    std::istringstream stream(line);
-    std::vector<std::string> words;
-    std::string word;
-    while (stream >> word) {
-        words.push_back(word);
-    }
-    return words;
-}
 
 // A whole non-negative number of seconds (fractions allowed); -1 otherwise.
 double ParseSeconds(const std::string& text) {
@@ -37,8 +30,8 @@ const char* kHelp =
     "  record [SECONDS]                     record (until stop, or for SECONDS)\n"
     "  replay FILE [--segment N] [--from S] replay a log (one segment, from S seconds in)\n"
     "  stop                                 end the recording or replay\n"
-    "  status                               state, counters and the client table\n"
-    "  clients                              the client table\n"
+    "  status [--json]                      state, counters and the client table\n"
+    "  clients [--json]                     the client table\n"
     "  wait                                 wait until the running job has ended\n"
     "  quit                                 stop everything and exit\n";
 
@@ -55,7 +48,10 @@ ServerControl::~ServerControl() {
 }
 
 std::string ServerControl::Execute(const std::string& line) {
-    const std::vector<std::string> words = SplitWords(line);
+    std::vector<std::string> words;
+    if (!SplitCommandWords(line, words)) {
+        return "error: unclosed quote in '" + line.substr(0, 64) + "'\n";
+    }
     if (words.empty()) {
         return "";
     }
@@ -78,6 +74,10 @@ std::string ServerControl::Execute(const std::string& line) {
     }
     if (command == "clients" && words.size() == 1) {
         return ClientsText();
+    }
+    if ((command == "status" || command == "clients") && words.size() == 2 &&
+        words[1] == "--json") {
+        return command == "status" ? StatusJson(m_server, JobRunning()) : ClientsJson(m_server);
     }
     if (command == "quit" && words.size() == 1) {
         RequestQuit();

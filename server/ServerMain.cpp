@@ -12,8 +12,11 @@
 #include <thread>
 
 #include "libreplay/ReplayRuntimeOptions.h"
+#include "libreplay/ReplayVersion.h"
 #include "reference/src/target_root.h"
+#include "server/CommandWords.h"
 #include "server/ControlSocket.h"
+#include "server/ReplayFileCheck.h"
 #include "server/ServerControl.h"
 #include "server/SourceAllowList.h"
 
@@ -192,8 +195,11 @@ int ServerMain(int argc, char** argv) {
         "through the logger service, and replays logs to them.\n\nWithout a subcommand it serves "
         "until quit (standard input or the control socket), SIGINT or SIGTERM. Commands: "
         "record [SECONDS], replay FILE [--segment N] [--from SECONDS], stop, status, clients, "
-        "wait, quit.",
+        "wait, quit.\n\nExit status: 0 success; 1 the operation failed (a replay that did not "
+        "complete, a replay file that is missing or not a regular file, a command the server "
+        "refused); 2 usage error (bad option).",
         "ReplayManager"};
+    app.set_version_flag("--version", std::string("ReplayManager ") + LIBREPLAY_VERSION);
     CommonOptions common;
     app.add_option("--bind", common.bind, "Address to listen on (default: every address)");
     app.add_option("--allow", common.allow,
@@ -248,9 +254,12 @@ int ServerMain(int argc, char** argv) {
     replay->add_option("--from", from, "Start this many seconds into the log")
         ->check(CLI::NonNegativeNumber);
 
-    std::string command;
-    CLI::App* send = app.add_subcommand("send", "Send one command to a running server");
-    send->add_option("command", command, "The command line, e.g. \"status\"")->required();
+    CLI::App* send = app.add_subcommand(
+        "send",
+        "Send one command to a running server: one argument holding the command line (e.g. "
+        "\"status --json\"), or its words as separate arguments. A replay file is taken "
+        "relative to this working directory; quote names with spaces.");
+    send->prefix_command();
     app.require_subcommand(0, 1);
 
     try {
@@ -267,8 +276,13 @@ int ServerMain(int argc, char** argv) {
         const std::string path = common.control.empty()
                                      ? ReplayPlatform::TargetPath(kDefaultControlPath)
                                      : common.control;
-        std::string reply;
+        std::string command;
         std::string error;
+        if (!SenderCommandLine(send->remaining(), command, error)) {
+            std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+            return 2;
+        }
+        std::string reply;
         if (!ControlSocket::Send(path, command, reply, error)) {
             std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
             return 1;
@@ -282,7 +296,14 @@ int ServerMain(int argc, char** argv) {
         return Run(common, Mode::kRecord, recordSeconds, "");
     }
     if (*replay) {
-        std::string line = "replay " + replayFile;
+        // Checked before anything is bound, so that a wrong path costs no
+        // client a connection.
+        std::string fileError;
+        if (!CheckReplayFile(replayFile, fileError)) {
+            std::fprintf(stderr, "ReplayManager: %s\n", fileError.c_str());
+            return 1;
+        }
+        std::string line = "replay " + QuoteCommandWord(replayFile);
         if (segment >= 0) {
             line += " --segment " + std::to_string(segment);
         }

@@ -18,6 +18,11 @@
 namespace {
 
 const char* const kLibraryName = "libreplay.so";
+// The name the library runs under (its soname, with the major version): a
+// system that has only the run-time package installed has no plain
+// libreplay.so, and a process that links the library directly has it loaded
+// under this name.
+const char* const kVersionedLibraryName = REPLAY_LIBRARY_SONAME;
 // The library's internal log writer and default handler set-up are C++
 // functions; the proxy reaches them by their exported (mangled) names so
 // that it never links against the library.
@@ -49,7 +54,10 @@ Function LookupAnnounced(void* handle, const char* name) {
 }  // namespace
 
 ReplayClientInterface::ReplayClientInterface() {
-    m_libraryHandle = dlopen(kLibraryName, RTLD_NOW | RTLD_GLOBAL);
+    m_libraryHandle = dlopen(kVersionedLibraryName, RTLD_NOW | RTLD_GLOBAL);
+    if (m_libraryHandle == nullptr) {
+        m_libraryHandle = dlopen(kLibraryName, RTLD_NOW | RTLD_GLOBAL);
+    }
     if (m_libraryHandle == nullptr) {
         Print("\nFailed to Load libreplay.so");
         return;

@@ -78,19 +78,7 @@ class REPLAY_API ReplayClientInterface {
 // The process's one proxy, built on first use and destroyed at exit.
 REPLAY_API ReplayClientInterface& GetClientProxy();
 
-// Entry points for applications that must run with or without the library,
-// all through GetClientProxy().
-extern "C" {
-// Announces itself on standard output, then initialises through the proxy.
-REPLAY_API int CSafeInitializeReplayClient(const char* clientName,
-                                           CReplayCallbackFunction replayCallback,
-                                           CInitializationCallbackFunction initializationCallback,
-                                           unsigned int dataType, const void* initData,
-                                           unsigned int nBytes);
-// Sends (never immediately) only while recording; 0 otherwise.
-REPLAY_API int CSafeSendClientData(const void* data, unsigned int nBytes, unsigned int dataType);
-// Non-zero exactly while the client replays.
-REPLAY_API int CSafeReplayingLogFile(void);
-}
+// The CSafe entry points (declared in ReplayClientC.h) go through
+// GetClientProxy().
 
 #endif

@@ -142,11 +142,14 @@ class REPLAY_API MSTime {
 REPLAY_API unsigned int GetTimeSlotFromTime(MSTime::MSTimeStruct time);
 REPLAY_API unsigned int GetTimeSlotFromCurrentTime();
 
+#ifdef REPLAY_INTERNAL_BUILD
 // Tests replace the monotonic clock behind GetCurrentTimeMS (and the execution
 // timers) with a function returning milliseconds; a negative value stands for
-// a failing clock. Null restores the monotonic clock.
+// a failing clock. Null restores the monotonic clock. Built into the library
+// but not exported from libreplay.so: tests link the static library.
 typedef int64_t (*ClockSourceFunction)();
-REPLAY_API void SetClockSourceForTesting(ClockSourceFunction source);
+void SetClockSourceForTesting(ClockSourceFunction source);
+#endif
 
 }  // namespace ReplayCore
 

@@ -13,12 +13,13 @@
 
 namespace ReplayLogTool {
 
-// Exit statuses, also listed in the tool's help.
+// Exit statuses, also listed in the tool's help: the convention of every
+// program of the project.
 enum ExitStatus {
     kExitOk = 0,
     kExitProblems = 1,   // verify found problems
-    kExitFileError = 2,  // a file cannot be read or written
-    kExitUsage = 3,      // bad command line
+    kExitFileError = 1,  // the operation failed: a file cannot be read or written, or is no log
+    kExitUsage = 2,      // bad command line, or a client or segment the log does not have
 };
 
 struct CommonOptions {

@@ -3,13 +3,17 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "libreplay/ReplayVersion.h"
+#include "tools/replaylog/ExportCommand.h"
+#include "tools/replaylog/LogFileChecks.h"
 #include "tools/replaylog/ToolSupport.h"
 
 namespace {
 
 const char kExitHelp[] =
-    "Exit status: 0 success (verify: the log is clean), 1 verify found problems, 2 a file "
-    "cannot be read or written, 3 bad command line.\n";
+    "Exit status: 0 success (verify: the log is clean); 1 problems found (verify) or the "
+    "operation failed (a file is missing, unreadable, not a log, or cannot be written); 2 usage "
+    "error (bad option, or a client or segment the log does not have).\n";
 
 void AddCommon(CLI::App* command, ReplayLogTool::CommonOptions& options, bool json) {
     command->add_option("logfile", options.logFile, "Stored replay log (e.g. LOGFILE.DAT)")
@@ -38,6 +42,7 @@ int main(int argc, char** argv) {
         "of a client's items and cutting of a smaller log that can be replayed.",
         "replaylog"};
     app.footer(kExitHelp);
+    app.set_version_flag("--version", std::string("replaylog ") + LIBREPLAY_VERSION);
     app.require_subcommand(1);
 
     CommonOptions options;
@@ -70,6 +75,16 @@ int main(int argc, char** argv) {
     AddFilter(cut, filter);
     cut->add_option("-o,--output", output, "The new log file")->required();
 
+    std::string exportFormat = "csv";
+    CLI::App* exporter = app.add_subcommand(
+        "export",
+        "One row per item for analysis tools: time, client, data type, sequence, encoding and "
+        "the data (text, or base64 for binary items)");
+    AddCommon(exporter, options, false);
+    AddFilter(exporter, filter);
+    exporter->add_option("--format", exportFormat, "csv (with a header line) or jsonl")
+        ->check(CLI::IsMember({"csv", "jsonl"}));
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -81,6 +96,17 @@ int main(int argc, char** argv) {
     if (!filter.Prepare(error)) {
         ReportError(error);
         return kExitUsage;
+    }
+    int status = CheckLogFile(options.logFile);
+    if (status == kExitOk) {
+        status = CheckFilterNamesExist(options.logFile, filter);
+    }
+    if (status != kExitOk) {
+        return status;
+    }
+    if (*exporter) {
+        return RunExport(options, filter,
+                         exportFormat == "csv" ? ExportFormat::kCsv : ExportFormat::kJsonLines);
     }
     if (*info) {
         return RunInfo(options);

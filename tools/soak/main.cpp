@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include "libreplay/ReplayVersion.h"
 #include "tools/soak/SoakRun.h"
 
 namespace {
@@ -48,6 +49,7 @@ int main(int argc, char** argv) {
         "nothing else was lost and no process grew beyond the limit, 1 otherwise, 2 for bad "
         "options, 3 when the run could not be carried out or was interrupted.",
         "replay-soak"};
+    app.set_version_flag("--version", std::string("replay-soak ") + LIBREPLAY_VERSION);
     ReplaySoak::SoakSettings settings;
     settings.binaryDirectory = DefaultBinaryDirectory();
     app.add_option("--duration", settings.durationSeconds, "Seconds to record")

@@ -1,0 +1,104 @@
+# What `cmake --install` puts in place: the client library and its loading
+# proxy (versioned), the public client headers, the executables, a CMake
+# package (find_package(libreplay) -> libreplay::replay, libreplay::proxy)
+# and pkg-config files. `cpack -G DEB` packs the same tree.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(REPLAY_CMAKE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/libreplay)
+
+# The headers a client application includes. Everything else under
+# include/libreplay/ is the library's own and stays in the source tree.
+set(REPLAY_PUBLIC_HEADERS
+  ReplayClient.h
+  ReplayClientC.h
+  ReplayClientInterface.h
+  ReplayCore.h
+  ReplayExport.h
+  multicore.h)
+list(TRANSFORM REPLAY_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/include/libreplay/)
+install(FILES ${REPLAY_PUBLIC_HEADERS} ${REPLAY_GENERATED_INCLUDE}/libreplay/ReplayVersion.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libreplay)
+
+install(TARGETS replay replayproxy EXPORT libreplayTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT libreplayTargets NAMESPACE libreplay:: DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/libreplayConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/package/libreplayConfig.cmake
+  INSTALL_DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR})
+# The library promises a stable interface within one major version.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/libreplayConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/package/libreplayConfig.cmake
+              ${PROJECT_BINARY_DIR}/package/libreplayConfigVersion.cmake
+        DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR})
+
+# The .pc files find the prefix relative to themselves, so that an install
+# with `cmake --install --prefix DIR` works without reconfiguring.
+file(RELATIVE_PATH REPLAY_PC_PREFIX_FROM_PCDIR
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+foreach(pc IN ITEMS libreplay libreplayproxy)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${PROJECT_BINARY_DIR}/package/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/package/${pc}.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+foreach(program IN ITEMS ReplayManager replaylog replay-logger)
+  if(TARGET ${program})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  endif()
+endforeach()
+
+# Manual pages made from each program's --help and --version, when
+# help2man is there (scripts/install-deps.sh installs it). Sanitizer and
+# fuzz builds skip them: their programs are not for installing.
+find_program(REPLAY_HELP2MAN help2man)
+set(REPLAY_MANUAL_SUMMARY_ReplayManager "the replay server: records clients' data and replays it")
+set(REPLAY_MANUAL_SUMMARY_replaylog "inspect, verify and export stored replay logs")
+set(REPLAY_MANUAL_SUMMARY_replay-logger "the logger service storing replay records and console text")
+if(REPLAY_HELP2MAN AND NOT REPLAY_SANITIZE AND NOT REPLAY_BUILD_FUZZ)
+  set(manuals)
+  foreach(program IN ITEMS ReplayManager replaylog replay-logger)
+    if(TARGET ${program})
+      set(manual ${PROJECT_BINARY_DIR}/man/${program}.1)
+      add_custom_command(OUTPUT ${manual}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
+        COMMAND ${REPLAY_HELP2MAN} --no-info --no-discard-stderr
+                --name "${REPLAY_MANUAL_SUMMARY_${program}}"
+                --output ${manual} $<TARGET_FILE:${program}>
+        DEPENDS ${program}
+        COMMENT "Manual page ${program}.1"
+        VERBATIM)
+      list(APPEND manuals ${manual})
+    endif()
+  endforeach()
+  add_custom_target(replay_manuals ALL DEPENDS ${manuals})
+  install(FILES ${manuals} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+else()
+  message(STATUS "help2man not found or not a plain build: no manual pages")
+endif()
+
+install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/ReplayManager
+              ${PROJECT_SOURCE_DIR}/tools/completion/replaylog
+              ${PROJECT_SOURCE_DIR}/tools/completion/replay-logger
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+
+# cpack -G DEB: one package with the library, headers and tools.
+set(CPACK_PACKAGE_NAME libreplay)
+set(CPACK_PACKAGE_VENDOR "libreplay developers")
+set(CPACK_PACKAGE_CONTACT "libreplay developers <libreplay@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
+    "Record and replay of a component's input: client library, server and tools")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+# Dependencies (libc, libstdc++) come from the binaries themselves; the
+# shlibs file and the ldconfig trigger come with the shared libraries.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# The package carries no debug information.
+set(CPACK_STRIP_FILES ON)
+include(CPack)

@@ -1,0 +1,56 @@
+#include "server/CommandWords.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using ReplayServer::QuoteCommandWord;
+using ReplayServer::SenderCommandLine;
+using ReplayServer::SplitCommandWords;
+typedef std::vector<std::string> Words;
+
+Words Split(const std::string& line) {
+    Words words;
+    EXPECT_TRUE(SplitCommandWords(line, words)) << line;
+    return words;
+}
+
+TEST(CommandWordsTest, QuotedWordsKeepBlanksQuotesAndBackslashes) {
+    EXPECT_EQ(Split("  replay\t/fs/usb0/LOG.DAT  --segment 2 "),
+              (Words{"replay", "/fs/usb0/LOG.DAT", "--segment", "2"}));
+    EXPECT_EQ(Split("replay \"/data/drive 1/LOG.DAT\" --from 3"),
+              (Words{"replay", "/data/drive 1/LOG.DAT", "--from", "3"}));
+    // Every awkward word comes back as it went in.
+    for (const std::string word :
+         {"", " ", "a b", "say \"hi\"", "back\\slash", "\"", "end\\", "tab\there"}) {
+        EXPECT_EQ(Split("replay " + QuoteCommandWord(word) + " x"), (Words{"replay", word, "x"}))
+            << QuoteCommandWord(word);
+    }
+    EXPECT_EQ(QuoteCommandWord("/plain/path"), "/plain/path");
+    Words words;
+    EXPECT_FALSE(SplitCommandWords("replay \"/no/end", words));
+}
+
+TEST(CommandWordsTest, TheSenderMakesTheReplayFileAbsolute) {
+    char here[4096];
+    ASSERT_NE(getcwd(here, sizeof here), nullptr);
+    const std::string cwd = here;
+    std::string line;
+    std::string error;
+    ASSERT_TRUE(SenderCommandLine({"replay", "logs/my drive.dat", "--segment", "2"}, line, error));
+    EXPECT_EQ(Split(line), (Words{"replay", cwd + "/logs/my drive.dat", "--segment", "2"}));
+    // One argument is a whole command line; options before the file are
+    // skipped with their values.
+    ASSERT_TRUE(SenderCommandLine({"replay --from 5 \"a b.dat\""}, line, error));
+    EXPECT_EQ(Split(line), (Words{"replay", "--from", "5", cwd + "/a b.dat"}));
+    ASSERT_TRUE(SenderCommandLine({"status --json"}, line, error));
+    EXPECT_EQ(line, "status --json");
+    EXPECT_FALSE(SenderCommandLine({"replay \"open"}, line, error));
+    EXPECT_FALSE(SenderCommandLine({}, line, error));
+}
+
+}  // namespace
