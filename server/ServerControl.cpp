@@ -42,6 +42,11 @@ const char* kHelp =
     "  wait                                 wait until the running job has ended\n"
     "  quit                                 stop everything and exit\n";
 
+// A stop keeps each client recording until the block holding the stop moment
+// has arrived: a client sends a block at the latest when its ping finds it
+// two seconds old.
+constexpr const char* kStopDrainText = "about 5 s: each client's block holding the moment";
+
 }  // namespace
 
 ServerControl::ServerControl(ReplayServer& server, const ReplaySettings& replaySettings,
@@ -63,6 +68,13 @@ std::string ServerControl::Execute(const std::string& line) {
     if (command == "wait") {
         return WaitForJob();
     }
+    // Reports read counters only: they answer while a stop drains.
+    if (command == "status" && words.size() == 1) {
+        return StatusText();
+    }
+    if (command == "clients" && words.size() == 1) {
+        return ClientsText();
+    }
     std::lock_guard<std::mutex> lock(m_commandMutex);
     if (command == "record" && words.size() <= 2) {
         return Record(words.size() == 2 ? words[1] : "");
@@ -72,12 +84,6 @@ std::string ServerControl::Execute(const std::string& line) {
     }
     if (command == "stop" && words.size() == 1) {
         return Stop();
-    }
-    if (command == "status" && words.size() == 1) {
-        return StatusText();
-    }
-    if (command == "clients" && words.size() == 1) {
-        return ClientsText();
     }
     if (command == "quit" && words.size() == 1) {
         RequestQuit();
@@ -265,7 +271,29 @@ std::string ServerControl::StatusText() {
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
          << ", refused clients " << counters.refusedClients << ", refused sources "
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
-         << ", no room to hold " << counters.heldOverflow << "\n";
+         << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
+         << counters.oversized << "\n";
+    const StopProgress stop = m_server.Stopping();
+    if (stop.draining) {
+        text << "stopping: waiting for the block holding the stop moment from "
+             << stop.waitingFor.size() << " of " << stop.clients << " clients (at most "
+             << kStopDrainText << ")";
+        for (const std::string& name : stop.waitingFor) {
+            text << " " << name;
+        }
+        text << "\n";
+    } else if (stop.lastDurationMs >= 0) {
+        text << "last stop took " << stop.lastDurationMs << " ms, blocks after the stop moment "
+             << counters.blocksAfterStop << " (not stored), unconfirmed clients "
+             << stop.lastUnconfirmed.size();
+        for (const std::string& name : stop.lastUnconfirmed) {
+            text << " " << name;
+        }
+        text << "\n";
+    }
+    text << "crash journal " << (counters.journalOn ? "on" : "off")
+         << ", records recovered at start " << counters.recordsRecovered
+         << ", journal write failures " << counters.journalFailures << "\n";
     text << ClientsText();
     return text.str();
 }

@@ -22,6 +22,8 @@ namespace ReplayServer {
 namespace {
 
 constexpr const char* kDefaultControlPath = "/tmp/ReplayManager.sock";
+// Must survive a power cut: not under /tmp.
+constexpr const char* kDefaultJournalPath = "/var/lib/replay/ReplayManager.journal";
 
 std::mutex g_outputMutex;
 
@@ -71,6 +73,7 @@ struct CommonOptions {
     std::string control;
     int clientWait = 30;
     int reorderMs = 5000;
+    std::string journal = kDefaultJournalPath;
 };
 
 enum class Mode { kServe, kRecord, kReplay };
@@ -103,6 +106,11 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         settings.allowedSources.Parse(common.allow, parseError);  // checked with the options
     }
     settings.reorderHoldMs = common.reorderMs;
+    if (!common.journal.empty()) {
+        settings.journalPath = common.journal == kDefaultJournalPath
+                                   ? ReplayPlatform::TargetPath(common.journal)
+                                   : common.journal;
+    }
     ReplayServer server(settings);
     std::string error;
     if (!server.Start(error)) {
@@ -224,6 +232,10 @@ int ServerMain(int argc, char** argv) {
                    "Milliseconds each record waits, so that late blocks go to the log in order")
         ->default_val(5000)
         ->check(CLI::Range(0, 60000));
+
+    app.add_option("--journal", common.journal,
+                   std::string("Crash journal of received records (default: ") +
+                       kDefaultJournalPath + " under the target root; \"\": none)");
 
     double recordSeconds = 0;
     CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");
