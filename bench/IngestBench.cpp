@@ -311,18 +311,54 @@ class RawRecvfromSink : public Sink {
     int m_fd = -1;
 };
 
-// "datagrams N, records to the log M" from the server's status reply.
-bool ParseServerCounts(const std::string& status, uint64_t& datagrams, uint64_t& forwarded) {
-    unsigned long long d = 0;
-    unsigned long long f = 0;
-    const size_t at = status.find("datagrams ");
-    if (at == std::string::npos ||
-        std::sscanf(status.c_str() + at, "datagrams %llu, records to the log %llu", &d, &f) != 2) {
-        return false;
+// The server's counters from its status reply.
+struct ServerCounts {
+    uint64_t datagrams = 0;
+    uint64_t forwarded = 0;
+    uint64_t pipeFailures = 0;
+    uint64_t holdOverflow = 0;
+};
+
+uint64_t CountAfter(const std::string& status, const std::string& key) {
+    const size_t at = status.find(key);
+    return at == std::string::npos ? 0
+                                   : std::strtoull(status.c_str() + at + key.size(), nullptr, 10);
+}
+
+ServerCounts ParseServerCounts(const std::string& status) {
+    ServerCounts counts;
+    counts.datagrams = CountAfter(status, "datagrams ");
+    counts.forwarded = CountAfter(status, "records to the log ");
+    counts.pipeFailures = CountAfter(status, "pipe failures ");
+    counts.holdOverflow = CountAfter(status, "no room to hold ");
+    return counts;
+}
+
+// Datagrams the kernel dropped at sockets bound to `port` (the last column
+// of /proc/net/udp; the server is the only one on that port in the bench's
+// network namespace besides the baseline, which is closed by then).
+uint64_t SocketDrops(int port) {
+    std::FILE* table = std::fopen("/proc/net/udp", "r");
+    if (table == nullptr) {
+        return 0;
     }
-    datagrams = d;
-    forwarded = f;
-    return true;
+    char line[512];
+    uint64_t drops = 0;
+    if (std::fgets(line, sizeof line, table) == nullptr) {  // the heading
+        std::fclose(table);
+        return 0;
+    }
+    while (std::fgets(line, sizeof line, table) != nullptr) {
+        unsigned int localPort = 0;
+        if (std::sscanf(line, " %*d: %*x:%x", &localPort) != 1 ||
+            static_cast<int>(localPort) != port) {
+            continue;
+        }
+        const char* last = std::strrchr(line, ' ');
+        drops += last != nullptr ? std::strtoull(last + 1, nullptr, 10) : 0;
+    }
+    std::fclose(table);
+    return drops;
 }
 
 // The real path: senders -> replay server (recording) -> log writer ->
@@ -339,34 +375,54 @@ class ServerSink : public Sink {
         // Each trial counts its own records in an emptied file (the logger
         // appends, so it goes on writing at the new end).
         truncate(m_pipeline.LogFile().c_str(), 0);
-        uint64_t datagramsBefore = 0;
-        uint64_t forwardedBefore = 0;
-        ParseServerCounts(m_pipeline.Command("status"), datagramsBefore, forwardedBefore);
+        const ServerCounts before = ParseServerCounts(m_pipeline.Command("status"));
+        const uint64_t dropsBefore = SocketDrops(kServerPort);
         const std::string recording = m_pipeline.Command("record");
         if (recording.compare(0, 9, "recording") != 0) {
             result.detail = "record refused: " + recording;
             return result;
         }
         const TrialLoad load = RunSenders(senders, rate, seconds);
-        const std::string stopped = m_pipeline.Command("stop");
+        // A stop waits for each recording client's block holding the stop
+        // moment; these senders have sent everything, so each answers with
+        // a state report stamped after the moment, as an idle client's ping
+        // does.
+        std::string stopped;
+        std::thread stopping([&] { stopped = m_pipeline.Command("stop"); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (const auto& sender : senders) {
+            sender->Connect();
+        }
+        stopping.join();
         WaitForLogToSettle();
-        uint64_t datagrams = 0;
-        uint64_t forwarded = 0;
-        ParseServerCounts(m_pipeline.Command("status"), datagrams, forwarded);
+        const ServerCounts after = ParseServerCounts(m_pipeline.Command("status"));
+        const uint64_t socketDrops = SocketDrops(kServerPort) - dropsBefore;
 
         result.sent = load.sent;
         result.arrived = CountLoggedRecords(senders, load);
         result.zeroLoss = load.sendFailures == 0 && result.arrived == load.sent &&
                           load.worstLagSeconds < 0.1 * seconds;
-        char text[256];
-        std::snprintf(text, sizeof text,
-                      "server received %llu, forwarded %llu, in the log %llu, send failures "
-                      "%llu, sender lag %.3f s%s",
-                      static_cast<unsigned long long>(datagrams - datagramsBefore),
-                      static_cast<unsigned long long>(forwarded - forwardedBefore),
-                      static_cast<unsigned long long>(result.arrived),
-                      static_cast<unsigned long long>(load.sendFailures), load.worstLagSeconds,
-                      stopped.compare(0, 17, "recording stopped") == 0 ? "" : " (stop failed)");
+        // Where records went missing, stage by stage: the socket (kernel
+        // drops), the server's hold (no room), its pipe to the writer, and
+        // after the writer (late drops in the write queue, the logger
+        // service): forwarded less the flush record less what is in the log.
+        const uint64_t received = after.datagrams - before.datagrams;
+        const uint64_t forwarded = after.forwarded - before.forwarded;
+        const uint64_t dataForwarded = forwarded > 0 ? forwarded - 1 : 0;  // the flush record
+        char text[384];
+        std::snprintf(
+            text, sizeof text,
+            "server received %llu (socket drops %llu), hold overflow %llu, pipe failures %llu, "
+            "forwarded %llu, in the log %llu (lost after the writer %lld), send failures %llu, "
+            "sender lag %.3f s%s",
+            static_cast<unsigned long long>(received), static_cast<unsigned long long>(socketDrops),
+            static_cast<unsigned long long>(after.holdOverflow - before.holdOverflow),
+            static_cast<unsigned long long>(after.pipeFailures - before.pipeFailures),
+            static_cast<unsigned long long>(dataForwarded),
+            static_cast<unsigned long long>(result.arrived),
+            static_cast<long long>(dataForwarded) - static_cast<long long>(result.arrived),
+            static_cast<unsigned long long>(load.sendFailures), load.worstLagSeconds,
+            stopped.compare(0, 17, "recording stopped") == 0 ? "" : " (stop failed)");
         result.detail = text;
         return result;
     }

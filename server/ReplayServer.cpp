@@ -615,6 +615,7 @@ ServerCounters ReplayServer::Counters() const {
     if (m_reorder != nullptr) {
         counters.recordsHeld = m_reorder->HeldRecords();
         counters.heldOverflow = m_reorder->Refused();
+        counters.heldReleasedEarly = m_reorder->ReleasedEarly();
     }
     counters.oversized = m_oversized.load(std::memory_order_relaxed);
     counters.blocksAfterStop = m_blocksAfterStop.load(std::memory_order_relaxed);

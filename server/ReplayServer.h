@@ -41,6 +41,9 @@ struct ServerCounters {
     // Records waiting in the reorder buffer, and those it had no room for.
     uint64_t recordsHeld = 0;
     uint64_t heldOverflow = 0;
+    // Records the hold passed on before their time because it was three
+    // quarters full.
+    uint64_t heldReleasedEarly = 0;
     // Datagrams longer than the largest valid record, refused unread.
     uint64_t oversized = 0;
     // Data blocks that start at or after a stop moment: items handed over

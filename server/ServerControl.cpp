@@ -271,6 +271,7 @@ std::string ServerControl::StatusText() {
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
          << ", refused clients " << counters.refusedClients << ", refused sources "
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
+         << ", passed on early (hold three quarters full) " << counters.heldReleasedEarly
          << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
          << counters.oversized << "\n";
     const StopProgress stop = m_server.Stopping();
