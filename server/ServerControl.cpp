@@ -284,9 +284,9 @@ std::string ServerControl::StatusText() {
         }
         text << "\n";
     } else if (stop.lastDurationMs >= 0) {
-        text << "last stop took " << stop.lastDurationMs << " ms, blocks after the stop moment "
-             << counters.blocksAfterStop << " (not stored), unconfirmed clients "
-             << stop.lastUnconfirmed.size();
+        text << "last stop moment " << stop.momentMs << " ms, took " << stop.lastDurationMs
+             << " ms, blocks after the stop moment " << counters.blocksAfterStop
+             << " (not stored), unconfirmed clients " << stop.lastUnconfirmed.size();
         for (const std::string& name : stop.lastUnconfirmed) {
             text << " " << name;
         }
