@@ -334,28 +334,26 @@ ServerCounts ParseServerCounts(const std::string& status) {
     return counts;
 }
 
-// Datagrams the kernel dropped at sockets bound to `port` (the last column
-// of /proc/net/udp; the server is the only one on that port in the bench's
-// network namespace besides the baseline, which is closed by then).
-uint64_t SocketDrops(int port) {
+// Datagrams the kernel dropped at the socket bound to `address`:`port` (the
+// last column of /proc/net/udp).
+uint64_t SocketDrops(const std::string& address, int port) {
+    char wanted[32];
+    std::snprintf(wanted, sizeof wanted, "%08X:%04X", Endpoint(address, port).sin_addr.s_addr,
+                  static_cast<unsigned int>(port));
     std::FILE* table = std::fopen("/proc/net/udp", "r");
     if (table == nullptr) {
         return 0;
     }
     char line[512];
     uint64_t drops = 0;
-    if (std::fgets(line, sizeof line, table) == nullptr) {  // the heading
-        std::fclose(table);
-        return 0;
-    }
     while (std::fgets(line, sizeof line, table) != nullptr) {
-        unsigned int localPort = 0;
-        if (std::sscanf(line, " %*d: %*x:%x", &localPort) != 1 ||
-            static_cast<int>(localPort) != port) {
+        char local[64] = {0};
+        if (std::sscanf(line, " %*s %63s", local) != 1 || std::strcmp(local, wanted) != 0) {
             continue;
         }
-        const char* last = std::strrchr(line, ' ');
-        drops += last != nullptr ? std::strtoull(last + 1, nullptr, 10) : 0;
+        std::string text(line);
+        text.erase(text.find_last_not_of(" \n") + 1);
+        drops += std::strtoull(text.c_str() + text.rfind(' ') + 1, nullptr, 10);
     }
     std::fclose(table);
     return drops;
@@ -376,7 +374,7 @@ class ServerSink : public Sink {
         // appends, so it goes on writing at the new end).
         truncate(m_pipeline.LogFile().c_str(), 0);
         const ServerCounts before = ParseServerCounts(m_pipeline.Command("status"));
-        const uint64_t dropsBefore = SocketDrops(kServerPort);
+        const uint64_t dropsBefore = SocketDrops(m_pipeline.Address(), kServerPort);
         const std::string recording = m_pipeline.Command("record");
         if (recording.compare(0, 9, "recording") != 0) {
             result.detail = "record refused: " + recording;
@@ -396,7 +394,7 @@ class ServerSink : public Sink {
         stopping.join();
         WaitForLogToSettle();
         const ServerCounts after = ParseServerCounts(m_pipeline.Command("status"));
-        const uint64_t socketDrops = SocketDrops(kServerPort) - dropsBefore;
+        const uint64_t socketDrops = SocketDrops(m_pipeline.Address(), kServerPort) - dropsBefore;
 
         result.sent = load.sent;
         result.arrived = CountLoggedRecords(senders, load);
