@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <algorithm>
 #include <unordered_map>
 
 namespace ReplayServer {
@@ -56,7 +57,8 @@ void MakeParentDirectories(const std::string& path) {
 
 }  // namespace
 
-IngestJournal::IngestJournal(std::string path) : m_path(std::move(path)) {}
+IngestJournal::IngestJournal(std::string path, size_t compactBytes)
+    : m_path(std::move(path)), m_compactBytes(compactBytes) {}
 
 IngestJournal::~IngestJournal() {
     Close();
@@ -73,6 +75,15 @@ uint64_t IngestJournal::Hash(const char* data, size_t size) {
 
 bool IngestJournal::Open(std::vector<std::string>& unwritten, std::string& error) {
     std::lock_guard<std::mutex> lock(m_fileMutex);
+    MakeParentDirectories(m_path);
+    if (!Rewrite(&unwritten, error)) {
+        return false;
+    }
+    m_lastSync = Clock::now();
+    return true;
+}
+
+bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& error) {
     std::string contents;
     const int existing = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (existing >= 0) {
@@ -109,7 +120,7 @@ bool IngestJournal::Open(std::vector<std::string>& unwritten, std::string& error
         at = start + length;
     }
     std::string kept;
-    unwritten.clear();
+    size_t keptRecords = 0;
     for (const auto& entry : received) {
         const char* data = &contents[entry.first];
         auto mark = written.find(Hash(data, entry.second));
@@ -117,28 +128,37 @@ bool IngestJournal::Open(std::vector<std::string>& unwritten, std::string& error
             --mark->second;
             continue;
         }
-        unwritten.emplace_back(data, entry.second);
+        if (unwritten != nullptr) {
+            unwritten->emplace_back(data, entry.second);
+        }
         AppendEntry(kept, kReceived, data, entry.second);
+        ++keptRecords;
     }
 
     // The file is replaced by one holding only the unwritten records, so
     // that it is as long as what is still to be written.
-    MakeParentDirectories(m_path);
     const std::string fresh = m_path + ".new";
     const int fd = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         error = "cannot create the journal " + fresh + ": " + std::strerror(errno);
         return false;
     }
+    const int previous = m_fd;
     m_fd = fd;
     const bool wrote = WriteAll(kept.data(), kept.size()) && ::fdatasync(fd) == 0;
     if (!wrote || ::rename(fresh.c_str(), m_path.c_str()) != 0) {
         error = "cannot write the journal " + m_path + ": " + std::strerror(errno);
         ::close(fd);
-        m_fd = -1;
+        m_fd = previous;  // a failed compaction keeps the old file going
         return false;
     }
-    m_lastSync = Clock::now();
+    if (previous >= 0) {
+        ::close(previous);
+    }
+    m_fileBytes = kept.size();
+    // A journal whose unwritten part is large is not rewritten over and over.
+    m_compactAt = std::max(m_compactBytes, 2 * kept.size());
+    (void)keptRecords;
     return true;
 }
 
@@ -193,6 +213,16 @@ void IngestJournal::FlushGathered(Clock::time_point now) {
     if (!batch.empty()) {
         WriteAll(batch.data(), batch.size());
     }
+    if (m_fd >= 0 && m_fileBytes > m_compactAt) {
+        // A long recording: drop the records already written.
+        std::string error;
+        if (Rewrite(nullptr, error)) {
+            m_lastSync = now;
+        } else {
+            m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+            m_compactAt = m_fileBytes + m_compactBytes;
+        }
+    }
     if (m_fd >= 0 && now - m_lastSync >= kSyncInterval) {
         ::fdatasync(m_fd);
         m_lastSync = now;
@@ -204,6 +234,7 @@ void IngestJournal::Reset() {
     std::lock_guard<std::mutex> lock(m_fileMutex);
     if (m_fd >= 0 && ::ftruncate(m_fd, 0) == 0) {
         ::fdatasync(m_fd);
+        m_fileBytes = 0;
     }
 }
 
@@ -223,6 +254,7 @@ bool IngestJournal::WriteAll(const char* data, size_t size) {
         }
         data += wrote;
         size -= static_cast<size_t>(wrote);
+        m_fileBytes += static_cast<size_t>(wrote);
     }
     return true;
 }

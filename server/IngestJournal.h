@@ -13,7 +13,8 @@
 // once a second: a power cut loses at most the last second. Opening the
 // journal returns the records received but never marked written, and
 // rewrites the file to hold only those; Reset empties it once everything
-// received has been written.
+// received has been written, and a long recording rewrites it the same way
+// whenever it has grown past a size (64 MB, or twice its unwritten part).
 
 #include <atomic>
 #include <chrono>
@@ -30,7 +31,9 @@ class IngestJournal {
   public:
     using Clock = std::chrono::steady_clock;
 
-    explicit IngestJournal(std::string path);
+    // `compactBytes`: the file size past which written records are dropped
+    // from the file.
+    explicit IngestJournal(std::string path, size_t compactBytes = 64 * 1024 * 1024);
     ~IngestJournal();
     IngestJournal(const IngestJournal&) = delete;
     IngestJournal& operator=(const IngestJournal&) = delete;
@@ -64,13 +67,19 @@ class IngestJournal {
   private:
     void Run();
     bool WriteAll(const char* data, size_t size);
+    // Replaces the file by one holding only the records never marked
+    // written (handed to `unwritten` when given). Caller holds m_fileMutex.
+    bool Rewrite(std::vector<std::string>* unwritten, std::string& error);
 
     const std::string m_path;
+    const size_t m_compactBytes;
     int m_fd = -1;
     std::mutex m_fileMutex;  // one writer of the file at a time
     std::mutex m_gatherMutex;
     std::string m_gathered;
     Clock::time_point m_lastSync;
+    size_t m_fileBytes = 0;  // under m_fileMutex
+    size_t m_compactAt = 0;
 
     std::mutex m_threadMutex;
     std::condition_variable m_wake;

@@ -273,11 +273,14 @@ void ReplayServer::Hold(const ReplayCore::LogClientRecord& fields, const char* d
         return;
     }
     // Never waits on the writer: this runs under the client table lock,
-    // which the writer thread takes too. The hold refuses what it has no
-    // room for (the newest arrivals) and counts it; the journal only keeps
-    // what the hold took, so that a restart does not bring it back.
-    if (m_reorder->Add(fields.blockTimeMs, data, size) && m_journal != nullptr) {
+    // which the writer thread takes too. Journaled before it can reach the
+    // writer; what the hold has no room for (counted there) is marked done
+    // at once, so that a restart does not bring it back.
+    if (m_journal != nullptr) {
         m_journal->Received(data, size);
+    }
+    if (!m_reorder->Add(fields.blockTimeMs, data, size) && m_journal != nullptr) {
+        m_journal->Written(data, size);
     }
 }
 

@@ -120,4 +120,28 @@ TEST_F(IngestJournalTest, OpenFailsWhereNoFileCanBeMade) {
     EXPECT_GE(journal.WriteFailures(), 1u);  // counted, never silent
 }
 
+TEST_F(IngestJournalTest, ALongRecordingKeepsTheFileToWhatIsUnwritten) {
+    IngestJournal journal(Path(), 4096);
+    std::vector<std::string> unwritten;
+    std::string error;
+    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    std::vector<std::string> pending;
+    for (int k = 1; k <= 400; ++k) {
+        const std::string record = DataRecord("long", 1000 + k, static_cast<unsigned int>(k));
+        Receive(journal, record);
+        if (k % 10 == 0) {
+            journal.FlushGathered(Clock::now());
+        }
+        // All but every fiftieth record is written at once.
+        if (k % 50 != 0) {
+            Write(journal, record);
+        } else {
+            pending.push_back(record);
+        }
+    }
+    journal.FlushGathered(Clock::now());
+    EXPECT_LT(ReadTargetFile("/var/lib/replay/journal").size(), 4096u + 2048u);
+    EXPECT_EQ(Recover(), pending);
+}
+
 }  // namespace
