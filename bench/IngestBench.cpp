@@ -9,8 +9,11 @@
 // loopback addresses. Senders pace their blocks on absolute deadlines (valid
 // records: checksum, increasing sequence numbers, the current time). A trial
 // counts the sender's records found in the log file after the server has
-// been told to stop and the file has stopped growing; the rate is doubled
-// until a trial loses something, then bisected.
+// been told to stop (each sender then reports its state, as an idle client's
+// ping does, so the stop need not wait for it) and the file has stopped
+// growing; the rate is doubled until a trial loses something, then bisected.
+// Each trial says where records went missing: the server's socket, its
+// hold, its pipe to the writer, or after the writer.
 //
 // Settings (environment):
 //   INGEST_SECONDS     length of one trial            (default 2)
@@ -393,7 +396,8 @@ class ServerSink : public Sink {
         }
         stopping.join();
         WaitForLogToSettle();
-        const ServerCounts after = ParseServerCounts(m_pipeline.Command("status"));
+        const std::string statusAfter = m_pipeline.Command("status");
+        const ServerCounts after = ParseServerCounts(statusAfter);
         const uint64_t socketDrops = SocketDrops(m_pipeline.Address(), kServerPort) - dropsBefore;
 
         result.sent = load.sent;
@@ -422,6 +426,11 @@ class ServerSink : public Sink {
             static_cast<unsigned long long>(load.sendFailures), load.worstLagSeconds,
             stopped.compare(0, 17, "recording stopped") == 0 ? "" : " (stop failed)");
         result.detail = text;
+        if (!result.zeroLoss) {
+            // The server's own account of the rest (refusals, blocks after
+            // the stop moment, records still held).
+            result.detail += "\n    server: " + statusAfter.substr(0, statusAfter.find("name "));
+        }
         return result;
     }
 
