@@ -13,6 +13,7 @@
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayDebug.h"
 #include "libreplay/ReplayLogRecord.h"
+#include "server/RecordItems.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
@@ -267,10 +268,21 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
 }
 
 void ReplayServer::Hold(const ReplayCore::LogClientRecord& fields, const char* data, size_t size) {
-    if (fields.blockTimeMs >= m_stopMomentMs.load(std::memory_order_relaxed)) {
-        // Every item in it was handed over after the stop moment.
-        m_blocksAfterStop.fetch_add(1, std::memory_order_relaxed);
-        return;
+    const int64_t moment = m_stopMomentMs.load(std::memory_order_relaxed);
+    RecordCut cut;
+    if (moment != INT64_MAX) {
+        // Since a stop the log ends at its moment: items handed over after
+        // it are not stored (counted), whole blocks or a block's tail.
+        if (!KeepItemsBefore(std::string(data, size), moment, cut)) {
+            return;
+        }
+        m_itemsAfterStop.fetch_add(cut.itemsCut, std::memory_order_relaxed);
+        if (cut.itemsKept == 0) {
+            m_blocksAfterStop.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        data = cut.record.data();
+        size = cut.record.size();
     }
     // Never waits on the writer: this runs under the client table lock,
     // which the writer thread takes too. Journaled before it can reach the
@@ -622,6 +634,7 @@ ServerCounters ReplayServer::Counters() const {
     }
     counters.oversized = m_oversized.load(std::memory_order_relaxed);
     counters.blocksAfterStop = m_blocksAfterStop.load(std::memory_order_relaxed);
+    counters.itemsAfterStop = m_itemsAfterStop.load(std::memory_order_relaxed);
     counters.recordsRecovered = m_recovered.load(std::memory_order_relaxed);
     if (m_journal != nullptr) {
         counters.journalFailures = m_journal->WriteFailures();

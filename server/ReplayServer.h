@@ -46,8 +46,9 @@ struct ServerCounters {
     uint64_t heldReleasedEarly = 0;
     // Datagrams longer than the largest valid record, refused unread.
     uint64_t oversized = 0;
-    // Data blocks that start at or after a stop moment: items handed over
-    // after the stop, not stored.
+    // Items handed over at or after a stop moment, not stored, and the
+    // blocks that held only such items.
+    uint64_t itemsAfterStop = 0;
     uint64_t blocksAfterStop = 0;
     // The crash journal: records it brought back at start, and its write
     // failures (each can cost a record after a crash).
@@ -203,7 +204,7 @@ class ReplayServer : public UDPSocketServer {
     mutable std::mutex m_progressMutex;
     std::map<std::string, ClientProgress> m_progress;
     StopProgress m_stopProgress;  // under m_progressMutex
-    // The last stop moment; blocks starting at or after it are not stored.
+    // The last stop moment; items at or after it are not stored.
     std::atomic<int64_t> m_stopMomentMs{INT64_MAX};
     bool m_started = false;
     int m_receiveBufferBytes = 0;
@@ -230,6 +231,7 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_refusedSources{0};
     std::atomic<uint64_t> m_oversized{0};
     std::atomic<uint64_t> m_blocksAfterStop{0};
+    std::atomic<uint64_t> m_itemsAfterStop{0};
     std::atomic<uint64_t> m_recovered{0};
     std::atomic<bool> m_replaying{false};
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes

@@ -285,8 +285,9 @@ std::string ServerControl::StatusText() {
         text << "\n";
     } else if (stop.lastDurationMs >= 0) {
         text << "last stop moment " << stop.momentMs << " ms, took " << stop.lastDurationMs
-             << " ms, blocks after the stop moment " << counters.blocksAfterStop
-             << " (not stored), unconfirmed clients " << stop.lastUnconfirmed.size();
+             << " ms, items after the stop moment " << counters.itemsAfterStop << " (not stored; "
+             << counters.blocksAfterStop << " whole blocks), unconfirmed clients "
+             << stop.lastUnconfirmed.size();
         for (const std::string& name : stop.lastUnconfirmed) {
             text << " " << name;
         }

@@ -23,6 +23,8 @@ using namespace std::chrono_literals;
 using ServerTest::DataRecord;
 using ServerTest::StatusRecord;
 
+constexpr int64_t kStampMarginMs = 50;
+
 int64_t NowMs() {
     return ReplayCore::MSTime::CurrentTimeMS().m_timeMilliseconds;
 }
@@ -87,8 +89,9 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
     const auto took = std::chrono::steady_clock::now() - stopping;
     EXPECT_EQ(stopped.output, "recording stopped\n");
     // A stop waits for each client's block holding the moment: a block
-    // leaves a client within about 5 s.
-    EXPECT_LT(took, 8s);
+    // leaves a client within about 5 s (the wait gives up at 6 s, which
+    // the check of unconfirmed clients below catches).
+    EXPECT_LT(took, 10s);
     const std::string status = Send("status").output;
     const long moment = NumberAfter(status, "last stop moment ");
     ASSERT_GT(moment, 0) << status;
@@ -105,7 +108,12 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
         const std::vector<HandedItem> handed = ReadClientJournal(client.second);
         const auto found = logged.find(client.first);
         ASSERT_NE(found, logged.end()) << client.first;
-        const std::vector<HandedItem> missing = MissingItems(handed, found->second, moment);
+        // The journal's time is read just before the item is handed over;
+        // the library stamps it a moment later, and the stamp decides on
+        // which side of the stop it falls. A loaded machine can put a few
+        // milliseconds between the two.
+        const std::vector<HandedItem> missing =
+            MissingItems(handed, found->second, moment - kStampMarginMs);
         const size_t before = static_cast<size_t>(
             std::count_if(handed.begin(), handed.end(),
                           [&](const HandedItem& item) { return item.timeMs < moment; }));

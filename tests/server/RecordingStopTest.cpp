@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "libreplay/ReplayLogger.h"
+#include "libreplay/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "server/IngestJournal.h"
 #include "server/ReplayServer.h"
@@ -23,6 +24,20 @@ using ServerTest::StatusRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 const char* const kChannel = "/kfsystem/multicore/navi/Q";
+
+// A data record of one item per time ("i0", "i1", ...), the first time the
+// block's.
+std::string Items(const std::string& name, unsigned int sequence, std::vector<int64_t> times) {
+    std::string text = "\"" + ReplayCore::MSTime::MSTimeStruct(0, times[0]).ToString() + ":" +
+                       name + ":!1 " + std::to_string(sequence) + ":i0";
+    for (size_t i = 1; i < times.size(); ++i) {
+        char separator[32];
+        const unsigned int length = ReplayCore::WriteItemSeparator(
+            separator, sizeof separator, ReplayCore::MSTime::MSTimeStruct(0, times[i]));
+        text += std::string(separator, length) + "i" + std::to_string(i);
+    }
+    return ServerTest::WithChecksum(text);
+}
 
 class RecordingStopTest : public ReplayTest::TargetRootTest {
   protected:
@@ -82,8 +97,8 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
     EXPECT_EQ(progress.waitingFor.size(), 3u);
 
     // A block from before the moment is no evidence: the client may still
-    // hold items from before it.
-    fast.Send(DataRecord("fast", moment - 300, 1));
+    // hold items from before it. Its items from after the moment are cut.
+    fast.Send(Items("fast", 1, {moment - 300, moment - 1, moment, moment + 40}));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(GotStop(fast));
     // A block starting at the moment shows the earlier one has left; its
@@ -106,7 +121,8 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
     EXPECT_EQ(last.lastUnconfirmed, std::vector<std::string>{"silent"});
     EXPECT_GE(last.lastDurationMs, 2900);
     EXPECT_EQ(m_server->Counters().blocksAfterStop, 1u);
-    EXPECT_EQ(StoredData(), std::vector<std::string>{DataRecord("fast", moment - 300, 1)});
+    EXPECT_EQ(m_server->Counters().itemsAfterStop, 3u);
+    EXPECT_EQ(StoredData(), std::vector<std::string>{Items("fast", 1, {moment - 300, moment - 1})});
 }
 
 TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {
