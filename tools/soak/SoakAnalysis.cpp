@@ -163,7 +163,8 @@ ClientResult AnalyseClient(const std::vector<SentItem>& sent, const std::vector<
         --tailStart;
     }
     for (size_t i = tailStart; i < sent.size(); ++i) {
-        if (sent[i].timeMs >= limits.stopMomentMs) {
+        if (limits.stopMomentMs != INT64_MAX &&
+            sent[i].timeMs >= limits.stopMomentMs - limits.stampMarginMs) {
             ++result.afterStop;
         } else {
             ++result.lostAtStop;

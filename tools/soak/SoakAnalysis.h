@@ -57,6 +57,10 @@ struct LossLimits {
     // it; items handed over from then until the client heard of the stop
     // may be missing.
     int64_t stopMomentMs = INT64_MAX;
+    // A client's journal time is read just before it hands the item over;
+    // the library's stamp, which decides the side of the stop, follows a
+    // moment later. Items this close before the moment count as after it.
+    int64_t stampMarginMs = 50;
     // The server's write queue drops a record more than a second older than
     // the last one it wrote. A block sent at least this long after its first
     // item may have met that rule; a younger one cannot have.
