@@ -60,6 +60,14 @@ void UsePacketMode(CPipe& pipe) {
 
 }  // namespace
 
+std::atomic<ReplayLogManager::WrittenHook> ReplayLogManager::s_writtenHook{nullptr};
+std::atomic<void*> ReplayLogManager::s_writtenContext{nullptr};
+
+void ReplayLogManager::SetWrittenHook(WrittenHook hook, void* context) {
+    s_writtenContext.store(context, std::memory_order_release);
+    s_writtenHook.store(hook, std::memory_order_release);
+}
+
 ReplayLogManager::ReplayLogManager() : m_buffers(MAX_BUFFERS), m_currentBufferIdx(0) {}
 
 bool ReplayLogManager::Connect(const MSTime::MSTimeStruct& startTime) {
@@ -95,6 +103,16 @@ void ReplayLogManager::SortNewestFirst() {
             std::swap(m_buffers[j], m_buffers[j - 1]);
             --j;
         }
+    }
+}
+
+void ReplayLogManager::PlaceNewestArrival(unsigned int index) {
+    // Write-out runs from the end of the queue (oldest) to the front, so
+    // among records of equal time the latest arrival must sit nearest the
+    // front; the stable sort alone would leave it behind its equals and
+    // write a burst of equal-time blocks in reverse.
+    for (size_t j = index; j > 0 && !ClientDataCompare(m_buffers[j - 1], m_buffers[j]); --j) {
+        std::swap(m_buffers[j], m_buffers[j - 1]);
     }
 }
 
@@ -155,6 +173,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
     slot.m_clientName.assign(clientName);
     slot.m_timestamp = timestamp;
     slot.m_record.assign(record);
+    PlaceNewestArrival(m_currentBufferIdx);
     if (debug) {
         dbgMessage("%s::%s: Msg Recd Client %s, timestamp %s,slot %d\n", DebugAppName(), kWriteTag,
                    clientName.c_str(), timestamp.ToString().c_str(),
@@ -226,6 +245,10 @@ ReplayError ReplayLogManager::WriteOut(ClientDataList* clients, bool flush) {
             // written are no longer counted, so they are not written twice.
             m_currentBufferIdx = static_cast<unsigned int>(i + 1);
             return written;
+        }
+        if (const WrittenHook hook = s_writtenHook.load(std::memory_order_acquire)) {
+            hook(s_writtenContext.load(std::memory_order_acquire), slot.m_record.data(),
+                 slot.m_record.size());
         }
         slot.m_timestamp = MSTime::MSTimeStruct(0, -1);
         --i;

@@ -1,8 +1,11 @@
 #include "libreplay/ReplayLogger.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "libreplay/FileLogger.h"
@@ -16,6 +19,8 @@ namespace {
 
 const char* const kSourceFile = "ReplayManager/ReplayLogger";
 constexpr size_t kTextLimit = 128;
+// How long one record waits for room in a full logger channel.
+constexpr std::chrono::milliseconds kChannelWait(1000);
 
 // Failed connection attempts, USB probe and channel alike. Touched only by
 // the thread that connects.
@@ -155,10 +160,25 @@ ReplayError ReplayLogger::WriteTextToLog(const std::string& text) {
                       static_cast<int>(kMaximumRecordSize));
         return ReplayError(message, -1, ReplayError::eErrorSevere);
     }
-    // One write per record keeps records whole on the channel.
-    const int written =
-        ReplayCore::LogWriter::WriteToLog(m_loggerFD.load(std::memory_order_relaxed), m_logStream,
-                                          record, static_cast<unsigned int>(recordLength));
+    // One write per record keeps records whole on the channel. A full
+    // channel (the service is behind) is waited on for a bounded time rather
+    // than dropping the record: the writer's queue and the server's hold
+    // behind it take up the slack, and what they cannot hold they count.
+    const int fd = m_loggerFD.load(std::memory_order_relaxed);
+    int written = ReplayCore::LogWriter::WriteToLog(fd, m_logStream, record,
+                                                    static_cast<unsigned int>(recordLength));
+    const auto deadline = std::chrono::steady_clock::now() + kChannelWait;
+    while (written < 0 && errno == EAGAIN && m_logStream == nullptr && fd > 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            break;
+        }
+        pollfd ready = {fd, POLLOUT, 0};
+        ::poll(&ready, 1, static_cast<int>(left.count()));
+        written = ReplayCore::LogWriter::WriteToLog(fd, m_logStream, record,
+                                                    static_cast<unsigned int>(recordLength));
+    }
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: %d Bytes Written\n", DebugAppName(), kTag, written);
     }

@@ -9,8 +9,11 @@
 // loopback addresses. Senders pace their blocks on absolute deadlines (valid
 // records: checksum, increasing sequence numbers, the current time). A trial
 // counts the sender's records found in the log file after the server has
-// been told to stop and the file has stopped growing; the rate is doubled
-// until a trial loses something, then bisected.
+// been told to stop (each sender then reports its state, as an idle client's
+// ping does, so the stop need not wait for it) and the file has stopped
+// growing; the rate is doubled until a trial loses something, then bisected.
+// Each trial says where records went missing: the server's socket, its
+// hold, its pipe to the writer, or after the writer.
 //
 // Settings (environment):
 //   INGEST_SECONDS     length of one trial            (default 2)
@@ -311,18 +314,52 @@ class RawRecvfromSink : public Sink {
     int m_fd = -1;
 };
 
-// "datagrams N, records to the log M" from the server's status reply.
-bool ParseServerCounts(const std::string& status, uint64_t& datagrams, uint64_t& forwarded) {
-    unsigned long long d = 0;
-    unsigned long long f = 0;
-    const size_t at = status.find("datagrams ");
-    if (at == std::string::npos ||
-        std::sscanf(status.c_str() + at, "datagrams %llu, records to the log %llu", &d, &f) != 2) {
-        return false;
+// The server's counters from its status reply.
+struct ServerCounts {
+    uint64_t datagrams = 0;
+    uint64_t forwarded = 0;
+    uint64_t pipeFailures = 0;
+    uint64_t holdOverflow = 0;
+};
+
+uint64_t CountAfter(const std::string& status, const std::string& key) {
+    const size_t at = status.find(key);
+    return at == std::string::npos ? 0
+                                   : std::strtoull(status.c_str() + at + key.size(), nullptr, 10);
+}
+
+ServerCounts ParseServerCounts(const std::string& status) {
+    ServerCounts counts;
+    counts.datagrams = CountAfter(status, "datagrams ");
+    counts.forwarded = CountAfter(status, "records to the log ");
+    counts.pipeFailures = CountAfter(status, "pipe failures ");
+    counts.holdOverflow = CountAfter(status, "no room to hold ");
+    return counts;
+}
+
+// Datagrams the kernel dropped at the socket bound to `address`:`port` (the
+// last column of /proc/net/udp).
+uint64_t SocketDrops(const std::string& address, int port) {
+    char wanted[32];
+    std::snprintf(wanted, sizeof wanted, "%08X:%04X", Endpoint(address, port).sin_addr.s_addr,
+                  static_cast<unsigned int>(port));
+    std::FILE* table = std::fopen("/proc/net/udp", "r");
+    if (table == nullptr) {
+        return 0;
     }
-    datagrams = d;
-    forwarded = f;
-    return true;
+    char line[512];
+    uint64_t drops = 0;
+    while (std::fgets(line, sizeof line, table) != nullptr) {
+        char local[64] = {0};
+        if (std::sscanf(line, " %*s %63s", local) != 1 || std::strcmp(local, wanted) != 0) {
+            continue;
+        }
+        std::string text(line);
+        text.erase(text.find_last_not_of(" \n") + 1);
+        drops += std::strtoull(text.c_str() + text.rfind(' ') + 1, nullptr, 10);
+    }
+    std::fclose(table);
+    return drops;
 }
 
 // The real path: senders -> replay server (recording) -> log writer ->
@@ -339,35 +376,61 @@ class ServerSink : public Sink {
         // Each trial counts its own records in an emptied file (the logger
         // appends, so it goes on writing at the new end).
         truncate(m_pipeline.LogFile().c_str(), 0);
-        uint64_t datagramsBefore = 0;
-        uint64_t forwardedBefore = 0;
-        ParseServerCounts(m_pipeline.Command("status"), datagramsBefore, forwardedBefore);
+        const ServerCounts before = ParseServerCounts(m_pipeline.Command("status"));
+        const uint64_t dropsBefore = SocketDrops(m_pipeline.Address(), kServerPort);
         const std::string recording = m_pipeline.Command("record");
         if (recording.compare(0, 9, "recording") != 0) {
             result.detail = "record refused: " + recording;
             return result;
         }
         const TrialLoad load = RunSenders(senders, rate, seconds);
-        const std::string stopped = m_pipeline.Command("stop");
+        // A stop waits for each recording client's block holding the stop
+        // moment; these senders have sent everything, so each answers with
+        // a state report stamped after the moment, as an idle client's ping
+        // does.
+        std::string stopped;
+        std::thread stopping([&] { stopped = m_pipeline.Command("stop"); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        for (const auto& sender : senders) {
+            sender->Connect();
+        }
+        stopping.join();
         WaitForLogToSettle();
-        uint64_t datagrams = 0;
-        uint64_t forwarded = 0;
-        ParseServerCounts(m_pipeline.Command("status"), datagrams, forwarded);
+        const std::string statusAfter = m_pipeline.Command("status");
+        const ServerCounts after = ParseServerCounts(statusAfter);
+        const uint64_t socketDrops = SocketDrops(m_pipeline.Address(), kServerPort) - dropsBefore;
 
         result.sent = load.sent;
         result.arrived = CountLoggedRecords(senders, load);
         result.zeroLoss = load.sendFailures == 0 && result.arrived == load.sent &&
                           load.worstLagSeconds < 0.1 * seconds;
-        char text[256];
-        std::snprintf(text, sizeof text,
-                      "server received %llu, forwarded %llu, in the log %llu, send failures "
-                      "%llu, sender lag %.3f s%s",
-                      static_cast<unsigned long long>(datagrams - datagramsBefore),
-                      static_cast<unsigned long long>(forwarded - forwardedBefore),
-                      static_cast<unsigned long long>(result.arrived),
-                      static_cast<unsigned long long>(load.sendFailures), load.worstLagSeconds,
-                      stopped.compare(0, 17, "recording stopped") == 0 ? "" : " (stop failed)");
+        // Where records went missing, stage by stage: the socket (kernel
+        // drops), the server's hold (no room), its pipe to the writer, and
+        // after the writer (late drops in the write queue, the logger
+        // service): forwarded less the flush record less what is in the log.
+        const uint64_t received = after.datagrams - before.datagrams;
+        const uint64_t forwarded = after.forwarded - before.forwarded;
+        const uint64_t dataForwarded = forwarded > 0 ? forwarded - 1 : 0;  // the flush record
+        char text[384];
+        std::snprintf(
+            text, sizeof text,
+            "server received %llu (socket drops %llu), hold overflow %llu, pipe failures %llu, "
+            "forwarded %llu, in the log %llu (lost after the writer %lld), send failures %llu, "
+            "sender lag %.3f s%s",
+            static_cast<unsigned long long>(received), static_cast<unsigned long long>(socketDrops),
+            static_cast<unsigned long long>(after.holdOverflow - before.holdOverflow),
+            static_cast<unsigned long long>(after.pipeFailures - before.pipeFailures),
+            static_cast<unsigned long long>(dataForwarded),
+            static_cast<unsigned long long>(result.arrived),
+            static_cast<long long>(dataForwarded) - static_cast<long long>(result.arrived),
+            static_cast<unsigned long long>(load.sendFailures), load.worstLagSeconds,
+            stopped.compare(0, 17, "recording stopped") == 0 ? "" : " (stop failed)");
         result.detail = text;
+        if (!result.zeroLoss) {
+            // The server's own account of the rest (refusals, blocks after
+            // the stop moment, records still held).
+            result.detail += "\n    server: " + statusAfter.substr(0, statusAfter.find("name "));
+        }
         return result;
     }
 

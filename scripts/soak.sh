@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the release tree and runs the soak: 20 demo clients recorded through
 # the logger service and the replay server for MINUTES (default 30), then
-# replayed; reports lost items, replay timing and memory growth per process.
+# replayed; reports lost items (items handed over before the stop moment and
+# missing are "lost at stop" and fail the run), replay timing and memory growth
+# per process.
 #   scripts/soak.sh [minutes] [replay-soak options...]
 # Exit status: that of replay-soak (0 pass, 1 losses or growth, 3 no run).
 set -euo pipefail

@@ -12,7 +12,10 @@ constexpr std::chrono::milliseconds kTick(20);
 }  // namespace
 
 RecordReorderBuffer::RecordReorderBuffer(int holdMs, size_t byteLimit, Sink sink)
-    : m_hold(holdMs > 0 ? holdMs : 0), m_byteLimit(byteLimit), m_sink(std::move(sink)) {}
+    : m_hold(holdMs > 0 ? holdMs : 0),
+      m_byteLimit(byteLimit),
+      m_highWater(byteLimit / 4 * 3),
+      m_sink(std::move(sink)) {}
 
 RecordReorderBuffer::~RecordReorderBuffer() {
     Stop();
@@ -40,14 +43,22 @@ void RecordReorderBuffer::Stop() {
 }
 
 bool RecordReorderBuffer::Add(int64_t recordTimeMs, const char* data, size_t size) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_heldBytes + size > m_byteLimit) {
-        m_refused.fetch_add(1, std::memory_order_relaxed);
-        return false;
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_heldBytes + size > m_byteLimit) {
+            m_refused.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        m_held.push_back(
+            {recordTimeMs, m_arrivals++, Clock::now() + m_hold, std::string(data, size)});
+        std::push_heap(m_held.begin(), m_held.end(), Later());
+        m_heldBytes += size;
+        wake = m_heldBytes > m_highWater;
     }
-    m_held.push_back({recordTimeMs, m_arrivals++, Clock::now() + m_hold, std::string(data, size)});
-    std::push_heap(m_held.begin(), m_held.end(), Later());
-    m_heldBytes += size;
+    if (wake) {
+        m_wake.notify_all();
+    }
     return true;
 }
 
@@ -88,7 +99,10 @@ std::vector<RecordReorderBuffer::Held> RecordReorderBuffer::TakeDue(bool all,
     // Oldest record time first. A young record at the front holds back the
     // older arrivals behind it: they wait at most one hold longer and stay
     // in order.
-    while (!m_held.empty() && (all || m_held.front().due <= now)) {
+    while (!m_held.empty() && (all || m_held.front().due <= now || m_heldBytes > m_highWater)) {
+        if (!all && m_held.front().due > now) {
+            m_releasedEarly.fetch_add(1, std::memory_order_relaxed);
+        }
         std::pop_heap(m_held.begin(), m_held.end(), Later());
         m_heldBytes -= m_held.back().bytes.size();
         due.push_back(std::move(m_held.back()));

@@ -30,8 +30,11 @@ class RecordReorderBuffer {
     using Sink = std::function<bool(const std::string& record)>;
     using Clock = std::chrono::steady_clock;
 
-    // Every record is held `holdMs` after its arrival; at most `byteLimit`
-    // bytes are held, beyond which new records are refused (and counted).
+    // Every record is held `holdMs` after its arrival. Overflow policy:
+    // above three quarters of `byteLimit` the oldest records leave early
+    // (counted: they may meet a later-arriving older record at the writer),
+    // and only a record that would pass the limit itself is refused
+    // (counted).
     RecordReorderBuffer(int holdMs, size_t byteLimit, Sink sink);
     ~RecordReorderBuffer();
     RecordReorderBuffer(const RecordReorderBuffer&) = delete;
@@ -52,6 +55,7 @@ class RecordReorderBuffer {
     size_t HeldRecords() const;
     uint64_t Refused() const { return m_refused.load(std::memory_order_relaxed); }
     uint64_t SinkFailures() const { return m_sinkFailures.load(std::memory_order_relaxed); }
+    uint64_t ReleasedEarly() const { return m_releasedEarly.load(std::memory_order_relaxed); }
 
   private:
     struct Held {
@@ -73,6 +77,7 @@ class RecordReorderBuffer {
 
     const std::chrono::milliseconds m_hold;
     const size_t m_byteLimit;
+    const size_t m_highWater;
     Sink m_sink;
 
     mutable std::mutex m_mutex;
@@ -88,6 +93,7 @@ class RecordReorderBuffer {
     std::thread m_thread;
     std::atomic<uint64_t> m_refused{0};
     std::atomic<uint64_t> m_sinkFailures{0};
+    std::atomic<uint64_t> m_releasedEarly{0};
 };
 
 }  // namespace ReplayServer

@@ -13,6 +13,7 @@
 #include "libreplay/FileLogger.h"
 #include "libreplay/ReplayDebug.h"
 #include "libreplay/ReplayLogRecord.h"
+#include "server/RecordItems.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
@@ -65,6 +66,16 @@ bool ReplayServer::Start(std::string& error) {
         new RecordReorderBuffer(m_settings.reorderHoldMs, m_settings.reorderByteLimit,
                                 [this](const std::string& record) { return Forward(record); }));
     m_reorder->Start();
+    if (!m_settings.journalPath.empty()) {
+        std::string journalError;
+        if (!Recover(journalError)) {
+            // Recording still works; only a crash would cost more.
+            std::printf("\nReplayManager: no crash journal: %s\n", journalError.c_str());
+            std::fflush(stdout);
+            FileLogger::LogToFile(FileLogger::eSeverityError, "ReplayManager: no crash journal: %s",
+                                  journalError.c_str());
+        }
+    }
 
     if (!m_settings.bindAddress.empty()) {
         SetBindAddress(m_settings.bindAddress);
@@ -108,6 +119,56 @@ void ReplayServer::Shutdown() {
     StopReadThread();
     m_reorder.reset();
     m_writer.reset();
+    if (m_journal != nullptr) {
+        ReplayLogManager::SetWrittenHook(nullptr, nullptr);
+        m_journal.reset();
+    }
+}
+
+bool ReplayServer::Recover(std::string& error) {
+    m_journal.reset(new IngestJournal(m_settings.journalPath));
+    std::vector<std::string> unwritten;
+    if (!m_journal->Open(unwritten, error)) {
+        m_journal.reset();
+        return false;
+    }
+    ReplayLogManager::SetWrittenHook(&ReplayServer::RecordWritten, this);
+    m_journal->Start();
+    if (unwritten.empty()) {
+        return true;
+    }
+    // Already journaled: straight into the hold, which orders them, then a
+    // flush writes them out as a segment of their own.
+    size_t refused = 0;
+    for (const std::string& record : unwritten) {
+        ReplayCore::LogClientRecord fields;
+        if (!ReplayCore::ParseLogClientRecord(record, fields) ||
+            !m_reorder->Add(fields.blockTimeMs, record.data(), record.size())) {
+            ++refused;
+        }
+    }
+    m_recovered.store(unwritten.size() - refused, std::memory_order_relaxed);
+    const bool flushed = FlushWriteQueue();
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "ReplayManager: recovered %zu records received before the last exit from %s%s%s",
+                  unwritten.size() - refused, m_settings.journalPath.c_str(),
+                  refused > 0 ? " (some unreadable, skipped)" : "",
+                  flushed ? "" : "; the log writer did not take them all");
+    std::printf("\n%s\n", text);
+    std::fflush(stdout);
+    FileLogger::LogToFile(FileLogger::eSeverityWarning, "%s", text);
+    if (flushed && refused == 0 && m_journal->WrittenCount() >= unwritten.size()) {
+        m_journal->Reset();
+    }
+    return true;
+}
+
+void ReplayServer::RecordWritten(void* server, const char* record, size_t length) {
+    ReplayServer* self = static_cast<ReplayServer*>(server);
+    if (self != nullptr && self->m_journal != nullptr && length > 0 && record[0] != '#') {
+        self->m_journal->Written(record, length);
+    }
 }
 
 std::string ReplayServer::StateCommand(ReplayState state, const std::string& name,
@@ -152,6 +213,12 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     }
     m_datagrams.fetch_add(1, std::memory_order_relaxed);
     StopFileLogAtItsCap();
+    if (static_cast<unsigned int>(nBytes) > GetMaximumClientRecordSize()) {
+        // Longer than any valid record (or cut by the receive buffer): the
+        // writer's read would cut it again and store it damaged.
+        m_oversized.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
     if (!ReplayCore::CheckSumValid(data, static_cast<unsigned int>(nBytes))) {
         m_checksumFailures.fetch_add(1, std::memory_order_relaxed);
         return false;
@@ -193,14 +260,58 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
         dbgMessage("%s::%s: %s record of %d bytes from %s\n", DebugAppName(), kTag,
                    status ? "status" : "data", nBytes, name.c_str());
     }
+    if (!client.GetClientName().empty()) {
+        NoteClientProgress(name, status, fields.blockTimeMs);
+    }
     if (status) {
         m_statusRecords.fetch_add(1, std::memory_order_relaxed);
     } else if (!m_replaying.load(std::memory_order_relaxed)) {
-        // Never waits on the writer: this runs under the client table lock,
-        // which the writer thread takes too. A full buffer counts the loss.
-        m_reorder->Add(fields.blockTimeMs, data, static_cast<size_t>(nBytes));
+        Hold(fields, data, static_cast<size_t>(nBytes));
     }
     return accepted;
+}
+
+void ReplayServer::Hold(const ReplayCore::LogClientRecord& fields, const char* data, size_t size) {
+    const int64_t moment = m_stopMomentMs.load(std::memory_order_relaxed);
+    RecordCut cut;
+    if (moment != INT64_MAX) {
+        // Since a stop the log ends at its moment: items handed over after
+        // it are not stored (counted), whole blocks or a block's tail.
+        if (!KeepItemsBefore(std::string(data, size), moment, cut)) {
+            return;
+        }
+        m_itemsAfterStop.fetch_add(cut.itemsCut, std::memory_order_relaxed);
+        if (cut.itemsKept == 0) {
+            m_blocksAfterStop.fetch_add(1, std::memory_order_relaxed);
+            return;
+        }
+        data = cut.record.data();
+        size = cut.record.size();
+    }
+    // Never waits on the writer: this runs under the client table lock,
+    // which the writer thread takes too. Journaled before it can reach the
+    // writer; what the hold has no room for (counted there) is marked done
+    // at once, so that a restart does not bring it back.
+    if (m_journal != nullptr) {
+        m_journal->Received(data, size);
+    }
+    if (!m_reorder->Add(fields.blockTimeMs, data, size) && m_journal != nullptr) {
+        m_journal->Written(data, size);
+    }
+}
+
+void ReplayServer::NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs) {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    ClientProgress& progress = m_progress[name];
+    int64_t& newest = status ? progress.newestStatusMs : progress.newestBlockMs;
+    newest = std::max(newest, recordTimeMs);
+}
+
+bool ReplayServer::ConfirmedSince(const std::string& name, int64_t momentMs) {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    const auto found = m_progress.find(name);
+    return found != m_progress.end() &&
+           (found->second.newestBlockMs >= momentMs || found->second.newestStatusMs >= momentMs);
 }
 
 bool ReplayServer::AcceptSource(const sockaddr_in& from) {
@@ -341,6 +452,11 @@ void ReplayServer::StopFileLogAtItsCap() {
 bool ReplayServer::Forward(const std::string& record) {
     std::lock_guard<std::mutex> lock(m_forwardMutex);
     const int size = static_cast<int>(record.size());
+    if (record.size() > GetMaximumClientRecordSize()) {
+        // The writer reads at most that much: it would store the record cut.
+        m_forwardFailures.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
     if (LogWriterThread::WriteRecord(record.data(), static_cast<unsigned int>(size)) == size) {
         m_recordsForwarded.fetch_add(1, std::memory_order_relaxed);
         return true;
@@ -374,23 +490,93 @@ ReplayError ReplayServer::SendRecord(const std::string& name, const std::string&
 
 void ReplayServer::StartRecording() {
     m_replaying.store(false, std::memory_order_relaxed);
+    m_stopMomentMs.store(INT64_MAX, std::memory_order_relaxed);
     m_state.store(ReplayCore::eStateRecord, std::memory_order_relaxed);
     GetClientDataList().ClearDroppedPacketCounts(true);
     CommandAllClients(ReplayCore::eStateRecord);
     FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording started");
 }
 
-bool ReplayServer::StopRecording(int settleMs) {
+bool ReplayServer::StopRecording(int drainMs) {
+    if (drainMs < 0) {
+        drainMs = m_settings.stopDrainMs;
+    }
+    const auto started = std::chrono::steady_clock::now();
+    const int64_t moment = MSTime::CurrentTimeMS().m_timeMilliseconds;
+    m_stopMomentMs.store(moment, std::memory_order_relaxed);
+    std::vector<std::string> waiting;
+    for (const ClientData& client : Clients()) {
+        if (!client.IsSick() && !client.GetClientName().empty()) {
+            waiting.push_back(client.GetClientName());
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_progressMutex);
+        m_stopProgress.draining = drainMs > 0;
+        m_stopProgress.momentMs = moment;
+        m_stopProgress.clients = waiting.size();
+        m_stopProgress.waitingFor = waiting;
+    }
+    // Each client records on until its block holding the moment has left
+    // it; the client's own rules send that block within about 5 s.
+    const auto deadline = started + std::chrono::milliseconds(drainMs);
+    while (drainMs > 0 && !waiting.empty() && std::chrono::steady_clock::now() < deadline) {
+        for (auto name = waiting.begin(); name != waiting.end();) {
+            if (ConfirmedSince(*name, moment)) {
+                CommandClient(*name, ReplayCore::eStateStopped);
+                name = waiting.erase(name);
+            } else {
+                ++name;
+            }
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_progressMutex);
+            m_stopProgress.waitingFor = waiting;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     m_state.store(ReplayCore::eStateStopped, std::memory_order_relaxed);
     CommandAllClients(ReplayCore::eStateStopped);
-    if (settleMs < 0) {
-        settleMs = m_settings.stopSettleMs;
+    if (m_settings.stopSettleMs > 0 && drainMs > 0) {
+        // Blocks still on their way when the clients were told to stop.
+        std::this_thread::sleep_for(std::chrono::milliseconds(m_settings.stopSettleMs));
     }
-    if (settleMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
+    const int64_t tookMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                               std::chrono::steady_clock::now() - started)
+                               .count();
+    {
+        std::lock_guard<std::mutex> lock(m_progressMutex);
+        m_stopProgress.draining = false;
+        m_stopProgress.waitingFor.clear();
+        m_stopProgress.lastDurationMs = tookMs;
+        m_stopProgress.lastUnconfirmed = drainMs > 0 ? waiting : std::vector<std::string>();
     }
-    FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording stopped");
-    return FlushWriteQueue();
+    if (drainMs > 0 && !waiting.empty()) {
+        std::string names;
+        for (const std::string& name : waiting) {
+            names += (names.empty() ? "" : ", ") + name;
+        }
+        std::printf(
+            "\nReplayManager: stop: no block holding the stop moment arrived from %s within %d "
+            "ms; their last items may be missing\n",
+            names.c_str(), drainMs);
+        std::fflush(stdout);
+        FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                              "ReplayManager: stop: unconfirmed clients: %s", names.c_str());
+    }
+    FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording stopped (%lld ms)",
+                          static_cast<long long>(tookMs));
+    const bool flushed = FlushWriteQueue();
+    if (flushed && m_journal != nullptr) {
+        // Everything received has gone through the writer.
+        m_journal->Reset();
+    }
+    return flushed;
+}
+
+StopProgress ReplayServer::Stopping() const {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    return m_stopProgress;
 }
 
 void ReplayServer::SetReplaying(bool replaying) {
@@ -449,6 +635,15 @@ ServerCounters ReplayServer::Counters() const {
     if (m_reorder != nullptr) {
         counters.recordsHeld = m_reorder->HeldRecords();
         counters.heldOverflow = m_reorder->Refused();
+        counters.heldReleasedEarly = m_reorder->ReleasedEarly();
+    }
+    counters.oversized = m_oversized.load(std::memory_order_relaxed);
+    counters.blocksAfterStop = m_blocksAfterStop.load(std::memory_order_relaxed);
+    counters.itemsAfterStop = m_itemsAfterStop.load(std::memory_order_relaxed);
+    counters.recordsRecovered = m_recovered.load(std::memory_order_relaxed);
+    if (m_journal != nullptr) {
+        counters.journalFailures = m_journal->WriteFailures();
+        counters.journalOn = true;
     }
     return counters;
 }

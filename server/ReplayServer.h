@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -19,9 +20,11 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayLogManager.h"
 #include "libreplay/UDPSocketServer.h"
-#include "server/SourceAllowList.h"
+#include "libreplay/ReplayLogRecord.h"
+#include "server/IngestJournal.h"
 #include "server/RecordReorderBuffer.h"
 #include "server/RecordTimeWindow.h"
+#include "server/SourceAllowList.h"
 
 namespace ReplayServer {
 
@@ -41,6 +44,34 @@ struct ServerCounters {
     uint64_t heldOverflow = 0;
     // Data records refused for a time far from their client's clock.
     uint64_t outsideTimeWindow = 0;
+    // Records the hold passed on before their time because it was three
+    // quarters full.
+    uint64_t heldReleasedEarly = 0;
+    // Datagrams longer than the largest valid record, refused unread.
+    uint64_t oversized = 0;
+    // Items handed over at or after a stop moment, not stored, and the
+    // blocks that held only such items.
+    uint64_t itemsAfterStop = 0;
+    uint64_t blocksAfterStop = 0;
+    // The crash journal: records it brought back at start, and its write
+    // failures (each can cost a record after a crash).
+    uint64_t recordsRecovered = 0;
+    uint64_t journalFailures = 0;
+    bool journalOn = false;
+};
+
+// What a stop is doing, or what the last one cost.
+struct StopProgress {
+    bool draining = false;
+    // The stop moment: items handed over before it reach the log.
+    int64_t momentMs = 0;
+    size_t clients = 0;
+    // Clients whose block holding the stop moment has not yet arrived.
+    std::vector<std::string> waitingFor;
+    // The last finished stop: how long it took, and the clients that never
+    // confirmed (their items before the moment may be missing).
+    int64_t lastDurationMs = -1;
+    std::vector<std::string> lastUnconfirmed;
 };
 
 struct ServerSettings {
@@ -54,6 +85,13 @@ struct ServerSettings {
     // How long a stop waits for the clients' last blocks before it flushes
     // the write queue.
     int stopSettleMs = 300;
+    // How long a stop waits for each recording client's block that holds
+    // the stop moment. A client sends a block at the latest when its ping
+    // finds it two seconds old, and pings come every two seconds: about
+    // 4-5 s, plus margin.
+    int stopDrainMs = 6000;
+    // The crash journal's file; empty: no journal.
+    std::string journalPath;
     // Sources whose datagrams are taken; by default any.
     SourceAllowList allowedSources;
     // How long each data record waits before it goes to the log writer, so
@@ -103,10 +141,15 @@ class ReplayServer : public UDPSocketServer {
     ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
 
     void StartRecording();
-    // Tells the clients to stop, waits `settleMs` (by default the settings'
-    // stopSettleMs) for their last blocks, then flushes the write queue into
-    // the log; true when the writer took it all.
-    bool StopRecording(int settleMs = -1);
+    // Takes the current time as the stop moment, keeps every client
+    // recording until its block holding that moment has arrived (a block
+    // starting at or after it, or a status report sent after it, which a
+    // recording client sends only with nothing in its block), then stops
+    // it. Waits at most `drainMs` (by default the settings' stopDrainMs; 0
+    // stops every client at once), then flushes the write queue into the
+    // log; true when the writer took it all.
+    bool StopRecording(int drainMs = -1);
+    StopProgress Stopping() const;
     // Writes a status record into the writer's pipe: the writer writes out
     // everything queued. Waits up to `timeoutMs` for the writer to take it.
     bool FlushWriteQueue(int timeoutMs = 5000);
@@ -124,7 +167,16 @@ class ReplayServer : public UDPSocketServer {
                              const std::string& extraArguments);
     bool AcceptNewClient(const std::string& name, const std::string& record, bool isConnect,
                          ClientData& client);
-    void Forward(const char* data, int nBytes);
+    // Where the receive path puts a data record: the journal, then the hold.
+    void Hold(const ReplayCore::LogClientRecord& fields, const char* data, size_t size);
+    // Notes what a record says about its client having sent the block
+    // holding a stop moment.
+    void NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs);
+    bool ConfirmedSince(const std::string& name, int64_t momentMs);
+    // Opens the journal and feeds its unwritten records to the writer in
+    // time order; false (and no journal) when the file cannot be used.
+    bool Recover(std::string& error);
+    static void RecordWritten(void* server, const char* record, size_t length);
     void ReportRefusedSource(const sockaddr_in& from);
     // Writes one record into the log writer's pipe.
     bool Forward(const std::string& record);
@@ -148,6 +200,19 @@ class ReplayServer : public UDPSocketServer {
     std::unique_ptr<LogWriterThread> m_writer;
     std::unique_ptr<RecordReorderBuffer> m_reorder;
     RecordTimeWindow m_recordTimes{m_settings.recordWindowMs};
+    std::unique_ptr<IngestJournal> m_journal;
+
+    // Per client: the newest data block time and the newest status report
+    // time received; read by a stop.
+    struct ClientProgress {
+        int64_t newestBlockMs = INT64_MIN;
+        int64_t newestStatusMs = INT64_MIN;
+    };
+    mutable std::mutex m_progressMutex;
+    std::map<std::string, ClientProgress> m_progress;
+    StopProgress m_stopProgress;  // under m_progressMutex
+    // The last stop moment; items at or after it are not stored.
+    std::atomic<int64_t> m_stopMomentMs{INT64_MAX};
     bool m_started = false;
     int m_receiveBufferBytes = 0;
 
@@ -171,6 +236,10 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_statusRecords{0};
     std::atomic<uint64_t> m_refusedClients{0};
     std::atomic<uint64_t> m_refusedSources{0};
+    std::atomic<uint64_t> m_oversized{0};
+    std::atomic<uint64_t> m_blocksAfterStop{0};
+    std::atomic<uint64_t> m_itemsAfterStop{0};
+    std::atomic<uint64_t> m_recovered{0};
     std::atomic<bool> m_replaying{false};
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
 };

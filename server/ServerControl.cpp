@@ -35,6 +35,11 @@ const char* kHelp =
     "  wait                                 wait until the running job has ended\n"
     "  quit                                 stop everything and exit\n";
 
+// A stop keeps each client recording until the block holding the stop moment
+// has arrived: a client sends a block at the latest when its ping finds it
+// two seconds old.
+constexpr const char* kStopDrainText = "about 5 s: each client's block holding the moment";
+
 }  // namespace
 
 ServerControl::ServerControl(ReplayServer& server, const ReplaySettings& replaySettings,
@@ -58,6 +63,13 @@ std::string ServerControl::Execute(const std::string& line) {
     const std::string& command = words[0];
     if (command == "wait") {
         return WaitForJob();
+    }
+    // Reports read counters only: they answer while a stop drains.
+    if (command == "status" && words.size() == 1) {
+        return StatusText();
+    }
+    if (command == "clients" && words.size() == 1) {
+        return ClientsText();
     }
     std::lock_guard<std::mutex> lock(m_commandMutex);
     if (command == "record" && words.size() <= 2) {
@@ -265,8 +277,32 @@ std::string ServerControl::StatusText() {
          << ", unparsable " << counters.unparsable << ", pipe failures " << counters.forwardFailures
          << ", refused clients " << counters.refusedClients << ", refused sources "
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
-         << ", no room to hold " << counters.heldOverflow << ", outside the time window "
+         << ", passed on early (hold three quarters full) " << counters.heldReleasedEarly
+         << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
+         << counters.oversized << ", outside the time window "
          << counters.outsideTimeWindow << "\n";
+    const StopProgress stop = m_server.Stopping();
+    if (stop.draining) {
+        text << "stopping: waiting for the block holding the stop moment from "
+             << stop.waitingFor.size() << " of " << stop.clients << " clients (at most "
+             << kStopDrainText << ")";
+        for (const std::string& name : stop.waitingFor) {
+            text << " " << name;
+        }
+        text << "\n";
+    } else if (stop.lastDurationMs >= 0) {
+        text << "last stop moment " << stop.momentMs << " ms, took " << stop.lastDurationMs
+             << " ms, items after the stop moment " << counters.itemsAfterStop << " (not stored; "
+             << counters.blocksAfterStop << " whole blocks), unconfirmed clients "
+             << stop.lastUnconfirmed.size();
+        for (const std::string& name : stop.lastUnconfirmed) {
+            text << " " << name;
+        }
+        text << "\n";
+    }
+    text << "crash journal " << (counters.journalOn ? "on" : "off")
+         << ", records recovered at start " << counters.recordsRecovered
+         << ", journal write failures " << counters.journalFailures << "\n";
     text << ClientsText();
     return text.str();
 }

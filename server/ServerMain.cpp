@@ -25,6 +25,8 @@ namespace ReplayServer {
 namespace {
 
 constexpr const char* kDefaultControlPath = "/tmp/ReplayManager.sock";
+// Must survive a power cut: not under /tmp.
+constexpr const char* kDefaultJournalPath = "/var/lib/replay/ReplayManager.journal";
 
 std::mutex g_outputMutex;
 
@@ -75,6 +77,7 @@ struct CommonOptions {
     int clientWait = 30;
     int reorderMs = 5000;
     int recordWindow = 60;
+    std::string journal = kDefaultJournalPath;
 };
 
 enum class Mode { kServe, kRecord, kReplay };
@@ -108,6 +111,11 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     }
     settings.reorderHoldMs = common.reorderMs;
     settings.recordWindowMs = common.recordWindow * 1000;
+    if (!common.journal.empty()) {
+        settings.journalPath = common.journal == kDefaultJournalPath
+                                   ? ReplayPlatform::TargetPath(common.journal)
+                                   : common.journal;
+    }
     ReplayServer server(settings);
     std::string error;
     if (!server.Start(error)) {
@@ -238,6 +246,9 @@ int ServerMain(int argc, char** argv) {
                    "is refused and counted (0: no limit)")
         ->default_val(60)
         ->check(CLI::Range(0, 86400));
+    app.add_option("--journal", common.journal,
+                   std::string("Crash journal of received records (default: ") +
+                       kDefaultJournalPath + " under the target root; \"\": none)");
 
     double recordSeconds = 0;
     CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");

@@ -50,7 +50,15 @@ std::string StatusJson(ReplayServer& server, bool jobRunning) {
           {"refused_clients", counters.refusedClients},
           {"refused_sources", counters.refusedSources},
           {"held_for_ordering", counters.recordsHeld},
-          {"no_room_to_hold", counters.heldOverflow}}},
+          {"no_room_to_hold", counters.heldOverflow},
+          {"passed_on_early", counters.heldReleasedEarly},
+          {"oversized_datagrams", counters.oversized},
+          {"outside_time_window", counters.outsideTimeWindow},
+          {"items_after_stop", counters.itemsAfterStop},
+          {"blocks_after_stop", counters.blocksAfterStop},
+          {"records_recovered", counters.recordsRecovered},
+          {"journal_failures", counters.journalFailures},
+          {"journal_on", counters.journalOn}}},
         {"clients", ClientList(server)}};
     return Line(json);
 }

@@ -48,6 +48,11 @@ class REPLAY_API ReplayLogManager {
         return a.m_timestamp.m_timeMilliseconds > b.m_timestamp.m_timeMilliseconds;
     }
 
+    // Told of each record once the replay logger has taken it (the server
+    // keeps its crash journal with this); runs on the writer thread.
+    using WrittenHook = void (*)(void* context, const char* record, size_t length);
+    static void SetWrittenHook(WrittenHook hook, void* context);
+
     ReplayLogManager();
 
     // Connects the replay logger and writes the log's header record, once.
@@ -74,7 +79,13 @@ class REPLAY_API ReplayLogManager {
     // Stable for equal times, and cheap on a queue that is already nearly in
     // order, which is the usual case.
     void SortNewestFirst();
+    // Moves the record just stored at `index` (behind the live records) in
+    // front of every record that is not newer than it.
+    void PlaceNewestArrival(unsigned int index);
     ReplayError WriteOut(ClientDataList* clients, bool flush);
+
+    static std::atomic<WrittenHook> s_writtenHook;
+    static std::atomic<void*> s_writtenContext;
 
     std::set<std::string> m_clientNames;
     std::vector<ClientDataBuffer> m_buffers;

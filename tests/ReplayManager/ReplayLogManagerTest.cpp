@@ -244,7 +244,7 @@ TEST_F(ReplayLogManagerTest, CalibrationRecordsWaitForTheMedium) {
     EXPECT_EQ(manager.GetBufferCount(), 0u);
 }
 
-TEST_F(ReplayLogManagerTest, EqualTimesKeepSlotOrder) {
+TEST_F(ReplayLogManagerTest, EqualTimesAreWrittenInArrivalOrder) {
     MakeMediumAndChannel();
     ReplayLogManager manager;
     for (unsigned int k = 0; k < 5; ++k) {
@@ -254,10 +254,28 @@ TEST_F(ReplayLogManagerTest, EqualTimesKeepSlotOrder) {
     }
     const std::vector<std::string> stored = Stored();
     ASSERT_EQ(stored.size(), 6u);
-    // The sort keeps equal times in slot order and write-out goes from the
-    // last slot, so the latest arrival goes first.
+    // Write-out goes from the last slot, so each arrival is placed in front
+    // of its equals: records of equal time are written in arrival order.
     for (unsigned int k = 0; k < 5; ++k) {
-        EXPECT_EQ(stored[k + 1], DataRecord("c" + std::to_string(4 - k), 9000, 1));
+        EXPECT_EQ(stored[k + 1], DataRecord("c" + std::to_string(k), 9000, 1));
+    }
+}
+
+TEST_F(ReplayLogManagerTest, BurstOfEqualTimesIsWrittenInSequenceThroughPartialWriteOuts) {
+    // One client's burst: many blocks share a time, so write-outs that stop
+    // part way (keeping a record per client) meet runs of equal times.
+    MakeMediumAndChannel();
+    ReplayLogManager manager;
+    const int kBlocks = 95;
+    for (int k = 0; k < kBlocks; ++k) {
+        const int64_t time = 9000 + k / 30;
+        manager.WriteClientDataToLog("burst", MSTime::MSTimeStruct(0, time), 2, k + 1,
+                                     DataRecord("burst", time, k + 1), nullptr, k == kBlocks - 1);
+    }
+    const std::vector<std::string> stored = Stored();
+    ASSERT_EQ(stored.size(), static_cast<size_t>(kBlocks) + 1);
+    for (int k = 0; k < kBlocks; ++k) {
+        EXPECT_EQ(stored[k + 1], DataRecord("burst", 9000 + k / 30, k + 1)) << "block " << k;
     }
 }
 

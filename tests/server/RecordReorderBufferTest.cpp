@@ -82,6 +82,26 @@ TEST(RecordReorderBufferTest, RefusesRecordsBeyondItsByteLimitAndCountsThem) {
     EXPECT_TRUE(buffer.Add(4, "123456", 6));
 }
 
+TEST(RecordReorderBufferTest, AboveThreeQuartersFullTheOldestLeaveEarly) {
+    Collected sink;
+    RecordReorderBuffer buffer(60000, 40, sink.Sink());  // high water: 30 bytes
+    const Clock::time_point start = Clock::now();
+    Add(buffer, 300, "third-----");
+    Add(buffer, 100, "first-----");
+    Add(buffer, 200, "second----");
+    buffer.ReleaseDue(start);  // 30 bytes held: nothing is due yet
+    EXPECT_TRUE(sink.Records().empty());
+    Add(buffer, 400, "fourth----");
+    buffer.ReleaseDue(start);
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{"first-----"});
+    EXPECT_EQ(buffer.ReleasedEarly(), 1u);
+    EXPECT_EQ(buffer.Refused(), 0u);
+    // Room is refused only at the limit itself.
+    Add(buffer, 500, "fifth-----");
+    EXPECT_FALSE(buffer.Add(600, "sixth-----", 10));
+    EXPECT_EQ(buffer.Refused(), 1u);
+}
+
 TEST(RecordReorderBufferTest, StopPassesOnEverythingHeldAndSinkFailuresAreCounted) {
     std::vector<std::string> passed;
     RecordReorderBuffer buffer(60000, 1 << 20, [&](const std::string& record) {

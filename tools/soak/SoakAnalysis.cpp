@@ -129,14 +129,6 @@ LogContents ReadLog(const std::string& path, const std::string& initialisationPr
     return contents;
 }
 
-size_t BlockBytes(const SentItem& item) {
-    // Separator byte, "seconds.millis" and a colon before the item.
-    const size_t separator = std::to_string(item.timeMs / 1000).size() + 6;
-    const size_t data =
-        item.dataType == kDataTypeBinary ? (item.bytes.size() * 8 + 6) / 7 : item.bytes.size();
-    return separator + data;
-}
-
 ClientResult AnalyseClient(const std::vector<SentItem>& sent, const std::vector<LoggedItem>& logged,
                            const std::vector<ReplayedItem>& replayed, const LossLimits& limits) {
     ClientResult result;
@@ -164,20 +156,20 @@ ClientResult AnalyseClient(const std::vector<SentItem>& sent, const std::vector<
         }
     }
 
-    // The block the client still held when recording stopped: the missing
-    // items at the end, as far as they fit one block.
+    // Items handed over after the stop moment may be missing; before it,
+    // every missing item after the last stored one was lost at the stop.
     size_t tailStart = sent.size();
-    size_t tailBytes = 0;
     while (tailStart > 0 && !inLog[tailStart - 1]) {
-        const SentItem& item = sent[tailStart - 1];
-        tailBytes += BlockBytes(item);
-        if (item.dataType != sent.back().dataType || tailBytes > limits.blockBytes ||
-            sent.back().timeMs - item.timeMs > limits.spanMs) {
-            break;
-        }
         --tailStart;
     }
-    result.unflushed = sent.size() - tailStart;
+    for (size_t i = tailStart; i < sent.size(); ++i) {
+        if (limits.stopMomentMs != INT64_MAX &&
+            sent[i].timeMs >= limits.stopMomentMs - limits.stampMarginMs) {
+            ++result.afterStop;
+        } else {
+            ++result.lostAtStop;
+        }
+    }
     result.lost = tailStart - result.logged;
 
     // Runs of missing items before the tail: the next item sent after a run

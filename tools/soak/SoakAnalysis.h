@@ -7,6 +7,7 @@
 // samples taken while recording.
 
 #include <cstddef>
+#include <climits>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -52,11 +53,14 @@ LogContents ReadLog(const std::string& path, const std::string& initialisationPr
 
 // How missing items are told apart.
 struct LossLimits {
-    // The one block a client may still hold, unsent, when recording stops:
-    // items of one data type that fit a block and are no older than a block
-    // can get before the ping thread sends it.
-    size_t blockBytes = 2032;
-    int64_t spanMs = 5000;
+    // The server's stop moment: a stop keeps every item handed over before
+    // it; items handed over from then until the client heard of the stop
+    // may be missing.
+    int64_t stopMomentMs = INT64_MAX;
+    // A client's journal time is read just before it hands the item over;
+    // the library's stamp, which decides the side of the stop, follows a
+    // moment later. Items this close before the moment count as after it.
+    int64_t stampMarginMs = 50;
     // The server's write queue drops a record more than a second older than
     // the last one it wrote. A block sent at least this long after its first
     // item may have met that rule; a younger one cannot have.
@@ -66,7 +70,8 @@ struct LossLimits {
 struct ClientResult {
     size_t sent = 0;
     size_t logged = 0;       // sent items found in the log
-    size_t unflushed = 0;    // the client's last, unsent block
+    size_t afterStop = 0;    // handed over at or after the stop moment, not stored
+    size_t lostAtStop = 0;   // handed over before the stop moment, after the last stored item
     size_t late = 0;         // in blocks old enough to be dropped as late by the write queue
     size_t lost = 0;         // sent, not in the log, and explained by neither
     size_t unexpected = 0;   // in the log but never sent (or logged twice)
@@ -79,10 +84,6 @@ struct ClientResult {
 
 ClientResult AnalyseClient(const std::vector<SentItem>& sent, const std::vector<LoggedItem>& logged,
                            const std::vector<ReplayedItem>& replayed, const LossLimits& limits);
-
-// Bytes an item takes in a block: Ascii7 text for binary data, and the
-// separator with the item time before every item.
-size_t BlockBytes(const SentItem& item);
 
 struct Distribution {
     size_t count = 0;

@@ -39,10 +39,11 @@ namespace {
 
 void PrintRow(FILE* out, const std::string& name, const char* rates, const ClientResult& r,
               const Distribution& timing) {
-    std::fprintf(out, "%-8s %-14s %7zu %7zu %9zu %6zu %5zu %5zu %8zu %7zu %5zu %6.2f %4lld %4lld\n",
-                 name.c_str(), rates, r.sent, r.logged, r.unflushed, r.late, r.lost, r.unexpected,
-                 r.replayed, r.replayLost, r.replayWrong, timing.mean,
-                 static_cast<long long>(timing.p99), static_cast<long long>(timing.max));
+    std::fprintf(
+        out, "%-8s %-14s %7zu %7zu %10zu %7zu %6zu %5zu %5zu %8zu %7zu %5zu %6.2f %4lld %4lld\n",
+        name.c_str(), rates, r.sent, r.logged, r.afterStop, r.lostAtStop, r.late, r.lost,
+        r.unexpected, r.replayed, r.replayLost, r.replayWrong, timing.mean,
+        static_cast<long long>(timing.p99), static_cast<long long>(timing.max));
 }
 
 }  // namespace
@@ -78,15 +79,16 @@ bool SoakReport::Print(const SoakSettings& settings, FILE* out) const {
     std::fprintf(out, "\nServer after recording:\n%s", m_serverStatus.c_str());
     std::fprintf(out, "\nReplay: %s%s", m_replayPlan.c_str(), m_replayResult.c_str());
     std::fprintf(out,
-                 "\nItems per client. unflushed: the block a client still held when recording "
-                 "stopped; late: in blocks sent a second or more after their first item, which "
+                 "\nItems per client. after stop: handed over after the stop moment, not "
+                 "stored; lost at stop: handed over before the stop moment and missing (must be "
+                 "0); late: in blocks sent a second or more after their first item, which "
                  "the server's write queue drops when it has written records over a second "
                  "newer; lost: missing otherwise; extra: in the log but never sent; missing, "
                  "wrong: stored items not replayed, or replayed out of order; timing error in "
                  "ms.\n");
-    std::fprintf(out, "%-8s %-14s %7s %7s %9s %6s %5s %5s %8s %7s %5s %6s %4s %4s\n", "client",
-                 "pos/frame/sts", "sent", "logged", "unflushed", "late", "lost", "extra",
-                 "replayed", "missing", "wrong", "mean", "p99", "max");
+    std::fprintf(out, "%-8s %-14s %7s %7s %10s %7s %6s %5s %5s %8s %7s %5s %6s %4s %4s\n", "client",
+                 "pos/frame/sts", "sent", "logged", "after stop", "at stop", "late", "lost",
+                 "extra", "replayed", "missing", "wrong", "mean", "p99", "max");
     ClientResult total;
     std::vector<int64_t> allErrors;
     for (const ClientEntry& entry : m_clients) {
@@ -98,7 +100,8 @@ bool SoakReport::Print(const SoakSettings& settings, FILE* out) const {
         PrintRow(out, entry.profile.name, rates, r, timing);
         total.sent += r.sent;
         total.logged += r.logged;
-        total.unflushed += r.unflushed;
+        total.afterStop += r.afterStop;
+        total.lostAtStop += r.lostAtStop;
         total.late += r.late;
         total.lost += r.lost;
         total.unexpected += r.unexpected;
@@ -110,8 +113,9 @@ bool SoakReport::Print(const SoakSettings& settings, FILE* out) const {
         if (r.sent == 0) {
             failures.push_back(name + " recorded nothing");
         }
-        if (r.lost > 0 || r.unexpected > 0) {
+        if (r.lost > 0 || r.lostAtStop > 0 || r.unexpected > 0) {
             failures.push_back(name + ": " + std::to_string(r.lost) + " lost, " +
+                               std::to_string(r.lostAtStop) + " lost at the stop, " +
                                std::to_string(r.unexpected) + " unexpected in the log");
         }
         if (r.replayLost > 0 || r.replayWrong > 0) {

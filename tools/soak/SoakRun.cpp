@@ -232,6 +232,12 @@ bool SoakRun::Record() {
     }
     Send("status", reply);
     m_report.SetServerStatus(reply);
+    // Items handed over before this moment must all be in the log.
+    const std::string key = "last stop moment ";
+    const size_t at = reply.find(key);
+    if (at != std::string::npos) {
+        m_settings.loss.stopMomentMs = std::strtoll(reply.c_str() + at + key.size(), nullptr, 10);
+    }
     return true;
 }
 

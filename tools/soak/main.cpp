@@ -42,9 +42,10 @@ int main(int argc, char** argv) {
         "input rates under a private temporary target root on a random loopback address, records "
         "for the given duration, replays the log, and reports per client the items sent, stored "
         "and replayed, the replay timing error, and the memory of every process while recording "
-        "(start, middle, end, growth, KB per minute).\n\nThe block a client still holds when "
-        "recording stops is never sent; those items are counted apart, and so are items in blocks "
-        "that the server's write queue may have dropped as late (blocks sent a second or more "
+        "(start, middle, end, growth, KB per minute).\n\nA stop keeps every item handed over "
+        "before its moment; items handed over after it (until the client hears of the stop) are "
+        "counted apart, and so are items in blocks that the server's write queue may have "
+        "dropped as late (blocks sent a second or more "
         "after their first item, when the queue had written newer records). Exit status: 0 when "
         "nothing else was lost and no process grew beyond the limit, 1 otherwise, 2 for bad "
         "options, 3 when the run could not be carried out or was interrupted.",
@@ -64,11 +65,6 @@ int main(int argc, char** argv) {
     app.add_option("--max-growth-kb", settings.maxGrowthKb,
                    "Memory growth of one process over the recording that fails the run")
         ->default_val(settings.maxGrowthKb)
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--tail-span-ms", settings.loss.spanMs,
-                   "Oldest item the unsent last block of a client may hold, in ms before its "
-                   "newest")
-        ->default_val(settings.loss.spanMs)
         ->check(CLI::NonNegativeNumber);
     bool allowLate = false;
     app.add_flag("--allow-late", allowLate,

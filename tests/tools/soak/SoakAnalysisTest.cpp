@@ -1,5 +1,6 @@
-// How the soak program accounts for every item: stored, held back in the
-// last block, dropped as late, lost, replayed; and how it reads memory.
+// How the soak program accounts for every item: stored, handed over after
+// the stop, lost at the stop, dropped as late, lost, replayed; and how it
+// reads memory.
 
 #include "tools/soak/SoakAnalysis.h"
 
@@ -48,38 +49,34 @@ std::vector<size_t> Range(size_t from, size_t to) {
     return range;
 }
 
-TEST(SoakAnalysisTest, MissingItemsAreHeldBackLateOrLost) {
+TEST(SoakAnalysisTest, MissingItemsAreAfterTheStopLostAtTheStopLateOrLost) {
     const std::vector<SentItem> sent = Positions(40);
     // 0-9 stored; 10-14 missing, the next item 500 ms later (a young block:
     // lost); 15-19 stored; 20-29 missing, the next item a second later (an
-    // old block: late); 30-34 stored; 35-39 never sent (the last block).
+    // old block: late); 30-34 stored; 35-39 missing at the end: handed over
+    // before the stop moment (4500 ms: items 35 and 36) or after it.
     std::vector<size_t> stored = Range(0, 10);
     for (size_t i : Range(15, 20))
         stored.push_back(i);
     for (size_t i : Range(30, 35))
         stored.push_back(i);
-    const ClientResult result = AnalyseClient(sent, Stored(sent, stored), {}, LossLimits());
+    LossLimits limits;
+    limits.stopMomentMs = 4700;
+    const ClientResult result = AnalyseClient(sent, Stored(sent, stored), {}, limits);
     EXPECT_EQ(result.sent, 40u);
     EXPECT_EQ(result.logged, 20u);
-    EXPECT_EQ(result.unflushed, 5u);
+    EXPECT_EQ(result.lostAtStop, 2u);
+    EXPECT_EQ(result.afterStop, 3u);
     EXPECT_EQ(result.late, 10u);
     EXPECT_EQ(result.lost, 5u);
     EXPECT_EQ(result.unexpected, 0u);
     EXPECT_EQ(result.replayLost, 20u);
-}
 
-TEST(SoakAnalysisTest, HeldBackItemsFitOneBlockOfOneType) {
-    LossLimits limits;
-    limits.spanMs = 100000;
-    // A type change before the tail forced a send: the text items before the
-    // binary tail were in a block that went out and is missing.
-    std::vector<SentItem> sent = Positions(6);
-    for (int i = 0; i < 3; ++i) {
-        sent.push_back({1600 + i * 20, kDataTypeBinary, std::string(48, static_cast<char>(i))});
-    }
-    ClientResult result = AnalyseClient(sent, Stored(sent, Range(0, 3)), {}, limits);
-    EXPECT_EQ(result.unflushed, 3u);
-    EXPECT_EQ(result.late + result.lost, 3u);
+    // A stop that kept everything before its moment: nothing lost at it.
+    limits.stopMomentMs = 4500;
+    EXPECT_EQ(AnalyseClient(sent, Stored(sent, Range(0, 35)), {}, limits).lostAtStop, 0u);
+    // Without a known moment every missing item at the end counts as lost.
+    EXPECT_EQ(AnalyseClient(sent, Stored(sent, Range(0, 35)), {}, LossLimits()).lostAtStop, 5u);
 }
 
 TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {

@@ -1,0 +1,272 @@
+#include "server/IngestJournal.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <algorithm>
+#include <unordered_map>
+
+namespace ReplayServer {
+
+namespace {
+
+constexpr char kReceived = 'R';
+constexpr char kWritten = 'W';
+constexpr size_t kEntryHeader = 5;  // kind, then the length as 4 bytes, little-endian
+// Larger entries cannot be a record: the file is damaged from there on.
+constexpr uint32_t kLongestEntry = 65536;
+constexpr std::chrono::milliseconds kGatherInterval(10);
+constexpr std::chrono::seconds kSyncInterval(1);
+
+void AppendEntry(std::string& out, char kind, const char* data, size_t size) {
+    const uint32_t length = static_cast<uint32_t>(size);
+    char header[kEntryHeader] = {
+        kind, static_cast<char>(length & 0xff), static_cast<char>((length >> 8) & 0xff),
+        static_cast<char>((length >> 16) & 0xff), static_cast<char>((length >> 24) & 0xff)};
+    out.append(header, kEntryHeader);
+    out.append(data, size);
+}
+
+bool ReadWhole(int fd, std::string& contents) {
+    char chunk[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return false;
+        }
+        if (got == 0) {
+            return true;
+        }
+        contents.append(chunk, static_cast<size_t>(got));
+    }
+}
+
+void MakeParentDirectories(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        ::mkdir(path.substr(0, slash).c_str(), 0755);  // an existing one is fine
+    }
+}
+
+}  // namespace
+
+IngestJournal::IngestJournal(std::string path, size_t compactBytes)
+    : m_path(std::move(path)), m_compactBytes(compactBytes) {}
+
+IngestJournal::~IngestJournal() {
+    Close();
+}
+
+uint64_t IngestJournal::Hash(const char* data, size_t size) {
+    uint64_t hash = 1469598103934665603ULL;  // FNV-1a
+    for (size_t i = 0; i < size; ++i) {
+        hash ^= static_cast<unsigned char>(data[i]);
+        hash *= 1099511628211ULL;
+    }
+    return hash;
+}
+
+bool IngestJournal::Open(std::vector<std::string>& unwritten, std::string& error) {
+    std::lock_guard<std::mutex> lock(m_fileMutex);
+    MakeParentDirectories(m_path);
+    if (!Rewrite(&unwritten, error)) {
+        return false;
+    }
+    m_lastSync = Clock::now();
+    return true;
+}
+
+bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& error) {
+    std::string contents;
+    const int existing = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (existing >= 0) {
+        const bool read = ReadWhole(existing, contents);
+        ::close(existing);
+        if (!read) {
+            error = "cannot read the journal " + m_path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    // Received entries in order, less one for each written mark of the same
+    // bytes. A torn last entry (the server died while writing it) ends the
+    // scan.
+    std::vector<std::pair<size_t, size_t>> received;
+    std::unordered_map<uint64_t, size_t> written;
+    size_t at = 0;
+    while (at + kEntryHeader <= contents.size()) {
+        const unsigned char* header = reinterpret_cast<const unsigned char*>(&contents[at]);
+        const uint32_t length = header[1] | (header[2] << 8) | (header[3] << 16) |
+                                (static_cast<uint32_t>(header[4]) << 24);
+        if (length > kLongestEntry || at + kEntryHeader + length > contents.size()) {
+            break;
+        }
+        const size_t start = at + kEntryHeader;
+        if (header[0] == kReceived) {
+            received.emplace_back(start, length);
+        } else if (header[0] == kWritten && length == sizeof(uint64_t)) {
+            uint64_t hash = 0;
+            std::memcpy(&hash, &contents[start], sizeof hash);
+            ++written[hash];
+        } else {
+            break;
+        }
+        at = start + length;
+    }
+    std::string kept;
+    size_t keptRecords = 0;
+    for (const auto& entry : received) {
+        const char* data = &contents[entry.first];
+        auto mark = written.find(Hash(data, entry.second));
+        if (mark != written.end() && mark->second > 0) {
+            --mark->second;
+            continue;
+        }
+        if (unwritten != nullptr) {
+            unwritten->emplace_back(data, entry.second);
+        }
+        AppendEntry(kept, kReceived, data, entry.second);
+        ++keptRecords;
+    }
+
+    // The file is replaced by one holding only the unwritten records, so
+    // that it is as long as what is still to be written.
+    const std::string fresh = m_path + ".new";
+    const int fd = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = "cannot create the journal " + fresh + ": " + std::strerror(errno);
+        return false;
+    }
+    const int previous = m_fd;
+    m_fd = fd;
+    const bool wrote = WriteAll(kept.data(), kept.size()) && ::fdatasync(fd) == 0;
+    if (!wrote || ::rename(fresh.c_str(), m_path.c_str()) != 0) {
+        error = "cannot write the journal " + m_path + ": " + std::strerror(errno);
+        ::close(fd);
+        m_fd = previous;  // a failed compaction keeps the old file going
+        return false;
+    }
+    if (previous >= 0) {
+        ::close(previous);
+    }
+    m_fileBytes = kept.size();
+    // A journal whose unwritten part is large is not rewritten over and over.
+    m_compactAt = std::max(m_compactBytes, 2 * kept.size());
+    (void)keptRecords;
+    return true;
+}
+
+void IngestJournal::Start() {
+    std::lock_guard<std::mutex> lock(m_threadMutex);
+    if (m_thread.joinable() || m_fd < 0) {
+        return;
+    }
+    m_stop = false;
+    m_thread = std::thread(&IngestJournal::Run, this);
+}
+
+void IngestJournal::Close() {
+    {
+        std::lock_guard<std::mutex> lock(m_threadMutex);
+        m_stop = true;
+    }
+    m_wake.notify_all();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+    if (m_fd >= 0) {
+        FlushGathered(Clock::now() + kSyncInterval);
+        std::lock_guard<std::mutex> lock(m_fileMutex);
+        ::close(m_fd);
+        m_fd = -1;
+    }
+}
+
+void IngestJournal::Received(const char* data, size_t size) {
+    m_received.fetch_add(1, std::memory_order_relaxed);
+    std::lock_guard<std::mutex> lock(m_gatherMutex);
+    AppendEntry(m_gathered, kReceived, data, size);
+}
+
+void IngestJournal::Written(const char* data, size_t size) {
+    m_written.fetch_add(1, std::memory_order_relaxed);
+    const uint64_t hash = Hash(data, size);
+    std::string entry;
+    AppendEntry(entry, kWritten, reinterpret_cast<const char*>(&hash), sizeof hash);
+    std::lock_guard<std::mutex> lock(m_fileMutex);
+    WriteAll(entry.data(), entry.size());
+}
+
+void IngestJournal::FlushGathered(Clock::time_point now) {
+    std::string batch;
+    {
+        std::lock_guard<std::mutex> lock(m_gatherMutex);
+        batch.swap(m_gathered);
+    }
+    std::lock_guard<std::mutex> lock(m_fileMutex);
+    if (!batch.empty()) {
+        WriteAll(batch.data(), batch.size());
+    }
+    if (m_fd >= 0 && m_fileBytes > m_compactAt) {
+        // A long recording: drop the records already written.
+        std::string error;
+        if (Rewrite(nullptr, error)) {
+            m_lastSync = now;
+        } else {
+            m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+            m_compactAt = m_fileBytes + m_compactBytes;
+        }
+    }
+    if (m_fd >= 0 && now - m_lastSync >= kSyncInterval) {
+        ::fdatasync(m_fd);
+        m_lastSync = now;
+    }
+}
+
+void IngestJournal::Reset() {
+    FlushGathered(Clock::now());
+    std::lock_guard<std::mutex> lock(m_fileMutex);
+    if (m_fd >= 0 && ::ftruncate(m_fd, 0) == 0) {
+        ::fdatasync(m_fd);
+        m_fileBytes = 0;
+    }
+}
+
+bool IngestJournal::WriteAll(const char* data, size_t size) {
+    if (m_fd < 0) {
+        m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    while (size > 0) {
+        const ssize_t wrote = ::write(m_fd, data, size);
+        if (wrote < 0 && errno == EINTR) {
+            continue;
+        }
+        if (wrote <= 0) {
+            m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        data += wrote;
+        size -= static_cast<size_t>(wrote);
+        m_fileBytes += static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
+void IngestJournal::Run() {
+    std::unique_lock<std::mutex> lock(m_threadMutex);
+    while (!m_stop) {
+        m_wake.wait_for(lock, kGatherInterval);
+        lock.unlock();
+        FlushGathered(Clock::now());
+        lock.lock();
+    }
+}
+
+}  // namespace ReplayServer

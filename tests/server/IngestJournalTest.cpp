@@ -1,0 +1,147 @@
+#include "server/IngestJournal.h"
+
+#include <string>
+#include <vector>
+
+#include "tests/ReplayManager/ServerTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using ReplayServer::IngestJournal;
+using ServerTest::DataRecord;
+using Clock = IngestJournal::Clock;
+
+class IngestJournalTest : public ReplayTest::TargetRootTest {
+  protected:
+    std::string Path() const { return Root() + "/var/lib/replay/journal"; }
+    // What a server started now would recover: a journal opened on a copy
+    // of the file sees it as a restart after SIGKILL would (opening rewrites
+    // the file, so the original stays with the running journal).
+    std::vector<std::string> Recover() const {
+        WriteTargetFile("/restart/journal", ReadTargetFile("/var/lib/replay/journal"));
+        IngestJournal after(Root() + "/restart/journal");
+        std::vector<std::string> unwritten;
+        std::string error;
+        EXPECT_TRUE(after.Open(unwritten, error)) << error;
+        return unwritten;
+    }
+    static void Receive(IngestJournal& journal, const std::string& record) {
+        journal.Received(record.data(), record.size());
+    }
+    static void Write(IngestJournal& journal, const std::string& record) {
+        journal.Written(record.data(), record.size());
+    }
+};
+
+TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
+    const std::string a = DataRecord("a", 1000, 1), b = DataRecord("b", 900, 1),
+                      c = DataRecord("a", 1100, 2);
+    {
+        IngestJournal journal(Path());
+        std::vector<std::string> unwritten;
+        std::string error;
+        ASSERT_TRUE(journal.Open(unwritten, error)) << error;  // creates the directories
+        EXPECT_TRUE(unwritten.empty());
+        Receive(journal, a);
+        Receive(journal, b);
+        Receive(journal, c);
+        // Gathered in memory only: a kill now loses them (the last moments).
+        EXPECT_TRUE(Recover().empty());
+        journal.FlushGathered(Clock::now());
+        Write(journal, b);  // marks reach the file at once
+        EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
+        EXPECT_EQ(journal.ReceivedCount(), 3u);
+        EXPECT_EQ(journal.WrittenCount(), 1u);
+        // The server is killed here: no Close.
+    }
+    // Opening rewrites the file to the unwritten records; a second restart
+    // without any writing in between finds the same.
+    IngestJournal restarted(Path());
+    std::vector<std::string> unwritten;
+    std::string error;
+    ASSERT_TRUE(restarted.Open(unwritten, error)) << error;
+    EXPECT_EQ(unwritten, (std::vector<std::string>{a, c}));
+    EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
+}
+
+TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
+    const std::string a = DataRecord("a", 1000, 1);
+    IngestJournal journal(Path());
+    std::vector<std::string> unwritten;
+    std::string error;
+    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    Receive(journal, a);
+    Receive(journal, a);  // the same bytes twice (a client sent it twice)
+    journal.FlushGathered(Clock::now());
+    Write(journal, a);
+    EXPECT_EQ(Recover(), std::vector<std::string>{a});
+    Write(journal, a);
+    Write(journal, a);  // a mark without a received entry matches nothing
+    EXPECT_TRUE(Recover().empty());
+
+    // A record whose entry was cut short by the crash is not brought back;
+    // everything before it is.
+    const std::string b = DataRecord("b", 1200, 1);
+    Receive(journal, b);
+    journal.FlushGathered(Clock::now());
+    journal.Close();
+    const std::string contents = ReadTargetFile("/var/lib/replay/journal");
+    WriteTargetFile("/var/lib/replay/journal", contents.substr(0, contents.size() - 3));
+    EXPECT_TRUE(Recover().empty());
+    WriteTargetFile("/var/lib/replay/journal", contents);
+    EXPECT_EQ(Recover(), std::vector<std::string>{b});
+}
+
+TEST_F(IngestJournalTest, ResetForgetsEverythingAndLaterRecordsStillCount) {
+    IngestJournal journal(Path());
+    std::vector<std::string> unwritten;
+    std::string error;
+    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    Receive(journal, DataRecord("a", 1000, 1));
+    journal.Reset();  // flushes the gathered entry, then empties the file
+    EXPECT_TRUE(Recover().empty());
+    EXPECT_EQ(ReadTargetFile("/var/lib/replay/journal"), "");
+    const std::string b = DataRecord("a", 1100, 2);
+    Receive(journal, b);
+    journal.FlushGathered(Clock::now());
+    EXPECT_EQ(Recover(), std::vector<std::string>{b});
+}
+
+TEST_F(IngestJournalTest, OpenFailsWhereNoFileCanBeMade) {
+    WriteTargetFile("/var/lib/replay", "a file where the directory should be");
+    IngestJournal journal(Path());
+    std::vector<std::string> unwritten;
+    std::string error;
+    EXPECT_FALSE(journal.Open(unwritten, error));
+    EXPECT_NE(error.find("journal"), std::string::npos);
+    Receive(journal, DataRecord("a", 1000, 1));
+    journal.FlushGathered(Clock::now());
+    EXPECT_GE(journal.WriteFailures(), 1u);  // counted, never silent
+}
+
+TEST_F(IngestJournalTest, ALongRecordingKeepsTheFileToWhatIsUnwritten) {
+    IngestJournal journal(Path(), 4096);
+    std::vector<std::string> unwritten;
+    std::string error;
+    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    std::vector<std::string> pending;
+    for (int k = 1; k <= 400; ++k) {
+        const std::string record = DataRecord("long", 1000 + k, static_cast<unsigned int>(k));
+        Receive(journal, record);
+        if (k % 10 == 0) {
+            journal.FlushGathered(Clock::now());
+        }
+        // All but every fiftieth record is written at once.
+        if (k % 50 != 0) {
+            Write(journal, record);
+        } else {
+            pending.push_back(record);
+        }
+    }
+    journal.FlushGathered(Clock::now());
+    EXPECT_LT(ReadTargetFile("/var/lib/replay/journal").size(), 4096u + 2048u);
+    EXPECT_EQ(Recover(), pending);
+}
+
+}  // namespace

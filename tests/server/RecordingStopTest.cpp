@@ -1,0 +1,196 @@
+// The server's recording path in one process: a stop that waits for each
+// client's last block, the size limit, and recovery from the crash journal.
+
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libreplay/ReplayLogger.h"
+#include "libreplay/ClientRecord.h"
+#include "libreplay/ReplayCore.h"
+#include "server/IngestJournal.h"
+#include "server/ReplayServer.h"
+#include "tests/server/LoopbackServer.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace srv = ReplayServer;
+using ReplayTest::WaitFor;
+using ServerTest::DataRecord;
+using ServerTest::FakeClient;
+using ServerTest::StatusRecord;
+
+constexpr auto kDeadline = std::chrono::seconds(10);
+const char* const kChannel = "/kfsystem/multicore/navi/Q";
+
+// A data record of one item per time ("i0", "i1", ...), the first time the
+// block's.
+std::string Items(const std::string& name, unsigned int sequence, std::vector<int64_t> times) {
+    std::string text = "\"" + ReplayCore::MSTime::MSTimeStruct(0, times[0]).ToString() + ":" +
+                       name + ":!1 " + std::to_string(sequence) + ":i0";
+    for (size_t i = 1; i < times.size(); ++i) {
+        char separator[32];
+        const unsigned int length = ReplayCore::WriteItemSeparator(
+            separator, sizeof separator, ReplayCore::MSTime::MSTimeStruct(0, times[i]));
+        text += std::string(separator, length) + "i" + std::to_string(i);
+    }
+    return ServerTest::WithChecksum(text);
+}
+
+class RecordingStopTest : public ReplayTest::TargetRootTest {
+  protected:
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ReplayLogger::Get().ResetForTesting();
+        MakeTargetDirectory("/fs/usb0");
+        WriteTargetFile(kChannel, "");
+    }
+    void TearDown() override {
+        m_server.reset();
+        ReplayLogger::Get().ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+    void Start(srv::ServerSettings settings = srv::ServerSettings()) {
+        settings.stopSettleMs = 0;
+        m_server = ServerTest::StartLoopbackServer(settings, m_ip);
+        ASSERT_NE(m_server, nullptr);
+    }
+    // The data records in the channel, in order (header and status records
+    // left out).
+    std::vector<std::string> StoredData() const {
+        std::vector<std::string> data;
+        for (const std::string& record : ServerTest::SplitFramedRecords(ReadTargetFile(kChannel))) {
+            if (!record.empty() && record[0] == '"') {
+                data.push_back(record);
+            }
+        }
+        return data;
+    }
+    static bool GotStop(const FakeClient& client) {
+        for (const ReplayTest::Datagram& datagram : client.Received()) {
+            if (datagram.bytes.compare(0, 5, "#stop") == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    std::string m_ip;
+    std::unique_ptr<srv::ReplayServer> m_server;
+};
+
+TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
+    Start();
+    FakeClient fast(m_ip), quiet(m_ip), silent(m_ip);
+    ASSERT_TRUE(fast.Register("fast"));
+    ASSERT_TRUE(quiet.Register("quiet"));
+    ASSERT_TRUE(silent.Register("silent"));
+    m_server->StartRecording();
+    ASSERT_TRUE(fast.WaitFor(1, kDeadline));
+
+    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(3000); });
+    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
+    const srv::StopProgress progress = m_server->Stopping();
+    const int64_t moment = progress.momentMs;
+    EXPECT_EQ(progress.waitingFor.size(), 3u);
+
+    // A block from before the moment is no evidence: the client may still
+    // hold items from before it. Its items from after the moment are cut.
+    fast.Send(Items("fast", 1, {moment - 300, moment - 1, moment, moment + 40}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(GotStop(fast));
+    // A block starting at the moment shows the earlier one has left; its
+    // own items were handed over after the stop and are not stored.
+    fast.Send(DataRecord("fast", moment, 2));
+    ASSERT_TRUE(WaitFor([&] { return GotStop(fast); }, kDeadline));
+    // A recording client reports its state only with an empty block.
+    quiet.Send(StatusRecord("quiet", moment + 5, ""));
+    ASSERT_TRUE(WaitFor([&] { return GotStop(quiet); }, kDeadline));
+    EXPECT_EQ(m_server->Stopping().waitingFor, std::vector<std::string>{"silent"});
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateRecord);
+
+    // The client that never confirms is named when the wait ends, and
+    // stopped all the same.
+    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
+    EXPECT_TRUE(stopped.get());
+    EXPECT_TRUE(GotStop(silent));
+    const srv::StopProgress last = m_server->Stopping();
+    EXPECT_FALSE(last.draining);
+    EXPECT_EQ(last.lastUnconfirmed, std::vector<std::string>{"silent"});
+    EXPECT_GE(last.lastDurationMs, 2900);
+    EXPECT_EQ(m_server->Counters().blocksAfterStop, 1u);
+    EXPECT_EQ(m_server->Counters().itemsAfterStop, 3u);
+    EXPECT_EQ(StoredData(), std::vector<std::string>{Items("fast", 1, {moment - 300, moment - 1})});
+}
+
+TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {
+    Start();
+    FakeClient client(m_ip);
+    ASSERT_TRUE(client.Register("only"));
+    m_server->StartRecording();
+    const auto started = std::chrono::steady_clock::now();
+    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(8000); });
+    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
+    client.Send(DataRecord("only", m_server->Stopping().momentMs + 1, 7));
+    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
+    EXPECT_TRUE(stopped.get());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
+    EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
+}
+
+TEST_F(RecordingStopTest, DatagramsLongerThanTheLargestRecordAreRefusedAndCounted) {
+    srv::ServerSettings settings;
+    settings.reorderHoldMs = 0;
+    Start(settings);
+    FakeClient client(m_ip);
+    ASSERT_TRUE(client.Register("big"));
+    m_server->StartRecording();
+    const size_t overhead = DataRecord("big", 5000, 1, "").size();
+    const size_t largest = GetMaximumClientRecordSize();
+    const std::string fits = DataRecord("big", 5000, 1, std::string(largest - overhead, 'x'));
+    ASSERT_EQ(fits.size(), largest);
+    for (size_t extra = 1; extra <= 7; ++extra) {
+        client.Send(
+            DataRecord("big", 5000, 1 + extra, std::string(largest - overhead + extra, 'y')));
+    }
+    client.Send(fits);
+    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().recordsForwarded >= 1; }, kDeadline));
+    EXPECT_EQ(m_server->Counters().oversized, 7u);
+    EXPECT_TRUE(m_server->StopRecording(0));
+    EXPECT_EQ(StoredData(), std::vector<std::string>{fits});
+}
+
+TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
+    const std::string path = Root() + "/var/lib/replay/journal";
+    const std::string early = DataRecord("a", 9000, 1), later = DataRecord("b", 9500, 1),
+                      written = DataRecord("a", 8000, 1);
+    {
+        // What a killed server left: three records received, one written.
+        srv::IngestJournal journal(path);
+        std::vector<std::string> unwritten;
+        std::string error;
+        ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+        journal.Received(written.data(), written.size());
+        journal.Received(later.data(), later.size());
+        journal.Received(early.data(), early.size());
+        journal.Written(written.data(), written.size());
+        journal.Close();
+    }
+    srv::ServerSettings settings;
+    settings.journalPath = path;
+    Start(settings);
+    EXPECT_EQ(StoredData(), (std::vector<std::string>{early, later}));
+    EXPECT_EQ(m_server->Counters().recordsRecovered, 2u);
+    EXPECT_TRUE(m_server->Counters().journalOn);
+
+    // Once written, a second start finds nothing to bring back.
+    m_server.reset();
+    ReplayLogger::Get().ResetForTesting();
+    Start(settings);
+    EXPECT_EQ(m_server->Counters().recordsRecovered, 0u);
+    EXPECT_EQ(StoredData().size(), 2u);
+}
+
+}  // namespace
