@@ -79,6 +79,10 @@ class RecordingLossTest : public EndToEndTest {
 };
 
 TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
+    // A 10 Hz client's block can leave it up to about 4 s after its first
+    // item (its ping sends it): only the server's default hold keeps such a
+    // block ahead of the writer's one-second limit for late records.
+    RestartServerWithHold(5000);
     const std::string slow = StartDemoClient("slow", {"--frame-hz", "0", "--position-hz", "10"});
     const std::string fast = StartDemoClient("fast", {"--frame-hz", "200", "--position-hz", "10"});
     ASSERT_TRUE(WaitFor([&] { return AllRunning({"slow", "fast"}); }, 20s, 50ms));
