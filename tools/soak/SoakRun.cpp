@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "libreplay/ReplayLogStatistics.h"
 #include "tools/soak/SoakProcess.h"
 #include "tools/soak/SoakReport.h"
 
@@ -295,6 +297,26 @@ void SoakRun::Cleanup() {
     }
 }
 
+// The log of a clean run must pass the same check as `replaylog verify`:
+// every block of every client there once, in order, undamaged.
+bool VerifyLog(const std::string& path) {
+    ReplayCore::LogStatistics statistics;
+    std::string error;
+    if (!ReplayCore::CollectLogStatistics(path, statistics, error)) {
+        std::printf("log verify: cannot read %s\n", error.c_str());
+        return false;
+    }
+    std::printf("log verify: %llu problems\n",
+                static_cast<unsigned long long>(statistics.ProblemCount()));
+    const size_t shown = std::min<size_t>(statistics.Problems().size(), 10);
+    for (size_t i = 0; i < shown; ++i) {
+        const ReplayCore::LogProblem& problem = statistics.Problems()[i];
+        std::printf("  %s at offset %llu: %s\n", ReplayCore::LogProblemKindName(problem.kind),
+                    static_cast<unsigned long long>(problem.offset), problem.text.c_str());
+    }
+    return statistics.Clean();
+}
+
 int SoakRun::Run() {
     if (!Prepare()) {
         return 3;
@@ -313,7 +335,8 @@ int SoakRun::Run() {
         return 3;
     }
 
-    const LogContents log = ReadLog(m_root + "/fs/usb0/LOGFILE.DAT", kInitialisationPrefix);
+    const std::string logPath = m_root + "/fs/usb0/LOGFILE.DAT";
+    const LogContents log = ReadLog(logPath, kInitialisationPrefix);
     m_report.SetLog(log);
     for (const ClientProfile& profile : m_profiles) {
         const std::string base = m_root + "/clients/" + profile.name;
@@ -324,7 +347,7 @@ int SoakRun::Run() {
                                          found != log.items.end() ? found->second : none,
                                          ReadReplayed(base + ".replayed"), m_settings.loss));
     }
-    const bool passed = m_report.Print(m_settings, stdout);
+    const bool passed = m_report.Print(m_settings, stdout) & VerifyLog(logPath);
     if (m_settings.keepRoot) {
         std::printf("kept %s\n", m_root.c_str());
     }
