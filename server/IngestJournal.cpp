@@ -223,9 +223,13 @@ void IngestJournal::FlushGathered(Clock::time_point now) {
             m_compactAt = m_fileBytes + m_compactBytes;
         }
     }
-    if (m_fd >= 0 && now - m_lastSync >= kSyncInterval) {
+    // Only what changed is synced: a sync forces the file system's journal
+    // out, which can stall every other writer on the medium (a replaying
+    // client's own files among them) while nothing here needs it.
+    if (m_fd >= 0 && m_unsynced && now - m_lastSync >= kSyncInterval) {
         ::fdatasync(m_fd);
         m_lastSync = now;
+        m_unsynced = false;
     }
 }
 
@@ -255,6 +259,7 @@ bool IngestJournal::WriteAll(const char* data, size_t size) {
         data += wrote;
         size -= static_cast<size_t>(wrote);
         m_fileBytes += static_cast<size_t>(wrote);
+        m_unsynced = true;
     }
     return true;
 }
