@@ -68,6 +68,11 @@ void RecordReorderBuffer::Drain() {
     Pass(records);
 }
 
+void RecordReorderBuffer::Freeze(bool frozen) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_frozen = frozen;
+}
+
 void RecordReorderBuffer::ReleaseDue(Clock::time_point now) {
     std::lock_guard<std::mutex> pass(m_passMutex);
     std::vector<Held> records = TakeDue(false, now);
@@ -99,8 +104,9 @@ std::vector<RecordReorderBuffer::Held> RecordReorderBuffer::TakeDue(bool all,
     // Oldest record time first. A young record at the front holds back the
     // older arrivals behind it: they wait at most one hold longer and stay
     // in order.
-    while (!m_held.empty() && (all || m_held.front().due <= now || m_heldBytes > m_highWater)) {
-        if (!all && m_held.front().due > now) {
+    while (!m_held.empty() &&
+           (all || (!m_frozen && m_held.front().due <= now) || m_heldBytes > m_highWater)) {
+        if (!all && (m_frozen || m_held.front().due > now)) {
             m_releasedEarly.fetch_add(1, std::memory_order_relaxed);
         }
         std::pop_heap(m_held.begin(), m_held.end(), Later());

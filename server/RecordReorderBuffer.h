@@ -48,6 +48,11 @@ class RecordReorderBuffer {
     bool Add(int64_t recordTimeMs, const char* data, size_t size);
     // Hands on everything held now, in record-time order, before returning.
     void Drain();
+    // While frozen, no record leaves because its hold has ended (only the
+    // overflow policy and Drain pass records on): a stop freezes the buffer
+    // while it waits for the clients' last blocks, which can arrive several
+    // seconds late and must still meet everything newer at the writer.
+    void Freeze(bool frozen);
     // Hands on the records whose hold has ended by `now`; the thread calls
     // this, tests call it with their own times.
     void ReleaseDue(Clock::time_point now);
@@ -86,6 +91,7 @@ class RecordReorderBuffer {
     size_t m_heldBytes = 0;
     uint64_t m_arrivals = 0;
     bool m_stop = false;
+    bool m_frozen = false;
 
     // Taken around popping and passing, so that batches reach the sink whole
     // and in order whichever thread passes them.

@@ -64,7 +64,7 @@ bool ReplayServer::Start(std::string& error) {
 
     m_reorder.reset(
         new RecordReorderBuffer(m_settings.reorderHoldMs, m_settings.reorderByteLimit,
-                                [this](const std::string& record) { return Forward(record); }));
+                                [this](const std::string& record) { return PassOn(record); }));
     m_reorder->Start();
     if (!m_settings.journalPath.empty()) {
         std::string journalError;
@@ -117,6 +117,15 @@ void ReplayServer::Shutdown() {
     }
     // No datagram may reach the handler once the writer is gone.
     StopReadThread();
+    {
+        std::lock_guard<std::mutex> lock(m_openerMutex);
+        if (!m_openers.empty()) {
+            FileLogger::LogToFile(FileLogger::eSeverityWarning,
+                                  "ReplayManager: %zu initialisation records not written: no data "
+                                  "record followed them",
+                                  m_openers.size());
+        }
+    }
     m_reorder.reset();
     m_writer.reset();
     if (m_journal != nullptr) {
@@ -449,6 +458,27 @@ void ReplayServer::StopFileLogAtItsCap() {
     std::fflush(stdout);
 }
 
+bool ReplayServer::PassOn(const std::string& record) {
+    std::vector<std::string> openers;
+    {
+        std::lock_guard<std::mutex> lock(m_openerMutex);
+        if (!m_logOpened) {
+            ReplayCore::LogClientRecord fields;
+            if (ReplayCore::ParseLogClientRecord(record, fields) && fields.sequenceNumber == 0) {
+                m_openers.push_back(record);
+                return true;
+            }
+            m_logOpened = true;
+            openers.swap(m_openers);
+        }
+    }
+    bool passed = Forward(record);
+    for (const std::string& opener : openers) {
+        passed = Forward(opener) && passed;
+    }
+    return passed;
+}
+
 bool ReplayServer::Forward(const std::string& record) {
     std::lock_guard<std::mutex> lock(m_forwardMutex);
     const int size = static_cast<int>(record.size());
@@ -504,6 +534,11 @@ bool ReplayServer::StopRecording(int drainMs) {
     const auto started = std::chrono::steady_clock::now();
     const int64_t moment = MSTime::CurrentTimeMS().m_timeMilliseconds;
     m_stopMomentMs.store(moment, std::memory_order_relaxed);
+    if (m_reorder != nullptr && drainMs > 0) {
+        // A slow client's last block can arrive long after the records held
+        // beside it have served their hold: keep them for the final flush.
+        m_reorder->Freeze(true);
+    }
     std::vector<std::string> waiting;
     for (const ClientData& client : Clients()) {
         if (!client.IsSick() && !client.GetClientName().empty()) {
@@ -567,6 +602,9 @@ bool ReplayServer::StopRecording(int drainMs) {
     FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: recording stopped (%lld ms)",
                           static_cast<long long>(tookMs));
     const bool flushed = FlushWriteQueue();
+    if (m_reorder != nullptr) {
+        m_reorder->Freeze(false);
+    }
     if (flushed && m_journal != nullptr) {
         // Everything received has gone through the writer.
         m_journal->Reset();
@@ -610,6 +648,12 @@ bool ReplayServer::FlushWriteQueue(int timeoutMs) {
             return false;
         }
         target = m_recordsForwarded.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    {
+        // The writer closes the log at this record; the next log opens with
+        // the next data record.
+        std::lock_guard<std::mutex> lock(m_openerMutex);
+        m_logOpened = false;
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (m_writer->GetMessagesProcessed() < target) {

@@ -88,8 +88,9 @@ struct ServerSettings {
     // How long a stop waits for each recording client's block that holds
     // the stop moment. A client sends a block at the latest when its ping
     // finds it two seconds old, and pings come every two seconds: about
-    // 4-5 s, plus margin.
-    int stopDrainMs = 6000;
+    // 4-5 s; a loaded machine can delay both the block and the next one
+    // that confirms it, hence the margin.
+    int stopDrainMs = 10000;
     // The crash journal's file; empty: no journal.
     std::string journalPath;
     // Sources whose datagrams are taken; by default any.
@@ -178,6 +179,9 @@ class ReplayServer : public UDPSocketServer {
     bool Recover(std::string& error);
     static void RecordWritten(void* server, const char* record, size_t length);
     void ReportRefusedSource(const sockaddr_in& from);
+    // Where the hold passes records: block-0 records wait until the log
+    // has opened (see m_openers), everything else goes to the writer.
+    bool PassOn(const std::string& record);
     // Writes one record into the log writer's pipe.
     bool Forward(const std::string& record);
     // The file log keeps one stream open for every call after its last
@@ -242,6 +246,14 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_recovered{0};
     std::atomic<bool> m_replaying{false};
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
+    // A log opens, header first, with its first data record. Block-0
+    // records (clients' initialisation) that reach the writer before that
+    // would fill its queue when many clients connect ahead of a recording
+    // and be written before the header; they wait here and follow the first
+    // data record, which the writer still puts after them by time.
+    std::mutex m_openerMutex;
+    bool m_logOpened = false;
+    std::vector<std::string> m_openers;
 };
 
 }  // namespace ReplayServer

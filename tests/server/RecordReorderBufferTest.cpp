@@ -70,6 +70,20 @@ TEST(RecordReorderBufferTest, AnOlderRecordArrivingLaterOvertakesThoseStillHeld)
     EXPECT_EQ(sink.Records(), (std::vector<std::string>{"four seconds old", "recent"}));
 }
 
+TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
+    Collected sink;
+    RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
+    const Clock::time_point start = Clock::now();
+    Add(buffer, 9000, "held past its hold");
+    buffer.Freeze(true);
+    buffer.ReleaseDue(start + milliseconds(5000));
+    EXPECT_TRUE(sink.Records().empty());
+    Add(buffer, 7000, "late block");
+    buffer.Freeze(false);
+    buffer.ReleaseDue(start + milliseconds(5000));
+    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"late block", "held past its hold"}));
+}
+
 TEST(RecordReorderBufferTest, RefusesRecordsBeyondItsByteLimitAndCountsThem) {
     Collected sink;
     RecordReorderBuffer buffer(60000, 10, sink.Sink());
