@@ -62,6 +62,7 @@ void UsePacketMode(CPipe& pipe) {
 
 std::atomic<ReplayLogManager::WrittenHook> ReplayLogManager::s_writtenHook{nullptr};
 std::atomic<void*> ReplayLogManager::s_writtenContext{nullptr};
+std::atomic<uint64_t> ReplayLogManager::s_lateRecords{0};
 
 void ReplayLogManager::SetWrittenHook(WrittenHook hook, void* context) {
     s_writtenContext.store(context, std::memory_order_release);
@@ -156,6 +157,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
         m_lastBlockTimestamp.m_timeMilliseconds - kLateRecordLimitMs) {
         // Older than what has been written by more than a second: too late to
         // reorder. ("Proceeds" is the established wording of this message.)
+        s_lateRecords.fetch_add(1, std::memory_order_relaxed);
         char text[kTextLimit * 2];
         std::snprintf(text, sizeof text,
                       "Client %s: Record Timestamp of %s Proceeds Last Block TimeStamp of %s",

@@ -78,7 +78,7 @@ class IngestJournal {
     std::mutex m_gatherMutex;
     std::string m_gathered;
     Clock::time_point m_lastSync;
-    size_t m_fileBytes = 0;  // under m_fileMutex
+    size_t m_fileBytes = 0;   // under m_fileMutex
     bool m_unsynced = false;  // written since the last sync; under m_fileMutex
     size_t m_compactAt = 0;
 

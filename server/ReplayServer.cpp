@@ -676,6 +676,7 @@ ServerCounters ReplayServer::Counters() const {
     counters.refusedClients = m_refusedClients.load(std::memory_order_relaxed);
     counters.refusedSources = m_refusedSources.load(std::memory_order_relaxed);
     counters.outsideTimeWindow = m_recordTimes.Refused();
+    counters.droppedLate = ReplayLogManager::LateRecordsDropped();
     if (m_reorder != nullptr) {
         counters.recordsHeld = m_reorder->HeldRecords();
         counters.heldOverflow = m_reorder->Refused();

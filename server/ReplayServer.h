@@ -44,6 +44,9 @@ struct ServerCounters {
     uint64_t heldOverflow = 0;
     // Data records refused for a time far from their client's clock.
     uint64_t outsideTimeWindow = 0;
+    // Records the log writer dropped as more than a second older than what
+    // it had written.
+    uint64_t droppedLate = 0;
     // Records the hold passed on before their time because it was three
     // quarters full.
     uint64_t heldReleasedEarly = 0;

@@ -38,7 +38,7 @@ const char* kHelp =
 // A stop keeps each client recording until the block holding the stop moment
 // has arrived: a client sends a block at the latest when its ping finds it
 // two seconds old.
-constexpr const char* kStopDrainText = "about 5 s: each client's block holding the moment";
+constexpr const char* kStopDrainText = "10 s: each client's block holding the moment";
 
 }  // namespace
 
@@ -279,8 +279,8 @@ std::string ServerControl::StatusText() {
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
          << ", passed on early (hold three quarters full) " << counters.heldReleasedEarly
          << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
-         << counters.oversized << ", outside the time window "
-         << counters.outsideTimeWindow << "\n";
+         << counters.oversized << ", outside the time window " << counters.outsideTimeWindow
+         << ", dropped as late " << counters.droppedLate << "\n";
     const StopProgress stop = m_server.Stopping();
     if (stop.draining) {
         text << "stopping: waiting for the block holding the stop moment from "

@@ -54,6 +54,7 @@ std::string StatusJson(ReplayServer& server, bool jobRunning) {
           {"passed_on_early", counters.heldReleasedEarly},
           {"oversized_datagrams", counters.oversized},
           {"outside_time_window", counters.outsideTimeWindow},
+          {"dropped_late", counters.droppedLate},
           {"items_after_stop", counters.itemsAfterStop},
           {"blocks_after_stop", counters.blocksAfterStop},
           {"records_recovered", counters.recordsRecovered},

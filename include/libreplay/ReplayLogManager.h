@@ -70,6 +70,9 @@ class REPLAY_API ReplayLogManager {
                                      bool flush);
 
     unsigned int GetBufferCount() const { return m_currentBufferIdx; }
+    // Records dropped as too late to reorder, over the process's life (one
+    // writer per process).
+    static uint64_t LateRecordsDropped() { return s_lateRecords.load(std::memory_order_relaxed); }
     size_t GetKnownClientCount() const { return m_clientNames.size(); }
     const ReplayCore::MSTime::MSTimeStruct& GetLastBlockTimestamp() const {
         return m_lastBlockTimestamp;
@@ -86,6 +89,7 @@ class REPLAY_API ReplayLogManager {
 
     static std::atomic<WrittenHook> s_writtenHook;
     static std::atomic<void*> s_writtenContext;
+    static std::atomic<uint64_t> s_lateRecords;
 
     std::set<std::string> m_clientNames;
     std::vector<ClientDataBuffer> m_buffers;

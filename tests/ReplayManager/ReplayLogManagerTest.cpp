@@ -170,12 +170,14 @@ TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedBeyondOneSecond) {
     const unsigned int buffered = manager.GetBufferCount();
 
     CapturedDebug debug;
+    const uint64_t droppedBefore = ReplayLogManager::LateRecordsDropped();
     const int64_t tooLate = last - 1500;
     EXPECT_FALSE(manager
                      .WriteClientDataToLog("gps", MSTime::MSTimeStruct(0, tooLate), 2, 1,
                                            DataRecord("gps", tooLate, 1), nullptr, false)
                      .IsError());
     EXPECT_EQ(manager.GetBufferCount(), buffered);
+    EXPECT_EQ(ReplayLogManager::LateRecordsDropped(), droppedBefore + 1);
     EXPECT_EQ(debug.Count(
                   "Client gps: Record Timestamp of " + MSTime::MSTimeStruct(0, tooLate).ToString() +
                   " Proceeds Last Block TimeStamp of " + MSTime::MSTimeStruct(0, last).ToString()),
