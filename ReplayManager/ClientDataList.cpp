@@ -1,12 +1,12 @@
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 
 #include <arpa/inet.h>
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "reference/src/operating_system.h"
 
 using ReplayCore::MSTime;

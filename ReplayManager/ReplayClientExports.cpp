@@ -5,10 +5,10 @@
 #include "libreplay/ReplayClientC.h"
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayClient.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 
 using ReplayCore::FileLogger;
 

@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogManager.h"
+#include "libreplay/server/ReplayLogManager.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,11 +9,11 @@
 #include <utility>
 
 #include "ReplayManager/MessageLimiter.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/MemoryBuffer.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayLogger.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/MemoryBuffer.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayLogger.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

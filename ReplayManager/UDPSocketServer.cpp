@@ -1,4 +1,4 @@
-#include "libreplay/UDPSocketServer.h"
+#include "libreplay/server/UDPSocketServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 
 using ReplayCore::FileLogger;
 

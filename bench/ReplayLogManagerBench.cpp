@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientDataList.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayLogManager.h"
-#include "libreplay/ReplayLogger.h"
+#include "libreplay/server/ClientDataList.h"
+#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ReplayLogManager.h"
+#include "libreplay/server/ReplayLogger.h"
 #include "reference/src/target_root.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "libreplay/ReplayVersion.h"
 #include "reference/src/target_root.h"
 #include "server/CommandWords.h"

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYERROR_H
-#define LIBREPLAY_REPLAYERROR_H
+#ifndef LIBREPLAY_SERVER_REPLAYERROR_H
+#define LIBREPLAY_SERVER_REPLAYERROR_H
 
 // The library's error record, returned by value from server-side operations,
 // and the process-wide keeper of the most recent serious errors.

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_UDPSOCKETS_H
-#define LIBREPLAY_UDPSOCKETS_H
+#ifndef LIBREPLAY_SERVER_UDPSOCKETS_H
+#define LIBREPLAY_SERVER_UDPSOCKETS_H
 
 // UDP datagram sockets (IPv4) between replay clients and the replay server.
 // UDPSocket owns one descriptor; UDPSocketClient is the client's connection

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGMANAGER_H
-#define LIBREPLAY_REPLAYLOGMANAGER_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGMANAGER_H
+#define LIBREPLAY_SERVER_REPLAYLOGMANAGER_H
 
 // Records of many clients reach the server slightly out of time order. The
 // log manager holds up to 20 recent records in a write queue sorted by time
@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
 #include "reference/src/operating_system.h"
 

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_CLIENTDATALIST_H
-#define LIBREPLAY_CLIENTDATALIST_H
+#ifndef LIBREPLAY_SERVER_CLIENTDATALIST_H
+#define LIBREPLAY_SERVER_CLIENTDATALIST_H
 
 // The replay server's table of clients: one ClientData per client process
 // that has sent a datagram, with its identity, traffic counts and a health
@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
 
 class CMutex;

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_UDPSOCKETSERVER_H
-#define LIBREPLAY_UDPSOCKETSERVER_H
+#ifndef LIBREPLAY_SERVER_UDPSOCKETSERVER_H
+#define LIBREPLAY_SERVER_UDPSOCKETSERVER_H
 
 // The replay server's UDP endpoint. UDPSocketServer owns the socket on which
 // every client's datagrams arrive, the table of known clients and a read
@@ -15,11 +15,11 @@
 #include <cstdint>
 #include <string>
 
-#include "libreplay/ClientDataList.h"
-#include "libreplay/MemoryBuffer.h"
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ClientDataList.h"
+#include "ReplayManager/MemoryBuffer.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
-#include "libreplay/UDPSockets.h"
+#include "libreplay/server/UDPSockets.h"
 #include "reference/src/operating_system.h"
 
 class UDPSocketServer;
