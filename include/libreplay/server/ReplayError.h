@@ -69,8 +69,10 @@ class REPLAY_API ReplayErrorManager {
     void SetLimitRepeats(bool limit);
     unsigned int GetErrorCount() const;
     ReplayError::ErrorSeverity GetLowestSeverity() const;
+#ifdef REPLAY_INTERNAL_BUILD
     // Back to the state of a fresh manager (tests only).
     void ResetForTesting();
+#endif
 
   private:
     ReplayErrorManager() = default;

@@ -44,8 +44,10 @@ class REPLAY_API ReplayLogger {
     // kMaximumRecordSize bytes); its length, or -1 when the text is too long.
     static int FrameRecord(const std::string& text, char* record);
 
+#ifdef REPLAY_INTERNAL_BUILD
     // Closes the channel and restarts the failure counting (tests only).
     void ResetForTesting();
+#endif
 
   private:
     ReplayLogger() = default;

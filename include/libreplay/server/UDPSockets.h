@@ -5,12 +5,12 @@
 // UDPSocket owns one descriptor; UDPSocketClient is the client's connection
 // to the server; the server's socket derives from UDPSocket as well.
 
-#include <sys/time.h>
-
 #include <atomic>
 #include <string>
 
 #include "libreplay/ReplayExport.h"
+
+struct timeval;
 
 class REPLAY_API UDPSocket {
   public:
