@@ -65,8 +65,9 @@ echo "$headers headers compile alone"
 exported=$(nm -D --defined-only "$(find "$prefix" -name 'libreplay.so.*.*' | head -1)")
 echo "libreplay.so exports $(wc -l <<<"$exported") symbols"
 ! grep -q 'ForTesting' <<<"$exported" || fail "libreplay.so exports a test hook"
-"$prefix/bin/ReplayManager" --version | grep -q "$(sed -n 's/^project(libreplay VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" ||
-  fail "ReplayManager --version does not give the project version"
+version=$(sed -n 's/^project(libreplay VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+"$prefix/bin/ReplayManager" --version | grep -qF "ReplayManager $version (libreplay $version)" ||
+  fail "ReplayManager --version does not give the project and library version"
 
 echo "--- build the components in a fresh directory"
 src=$repo/tests/consumer

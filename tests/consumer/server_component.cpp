@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <libreplay/ReplayClientC.h>
+#include <libreplay/ReplayVersion.h>
 #include <libreplay/server/ClientDataList.h>
 #include <libreplay/server/ReplayLogReader.h>
 #include <libreplay/server/UDPSocketServer.h>
@@ -91,6 +93,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: server_component LOGFILE ITEM ADDRESS\n");
         return 2;
     }
+    std::printf("server_component built against libreplay %s, runs with %s\n", LIBREPLAY_VERSION,
+                CGetLibraryVersion());
     if (!LogHoldsItem(argv[1], argv[2])) {
         std::fprintf(stderr, "%s does not hold the item '%s'\n", argv[1], argv[2]);
         return 1;
