@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayClientC.h"
 
 extern "C" {

@@ -11,13 +11,13 @@
 
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ClientLogging.h"
-#include "libreplay/ExecutionTimer.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayError.h"
-#include "libreplay/ReplayOutputFiler.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/DefaultMessageHandlers.h"
+#include "ReplayManager/ExecutionTimer.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayError.h"
+#include "ReplayManager/ReplayOutputFiler.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

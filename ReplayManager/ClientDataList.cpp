@@ -1,12 +1,14 @@
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "reference/src/operating_system.h"
 
 using ReplayCore::MSTime;
@@ -26,10 +28,22 @@ MSTime::MSTimeStruct Now() {
 // Leaked on purpose: see the declaration.
 CMutex& ClientDataList::m_clientDataMutex = *new CMutex;
 
-ClientData::ClientData(const sockaddr_in& address) : m_address(address) {}
+ClientData::ClientData(const sockaddr_in& address) {
+    static_assert(sizeof(AddressStorage) == sizeof(sockaddr_in), "address storage size");
+    static_assert(alignof(AddressStorage) >= alignof(sockaddr_in), "address storage alignment");
+    new (m_address.bytes) sockaddr_in(address);
+}
+
+const sockaddr_in& ClientData::GetAddress() const {
+    return *std::launder(reinterpret_cast<const sockaddr_in*>(m_address.bytes));
+}
+
+bool ClientData::SameClient(const sockaddr_in& address) const {
+    return GetAddress().sin_port == address.sin_port;
+}
 
 int ClientData::GetPort() const {
-    return ntohs(m_address.sin_port);
+    return ntohs(GetAddress().sin_port);
 }
 
 void ClientData::SetClientName(const std::string& name) {

@@ -11,7 +11,7 @@
 
 #include "ReplayManager/ClientGlobals.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "libreplay/multicore.h"
 #include "reference/src/target_root.h"
 

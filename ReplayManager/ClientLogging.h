@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cstdarg>
 
-#include "libreplay/ClientLogging.h"
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/DefaultMessageHandlers.h"
+#include "ReplayManager/FileLogger.h"
 
 // Descriptor of the default debug channel device; not positive until opened.
 extern std::atomic<int> g_defaultLoggerFD;

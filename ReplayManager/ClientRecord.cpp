@@ -1,11 +1,11 @@
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/ExecutionTimer.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ExecutionTimer.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 
 namespace ReplayCore {
 

@@ -8,11 +8,11 @@
 
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ClientLogging.h"
-#include "libreplay/ExecutionTimer.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/DefaultMessageHandlers.h"
+#include "ReplayManager/ExecutionTimer.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

@@ -1,8 +1,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/Ascii7.h"
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/FileLogger.h"
 
 namespace Ascii7Decoder {
 

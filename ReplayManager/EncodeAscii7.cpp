@@ -2,10 +2,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/Ascii7.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 namespace Ascii7Encoder {
 

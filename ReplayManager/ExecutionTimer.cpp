@@ -1,9 +1,9 @@
-#include "libreplay/ExecutionTimer.h"
+#include "ReplayManager/ExecutionTimer.h"
 
 #include <time.h>
 
 #include "ReplayManager/MonotonicClock.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 
 namespace ReplayCore {
 

@@ -1,4 +1,4 @@
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <string>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "reference/src/operating_system.h"
 #include "reference/src/target_root.h"
 

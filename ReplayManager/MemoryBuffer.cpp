@@ -1,11 +1,11 @@
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/MemoryBuffer.h"
 
 #include <cmath>
 #include <cstring>
 #include <new>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 
 namespace ReplayCore {
 

@@ -5,10 +5,11 @@
 #include "libreplay/ReplayClientC.h"
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayClient.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayOutputFiler.h"
+#include "libreplay/ReplayVersion.h"
 
 using ReplayCore::FileLogger;
 
@@ -61,6 +62,10 @@ void CDumpHexToFile(const char* name, const unsigned char* bytes, unsigned int c
 void setLoggingHandlers(const char* appName, CDebugMessageFunction message,
                         CDebugMessageFunction warning, CDebugMessageFunction error) {
     SetupLoggingHandlers(appName, message, warning, error);
+}
+
+const char* CGetLibraryVersion(void) {
+    return LIBREPLAY_VERSION;
 }
 
 }  // extern "C"

@@ -15,11 +15,11 @@
 #include <string>
 
 #include "ReplayManager/ClientGlobals.h"
-#include "libreplay/Ascii7.h"
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/MemoryBuffer.h"
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/UDPSockets.h"
+#include "libreplay/server/UDPSockets.h"
 #include "reference/src/operating_system.h"
 
 namespace ReplayClient {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 
 const unsigned int kDataTypeUnspecified = 0;
 const unsigned int kDataTypeNormalizedAsciiText = 1;

@@ -1,8 +1,8 @@
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 
 #include <cstdio>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 
 std::atomic<const char*> g_dbgAppName{"appNameNotSet"};
 std::atomic<DebugMessageFunction> g_dbgMessagePtr{nullptr};

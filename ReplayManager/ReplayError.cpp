@@ -1,12 +1,12 @@
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayFiles.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayFiles.h"
 
 std::atomic<unsigned int> ReplayError::m_numErrors{0};
 

@@ -1,4 +1,4 @@
-#include "libreplay/ReplayFiles.h"
+#include "ReplayManager/ReplayFiles.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -15,8 +15,8 @@
 #include <fstream>
 #include <thread>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "reference/src/target_root.h"
 
 extern char** environ;

@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogManager.h"
+#include "libreplay/server/ReplayLogManager.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,11 +9,12 @@
 #include <utility>
 
 #include "ReplayManager/MessageLimiter.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/MemoryBuffer.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayLogger.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/MemoryBuffer.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "reference/src/operating_system.h"
+#include "libreplay/server/ReplayLogger.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
@@ -271,20 +272,36 @@ ReplayError LogWriterThread::m_errorStatus;
 std::atomic<bool> LogWriterThread::s_pipeOpen{false};
 std::mutex LogWriterThread::s_errorStatusMutex;
 
+class LogWriterThread::Runner : public CThread {
+  public:
+    Runner(LogWriterThread& owner, int stackSize, int priority)
+        : CThread(stackSize, priority, nullptr), m_owner(owner) {}
+
+  protected:
+    void execute() override { m_owner.execute(); }
+
+  private:
+    LogWriterThread& m_owner;
+};
+
 LogWriterThread::LogWriterThread(const ReplayCore::ReplayState& state, int stackSize, int priority)
-    : CThread(stackSize, priority, nullptr), m_state(state) {}
+    : m_state(state), m_runner(new Runner(*this, stackSize, priority)) {}
 
 LogWriterThread::~LogWriterThread() {
     // A thread that has just started may not have opened the pipe yet.
-    while (isRunning() && !PipeOpen()) {
+    while (m_runner->isRunning() && !PipeOpen()) {
         CThread::sleep(1);
     }
     if (PipeOpen()) {
         m_pipe.close(CPipe::eWrite);
     }
-    join();
+    m_runner->join();
     m_pipe.close(CPipe::eBoth);
     s_pipeOpen.store(false, std::memory_order_release);
+}
+
+bool LogWriterThread::start() {
+    return m_runner->start();
 }
 
 int LogWriterThread::WriteRecord(const char* record, unsigned int length) {

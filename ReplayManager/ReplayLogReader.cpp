@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogRecord.h"
-#include "libreplay/ReplayLogger.h"
+#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogger.h"
 
 namespace ReplayCore {
 

@@ -1,10 +1,10 @@
-#include "libreplay/ReplayLogRecord.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 namespace ReplayCore {
 

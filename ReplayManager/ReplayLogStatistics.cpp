@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 
 #include <algorithm>
 #include <cinttypes>

@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogger.h"
+#include "libreplay/server/ReplayLogger.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -8,8 +8,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "libreplay/multicore.h"
 #include "reference/src/target_root.h"
 

@@ -1,10 +1,10 @@
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 
 #include <cerrno>
 #include <cstring>
 
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "reference/src/operating_system.h"
 #include "reference/src/target_root.h"
 

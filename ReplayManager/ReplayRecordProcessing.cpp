@@ -15,13 +15,13 @@
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/MessageLimiter.h"
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/Ascii7.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ExecutionTimer.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayError.h"
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/ExecutionTimer.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayError.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

@@ -1,12 +1,12 @@
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayFiles.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayFiles.h"
 #include "reference/src/target_root.h"
 
 // The table lock guards values only: it is never held while calling out to the

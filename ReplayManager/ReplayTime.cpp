@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "ReplayManager/MonotonicClock.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
 
 namespace ReplayCore {
 

@@ -11,10 +11,10 @@
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/MessageLimiter.h"
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

@@ -1,4 +1,4 @@
-#include "libreplay/UDPSocketServer.h"
+#include "libreplay/server/UDPSocketServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -9,9 +9,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/UDPServerReadThread.h"
 
 using ReplayCore::FileLogger;
 
@@ -234,10 +235,16 @@ void UDPServerReadThread::HandleDatagram(UDPSocketServer& server, const sockaddr
     m_clientDataLocked.store(0, std::memory_order_relaxed);
 }
 
-UDPSocketServer::UDPSocketServer() : m_serverAddress(ReplayCore::SpecialStrings::kLocalHost) {}
+UDPSocketServer::UDPSocketServer()
+    : m_serverAddress(ReplayCore::SpecialStrings::kLocalHost),
+      m_readThread(new UDPServerReadThread) {}
 
 UDPSocketServer::~UDPSocketServer() {
     StopReadThread();
+}
+
+void UDPSocketServer::StopReadThread() {
+    m_readThread->Stop();
 }
 
 int UDPSocketServer::Open(int port, const char* /*ignoredAddress*/, int value) {
@@ -268,8 +275,8 @@ int UDPSocketServer::Open(int port, const char* /*ignoredAddress*/, int value) {
     }
     m_serverValue = value;
     m_port = port;
-    m_readThread.SetServer(this);
-    m_readThread.start();
+    m_readThread->SetServer(this);
+    m_readThread->start();
     if (DebugOutputAttached()) {
         dbgError("%s::%s: UDP Server Constructed at port%d\n", DebugAppName(), kTag, port);
     }

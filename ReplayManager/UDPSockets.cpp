@@ -1,4 +1,4 @@
-#include "libreplay/UDPSockets.h"
+#include "libreplay/server/UDPSockets.h"
 
 #include <netdb.h>
 #include <poll.h>
@@ -13,12 +13,12 @@
 #include <mutex>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/MemoryBuffer.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayError.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayError.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 namespace {
 

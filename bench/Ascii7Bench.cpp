@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 
 #ifdef REPLAY_HAVE_OPENSSL
 #include <openssl/evp.h>

@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 
 namespace {
 

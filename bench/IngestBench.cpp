@@ -44,10 +44,10 @@
 #include <vector>
 
 #include "bench/PipelineSupport.h"
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <string>
 
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 
 namespace {
 

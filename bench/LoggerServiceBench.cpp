@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "logger/LoggerService.h"
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientDataList.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayLogManager.h"
-#include "libreplay/ReplayLogger.h"
+#include "libreplay/server/ClientDataList.h"
+#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ReplayLogManager.h"
+#include "libreplay/server/ReplayLogger.h"
 #include "reference/src/target_root.h"
 
 namespace {

@@ -32,9 +32,9 @@
 #include <vector>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 
 namespace {
 

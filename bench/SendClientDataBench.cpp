@@ -16,7 +16,7 @@
 #include <thread>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "reference/src/target_root.h"
 
 namespace {

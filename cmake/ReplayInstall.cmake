@@ -1,29 +1,54 @@
 # What `cmake --install` puts in place: the client library and its loading
-# proxy (versioned), the public client headers, the executables, a CMake
-# package (find_package(libreplay) -> libreplay::replay, libreplay::proxy)
-# and pkg-config files. `cpack -G DEB` packs the same tree.
+# proxy (versioned), the public headers, the executables, a CMake package
+# (find_package(libreplay) -> libreplay::replay, libreplay::proxy,
+# libreplay::server) and pkg-config files. `cpack -G DEB` packs the same tree.
+#
+# Install components: `client` (libraries, client headers, CMake package,
+# .pc files), `server` (the server-side headers, libreplay-server.pc; it
+# needs `client`), `tools` (executables, manuals, completion).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(REPLAY_CMAKE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/libreplay)
 
-# The headers a client application includes. Everything else under
-# include/libreplay/ is the library's own and stays in the source tree.
-set(REPLAY_PUBLIC_HEADERS
-  ReplayClient.h
-  ReplayClientC.h
-  ReplayClientInterface.h
-  ReplayCore.h
-  ReplayExport.h
-  multicore.h)
-list(TRANSFORM REPLAY_PUBLIC_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/include/libreplay/)
-install(FILES ${REPLAY_PUBLIC_HEADERS} ${REPLAY_GENERATED_INCLUDE}/libreplay/ReplayVersion.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libreplay)
+# The headers a client application includes, relative to include/.
+set(REPLAY_CLIENT_HEADERS
+  libreplay/ReplayClient.h
+  libreplay/ReplayClientC.h
+  libreplay/ReplayClientInterface.h
+  libreplay/ReplayCore.h
+  libreplay/ReplayExport.h
+  libreplay/multicore.h)
+# The server-side classes a server application builds on. Their symbols are
+# exported from libreplay.so as well; everything else is the library's own.
+set(REPLAY_SERVER_HEADERS
+  libreplay/server/ClientDataList.h
+  libreplay/server/ReplayError.h
+  libreplay/server/ReplayLogManager.h
+  libreplay/server/ReplayLogReader.h
+  libreplay/server/ReplayLogger.h
+  libreplay/server/UDPSocketServer.h
+  libreplay/server/UDPSockets.h)
+list(TRANSFORM REPLAY_CLIENT_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/include/
+     OUTPUT_VARIABLE client_header_files)
+list(TRANSFORM REPLAY_SERVER_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/include/
+     OUTPUT_VARIABLE server_header_files)
+install(FILES ${client_header_files} ${REPLAY_GENERATED_INCLUDE}/libreplay/ReplayVersion.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libreplay COMPONENT client)
+install(FILES ${server_header_files}
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libreplay/server COMPONENT server)
 
-install(TARGETS replay replayproxy EXPORT libreplayTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+# libreplay::server: the server headers on top of the client library.
+add_library(replay_server_api INTERFACE)
+add_library(libreplay::server ALIAS replay_server_api)
+target_link_libraries(replay_server_api INTERFACE replay)
+set_target_properties(replay_server_api PROPERTIES EXPORT_NAME server)
+
+install(TARGETS replay replayproxy replay_server_api EXPORT libreplayTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT client
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(EXPORT libreplayTargets NAMESPACE libreplay:: DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR})
+install(EXPORT libreplayTargets NAMESPACE libreplay:: DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR}
+        COMPONENT client)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/libreplayConfig.cmake.in
   ${PROJECT_BINARY_DIR}/package/libreplayConfig.cmake
@@ -33,21 +58,26 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/libreplayConfigVe
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/package/libreplayConfig.cmake
               ${PROJECT_BINARY_DIR}/package/libreplayConfigVersion.cmake
-        DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR})
+        DESTINATION ${REPLAY_CMAKE_PACKAGE_DIR} COMPONENT client)
 
 # The .pc files find the prefix relative to themselves, so that an install
 # with `cmake --install --prefix DIR` works without reconfiguring.
 file(RELATIVE_PATH REPLAY_PC_PREFIX_FROM_PCDIR
   /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-foreach(pc IN ITEMS libreplay libreplayproxy)
+foreach(pc IN ITEMS libreplay libreplayproxy libreplay-server)
+  if(pc STREQUAL "libreplay-server")
+    set(component server)
+  else()
+    set(component client)
+  endif()
   configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${PROJECT_BINARY_DIR}/package/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/package/${pc}.pc
-          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${component})
 endforeach()
 
 foreach(program IN ITEMS ReplayManager replaylog replay-logger)
   if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endforeach()
 
@@ -75,7 +105,7 @@ if(REPLAY_HELP2MAN AND NOT REPLAY_SANITIZE AND NOT REPLAY_BUILD_FUZZ)
     endif()
   endforeach()
   add_custom_target(replay_manuals ALL DEPENDS ${manuals})
-  install(FILES ${manuals} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${manuals} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 else()
   message(STATUS "help2man not found or not a plain build: no manual pages")
 endif()
@@ -83,7 +113,7 @@ endif()
 install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/ReplayManager
               ${PROJECT_SOURCE_DIR}/tools/completion/replaylog
               ${PROJECT_SOURCE_DIR}/tools/completion/replay-logger
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 
 # cpack -G DEB: one package with the library, headers and tools.
 set(CPACK_PACKAGE_NAME libreplay)

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <string>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayVersion.h"
 #include "reference/src/operating_system.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

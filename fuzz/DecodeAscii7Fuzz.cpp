@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "fuzz/FuzzSupport.h"
-#include "libreplay/Ascii7.h"
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/MemoryBuffer.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     FuzzSupport::Initialise();

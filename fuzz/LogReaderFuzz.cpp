@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "fuzz/FuzzSupport.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 
 namespace {
 

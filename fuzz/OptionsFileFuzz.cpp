@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "reference/src/target_root.h"
 
 namespace {

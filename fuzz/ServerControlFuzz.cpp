@@ -14,7 +14,7 @@
 
 #include "fuzz/FuzzSupport.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "server/ServerControl.h"
 
 namespace {

@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <string>
 
-#include "libreplay/ClientDataList.h"
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayLogManager.h"
+#include "libreplay/server/ClientDataList.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ReplayLogManager.h"
 #include "reference/src/target_root.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 namespace MulticoreLogService {
 

@@ -1,6 +1,6 @@
 #include "logger/RecordQueue.h"
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 namespace MulticoreLogService {
 

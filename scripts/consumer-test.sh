@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# Installs the project into a temporary prefix and builds, in a fresh
-# directory, three small components against the installed tree only: a C++
-# one through find_package(libreplay), a C one through pkg-config and a C one
-# through the loading proxy. Each records one item through the installed
-# logger service and ReplayManager and checks that the replay hands it back.
+# Installs the project into a temporary prefix and checks that every
+# installed header compiles on its own against the installed tree, that
+# libreplay.so exports no test hook, and builds, in a fresh directory, three
+# small components against the installed tree only: a C++ one through
+# find_package(libreplay), a C one through pkg-config and a C one through the
+# loading proxy. Each records one item through the installed logger service
+# and ReplayManager and checks that the replay hands it back. A server-side
+# program built against the server component (find_package COMPONENTS server,
+# and again through pkg-config libreplay-server) then reads the recorded log
+# and runs a UDP server of its own.
 # Then packs the .deb and checks its contents (with --dpkg-install: installs
 # it with dpkg -i, runs ReplayManager --version and removes it again).
 #   scripts/consumer-test.sh [--dpkg-install]     (BUILD_DIR: build/release)
@@ -35,9 +40,34 @@ cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 prefix=$work/prefix
 libdir=$(dirname "$(find "$prefix" -name 'libreplay.so' | head -1)")
 [ -f "$prefix/include/libreplay/ReplayClient.h" ] || fail "public header not installed"
-[ ! -e "$prefix/include/libreplay/UDPSockets.h" ] || fail "a private header was installed"
-"$prefix/bin/ReplayManager" --version | grep -q "$(sed -n 's/^project(libreplay VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" ||
-  fail "ReplayManager --version does not give the project version"
+[ -f "$prefix/include/libreplay/server/UDPSocketServer.h" ] || fail "server header not installed"
+for private in MemoryBuffer.h ReplayLogRecord.h FileLogger.h UDPSockets.h; do
+  [ ! -e "$prefix/include/libreplay/$private" ] || fail "a private header was installed: $private"
+done
+
+echo "--- every installed header compiles alone against the installed tree"
+headers=0
+while IFS= read -r header; do
+  name=${header#"$prefix/include/"}
+  printf '#include <%s>\n' "$name" |
+    c++ -std=c++17 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" -x c++ - ||
+    fail "$name does not compile on its own"
+  if grep -qE '#include +"(reference|ReplayManager)/' "$header"; then
+    fail "$name includes a private header"
+  fi
+  headers=$((headers + 1))
+done < <(find "$prefix/include" -name '*.h' | sort)
+printf '#include <libreplay/ReplayClientC.h>\nint main(void) { return 0; }\n' |
+  cc -std=c99 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" -x c - ||
+  fail "ReplayClientC.h does not compile as C"
+echo "$headers headers compile alone"
+
+exported=$(nm -D --defined-only "$(find "$prefix" -name 'libreplay.so.*.*' | head -1)")
+echo "libreplay.so exports $(wc -l <<<"$exported") symbols"
+! grep -q 'ForTesting' <<<"$exported" || fail "libreplay.so exports a test hook"
+version=$(sed -n 's/^project(libreplay VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+"$prefix/bin/ReplayManager" --version | grep -qF "ReplayManager $version (libreplay $version)" ||
+  fail "ReplayManager --version does not give the project and library version"
 
 echo "--- build the components in a fresh directory"
 src=$repo/tests/consumer
@@ -50,6 +80,9 @@ cc -std=c99 -Wall -Wextra -Werror -o "$work/c_client" "$src/c_client.c" \
 # shellcheck disable=SC2046
 cc -std=c99 -Wall -Wextra -Werror -o "$work/proxy_client" "$src/proxy_client.c" \
   $(pkg-config --cflags --libs libreplayproxy)
+# shellcheck disable=SC2046
+c++ -std=c++17 -Wall -Wextra -Werror -o "$work/server_component_pc" "$src/server_component.cpp" \
+  $(pkg-config --cflags --libs libreplay-server) -Wl,-rpath,"$(pkg-config --variable=libdir libreplay)"
 
 echo "--- record and replay one item each"
 root=$work/root
@@ -104,13 +137,20 @@ done
 [ $status -eq 0 ] || { cat "$root/server.out" >&2; fail "a component did not get its item back"; }
 echo "all three components got their item back"
 
+echo "--- a server-side component reads the log and serves a datagram"
+"$work/cxx/server_component" "$log" "position 48.1 11.5" "$address" ||
+  fail "the server component built through find_package failed"
+"$work/server_component_pc" "$log" "position 48.1 11.5" "$address" ||
+  fail "the server component built through pkg-config failed"
+
 echo "--- Debian package"
 cd "$repo"
 (cd "$build_dir" && cpack -G DEB >/dev/null 2>&1) || fail "cpack failed"
 deb=$(ls -t "$build_dir"/libreplay_*.deb | head -1)
 contents=$(dpkg-deb --contents "$deb")
 for file in usr/bin/ReplayManager usr/bin/replaylog usr/lib/libreplay.so.0 \
-  usr/include/libreplay/ReplayClientC.h usr/lib/pkgconfig/libreplay.pc \
+  usr/include/libreplay/ReplayClientC.h usr/include/libreplay/server/UDPSocketServer.h \
+  usr/lib/pkgconfig/libreplay.pc usr/lib/pkgconfig/libreplay-server.pc \
   usr/lib/cmake/libreplay/libreplayConfig.cmake; do
   grep -q "\./$file\( \|$\)" <<<"$contents" || fail "$deb lacks $file"
 done

@@ -13,7 +13,7 @@
 #include <functional>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 
 namespace ReplayServer {
 

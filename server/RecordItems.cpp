@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace ReplayServer {
 

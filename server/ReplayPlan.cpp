@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace ReplayServer {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 
 using ReplayCore::MSTime;
 

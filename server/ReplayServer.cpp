@@ -9,10 +9,10 @@
 #include <cstring>
 #include <thread>
 
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayDebug.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/ReplayLogRecord.h"
 #include "server/RecordItems.h"
 
 using ReplayCore::FileLogger;

@@ -16,11 +16,11 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogManager.h"
-#include "libreplay/UDPSocketServer.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogManager.h"
+#include "libreplay/server/UDPSocketServer.h"
+#include "ReplayManager/ReplayLogRecord.h"
 #include "server/IngestJournal.h"
 #include "server/RecordReorderBuffer.h"
 #include "server/RecordTimeWindow.h"

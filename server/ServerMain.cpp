@@ -11,7 +11,8 @@
 #include <string>
 #include <thread>
 
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayVersion.h"
 #include "reference/src/target_root.h"
 #include "server/CommandWords.h"
@@ -207,7 +208,9 @@ int ServerMain(int argc, char** argv) {
         "complete, a replay file that is missing or not a regular file, a command the server "
         "refused); 2 usage error (bad option).",
         "ReplayManager"};
-    app.set_version_flag("--version", std::string("ReplayManager ") + LIBREPLAY_VERSION);
+    // The program's version and that of the library it runs with.
+    app.set_version_flag("--version", std::string("ReplayManager ") + LIBREPLAY_VERSION +
+                                          " (libreplay " + CGetLibraryVersion() + ")");
     CommonOptions common;
     app.add_option("--bind", common.bind, "Address to listen on (default: every address)");
     app.add_option("--allow", common.allow,

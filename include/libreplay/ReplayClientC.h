@@ -70,6 +70,11 @@ REPLAY_API int CEncodeAscii7(const void* data, unsigned int nBytes, char* text,
  * number of bytes decoded, or -1 for null pointers. */
 REPLAY_API int CDecodeAscii7(const char* text, void* data, unsigned int capacity);
 
+/* The version of the libreplay.so in use ("major.minor.patch"), which may be
+ * newer than LIBREPLAY_VERSION of ReplayVersion.h, the version an application
+ * was built against. */
+REPLAY_API const char* CGetLibraryVersion(void);
+
 /* --- The loading proxy (libreplayproxy.so) ----------------------------------
  * For applications that must run with or without libreplay.so: link
  * libreplayproxy instead of libreplay. Without the library every call does

@@ -1,4 +1,4 @@
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayClientC.h"
 
 namespace {

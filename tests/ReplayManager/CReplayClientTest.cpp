@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 
 #include <string>
 

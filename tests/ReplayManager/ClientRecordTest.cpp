@@ -1,4 +1,4 @@
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/ClientSetup.h"
 #include "tests/support/FakeServer.h"

@@ -1,4 +1,4 @@
-#include "libreplay/ExecutionTimer.h"
+#include "ReplayManager/ExecutionTimer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/MemoryBuffer.h"
 
 #include <gtest/gtest.h>
 

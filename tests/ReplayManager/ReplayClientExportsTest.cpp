@@ -3,6 +3,7 @@
 #include <string>
 
 #include "libreplay/ReplayClientC.h"
+#include "libreplay/ReplayVersion.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {
@@ -54,9 +55,11 @@ TEST(ReplayClientExportList, SharedLibraryExportsOnlyItsPublicNames) {
     for (const char* name :
          {"CInitializeReplayClient", "CInitializeFromHandlerClass", "CSendClientData",
           "CGetReplayState", "CShutDownClient", "CWriteReplayOutput", "CDumpTextToFile",
-          "CDumpHexToFile", "setLoggingHandlers"}) {
+          "CDumpHexToFile", "setLoggingHandlers", "CGetLibraryVersion"}) {
         EXPECT_EQ(raw.count(name), 1u) << name;
     }
+    // The version the library reports is the one its headers were made with.
+    EXPECT_STREQ(CGetLibraryVersion(), LIBREPLAY_VERSION);
     // The proxy's own entry points are not part of the library.
     EXPECT_EQ(raw.count("CSafeSendClientData"), 0u);
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

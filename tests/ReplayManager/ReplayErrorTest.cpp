@@ -1,4 +1,4 @@
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 
 #include <cerrno>
 #include <cstring>
@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

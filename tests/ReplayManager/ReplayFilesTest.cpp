@@ -1,4 +1,4 @@
-#include "libreplay/ReplayFiles.h"
+#include "ReplayManager/ReplayFiles.h"
 
 #include <unistd.h>
 

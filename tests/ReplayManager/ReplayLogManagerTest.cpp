@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogManager.h"
+#include "libreplay/server/ReplayLogManager.h"
 
 #include <algorithm>
 #include <chrono>
@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayLogger.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ReplayLogger.h"
 #include "libreplay/multicore.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"

@@ -1,13 +1,13 @@
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
-#include "libreplay/ReplayLogRecord.h"
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ClientRecord.h"
+#include "ReplayManager/ReplayLogRecord.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The consistency checks behind `replaylog verify`, on logs built here: a
 // healthy log must come out clean, and each kind of damage must not.
 
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 
 namespace {
 

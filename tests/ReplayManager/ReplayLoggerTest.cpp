@@ -1,4 +1,4 @@
-#include "libreplay/ReplayLogger.h"
+#include "libreplay/server/ReplayLogger.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/multicore.h"
 #include "tests/support/TestSupport.h"
 

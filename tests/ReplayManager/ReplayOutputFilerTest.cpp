@@ -1,8 +1,8 @@
-#include "libreplay/ReplayOutputFiler.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 
 #include <string>
 
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

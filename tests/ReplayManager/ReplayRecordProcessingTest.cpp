@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayClient.h"
-#include "libreplay/ReplayError.h"
-#include "libreplay/ReplayOutputFiler.h"
+#include "libreplay/server/ReplayError.h"
+#include "ReplayManager/ReplayOutputFiler.h"
 #include "libreplay/multicore.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/TestSupport.h"
 

@@ -1,4 +1,4 @@
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

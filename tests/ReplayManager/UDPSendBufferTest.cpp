@@ -4,8 +4,8 @@
 #include <set>
 #include <thread>
 
-#include "libreplay/Ascii7.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/Ascii7.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

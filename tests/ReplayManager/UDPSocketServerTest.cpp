@@ -1,4 +1,4 @@
-#include "libreplay/UDPSocketServer.h"
+#include "libreplay/server/UDPSocketServer.h"
 
 #include <atomic>
 #include <chrono>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 #include "tests/support/UdpTestClient.h"

@@ -1,4 +1,4 @@
-#include "libreplay/UDPSockets.h"
+#include "libreplay/server/UDPSockets.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayError.h"
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayError.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/support/FakeServer.h"
 #include "tests/support/TestSupport.h"
 

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/ChildProcess.h"

@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 #include "tests/e2e/clients/TimedItems.h"
 #include "tests/support/EndToEnd.h"
 

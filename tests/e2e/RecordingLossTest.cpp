@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/EndToEnd.h"
 #include "tests/support/RecordingCheck.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

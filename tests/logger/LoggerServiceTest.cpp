@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "logger/ChannelParsers.h"
 #include "tests/support/TestSupport.h"
 

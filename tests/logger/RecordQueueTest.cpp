@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 
 namespace {
 

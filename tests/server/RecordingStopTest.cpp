@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "libreplay/ReplayLogger.h"
-#include "libreplay/ClientRecord.h"
+#include "libreplay/server/ReplayLogger.h"
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "server/IngestJournal.h"
 #include "server/ReplayServer.h"

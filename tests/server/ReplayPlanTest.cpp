@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "libreplay/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {

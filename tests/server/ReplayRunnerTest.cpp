@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"
 

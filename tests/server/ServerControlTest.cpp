@@ -7,8 +7,8 @@
 #include <future>
 #include <mutex>
 
-#include "libreplay/FileLogger.h"
-#include "libreplay/ReplayLogReader.h"
+#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ReplayLogReader.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"
 

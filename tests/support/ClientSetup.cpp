@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "libreplay/ReplayRuntimeOptions.h"
+#include "ReplayManager/ReplayRuntimeOptions.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {

@@ -11,9 +11,9 @@
 #include <sstream>
 #include <thread>
 
-#include "libreplay/FileLogger.h"
+#include "ReplayManager/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayDebug.h"
+#include "ReplayManager/ReplayDebug.h"
 #include "reference/src/target_root.h"
 
 namespace ReplayTest {

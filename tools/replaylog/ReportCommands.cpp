@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 #include "tools/replaylog/ToolSupport.h"
 
 namespace ReplayLogTool {

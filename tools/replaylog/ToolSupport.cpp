@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 
 namespace ReplayLogTool {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace ReplayLogTool {
 

@@ -6,10 +6,10 @@
 #include <sstream>
 #include <unordered_map>
 
-#include "libreplay/Ascii7.h"
+#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace ReplaySoak {
 

@@ -15,7 +15,7 @@
 #include <sstream>
 #include <thread>
 
-#include "libreplay/ReplayLogStatistics.h"
+#include "ReplayManager/ReplayLogStatistics.h"
 #include "tools/soak/SoakProcess.h"
 #include "tools/soak/SoakReport.h"
 

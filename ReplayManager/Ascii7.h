@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_ASCII7_H
-#define LIBREPLAY_ASCII7_H
+#ifndef REPLAYMANAGER_ASCII7_H
+#define REPLAYMANAGER_ASCII7_H
 
 // The Ascii7 codec: binary data as printable text. The bytes form one
 // little-endian bit stream (least significant bit of the first byte first),
@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "libreplay/MemoryBuffer.h"
+#include "ReplayManager/MemoryBuffer.h"
 #include "libreplay/ReplayExport.h"
 
 namespace Ascii7Encoder {

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGRECORD_H
-#define LIBREPLAY_REPLAYLOGRECORD_H
+#ifndef REPLAYMANAGER_REPLAYLOGRECORD_H
+#define REPLAYMANAGER_REPLAYLOGRECORD_H
 
 // The client records inside a stored log, taken apart without side effects:
 // log readers meet damaged records by the million and must stay quiet and
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "libreplay/ClientRecord.h"
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayExport.h"
 
 namespace ReplayCore {

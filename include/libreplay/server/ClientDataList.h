@@ -1,22 +1,21 @@
-#ifndef LIBREPLAY_CLIENTDATALIST_H
-#define LIBREPLAY_CLIENTDATALIST_H
+#ifndef LIBREPLAY_SERVER_CLIENTDATALIST_H
+#define LIBREPLAY_SERVER_CLIENTDATALIST_H
 
 // The replay server's table of clients: one ClientData per client process
 // that has sent a datagram, with its identity, traffic counts and a health
 // status derived from how long it has been silent. One process-wide mutex
 // guards every table; ClientDataLock is its scoped guard.
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
 
 class CMutex;
+struct sockaddr_in;
 
 class REPLAY_API ClientData {
   public:
@@ -46,9 +45,7 @@ class REPLAY_API ClientData {
     bool operator==(const std::string& name) const { return m_clientName == name; }
     // The same client process: clients share one host, so the UDP source port
     // alone identifies a process; the IP address is not compared.
-    bool SameClient(const sockaddr_in& address) const {
-        return m_address.sin_port == address.sin_port;
-    }
+    bool SameClient(const sockaddr_in& address) const;
 
     // Names the client; renaming a named client raises a warning.
     void SetClientName(const std::string& name);
@@ -74,7 +71,7 @@ class REPLAY_API ClientData {
     bool IsSick() const { return IsSickStatus(m_status); }
 
     const std::string& GetClientName() const { return m_clientName; }
-    const sockaddr_in& GetAddress() const { return m_address; }
+    const sockaddr_in& GetAddress() const;
     // The UDP port in host order.
     int GetPort() const;
     ClientProtocol GetProtocol() const { return m_protocol; }
@@ -100,7 +97,12 @@ class REPLAY_API ClientData {
 
   private:
     std::string m_clientName;
-    sockaddr_in m_address;
+    // The sender's sockaddr_in, held as bytes so that this header needs no
+    // socket headers; the library checks that size and alignment fit.
+    struct AddressStorage {
+        alignas(4) unsigned char bytes[16];
+    };
+    AddressStorage m_address;
     ClientProtocol m_protocol = eProtocolDefault;
     uint32_t m_packetsSent = 0;
     uint32_t m_messagesReceived = 0;

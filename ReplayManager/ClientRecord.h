@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_CLIENTRECORD_H
-#define LIBREPLAY_CLIENTRECORD_H
+#ifndef REPLAYMANAGER_CLIENTRECORD_H
+#define REPLAYMANAGER_CLIENTRECORD_H
 
 // The client record: the text line a client sends to the replay server and
 // the server stores. A data record is

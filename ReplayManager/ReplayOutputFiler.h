@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYOUTPUTFILER_H
-#define LIBREPLAY_REPLAYOUTPUTFILER_H
+#ifndef REPLAYMANAGER_REPLAYOUTPUTFILER_H
+#define REPLAYMANAGER_REPLAYOUTPUTFILER_H
 
 // Collects the result text an application writes during a replay and
 // appends it to the results file ("ReplayOutput.txt" under the temporary

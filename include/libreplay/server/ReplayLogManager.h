@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGMANAGER_H
-#define LIBREPLAY_REPLAYLOGMANAGER_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGMANAGER_H
+#define LIBREPLAY_SERVER_REPLAYLOGMANAGER_H
 
 // Records of many clients reach the server slightly out of time order. The
 // log manager holds up to 20 recent records in a write queue sorted by time
@@ -11,16 +11,18 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "libreplay/ClientDataList.h"
+#include "libreplay/server/ClientDataList.h"
 #include "libreplay/ReplayCore.h"
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
-#include "reference/src/operating_system.h"
+
+class CPipe;
 
 class REPLAY_API ReplayLogManager {
   public:
@@ -100,12 +102,17 @@ class REPLAY_API ReplayLogManager {
 // Reads whole client records from the class-wide pipe and hands them to its
 // log manager. A status record ('#') flushes the write queue. One writer
 // thread per process: the pipe and the thread's result are class-wide.
-class REPLAY_API LogWriterThread : public CThread {
+class REPLAY_API LogWriterThread {
   public:
     LogWriterThread(const ReplayCore::ReplayState& state, int stackSize, int priority);
     // Ends a running thread by closing the pipe's write end (its next read
     // sees the end of the pipe), waits for it, then closes the pipe.
-    ~LogWriterThread() override;
+    ~LogWriterThread();
+    LogWriterThread(const LogWriterThread&) = delete;
+    LogWriterThread& operator=(const LogWriterThread&) = delete;
+
+    // Starts the thread; false when it could not be created.
+    bool start();
 
     void SetClientDataList(ClientDataList* clients) {
         m_clients.store(clients, std::memory_order_relaxed);
@@ -126,16 +133,18 @@ class REPLAY_API LogWriterThread : public CThread {
     // The thread's last result (copy through GetErrorStatus while it runs).
     static ReplayError m_errorStatus;
 
-  protected:
-    void execute() override;
-
   private:
+    // The thread itself, a platform thread running execute().
+    class Runner;
+
+    void execute();
     static void SetErrorStatus(const ReplayError& error);
 
     ReplayLogManager m_logManager;
     const ReplayCore::ReplayState& m_state;
     std::atomic<ClientDataList*> m_clients{nullptr};
     std::atomic<unsigned int> m_messagesProcessed{0};
+    std::unique_ptr<Runner> m_runner;
 
     static std::atomic<bool> s_pipeOpen;
     static std::mutex s_errorStatusMutex;

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_UDPSOCKETSERVER_H
-#define LIBREPLAY_UDPSOCKETSERVER_H
+#ifndef LIBREPLAY_SERVER_UDPSOCKETSERVER_H
+#define LIBREPLAY_SERVER_UDPSOCKETSERVER_H
 
 // The replay server's UDP endpoint. UDPSocketServer owns the socket on which
 // every client's datagrams arrive, the table of known clients and a read
@@ -8,61 +8,18 @@
 // to the server process's handler. Sends to clients respect their status:
 // sick clients are not sent to, disabled ones can be skipped.
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
-#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
-#include "libreplay/ClientDataList.h"
-#include "libreplay/MemoryBuffer.h"
-#include "libreplay/ReplayError.h"
 #include "libreplay/ReplayExport.h"
-#include "libreplay/UDPSockets.h"
-#include "reference/src/operating_system.h"
+#include "libreplay/server/ClientDataList.h"
+#include "libreplay/server/ReplayError.h"
+#include "libreplay/server/UDPSockets.h"
 
-class UDPSocketServer;
-
-class REPLAY_API UDPServerReadThread : public CThread {
-  public:
-    // Longest datagram taken; longer ones are cut by the socket.
-    static constexpr unsigned int kMaximumDatagramSize = 2048;
-    // How long one wait for a datagram lasts before the idle work runs.
-    static constexpr int kReceiveTimeoutSeconds = 5;
-
-    UDPServerReadThread();
-    // Stops and joins the thread (see Stop).
-    ~UDPServerReadThread() override;
-
-    void SetServer(UDPSocketServer* server) { m_server.store(server, std::memory_order_release); }
-
-    // Waits up to 5 s for a datagram and receives it into `buffer`: its
-    // length, 0 on time-out, negative on failure.
-    int ReadClientMessage(sockaddr* from, void* buffer, unsigned int size);
-
-    // The receive loop serves for as long as its server exists. Stop ends it:
-    // it marks the loop to end, wakes a wait in progress by shutting the
-    // socket's receive side, and joins the thread, so that no datagram is
-    // handled once the server starts to go away.
-    void Stop();
-
-    // 1 while the read thread is handling a datagram (it holds the table lock
-    // then); a failed receive from an unknown port leaves it at 1 until the
-    // next datagram has been handled.
-    static std::atomic<int> m_clientDataLocked;
-
-  protected:
-    void execute() override;
-
-  private:
-    void HandleDatagram(UDPSocketServer& server, const sockaddr_in& from, const char* data,
-                        int length);
-
-    std::atomic<UDPSocketServer*> m_server{nullptr};
-    ReplayCore::MemoryBuffer m_receiveBuffer;
-    std::atomic<bool> m_stopRequested{false};
-};
+struct sockaddr_in;
+// The read thread lives inside the library.
+class UDPServerReadThread;
 
 class REPLAY_API UDPSocketServer : public UDPSocket {
   public:
@@ -111,7 +68,8 @@ class REPLAY_API UDPSocketServer : public UDPSocket {
                           ClientData::ClientProtocol protocol);
     ReplayError SetClientEnabled(const std::string& clientName, bool enabled);
 
-    void StopReadThread() { m_readThread.Stop(); }
+    // Stops and joins the read thread; safe to call more than once.
+    void StopReadThread();
 
     ClientDataList& GetClientDataList() { return m_clientDataList; }
     const std::string& GetServerAddress() const { return m_serverAddress; }
@@ -121,12 +79,12 @@ class REPLAY_API UDPSocketServer : public UDPSocket {
   protected:
     // Open's third argument; its meaning is the derived server's.
     int32_t m_serverValue = 0;
-    UDPServerReadThread m_readThread;
     std::string m_serverAddress;
     int32_t m_port = 0;
     ClientDataList m_clientDataList;
 
   private:
+    std::unique_ptr<UDPServerReadThread> m_readThread;
     std::string m_bindAddress;
 };
 

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_MEMORYBUFFER_H
-#define LIBREPLAY_MEMORYBUFFER_H
+#ifndef REPLAYMANAGER_MEMORYBUFFER_H
+#define REPLAYMANAGER_MEMORYBUFFER_H
 
 // A named byte buffer with a size limit. It grows in powers of two and drops
 // its contents when it grows, so owners grow it before filling it.

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYERROR_H
-#define LIBREPLAY_REPLAYERROR_H
+#ifndef LIBREPLAY_SERVER_REPLAYERROR_H
+#define LIBREPLAY_SERVER_REPLAYERROR_H
 
 // The library's error record, returned by value from server-side operations,
 // and the process-wide keeper of the most recent serious errors.
@@ -69,8 +69,10 @@ class REPLAY_API ReplayErrorManager {
     void SetLimitRepeats(bool limit);
     unsigned int GetErrorCount() const;
     ReplayError::ErrorSeverity GetLowestSeverity() const;
+#ifdef REPLAY_INTERNAL_BUILD
     // Back to the state of a fresh manager (tests only).
     void ResetForTesting();
+#endif
 
   private:
     ReplayErrorManager() = default;

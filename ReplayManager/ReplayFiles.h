@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYFILES_H
-#define LIBREPLAY_REPLAYFILES_H
+#ifndef REPLAYMANAGER_REPLAYFILES_H
+#define REPLAYMANAGER_REPLAYFILES_H
 
 // File-system helpers of the replay library: existence and size tests, path
 // splitting, the search for support files, the classification of replay files

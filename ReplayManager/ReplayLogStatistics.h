@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGSTATISTICS_H
-#define LIBREPLAY_REPLAYLOGSTATISTICS_H
+#ifndef REPLAYMANAGER_REPLAYLOGSTATISTICS_H
+#define REPLAYMANAGER_REPLAYLOGSTATISTICS_H
 
 // Statistics and consistency checks over the records of a stored log: the
 // segments between header records, per client the records, items, times,
@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "libreplay/ReplayExport.h"
-#include "libreplay/ReplayLogReader.h"
-#include "libreplay/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "ReplayManager/ReplayLogRecord.h"
 
 namespace ReplayCore {
 

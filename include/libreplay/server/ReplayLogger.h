@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGGER_H
-#define LIBREPLAY_REPLAYLOGGER_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGGER_H
+#define LIBREPLAY_SERVER_REPLAYLOGGER_H
 
 // The replay server's connection to the logger service's navigation channel,
 // which appends what it receives to the log file, and the framing of one log
@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <string>
 
-#include "libreplay/ReplayError.h"
+#include "libreplay/server/ReplayError.h"
 #include "libreplay/ReplayExport.h"
 
 class REPLAY_API ReplayLogger {
@@ -44,8 +44,10 @@ class REPLAY_API ReplayLogger {
     // kMaximumRecordSize bytes); its length, or -1 when the text is too long.
     static int FrameRecord(const std::string& text, char* record);
 
+#ifdef REPLAY_INTERNAL_BUILD
     // Closes the channel and restarts the failure counting (tests only).
     void ResetForTesting();
+#endif
 
   private:
     ReplayLogger() = default;

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_CLIENTLOGGING_H
-#define LIBREPLAY_CLIENTLOGGING_H
+#ifndef REPLAYMANAGER_DEFAULTMESSAGEHANDLERS_H
+#define REPLAYMANAGER_DEFAULTMESSAGEHANDLERS_H
 
 // Default destinations of the debug message channels. An application that
 // installs no handlers of its own (SetupLoggingHandlers in ReplayDebug.h) gets

@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_EXECUTIONTIMER_H
-#define LIBREPLAY_EXECUTIONTIMER_H
+#ifndef REPLAYMANAGER_EXECUTIONTIMER_H
+#define REPLAYMANAGER_EXECUTIONTIMER_H
 
 // Named profiling timers summed over many calls in microseconds, and the
 // process-wide table of up to 50 of them. A timer is meant for one thread at a

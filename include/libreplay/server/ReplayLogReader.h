@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_REPLAYLOGREADER_H
-#define LIBREPLAY_REPLAYLOGREADER_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGREADER_H
+#define LIBREPLAY_SERVER_REPLAYLOGREADER_H
 
 // Reading stored replay logs back record by record.
 //

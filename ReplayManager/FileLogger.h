@@ -1,5 +1,5 @@
-#ifndef LIBREPLAY_FILELOGGER_H
-#define LIBREPLAY_FILELOGGER_H
+#ifndef REPLAYMANAGER_FILELOGGER_H
+#define REPLAYMANAGER_FILELOGGER_H
 
 // The library's diagnostic text log "/tmp/ReplayLog.txt" (under the target
 // root): time-stamped lines filtered by a process-wide level and capped at

@@ -1,16 +1,16 @@
-#ifndef LIBREPLAY_UDPSOCKETS_H
-#define LIBREPLAY_UDPSOCKETS_H
+#ifndef LIBREPLAY_SERVER_UDPSOCKETS_H
+#define LIBREPLAY_SERVER_UDPSOCKETS_H
 
 // UDP datagram sockets (IPv4) between replay clients and the replay server.
 // UDPSocket owns one descriptor; UDPSocketClient is the client's connection
 // to the server; the server's socket derives from UDPSocket as well.
 
-#include <sys/time.h>
-
 #include <atomic>
 #include <string>
 
 #include "libreplay/ReplayExport.h"
+
+struct timeval;
 
 class REPLAY_API UDPSocket {
   public:
