@@ -29,15 +29,42 @@ std::string Line(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+Json Replay(const ReplayPosition& position, const ReplayResult* result) {
+    Json json = {{"paused", position.paused},
+                 {"rate", position.rate},
+                 {"max_rate", position.maxRate},
+                 {"loop", position.loop},
+                 {"position_ms", position.logMs - position.startMs},
+                 {"duration_ms", position.endMs - position.startMs},
+                 {"record", position.nextRecord},
+                 {"records", position.records},
+                 {"records_sent", position.recordsSent},
+                 {"loops", position.loops}};
+    if (result != nullptr) {
+        json["completed"] = result->completed;
+        json["cancelled"] = result->cancelled;
+        json["error"] = result->error;
+        json["initialisation_sent"] = result->initialisationSent;
+        json["send_failures"] = result->sendFailures;
+        json["latest_send_ms"] = result->maxSendLatenessMs;
+        json["undelivered_clients"] = result->undeliveredClients;
+    }
+    return json;
+}
+
 }  // namespace
+
+std::string ReplayJson(const ReplayPosition& position, const ReplayResult* result) {
+    return Line(Replay(position, result));
+}
 
 std::string ClientsJson(ReplayServer& server) {
     return Line(Json{{"clients", ClientList(server)}});
 }
 
-std::string StatusJson(ReplayServer& server, bool jobRunning) {
+std::string StatusJson(ReplayServer& server, bool jobRunning, const ReplayPosition* replay) {
     const ServerCounters counters = server.Counters();
-    const Json json = {
+    Json json = {
         {"state", ReplayCore::ReplayStateManager::GetReplayStateName(server.GetState())},
         {"job_running", jobRunning},
         {"counters",
@@ -60,6 +87,9 @@ std::string StatusJson(ReplayServer& server, bool jobRunning) {
           {"journal_failures", counters.journalFailures},
           {"journal_on", counters.journalOn}}},
         {"clients", ClientList(server)}};
+    if (replay != nullptr) {
+        json["replay"] = Replay(*replay, nullptr);
+    }
     return Line(json);
 }
 

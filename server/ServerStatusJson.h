@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "server/ReplayRunner.h"
 #include "server/ReplayServer.h"
 
 namespace ReplayServer {
@@ -14,8 +15,15 @@ namespace ReplayServer {
 // "slot", "last_message"}, ...]}
 std::string ClientsJson(ReplayServer& server);
 
-// {"state", "job_running", "counters": {...}, "clients": [...]}
-std::string StatusJson(ReplayServer& server, bool jobRunning);
+// {"state", "job_running", "counters": {...}, "clients": [...]}, and
+// "replay": {...} (ReplayJson) when a replay has started.
+std::string StatusJson(ReplayServer& server, bool jobRunning,
+                       const ReplayPosition* replay = nullptr);
+
+// A replay's position, rate and mode; with `result` (at its end) also its
+// outcome. {"paused", "rate", "max_rate", "loop", "position_ms",
+// "duration_ms", "record", "records", "records_sent", "loops", ...}
+std::string ReplayJson(const ReplayPosition& position, const ReplayResult* result = nullptr);
 
 }  // namespace ReplayServer
 
