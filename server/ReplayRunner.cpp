@@ -29,8 +29,7 @@ ReplayRunner::ReplayRunner(ReplayServer& server, const ReplayPlan& plan,
     : m_server(server), m_plan(plan), m_settings(settings) {}
 
 int64_t ReplayRunner::NowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               Clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
         .count();
 }
 
@@ -85,30 +84,28 @@ bool ReplayRunner::WaitForClients(ReplayResult& result) {
 }
 
 bool ReplayRunner::WaitForDelivery(ReplayResult& result) {
-    result.undeliveredClients.clear();
-    if (!m_settings.reportedRecords) {
-        return true;
-    }
-    std::map<std::string, size_t> sent;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        sent = m_sentTo;
-    }
+    ReplayDeliveryTracker& deliveries = m_server.Deliveries();
     const auto deadline = Clock::now() + std::chrono::milliseconds(m_settings.deliveryWaitMs);
-    for (;;) {
-        result.undeliveredClients.clear();
-        for (const auto& entry : sent) {
-            if (m_settings.reportedRecords(entry.first) < entry.second) {
-                result.undeliveredClients.push_back(entry.first);
+    // In short waits, so that a cancel is noticed.
+    while (!deliveries.WaitForAllReported(
+        std::min(deadline, Clock::now() + std::chrono::milliseconds(kClientPollMs)))) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_cancelled) {
+                return false;
             }
         }
-        if (result.undeliveredClients.empty() || Clock::now() >= deadline) {
-            return true;
-        }
-        if (!WaitUntil(Clock::now() + std::chrono::milliseconds(5))) {
-            return false;
+        if (Clock::now() >= deadline) {
+            break;
         }
     }
+    result.undeliveredClients.clear();
+    for (const ClientDelivery& client : deliveries.Snapshot()) {
+        if (client.recordsReported < client.recordsSent) {
+            result.undeliveredClients.push_back(client.name);
+        }
+    }
+    return true;
 }
 
 void ReplayRunner::StopClients() {
@@ -145,8 +142,6 @@ void ReplayRunner::SendStateBefore(int64_t logMs) {
         if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
                 .IsError()) {
             ++m_result.sendFailures;
-        } else {
-            ++m_sentTo[record.client];
         }
     }
 }
@@ -160,8 +155,8 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
         // then goes out at its own moment and is handed over at once.
         m_server.CommandClient(
             record.client, ReplayCore::eStateReplay,
-            "l=" + MSTime::MSTimeStruct(0, record.timeMs - m_settings.networkingLatencyMs)
-                       .ToString());
+            "l=" +
+                MSTime::MSTimeStruct(0, record.timeMs - m_settings.networkingLatencyMs).ToString());
     }
     m_result.maxSendLatenessMs = std::max<int64_t>(m_result.maxSendLatenessMs, now - dueMs);
     if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
@@ -169,7 +164,6 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
         ++m_result.sendFailures;
     } else {
         ++m_result.recordsSent;
-        ++m_sentTo[record.client];
     }
     const int64_t handedOver =
         m_maxRate || m_schedule.Rate() != 1.0 ? now : now + m_settings.serverLeadTimeMs;
@@ -241,8 +235,7 @@ ReplayResult ReplayRunner::Run() {
         }
         if (m_settings.progress && now >= nextProgress) {
             progress.sent = m_next;
-            progress.replayMs =
-                std::min(m_schedule.LogTimeAt(now), m_plan.endMs) - m_plan.startMs;
+            progress.replayMs = std::min(m_schedule.LogTimeAt(now), m_plan.endMs) - m_plan.startMs;
             m_settings.progress(progress);
             nextProgress = now + m_settings.progressIntervalMs;
         }
@@ -251,7 +244,7 @@ ReplayResult ReplayRunner::Run() {
             if (m_maxRate) {
                 // One record in flight per client: the next goes when the
                 // client has reported the one before.
-                if (m_settings.reportedRecords(record.client) < m_sentTo[record.client]) {
+                if (m_server.Deliveries().Outstanding(record.client) > 0) {
                     m_wake.wait_for(lock, std::chrono::milliseconds(kReportPollMs));
                     continue;
                 }
@@ -273,7 +266,8 @@ ReplayResult ReplayRunner::Run() {
         }
         // Past the last record: start again, or let the clients hand it
         // over before they are stopped.
-        const int64_t lastDue = m_maxRate ? now : m_schedule.DueAt(m_plan.endMs);
+        // At max rate the last record was due when it went out.
+        const int64_t lastDue = m_maxRate ? m_clientsIdleMs : m_schedule.DueAt(m_plan.endMs);
         if (m_loop) {
             if (now < lastDue) {
                 m_wake.wait_until(lock, At(lastDue));
@@ -292,6 +286,7 @@ ReplayResult ReplayRunner::Run() {
         break;
     }
     result = m_result;
+    m_ended = true;
     lock.unlock();
     if (!cancelled) {
         cancelled = !WaitForDelivery(result);
@@ -309,7 +304,7 @@ ReplayResult ReplayRunner::Run() {
 }
 
 std::string ReplayRunner::CheckStarted() const {
-    if (m_cancelled) {
+    if (m_cancelled || m_ended) {
         return "the replay is ending";
     }
     if (!m_started) {
@@ -438,9 +433,6 @@ std::string ReplayRunner::SetMaxRate() {
     const std::string error = CheckStarted();
     if (!error.empty()) {
         return error;
-    }
-    if (!m_settings.reportedRecords) {
-        return "max rate needs the clients' delivery reports, which are not tracked";
     }
     m_maxRate = true;
     m_wake.notify_all();

@@ -18,7 +18,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -45,13 +44,10 @@ struct ReplaySettings {
     // until its moment, and a stop would cut it off.
     int endGraceMs = 500;
     // After that, how long to wait for every client to report that it has
-    // handed over its last record (when reports are tracked).
+    // handed over its last record.
     int deliveryWaitMs = 10000;
     int progressIntervalMs = 1000;
     std::function<void(const ReplayProgress&)> progress;
-    // How many records a client has reported handled; empty: not tracked
-    // (then "max" rate is refused and the end does not wait for reports).
-    std::function<size_t(const std::string& client)> reportedRecords;
 };
 
 struct ReplayResult {
@@ -77,10 +73,10 @@ struct ReplayPosition {
     bool loop = false;
     bool maxRate = false;
     double rate = 1.0;
-    int64_t logMs = 0;       // the log time reached
-    int64_t startMs = 0;     // the plan's first and last log times
+    int64_t logMs = 0;    // the log time reached
+    int64_t startMs = 0;  // the plan's first and last log times
     int64_t endMs = 0;
-    size_t nextRecord = 0;   // index of the next record to send
+    size_t nextRecord = 0;  // index of the next record to send
     size_t records = 0;
     size_t recordsSent = 0;  // in all, loops and steps included
     size_t loops = 0;
@@ -141,6 +137,7 @@ class ReplayRunner {
     std::condition_variable m_wake;
     bool m_cancelled = false;
     bool m_started = false;
+    bool m_ended = false;  // past the last record; no more control
     ReplaySchedule m_schedule{0, 0};
     size_t m_next = 0;
     bool m_loop = false;
@@ -150,8 +147,6 @@ class ReplayRunner {
     int64_t m_clockDueMs = INT64_MIN;
     // When the clients will have handed over everything sent so far.
     int64_t m_clientsIdleMs = INT64_MIN;
-    // Per client: records sent, in all.
-    std::map<std::string, size_t> m_sentTo;
     ReplayResult m_result;
 };
 

@@ -4,6 +4,16 @@
 
 namespace ReplayServer {
 
+namespace {
+
+// Rounds towards minus infinity (integer division rounds towards zero).
+int64_t FloorDivide(int64_t numerator, int64_t denominator) {
+    const int64_t quotient = numerator / denominator;
+    return quotient * denominator > numerator ? quotient - 1 : quotient;
+}
+
+}  // namespace
+
 ReplaySchedule::ReplaySchedule(int64_t startLogMs, int64_t nowMs)
     : m_anchorLogMs(startLogMs), m_anchorNowMs(nowMs) {}
 
@@ -11,10 +21,7 @@ int64_t ReplaySchedule::LogTimeAt(int64_t nowMs) const {
     if (m_paused) {
         return m_anchorLogMs;
     }
-    // Rounded down, so that a log time is never reported reached before its
-    // due moment.
-    return m_anchorLogMs +
-           static_cast<int64_t>(std::floor(static_cast<double>(nowMs - m_anchorNowMs) * m_rate));
+    return m_anchorLogMs + FloorDivide((nowMs - m_anchorNowMs) * m_rateThousandths, 1000);
 }
 
 int64_t ReplaySchedule::DueAt(int64_t logMs) const {
@@ -22,8 +29,7 @@ int64_t ReplaySchedule::DueAt(int64_t logMs) const {
         return kNever;
     }
     // Rounded up: never early.
-    return m_anchorNowMs +
-           static_cast<int64_t>(std::ceil(static_cast<double>(logMs - m_anchorLogMs) / m_rate));
+    return m_anchorNowMs - FloorDivide(-(logMs - m_anchorLogMs) * 1000, m_rateThousandths);
 }
 
 bool ReplaySchedule::Pause(int64_t nowMs) {
@@ -51,7 +57,7 @@ bool ReplaySchedule::SetRate(double rate, int64_t nowMs) {
     }
     m_anchorLogMs = LogTimeAt(nowMs);
     m_anchorNowMs = nowMs;
-    m_rate = rate;
+    m_rateThousandths = std::llround(rate * 1000);
     return true;
 }
 

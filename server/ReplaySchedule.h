@@ -8,7 +8,9 @@
 // The schedule is one straight line through an anchor: at `anchorNowMs` the
 // replay stands at `anchorLogMs`, and log time runs `rate` times as fast as
 // the clock. Every change re-anchors at the current position, so a change
-// never moves what has already been played.
+// never moves what has already been played. The rate is kept in thousandths
+// and the arithmetic in integers, so that DueAt and LogTimeAt are exact
+// inverses: a log time is never due before the schedule has reached it.
 
 #include <cstdint>
 
@@ -31,7 +33,7 @@ class ReplaySchedule {
     int64_t DueAt(int64_t logMs) const;
 
     bool Paused() const { return m_paused; }
-    double Rate() const { return m_rate; }
+    double Rate() const { return static_cast<double>(m_rateThousandths) / 1000.0; }
     // Where the last change anchored the line, for a client clock that runs
     // at rate 1 from that point.
     int64_t AnchorLogMs() const { return m_anchorLogMs; }
@@ -39,7 +41,7 @@ class ReplaySchedule {
 
     // Each returns false (and changes nothing) when it does not apply:
     // pausing a paused schedule, resuming a playing one, a rate outside
-    // kMinimumRate..kMaximumRate.
+    // kMinimumRate..kMaximumRate. The rate is rounded to thousandths.
     bool Pause(int64_t nowMs);
     bool Resume(int64_t nowMs);
     bool SetRate(double rate, int64_t nowMs);
@@ -49,7 +51,7 @@ class ReplaySchedule {
   private:
     int64_t m_anchorLogMs;
     int64_t m_anchorNowMs;
-    double m_rate = 1.0;
+    int64_t m_rateThousandths = 1000;
     bool m_paused = false;
 };
 

@@ -361,8 +361,8 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
                 text << "\nreplay report not written: " << reportError;
             }
         }
-        const bool ok = result.completed && result.sendFailures == 0 &&
-                        result.undeliveredClients.empty();
+        const bool ok =
+            result.completed && result.sendFailures == 0 && result.undeliveredClients.empty();
         m_lastJobOk.store(ok, std::memory_order_release);
         {
             std::lock_guard<std::mutex> lock(m_jobMutex);
@@ -404,8 +404,7 @@ ControlReply ServerControl::Seek(double seconds) {
 }
 
 ControlReply ServerControl::StepRecords(size_t count) {
-    return OnRunner([count](ReplayRunner& runner) { return runner.StepRecords(count); },
-                    "stepped");
+    return OnRunner([count](ReplayRunner& runner) { return runner.StepRecords(count); }, "stepped");
 }
 
 ControlReply ServerControl::StepMilliseconds(int64_t ms) {
@@ -520,8 +519,8 @@ std::string ServerControl::StatusText() {
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
          << ", passed on early (hold three quarters full) " << counters.heldReleasedEarly
          << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
-         << counters.oversized << ", outside the time window "
-         << counters.outsideTimeWindow << "\n";
+         << counters.oversized << ", outside the time window " << counters.outsideTimeWindow
+         << "\n";
     const StopProgress stop = m_server.Stopping();
     if (stop.draining) {
         text << "stopping: waiting for the block holding the stop moment from "
@@ -559,11 +558,10 @@ std::string ServerControl::ReplayStatusText() {
     std::snprintf(rate, sizeof rate, "%g", position.rate);
     text << "replay " << (JobRunning() ? (position.paused ? "paused" : "playing") : "ended")
          << " at " << SecondsText(position.logMs - position.startMs) << " of "
-         << SecondsText(position.endMs - position.startMs) << ", record "
-         << position.nextRecord << " of " << position.records << ", "
-         << position.recordsSent << " sent, rate " << (position.maxRate ? "max" : rate)
-         << ", loop " << (position.loop ? "on" : "off") << " (" << position.loops
-         << " loops done)\n";
+         << SecondsText(position.endMs - position.startMs) << ", record " << position.nextRecord
+         << " of " << position.records << ", " << position.recordsSent << " sent, rate "
+         << (position.maxRate ? "max" : rate) << ", loop " << (position.loop ? "on" : "off") << " ("
+         << position.loops << " loops done)\n";
     return text.str();
 }
 

@@ -64,29 +64,28 @@ std::string ClientsJson(ReplayServer& server) {
 
 std::string StatusJson(ReplayServer& server, bool jobRunning, const ReplayPosition* replay) {
     const ServerCounters counters = server.Counters();
-    Json json = {
-        {"state", ReplayCore::ReplayStateManager::GetReplayStateName(server.GetState())},
-        {"job_running", jobRunning},
-        {"counters",
-         {{"datagrams", counters.datagrams},
-          {"records_to_log", counters.recordsForwarded},
-          {"checksum_failures", counters.checksumFailures},
-          {"unparsable", counters.unparsable},
-          {"pipe_failures", counters.forwardFailures},
-          {"status_records", counters.statusRecords},
-          {"refused_clients", counters.refusedClients},
-          {"refused_sources", counters.refusedSources},
-          {"held_for_ordering", counters.recordsHeld},
-          {"no_room_to_hold", counters.heldOverflow},
-          {"passed_on_early", counters.heldReleasedEarly},
-          {"oversized_datagrams", counters.oversized},
-          {"outside_time_window", counters.outsideTimeWindow},
-          {"items_after_stop", counters.itemsAfterStop},
-          {"blocks_after_stop", counters.blocksAfterStop},
-          {"records_recovered", counters.recordsRecovered},
-          {"journal_failures", counters.journalFailures},
-          {"journal_on", counters.journalOn}}},
-        {"clients", ClientList(server)}};
+    Json json = {{"state", ReplayCore::ReplayStateManager::GetReplayStateName(server.GetState())},
+                 {"job_running", jobRunning},
+                 {"counters",
+                  {{"datagrams", counters.datagrams},
+                   {"records_to_log", counters.recordsForwarded},
+                   {"checksum_failures", counters.checksumFailures},
+                   {"unparsable", counters.unparsable},
+                   {"pipe_failures", counters.forwardFailures},
+                   {"status_records", counters.statusRecords},
+                   {"refused_clients", counters.refusedClients},
+                   {"refused_sources", counters.refusedSources},
+                   {"held_for_ordering", counters.recordsHeld},
+                   {"no_room_to_hold", counters.heldOverflow},
+                   {"passed_on_early", counters.heldReleasedEarly},
+                   {"oversized_datagrams", counters.oversized},
+                   {"outside_time_window", counters.outsideTimeWindow},
+                   {"items_after_stop", counters.itemsAfterStop},
+                   {"blocks_after_stop", counters.blocksAfterStop},
+                   {"records_recovered", counters.recordsRecovered},
+                   {"journal_failures", counters.journalFailures},
+                   {"journal_on", counters.journalOn}}},
+                 {"clients", ClientList(server)}};
     if (replay != nullptr) {
         json["replay"] = Replay(*replay, nullptr);
     }

@@ -54,6 +54,8 @@ class ReplayRunnerTest : public ReplayTest::TargetRootTest {
         m_settings.networkingLatencyMs = 40;
         m_settings.endGraceMs = 20;
         m_settings.clientWaitMs = 5000;
+        // The fake clients never report what they handled.
+        m_settings.deliveryWaitMs = 0;
     }
     void TearDown() override {
         m_server.reset();

@@ -92,7 +92,7 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     ASSERT_TRUE(gps.WaitFor(3, kDeadline));
 
     EXPECT_EQ(m_control->Execute("stop"), "stopping\n");
-    EXPECT_EQ(m_control->Execute("wait"), "done with errors\n");
+    EXPECT_EQ(m_control->Execute("wait").compare(0, 16, "done with errors"), 0);
     EXPECT_NE(Output().find("replay stopped: 1 records sent"), std::string::npos) << Output();
     ASSERT_TRUE(gps.WaitFor(4, kDeadline));
     EXPECT_EQ(gps.Received().back().bytes.compare(0, 6, "#stop "), 0);
