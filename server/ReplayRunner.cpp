@@ -23,6 +23,7 @@ void ReplayRunner::Cancel() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_cancelled = true;
     m_wake.notify_all();
+    m_server.Deliveries().Wake();
 }
 
 bool ReplayRunner::WaitUntil(std::chrono::steady_clock::time_point when) {
@@ -86,13 +87,6 @@ ReplayResult ReplayRunner::Run() {
     for (const std::string& name : m_plan.clients) {
         m_server.CommandClient(name, ReplayCore::eStateReplay);
     }
-    for (const PlannedRecord& record : m_plan.initialisation) {
-        if (m_server.SendRecord(record.client, record.record, 0).IsError()) {
-            ++result.sendFailures;
-        } else {
-            ++result.initialisationSent;
-        }
-    }
 
     // A client's replay time is its clock plus its latency: starting the
     // clock at start - latency makes it read the log time when the anchor's
@@ -103,6 +97,21 @@ ReplayResult ReplayRunner::Run() {
     for (const std::string& name : m_plan.clients) {
         m_server.CommandClient(name, ReplayCore::eStateReplay, clock);
     }
+    // After the clock, so that a client hands these over at once: their
+    // times lie before the start.
+    for (const std::vector<PlannedRecord>* group : {&m_plan.initialisation, &m_plan.state}) {
+        for (const PlannedRecord& record : *group) {
+            if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
+                    .IsError()) {
+                ++result.sendFailures;
+            } else {
+                ++(group == &m_plan.state ? result.stateSent : result.initialisationSent);
+            }
+        }
+    }
+    PacingSettings pacing = m_settings.pacing;
+    pacing.serverLeadTimeMs = m_settings.serverLeadTimeMs;
+    ReplayPacer pacer(m_server.Deliveries(), pacing);
     ReplayCore::FileLogger::LogToFile(ReplayCore::FileLogger::eSeverityInfo,
                                       "ReplayManager: replay of %zu records started",
                                       m_plan.records.size());
@@ -114,8 +123,9 @@ ReplayResult ReplayRunner::Run() {
     bool cancelled = false;
     for (const PlannedRecord& record : m_plan.records) {
         const auto due = anchor + std::chrono::milliseconds(record.timeMs - m_plan.startMs -
-                                                            m_settings.serverLeadTimeMs);
-        if (!WaitUntil(due)) {
+                                                            pacer.LeadMs(record));
+        if (!WaitUntil(due) || (!pacer.WaitForRoom(record.client) &&
+                                !WaitUntil(std::chrono::steady_clock::time_point::min()))) {
             cancelled = true;
             break;
         }
@@ -144,6 +154,15 @@ ReplayResult ReplayRunner::Run() {
                                                             m_settings.endGraceMs);
         cancelled = !WaitUntil(end);
     }
+    if (!cancelled) {
+        // A burst can still be on its way: the clients' reports say when
+        // they have handed it over.
+        result.deliveredAll =
+            pacer.WaitForDelivered(std::chrono::steady_clock::now() +
+                                   std::chrono::milliseconds(m_settings.deliveryWaitMs));
+        cancelled = !WaitUntil(std::chrono::steady_clock::time_point::min());
+    }
+    result.pacingStalls = pacer.Stalls();
     if (m_settings.progress) {
         progress.replayMs = m_plan.DurationMs();
         m_settings.progress(progress);

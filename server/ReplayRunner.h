@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "server/ReplayPacer.h"
 #include "server/ReplayPlan.h"
 #include "server/ReplayServer.h"
 
@@ -37,6 +38,12 @@ struct ReplaySettings {
     // until its moment, and a stop would cut it off.
     int endGraceMs = 500;
     int progressIntervalMs = 1000;
+    // Send moments and the window of unreported records; its lead time is
+    // serverLeadTimeMs.
+    PacingSettings pacing;
+    // How long the end of a replay waits for the clients' reports of the
+    // last records.
+    int deliveryWaitMs = 5000;
     std::function<void(const ReplayProgress&)> progress;
 };
 
@@ -46,10 +53,15 @@ struct ReplayResult {
     std::string error;
     std::vector<std::string> missingClients;
     size_t initialisationSent = 0;
+    size_t stateSent = 0;
     size_t recordsSent = 0;
     size_t sendFailures = 0;
     // How late the sends were against their schedule.
     int64_t maxSendLatenessMs = 0;
+    // Times a client's full window was not reported within the pacing's
+    // stall time, and the clients whose last records were not reported.
+    uint64_t pacingStalls = 0;
+    bool deliveredAll = false;
 };
 
 class ReplayRunner {

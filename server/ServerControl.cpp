@@ -28,12 +28,18 @@ double ParseSeconds(const std::string& text) {
 const char* kHelp =
     "commands:\n"
     "  record [SECONDS]                     record (until stop, or for SECONDS)\n"
-    "  replay FILE [--segment N] [--from S] replay a log (one segment, from S seconds in)\n"
+    "  replay FILE [--segment N] [--from S] [--to S] [--no-state]\n"
+    "                                       replay a log (one segment, from S seconds in, up\n"
+    "                                       to S seconds in; without each client's state\n"
+    "                                       before the start)\n"
     "  stop                                 end the recording or replay\n"
     "  status [--json]                      state, counters and the client table\n"
     "  clients [--json]                     the client table\n"
     "  wait                                 wait until the running job has ended\n"
     "  quit                                 stop everything and exit\n";
+
+constexpr const char* kReplayUsage =
+    "usage: replay FILE [--segment N] [--from SECONDS] [--to SECONDS] [--no-state]\n";
 
 // A stop keeps each client recording until the block holding the stop moment
 // has arrived: a client sends a block at the latest when its ping finds it
@@ -161,25 +167,30 @@ std::string ServerControl::Replay(const std::vector<std::string>& words) {
     PlanOptions options;
     std::string path;
     for (size_t i = 1; i < words.size(); ++i) {
-        if ((words[i] == "--segment" || words[i] == "--from") && i + 1 < words.size()) {
+        if ((words[i] == "--segment" || words[i] == "--from" || words[i] == "--to") &&
+            i + 1 < words.size()) {
             const double value = ParseSeconds(words[i + 1]);
             if (value < 0) {
                 return "error: " + words[i] + " takes a non-negative number\n";
             }
             if (words[i] == "--segment") {
                 options.segment = static_cast<int>(value);
-            } else {
+            } else if (words[i] == "--from") {
                 options.fromOffsetMs = static_cast<int64_t>(value * 1000);
+            } else {
+                options.toOffsetMs = static_cast<int64_t>(value * 1000);
             }
             ++i;
+        } else if (words[i] == "--no-state") {
+            options.withState = false;
         } else if (path.empty() && words[i][0] != '-') {
             path = words[i];
         } else {
-            return "error: usage: replay FILE [--segment N] [--from SECONDS]\n";
+            return "error: " + std::string(kReplayUsage);
         }
     }
     if (path.empty()) {
-        return "error: usage: replay FILE [--segment N] [--from SECONDS]\n";
+        return "error: " + std::string(kReplayUsage);
     }
     if (JobRunning() || m_server.GetState() != ReplayCore::eStateStopped) {
         return "error: busy; stop first\n";
@@ -191,8 +202,8 @@ std::string ServerControl::Replay(const std::vector<std::string>& words) {
     }
     std::ostringstream reply;
     reply << "replaying " << plan->records.size() << " records (" << plan->initialisation.size()
-          << " initialisation) of " << plan->clients.size() << " clients, "
-          << plan->DurationMs() / 1000.0 << " s\n";
+          << " initialisation, " << plan->state.size() << " state) of " << plan->clients.size()
+          << " clients, " << plan->DurationMs() / 1000.0 << " s\n";
     for (const std::string& report : plan->damageReports) {
         reply << "skipped damaged record at " << report << "\n";
     }
@@ -279,8 +290,8 @@ std::string ServerControl::StatusText() {
          << counters.refusedSources << ", held for ordering " << counters.recordsHeld
          << ", passed on early (hold three quarters full) " << counters.heldReleasedEarly
          << ", no room to hold " << counters.heldOverflow << ", oversized datagrams "
-         << counters.oversized << ", outside the time window "
-         << counters.outsideTimeWindow << "\n";
+         << counters.oversized << ", outside the time window " << counters.outsideTimeWindow
+         << "\n";
     const StopProgress stop = m_server.Stopping();
     if (stop.draining) {
         text << "stopping: waiting for the block holding the stop moment from "
