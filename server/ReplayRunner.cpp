@@ -41,6 +41,7 @@ void ReplayRunner::Cancel() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_cancelled = true;
     m_wake.notify_all();
+    m_server.Deliveries().Wake();
 }
 
 bool ReplayRunner::WaitUntil(Clock::time_point when) {
@@ -85,18 +86,13 @@ bool ReplayRunner::WaitForClients(ReplayResult& result) {
 
 bool ReplayRunner::WaitForDelivery(ReplayResult& result) {
     ReplayDeliveryTracker& deliveries = m_server.Deliveries();
-    const auto deadline = Clock::now() + std::chrono::milliseconds(m_settings.deliveryWaitMs);
-    // In short waits, so that a cancel is noticed.
-    while (!deliveries.WaitForAllReported(
-        std::min(deadline, Clock::now() + std::chrono::milliseconds(kClientPollMs)))) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_cancelled) {
-                return false;
-            }
-        }
-        if (Clock::now() >= deadline) {
-            break;
+    // A client that has never reported (gone, or not replaying) is not
+    // waited for; it is named below all the same.
+    m_pacer->WaitForDelivered(Clock::now() + std::chrono::milliseconds(m_settings.deliveryWaitMs));
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_cancelled) {
+            return false;
         }
     }
     result.undeliveredClients.clear();
@@ -105,6 +101,7 @@ bool ReplayRunner::WaitForDelivery(ReplayResult& result) {
             result.undeliveredClients.push_back(client.name);
         }
     }
+    result.deliveredAll = result.undeliveredClients.empty();
     return true;
 }
 
@@ -130,18 +127,40 @@ size_t ReplayRunner::RecordAt(int64_t logMs) const {
     return static_cast<size_t>(found - m_plan.records.begin());
 }
 
+void ReplayRunner::NoteSequence(const PlannedRecord& record) {
+    unsigned int& highest = m_highestSequence[record.client];
+    if (highest != 0 && record.sequence > highest + 1) {
+        m_result.skippedBySeek[record.client] += record.sequence - highest - 1;
+    }
+    highest = std::max(highest, record.sequence);
+}
+
+bool ReplayRunner::SendUnscheduled(const PlannedRecord& record) {
+    if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
+            .IsError()) {
+        ++m_result.sendFailures;
+        return false;
+    }
+    if (record.sequence != 0) {
+        NoteSequence(record);
+    }
+    return true;
+}
+
 void ReplayRunner::SendStateBefore(int64_t logMs) {
     const size_t at = RecordAt(logMs);
     std::set<std::string> pending = m_plan.clients;
     for (size_t i = at; i > 0 && !pending.empty(); --i) {
         const PlannedRecord& record = m_plan.records[i - 1];
-        if (pending.erase(record.client) == 0) {
-            continue;
+        if (pending.erase(record.client) != 0) {
+            // Its time lies before the clocks' reading: handed over at once.
+            SendUnscheduled(record);
         }
-        // Its time lies before the clocks' reading: handed over at once.
-        if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
-                .IsError()) {
-            ++m_result.sendFailures;
+    }
+    // No item of theirs since the start: the state they had there.
+    for (const PlannedRecord& record : m_plan.state) {
+        if (pending.count(record.client) != 0) {
+            SendUnscheduled(record);
         }
     }
 }
@@ -159,10 +178,7 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
                 MSTime::MSTimeStruct(0, record.timeMs - m_settings.networkingLatencyMs).ToString());
     }
     m_result.maxSendLatenessMs = std::max<int64_t>(m_result.maxSendLatenessMs, now - dueMs);
-    if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
-            .IsError()) {
-        ++m_result.sendFailures;
-    } else {
+    if (SendUnscheduled(record)) {
         ++m_result.recordsSent;
     }
     const int64_t handedOver =
@@ -195,16 +211,20 @@ ReplayResult ReplayRunner::Run() {
     }
     std::unique_lock<std::mutex> lock(m_mutex);
     m_result = result;
-    for (const PlannedRecord& record : m_plan.initialisation) {
-        if (m_server.SendRecord(record.client, record.record, 0).IsError()) {
-            ++m_result.sendFailures;
-        } else {
-            ++m_result.initialisationSent;
-        }
-    }
+    PacingSettings pacing = m_settings.pacing;
+    pacing.serverLeadTimeMs = m_settings.serverLeadTimeMs;
+    m_pacer.reset(new ReplayPacer(m_server.Deliveries(), pacing));
     const int64_t anchor = NowMs();
     m_schedule = ReplaySchedule(m_plan.startMs, anchor);
     SetClientClocks(m_plan.startMs);
+    // After the clock, so that a client hands these over at once: their
+    // times lie before the start.
+    for (const PlannedRecord& record : m_plan.initialisation) {
+        m_result.initialisationSent += SendUnscheduled(record) ? 1 : 0;
+    }
+    for (const PlannedRecord& record : m_plan.state) {
+        m_result.stateSent += SendUnscheduled(record) ? 1 : 0;
+    }
     m_started = true;
     ReplayCore::FileLogger::LogToFile(ReplayCore::FileLogger::eSeverityInfo,
                                       "ReplayManager: replay of %zu records started",
@@ -253,10 +273,20 @@ ReplayResult ReplayRunner::Run() {
                 ++m_next;
                 continue;
             }
-            const int64_t lead = m_schedule.Rate() == 1.0 ? m_settings.serverLeadTimeMs : 0;
+            const int64_t lead = m_schedule.Rate() == 1.0 ? m_pacer->LeadMs(record) : 0;
             const int64_t due = m_schedule.DueAt(record.timeMs) - lead;
             if (now < due) {
                 m_wake.wait_until(lock, At(due));
+                continue;
+            }
+            // No more than a window unreported per client, so that its
+            // socket never overflows: waited for without the lock, so that
+            // control calls are answered meanwhile.
+            const size_t index = m_next;
+            lock.unlock();
+            const bool room = m_pacer->WaitForRoom(record.client);
+            lock.lock();
+            if (!room || index != m_next || m_schedule.Paused() || m_cancelled) {
                 continue;
             }
             // Records due within the lead time of the start go out at once.
@@ -285,12 +315,18 @@ ReplayResult ReplayRunner::Run() {
         }
         break;
     }
-    result = m_result;
     m_ended = true;
     lock.unlock();
+    ReplayResult delivery;
     if (!cancelled) {
-        cancelled = !WaitForDelivery(result);
+        cancelled = !WaitForDelivery(delivery);
     }
+    lock.lock();
+    result = m_result;
+    lock.unlock();
+    result.undeliveredClients = delivery.undeliveredClients;
+    result.deliveredAll = delivery.deliveredAll;
+    result.pacingStalls = m_pacer->Stalls();
     if (m_settings.progress) {
         progress.sent = progress.total;
         progress.replayMs = m_plan.DurationMs();

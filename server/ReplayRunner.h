@@ -18,10 +18,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "server/ReplayPacer.h"
 #include "server/ReplayPlan.h"
 #include "server/ReplaySchedule.h"
 #include "server/ReplayServer.h"
@@ -43,10 +46,13 @@ struct ReplaySettings {
     // After the last record, before "stop": the clients still hold it back
     // until its moment, and a stop would cut it off.
     int endGraceMs = 500;
-    // After that, how long to wait for every client to report that it has
-    // handed over its last record.
-    int deliveryWaitMs = 10000;
     int progressIntervalMs = 1000;
+    // Send moments and the window of unreported records; its lead time is
+    // serverLeadTimeMs.
+    PacingSettings pacing;
+    // How long the end of a replay waits for the clients' reports of the
+    // last records.
+    int deliveryWaitMs = 5000;
     std::function<void(const ReplayProgress&)> progress;
 };
 
@@ -59,11 +65,19 @@ struct ReplayResult {
     // ended (their tail may not have reached the application).
     std::vector<std::string> undeliveredClients;
     size_t initialisationSent = 0;
+    size_t stateSent = 0;
     size_t recordsSent = 0;
     size_t sendFailures = 0;
     size_t loops = 0;
     // How late the sends were against their schedule.
     int64_t maxSendLatenessMs = 0;
+    // Per client: block numbers a seek forward skipped. A client counts
+    // those as missed; they were left out on purpose.
+    std::map<std::string, uint64_t> skippedBySeek;
+    // Times a client's full window was not reported within the pacing's
+    // stall time, and the clients whose last records were not reported.
+    uint64_t pacingStalls = 0;
+    bool deliveredAll = false;
 };
 
 // Where a running replay stands, for status reports.
@@ -121,6 +135,12 @@ class ReplayRunner {
     // Sets every client's clock so that its replay time reads `logMs` now.
     void SetClientClocks(int64_t logMs);
     void SendRecord(size_t index, int64_t dueMs);
+    // Sends a record that is not on the schedule (initialisation, state);
+    // false when the send failed.
+    bool SendUnscheduled(const PlannedRecord& record);
+    // Counts the block numbers a client will find missing because a seek
+    // jumped over them.
+    void NoteSequence(const PlannedRecord& record);
     // Re-anchors after a change while playing: the clients may still hold
     // records sent ahead, so their clocks are set (and the new line starts)
     // once those have been handed over. Caller holds m_mutex.
@@ -147,6 +167,10 @@ class ReplayRunner {
     int64_t m_clockDueMs = INT64_MIN;
     // When the clients will have handed over everything sent so far.
     int64_t m_clientsIdleMs = INT64_MIN;
+    // Per client: the highest block number sent.
+    std::map<std::string, unsigned int> m_highestSequence;
+    // Created by Run; used by its thread only.
+    std::unique_ptr<ReplayPacer> m_pacer;
     ReplayResult m_result;
 };
 

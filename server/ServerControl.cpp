@@ -33,10 +33,12 @@ double ParseSeconds(const std::string& text) {
 const char* kHelp =
     "commands:\n"
     "  record [SECONDS]              record (until stop, or for SECONDS)\n"
-    "  replay FILE [--segment N] [--from S] [--clients A,B] [--loop] [--report OUT.json]\n"
-    "                                replay a log (one segment, from S seconds in, only\n"
-    "                                some clients: the others stay stopped); the report\n"
-    "                                is written when the replay ends\n"
+    "  replay FILE [--segment N] [--from S] [--to S] [--no-state] [--clients A,B]\n"
+    "              [--loop] [--report OUT.json]\n"
+    "                                replay a log (one segment, from S seconds in, up to\n"
+    "                                S seconds in; without each client's state before the\n"
+    "                                start; only some clients: the others stay stopped);\n"
+    "                                the report is written when the replay ends\n"
     "  pause                         hold the running replay where it is\n"
     "  resume                        go on from where it was paused\n"
     "  seek SECONDS                  jump to SECONDS after the replay's start\n"
@@ -53,8 +55,8 @@ const char* kHelp =
     "  quit                          stop everything and exit\n";
 
 const char* kReplayUsage =
-    "usage: replay FILE [--segment N] [--from SECONDS] [--clients A,B] [--loop] "
-    "[--report FILE.json]";
+    "usage: replay FILE [--segment N] [--from SECONDS] [--to SECONDS] [--no-state] "
+    "[--clients A,B] [--loop] [--report FILE.json]";
 
 std::vector<std::string> SplitNames(const std::string& text) {
     std::vector<std::string> names;
@@ -80,6 +82,7 @@ void KeepClients(ReplayPlan& plan, const std::vector<std::string>& names) {
     plan.initialisation.erase(
         std::remove_if(plan.initialisation.begin(), plan.initialisation.end(), other),
         plan.initialisation.end());
+    plan.state.erase(std::remove_if(plan.state.begin(), plan.state.end(), other), plan.state.end());
     plan.clients = keep;
     if (!plan.records.empty()) {
         plan.startMs = std::max(plan.startMs, plan.records.front().timeMs);
@@ -258,17 +261,21 @@ std::string ServerControl::Replay(const std::vector<std::string>& words) {
     ReplayRequest request;
     for (size_t i = 1; i < words.size(); ++i) {
         const bool hasValue = i + 1 < words.size();
-        if ((words[i] == "--segment" || words[i] == "--from") && hasValue) {
+        if ((words[i] == "--segment" || words[i] == "--from" || words[i] == "--to") && hasValue) {
             const double value = ParseSeconds(words[i + 1]);
             if (value < 0) {
                 return "error: " + words[i] + " takes a non-negative number\n";
             }
             if (words[i] == "--segment") {
                 request.options.segment = static_cast<int>(value);
-            } else {
+            } else if (words[i] == "--from") {
                 request.options.fromOffsetMs = static_cast<int64_t>(value * 1000);
+            } else {
+                request.options.toOffsetMs = static_cast<int64_t>(value * 1000);
             }
             ++i;
+        } else if (words[i] == "--no-state") {
+            request.options.withState = false;
         } else if (words[i] == "--clients" && hasValue) {
             request.clients = SplitNames(words[++i]);
             if (request.clients.empty()) {
@@ -321,8 +328,8 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
     }
     std::ostringstream reply;
     reply << "replaying " << plan->records.size() << " records (" << plan->initialisation.size()
-          << " initialisation) of " << plan->clients.size() << " clients, "
-          << plan->DurationMs() / 1000.0 << " s";
+          << " initialisation, " << plan->state.size() << " state) of " << plan->clients.size()
+          << " clients, " << plan->DurationMs() / 1000.0 << " s";
     for (const std::string& report : plan->damageReports) {
         reply << "\nskipped damaged record at " << report;
     }

@@ -57,6 +57,8 @@ class ReplayRunnerControlTest : public ReplayTest::TargetRootTest {
         m_settings.networkingLatencyMs = 40;
         m_settings.endGraceMs = 20;
         m_settings.clientWaitMs = 5000;
+        // The fake clients report only where a test says so.
+        m_settings.pacing.window = 1000000;
         m_settings.deliveryWaitMs = 0;
     }
     void TearDown() override {

@@ -54,7 +54,9 @@ class ReplayRunnerTest : public ReplayTest::TargetRootTest {
         m_settings.networkingLatencyMs = 40;
         m_settings.endGraceMs = 20;
         m_settings.clientWaitMs = 5000;
-        // The fake clients never report what they handled.
+        // The fake clients never report what they received: no pacing, and
+        // no wait for their reports at the end.
+        m_settings.pacing.window = 1000000;
         m_settings.deliveryWaitMs = 0;
     }
     void TearDown() override {
@@ -133,13 +135,14 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
         const ClientView& view = views[c];
         const std::string slot = "s=" + std::to_string(slots[c]);
         ASSERT_EQ(view.received.size(), perClient);
-        // Into the replay state, then the initialisation record, then the
-        // clock: the client's clock plus its latency reads the start time.
+        // Into the replay state, then the clock (the client's clock plus its
+        // latency reads the start time), then the initialisation record,
+        // which the client then hands over at once.
         EXPECT_EQ(view.received[0].bytes, "#replay " + slot + ";");
-        EXPECT_EQ(view.received[1].bytes, plan.initialisation[c].record);
-        ASSERT_EQ(view.clockIndex, 2u);
-        EXPECT_EQ(ClockArgument(view.received[2].bytes),
+        ASSERT_EQ(view.clockIndex, 1u);
+        EXPECT_EQ(ClockArgument(view.received[1].bytes),
                   plan.startMs - m_settings.networkingLatencyMs);
+        EXPECT_EQ(view.received[2].bytes, plan.initialisation[c].record);
 
         size_t next = c;  // this client's records in the plan: c, c + 2, ...
         for (size_t i = 3; i + 1 < view.received.size(); ++i, next += 2) {

@@ -84,7 +84,7 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     const std::string path = WriteTargetFile("/drive.dat", log);
 
     EXPECT_EQ(m_control->Execute("replay " + path),
-              "replaying 3 records (0 initialisation) of 1 clients, 60 s\n");
+              "replaying 3 records (0 initialisation, 0 state) of 1 clients, 60 s\n");
     EXPECT_TRUE(m_control->JobRunning());
     EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
     EXPECT_EQ(m_control->Execute("replay " + path), "error: busy; stop first\n");
