@@ -8,14 +8,14 @@
 
 namespace ReplayServer {
 
-bool WriteReplayReport(const std::string& path, ReplayServer& /*server*/,
+bool WriteReplayReport(const std::string& path, ReplayServer& server,
                        const ReplayPosition& position, const ReplayResult& result,
                        std::string& error) {
     // Written beside and renamed: a reader never sees half a report.
     const std::string partial = path + ".partial";
     {
         std::ofstream file(partial, std::ios::trunc);
-        file << ReplayJson(position, &result);
+        file << ReplayJson(position, server.Deliveries().Snapshot(), &result);
         file.flush();
         if (!file) {
             error = "cannot write " + partial + ": " + std::strerror(errno);

@@ -496,6 +496,7 @@ ReplayPosition ReplayRunner::Position() const {
     position.nextRecord = m_next;
     position.recordsSent = m_result.recordsSent;
     position.loops = m_result.loops;
+    position.skippedBySeek = m_result.skippedBySeek;
     if (!m_started) {
         position.logMs = m_plan.startMs;
     } else if (m_maxRate) {

@@ -94,6 +94,8 @@ struct ReplayPosition {
     size_t records = 0;
     size_t recordsSent = 0;  // in all, loops and steps included
     size_t loops = 0;
+    // As in ReplayResult.
+    std::map<std::string, uint64_t> skippedBySeek;
 };
 
 class ReplayRunner {

@@ -18,7 +18,9 @@ ReplaySchedule::ReplaySchedule(int64_t startLogMs, int64_t nowMs)
     : m_anchorLogMs(startLogMs), m_anchorNowMs(nowMs) {}
 
 int64_t ReplaySchedule::LogTimeAt(int64_t nowMs) const {
-    if (m_paused) {
+    // Before its anchor (a line that starts once the clients are ready) the
+    // schedule stands at the anchor.
+    if (m_paused || nowMs <= m_anchorNowMs) {
         return m_anchorLogMs;
     }
     return m_anchorLogMs + FloorDivide((nowMs - m_anchorNowMs) * m_rateThousandths, 1000);

@@ -26,7 +26,8 @@ class ReplaySchedule {
     // Playing at rate 1 from `startLogMs` at `nowMs`.
     ReplaySchedule(int64_t startLogMs, int64_t nowMs);
 
-    // The log time the replay has reached at `nowMs` (frozen while paused).
+    // The log time the replay has reached at `nowMs` (frozen while paused,
+    // and the anchor's before the anchor).
     int64_t LogTimeAt(int64_t nowMs) const;
     // The moment at which `logMs` is due; kNever while paused. Log times
     // already passed are due in the past.

@@ -569,6 +569,16 @@ std::string ServerControl::ReplayStatusText() {
          << " of " << position.records << ", " << position.recordsSent << " sent, rate "
          << (position.maxRate ? "max" : rate) << ", loop " << (position.loop ? "on" : "off") << " ("
          << position.loops << " loops done)\n";
+    for (const ClientDelivery& delivery : m_server.Deliveries().Snapshot()) {
+        text << "  " << delivery.name << ": " << delivery.recordsReported << " of "
+             << delivery.recordsSent << " records handed over, "
+             << MissedRecords(delivery, position) << " missed, " << delivery.checksumErrors
+             << " checksum errors";
+        if (!delivery.lastReport.empty()) {
+            text << ", last report " << delivery.lastReport;
+        }
+        text << "\n";
+    }
     return text.str();
 }
 

@@ -29,7 +29,20 @@ std::string Line(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-Json Replay(const ReplayPosition& position, const ReplayResult* result) {
+Json Replay(const ReplayPosition& position, const std::vector<ClientDelivery>& deliveries,
+            const ReplayResult* result) {
+    Json clients = Json::array();
+    for (const ClientDelivery& delivery : deliveries) {
+        const auto skipped = position.skippedBySeek.find(delivery.name);
+        clients.push_back(
+            {{"name", delivery.name},
+             {"sent", delivery.recordsSent},
+             {"delivered", delivery.recordsReported},
+             {"missed", MissedRecords(delivery, position)},
+             {"skipped_by_seek", skipped == position.skippedBySeek.end() ? 0 : skipped->second},
+             {"checksum_errors", delivery.checksumErrors},
+             {"last_report", delivery.lastReport}});
+    }
     Json json = {{"paused", position.paused},
                  {"rate", position.rate},
                  {"max_rate", position.maxRate},
@@ -39,7 +52,8 @@ Json Replay(const ReplayPosition& position, const ReplayResult* result) {
                  {"record", position.nextRecord},
                  {"records", position.records},
                  {"records_sent", position.recordsSent},
-                 {"loops", position.loops}};
+                 {"loops", position.loops},
+                 {"clients", clients}};
     if (result != nullptr) {
         json["completed"] = result->completed;
         json["cancelled"] = result->cancelled;
@@ -48,14 +62,22 @@ Json Replay(const ReplayPosition& position, const ReplayResult* result) {
         json["send_failures"] = result->sendFailures;
         json["latest_send_ms"] = result->maxSendLatenessMs;
         json["undelivered_clients"] = result->undeliveredClients;
+        json["pacing_stalls"] = result->pacingStalls;
     }
     return json;
 }
 
 }  // namespace
 
-std::string ReplayJson(const ReplayPosition& position, const ReplayResult* result) {
-    return Line(Replay(position, result));
+uint64_t MissedRecords(const ClientDelivery& delivery, const ReplayPosition& position) {
+    const auto skipped = position.skippedBySeek.find(delivery.name);
+    const uint64_t bySeek = skipped == position.skippedBySeek.end() ? 0 : skipped->second;
+    return delivery.missed > bySeek ? delivery.missed - bySeek : 0;
+}
+
+std::string ReplayJson(const ReplayPosition& position,
+                       const std::vector<ClientDelivery>& deliveries, const ReplayResult* result) {
+    return Line(Replay(position, deliveries, result));
 }
 
 std::string ClientsJson(ReplayServer& server) {
@@ -87,7 +109,7 @@ std::string StatusJson(ReplayServer& server, bool jobRunning, const ReplayPositi
                    {"journal_on", counters.journalOn}}},
                  {"clients", ClientList(server)}};
     if (replay != nullptr) {
-        json["replay"] = Replay(*replay, nullptr);
+        json["replay"] = Replay(*replay, server.Deliveries().Snapshot(), nullptr);
     }
     return Line(json);
 }

@@ -5,6 +5,7 @@
 // line, for scripts.
 
 #include <string>
+#include <vector>
 
 #include "server/ReplayRunner.h"
 #include "server/ReplayServer.h"
@@ -20,10 +21,17 @@ std::string ClientsJson(ReplayServer& server);
 std::string StatusJson(ReplayServer& server, bool jobRunning,
                        const ReplayPosition* replay = nullptr);
 
-// A replay's position, rate and mode; with `result` (at its end) also its
-// outcome. {"paused", "rate", "max_rate", "loop", "position_ms",
-// "duration_ms", "record", "records", "records_sent", "loops", ...}
-std::string ReplayJson(const ReplayPosition& position, const ReplayResult* result = nullptr);
+// A replay's position, rate and mode, and per client what it reported;
+// with `result` (at its end) also its outcome. {"paused", "rate",
+// "max_rate", "loop", "position_ms", "duration_ms", "record", "records",
+// "records_sent", "loops", "clients": [{"name", "sent", "delivered",
+// "missed", "skipped_by_seek", "checksum_errors", "last_report"}], ...}
+std::string ReplayJson(const ReplayPosition& position,
+                       const std::vector<ClientDelivery>& deliveries,
+                       const ReplayResult* result = nullptr);
+
+// Gaps a client found in its block numbers, less those a seek made.
+uint64_t MissedRecords(const ClientDelivery& delivery, const ReplayPosition& position);
 
 }  // namespace ReplayServer
 

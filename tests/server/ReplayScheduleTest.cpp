@@ -69,7 +69,8 @@ TEST(ReplaySchedule, AtAnyRateNoLogTimeIsDueBeforeItIsReached) {
     for (const double rate : {0.1, 0.3, 0.7, 1.0, 1.5, 3.0, 7.0, 10.0}) {
         ReplaySchedule schedule(kLogStart, kClockStart);
         ASSERT_TRUE(schedule.SetRate(rate, kClockStart + 7));
-        for (int64_t log = kLogStart + 7; log < kLogStart + 3000; log += 13) {
+        // After the anchor (before it the schedule stands at the anchor).
+        for (int64_t log = kLogStart + 8; log < kLogStart + 3000; log += 13) {
             const int64_t due = schedule.DueAt(log);
             EXPECT_GE(schedule.LogTimeAt(due), log) << "rate " << rate << " log " << log;
             // And not more than a millisecond's worth late.
