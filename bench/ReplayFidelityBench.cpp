@@ -10,8 +10,12 @@
 // (clock_nanosleep, TIMER_ABSTIME, CLOCK_MONOTONIC) through the same recorded
 // schedule, the host's scheduling noise floor.
 //
+// A second case pauses the replay a third of the way in for two seconds and
+// measures the items after the resume against their new moments.
+//
 // Settings (environment):
-//   FIDELITY_SECONDS   recording length (default 60)
+//   FIDELITY_SECONDS         recording length (default 60)
+//   FIDELITY_PAUSE_SECONDS   recording length of the pause case (default 30)
 // Needs logger/replay-logger, server/ReplayManager and examples/demo_client
 // built in the same tree.
 
@@ -26,6 +30,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/PipelineSupport.h"
@@ -253,6 +258,133 @@ void BM_ReplayFidelity(benchmark::State& state) {
     state.counters["first_item_late_ms"] = static_cast<double>(result.worstFirstItemLateMs);
 }
 
+// A replay paused a third of the way in for two seconds, then resumed: each
+// item after the resume against its new moment, the resume moment plus its
+// recorded time's distance from the paused position. Nothing may be lost.
+struct PauseResumeResult {
+    std::vector<int64_t> errorsUs;  // items after the resume
+    size_t recorded = 0;
+    size_t lost = 0;
+    int64_t worstFirstAfterResumeUs = 0;
+};
+
+bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) {
+    BenchPipeline::TargetRoot root;
+    const std::string address = BenchPipeline::RandomLoopbackAddress();
+    BenchPipeline::RecordingPipeline pipeline(root, address);
+    const std::string demoClient = BenchPipeline::BuiltProgram("examples/demo_client");
+    if (demoClient.empty() ||
+        !pipeline.Start("serverIP:" + address + ";\nnetworkingLatency:" +
+                        std::to_string(kNetworkingLatencyMs) + ";\nserverLeadTime:100;\n")) {
+        error = "cannot start the pipeline";
+        return false;
+    }
+    ChildProcess clients[3];
+    for (int c = 0; c < 3; ++c) {
+        const std::string name = kClientNames[c];
+        if (!clients[c].Start({demoClient, name, root / (name + ".journal")}, root / "work",
+                              {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1",
+                               "DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))},
+                              root / (name + ".out"))) {
+            error = "cannot start demo_client";
+            return false;
+        }
+    }
+    if (!BenchPipeline::WaitFor(
+            [&] {
+                const std::string table = pipeline.Command("clients");
+                size_t running = 0;
+                for (size_t at = table.find("Running"); at != std::string::npos;
+                     at = table.find("Running", at + 1)) {
+                    ++running;
+                }
+                return running >= 3;
+            },
+            std::chrono::seconds(20), std::chrono::milliseconds(100))) {
+        error = "the demo clients did not connect";
+        return false;
+    }
+    std::fprintf(stderr, "  recording %d s ...\n", seconds);
+    pipeline.Command("record " + std::to_string(seconds));
+    pipeline.Command("wait");
+    const std::string replay = pipeline.Command("replay " + pipeline.LogFile());
+    if (replay.compare(0, 9, "replaying") != 0) {
+        error = "replay refused: " + replay;
+        return false;
+    }
+    const auto monotonicUs = [] {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 1000 / 3));
+    const std::string paused = pipeline.Command("pause");
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const int64_t resumeSentUs = monotonicUs();
+    const std::string resumed = pipeline.Command("resume");
+    const int64_t resumeUs = (resumeSentUs + monotonicUs()) / 2;
+    const std::string done = pipeline.Command("wait");
+    std::fprintf(stderr, "  %s  %s  %s  replay: %s", replay.c_str(), paused.c_str(),
+                 resumed.c_str(), done.c_str());
+    if (paused.compare(0, 10, "paused at ") != 0) {
+        error = "pause refused: " + paused;
+        return false;
+    }
+    // The position is counted from the earliest recorded item.
+    const int64_t pausedOffsetMs = std::llround(std::strtod(paused.c_str() + 10, nullptr) * 1000);
+    for (ChildProcess& client : clients) {
+        client.Stop(std::chrono::seconds(20));
+    }
+    std::vector<std::vector<JournalEntry>> journals;
+    int64_t startMs = INT64_MAX;
+    for (const char* name : kClientNames) {
+        journals.push_back(ReadJournal(root / (std::string(name) + ".journal")));
+        if (!journals.back().empty()) {
+            startMs = std::min(startMs, journals.back().front().timeMs);
+        }
+    }
+    for (int c = 0; c < 3; ++c) {
+        const std::vector<ReplayedItem> items =
+            ReadReplayedItems(root / (std::string(kClientNames[c]) + ".items"));
+        std::set<long long> seen;
+        bool first = true;
+        for (const ReplayedItem& item : items) {
+            seen.insert(item.journalIndex);
+            if (item.momentUs < resumeSentUs) {
+                continue;
+            }
+            const int64_t dueUs = resumeUs + (item.recordedMs - startMs - pausedOffsetMs) * 1000;
+            result.errorsUs.push_back(item.momentUs - dueUs);
+            if (first) {
+                first = false;
+                result.worstFirstAfterResumeUs = std::max<int64_t>(
+                    result.worstFirstAfterResumeUs, std::llabs(item.momentUs - dueUs));
+            }
+        }
+        result.recorded += journals[static_cast<size_t>(c)].size();
+        result.lost += journals[static_cast<size_t>(c)].size() - seen.size();
+    }
+    return true;
+}
+
+void BM_ReplayFidelityPauseResume(benchmark::State& state) {
+    const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_PAUSE_SECONDS", 30));
+    PauseResumeResult result;
+    for (auto _ : state) {
+        std::string error;
+        if (!RunPauseResume(seconds, result, error)) {
+            state.SkipWithError(error.c_str());
+            return;
+        }
+    }
+    ReportDistribution(state, result.errorsUs);
+    state.counters["recorded"] = static_cast<double>(result.recorded);
+    // The last block of each client never reaches the log.
+    state.counters["lost"] = static_cast<double>(result.lost);
+    state.counters["first_after_resume_ms"] =
+        static_cast<double>(result.worstFirstAfterResumeUs) / 1000.0;
+}
+
 // The same schedule slept through on absolute deadlines: each client's items
 // at their recorded offsets from its first item, all clients from one start.
 void BM_AbsoluteSleepBaseline(benchmark::State& state) {
@@ -294,6 +426,7 @@ void BM_AbsoluteSleepBaseline(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ReplayFidelity)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayFidelityPauseResume)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_AbsoluteSleepBaseline)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
 }  // namespace
