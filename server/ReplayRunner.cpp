@@ -305,6 +305,8 @@ ReplayResult ReplayRunner::Run() {
             }
             ++m_result.loops;
             m_next = 0;
+            // Each client starts the next pass from its state at the start.
+            SendStateBefore(m_plan.startMs);
             Reanchor(m_plan.startMs, now);
             continue;
         }
