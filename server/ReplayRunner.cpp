@@ -286,7 +286,10 @@ ReplayResult ReplayRunner::Run() {
             lock.unlock();
             const bool room = m_pacer->WaitForRoom(record.client);
             lock.lock();
-            if (!room || index != m_next || m_schedule.Paused() || m_cancelled) {
+            // Meanwhile a control call may have moved, paused or re-timed
+            // the replay: then everything is looked at again.
+            if (!room || index != m_next || m_schedule.Paused() || m_cancelled ||
+                m_clockDueMs != INT64_MIN || NowMs() < m_schedule.DueAt(record.timeMs) - lead) {
                 continue;
             }
             // Records due within the lead time of the start go out at once.
@@ -295,8 +298,8 @@ ReplayResult ReplayRunner::Run() {
             continue;
         }
         // Past the last record: start again, or let the clients hand it
-        // over before they are stopped.
-        // At max rate the last record was due when it went out.
+        // over before they are stopped. At max rate the last record was due
+        // when it went out.
         const int64_t lastDue = m_maxRate ? m_clientsIdleMs : m_schedule.DueAt(m_plan.endMs);
         if (m_loop) {
             if (now < lastDue) {
