@@ -89,10 +89,13 @@ ReplayResult ReplayRunner::Run() {
     }
 
     // A client's replay time is its clock plus its latency: starting the
-    // clock at start - latency makes it read the log time when the anchor's
-    // offset does.
+    // clock at origin - latency makes it read the log time when the anchor's
+    // offset does. The origin lies a lead time before the start, so that
+    // every client takes its first item up well ahead of its moment and
+    // waits for it, instead of handing it over at once, early.
+    const int64_t originMs = m_plan.startMs - m_settings.serverLeadTimeMs;
     const std::string clock =
-        "l=" + MSTime::MSTimeStruct(0, m_plan.startMs - m_settings.networkingLatencyMs).ToString();
+        "l=" + MSTime::MSTimeStruct(0, originMs - m_settings.networkingLatencyMs).ToString();
     const auto anchor = std::chrono::steady_clock::now();
     for (const std::string& name : m_plan.clients) {
         m_server.CommandClient(name, ReplayCore::eStateReplay, clock);
@@ -122,8 +125,8 @@ ReplayResult ReplayRunner::Run() {
     auto nextProgress = anchor;
     bool cancelled = false;
     for (const PlannedRecord& record : m_plan.records) {
-        const auto due = anchor + std::chrono::milliseconds(record.timeMs - m_plan.startMs -
-                                                            pacer.LeadMs(record));
+        const auto due = anchor + std::chrono::microseconds((record.timeMs - originMs) * 1000 -
+                                                            pacer.LeadUs(record));
         if (!WaitUntil(due) || (!pacer.WaitForRoom(record.client) &&
                                 !WaitUntil(std::chrono::steady_clock::time_point::min()))) {
             cancelled = true;
@@ -149,7 +152,7 @@ ReplayResult ReplayRunner::Run() {
         }
     }
     if (!cancelled) {
-        const auto end = anchor + std::chrono::milliseconds(m_plan.DurationMs() +
+        const auto end = anchor + std::chrono::milliseconds(m_plan.endMs - originMs +
                                                             m_settings.networkingLatencyMs +
                                                             m_settings.endGraceMs);
         cancelled = !WaitUntil(end);

@@ -164,23 +164,30 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
 
 // At 100 Hz the items of a block are 10 ms apart: a client takes the next
 // one up just as it hands over the last, and would hand it over at once,
-// 10 ms early, were it in the same record. The bound leaves room for a
-// loaded machine; the benchmark measures the figures.
+// 10 ms early, were it in the same record, or sent ahead of its moment. A
+// loaded machine makes items late, never early: items early against the
+// median are what this counts. The benchmark measures the figures.
 TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     const std::vector<Item> items = Items(300, 10000);
     const std::string log = WriteLog("imu", items);
     ASSERT_NO_FATAL_FAILURE(StartReplayClient("imu", items));
     const std::vector<Replayed> replayed = ReplayAndCollect("replay " + log);
     ASSERT_EQ(Indexes(replayed), Range(0, 299));
-    size_t off = 0;
-    int64_t worstUs = 0;
+    std::vector<int64_t> errorsUs;
     for (const Replayed& item : replayed) {
-        const int64_t errorUs = (item.momentUs - replayed[0].momentUs) -
-                                (item.recordedMs - replayed[0].recordedMs) * 1000;
-        worstUs = std::max<int64_t>(worstUs, std::llabs(errorUs));
-        off += std::llabs(errorUs) > 4000 ? 1 : 0;
+        errorsUs.push_back((item.momentUs - replayed[0].momentUs) -
+                           (item.recordedMs - replayed[0].recordedMs) * 1000);
     }
-    EXPECT_LT(off, replayed.size() / 10) << "worst " << worstUs << " us";
+    std::vector<int64_t> sorted = errorsUs;
+    std::sort(sorted.begin(), sorted.end());
+    const int64_t medianUs = sorted[sorted.size() / 2];
+    size_t early = 0;
+    std::string text;
+    for (const int64_t errorUs : errorsUs) {
+        early += errorUs - medianUs < -4000 ? 1 : 0;
+        text += std::to_string((errorUs - medianUs) / 100) + " ";
+    }
+    EXPECT_LT(early, replayed.size() / 20) << "errors against the median in 0.1 ms: " << text;
 }
 
 // 20,000 items of 64 bytes recorded in 80 ms: far more than a client's
