@@ -210,6 +210,11 @@ std::string ServerControl::Replay(const std::vector<std::string>& words) {
     if (plan->damagedRecords > plan->damageReports.size()) {
         reply << "skipped " << plan->damagedRecords << " damaged records in all\n";
     }
+    if (plan->skippedItems > 0 || plan->unformedItems > 0) {
+        reply << "skipped " << plan->skippedItems
+              << " items a client would not hand over (empty or without a time) and "
+              << plan->unformedItems << " items too large to send on their own\n";
+    }
     m_plan = std::move(plan);
     {
         std::lock_guard<std::mutex> lock(m_jobMutex);
@@ -224,7 +229,10 @@ std::string ServerControl::Replay(const std::vector<std::string>& words) {
         } else {
             text << (result.cancelled ? "replay stopped: " : "replay complete: ")
                  << result.recordsSent << " records sent, " << result.sendFailures
-                 << " failed, latest send " << result.maxSendLatenessMs << " ms behind\n";
+                 << " failed, latest send " << result.maxSendLatenessMs << " ms behind, "
+                 << result.pacingStalls << " pacing stalls, "
+                 << (result.deliveredAll ? "all reported delivered" : "not all reported delivered")
+                 << "\n";
         }
         m_lastJobOk.store(result.completed && result.sendFailures == 0, std::memory_order_release);
         m_output(text.str());
