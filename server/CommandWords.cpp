@@ -78,16 +78,25 @@ bool SenderCommandLine(const std::vector<std::string>& arguments, std::string& l
         return false;
     }
     if (words[0] == "replay") {
+        // The file, and the report to write, are the sender's paths; other
+        // options take plain values.
+        const auto absolute = [](std::string& path) {
+            std::error_code ignored;
+            const std::filesystem::path full = std::filesystem::absolute(path, ignored);
+            if (!full.empty()) {
+                path = full.lexically_normal().string();
+            }
+        };
+        bool fileSeen = false;
         for (size_t i = 1; i < words.size(); ++i) {
-            if (words[i] == "--segment" || words[i] == "--from") {
+            if (words[i] == "--report" && i + 1 < words.size()) {
+                absolute(words[++i]);
+            } else if (words[i] == "--segment" || words[i] == "--from" || words[i] == "--to" ||
+                       words[i] == "--clients") {
                 ++i;
-            } else if (!words[i].empty() && words[i][0] != '-') {
-                std::error_code ignored;
-                const std::filesystem::path absolute = std::filesystem::absolute(words[i], ignored);
-                if (!absolute.empty()) {
-                    words[i] = absolute.lexically_normal().string();
-                }
-                break;
+            } else if (!fileSeen && !words[i].empty() && words[i][0] != '-') {
+                absolute(words[i]);
+                fileSeen = true;
             }
         }
     }

@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <climits>
 #include <cstring>
+#include <map>
 
 #include "libreplay/server/ReplayLogReader.h"
 #include "ReplayManager/ReplayLogRecord.h"
+#include "server/ReplayItems.h"
 
 namespace ReplayServer {
 
@@ -25,6 +28,9 @@ void ReportDamage(ReplayPlan& plan, uint64_t offset, const char* what) {
         plan.damageReports.push_back(text);
     }
 }
+
+bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& options,
+               ReplayPlan& plan, std::string& error);
 
 bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& options,
                      ReplayPlan& plan, std::string& error) {
@@ -84,20 +90,113 @@ bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& opt
         error = "cannot read the log: " + reader.LastError();
         return false;
     }
-    std::stable_sort(
-        plan.records.begin(), plan.records.end(),
-        [](const PlannedRecord& a, const PlannedRecord& b) { return a.timeMs < b.timeMs; });
     if (plan.records.empty()) {
         error = "the log holds no data records to replay";
         return false;
     }
-    plan.startMs = plan.records.front().timeMs + std::max<int64_t>(0, options.fromOffsetMs);
-    const int64_t start = plan.startMs;
-    plan.records.erase(std::remove_if(plan.records.begin(), plan.records.end(),
-                                      [start](const PlannedRecord& r) { return r.timeMs < start; }),
-                       plan.records.end());
+    std::vector<PlannedRecord> stored;
+    stored.swap(plan.records);
+    std::stable_sort(
+        stored.begin(), stored.end(),
+        [](const PlannedRecord& a, const PlannedRecord& b) { return a.timeMs < b.timeMs; });
+    return PlanItems(stored, options, plan, error);
+}
+
+struct CutItem {
+    std::string client;
+    char typeCharacter = 0;
+    // When it is due: never before the same client's previous item, which a
+    // client hands over first.
+    int64_t dueMs = 0;
+    int64_t timeMs = 0;  // as recorded: the callback sees it
+    uint64_t offset = 0;
+    std::string data;
+};
+
+bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& options,
+               ReplayPlan& plan, std::string& error) {
+    std::vector<CutItem> items;
+    std::map<std::string, int64_t> latest;
+    ItemCut cut;
+    for (const PlannedRecord& record : stored) {
+        if (!CutRecordItems(record.record, cut)) {
+            ReportDamage(plan, record.offset, "items do not parse");
+            continue;
+        }
+        plan.skippedItems += cut.emptyItems + cut.itemsWithoutTime;
+        auto previous = latest.emplace(cut.client, INT64_MIN).first;
+        for (ReplayItem& item : cut.items) {
+            CutItem entry;
+            entry.client = cut.client;
+            entry.typeCharacter = cut.typeCharacter;
+            entry.timeMs = item.timeMs;
+            entry.dueMs = std::max(item.timeMs, previous->second);
+            previous->second = entry.dueMs;
+            entry.offset = record.offset;
+            entry.data = std::move(item.data);
+            items.push_back(std::move(entry));
+        }
+    }
+    if (items.empty()) {
+        error = "the log holds no items to replay";
+        return false;
+    }
+    std::stable_sort(items.begin(), items.end(),
+                     [](const CutItem& a, const CutItem& b) { return a.dueMs < b.dueMs; });
+
+    const int64_t first = items.front().dueMs;
+    plan.startMs = first + std::max<int64_t>(0, options.fromOffsetMs);
+    const int64_t end = options.toOffsetMs >= 0 ? first + options.toOffsetMs : INT64_MAX;
+    if (end <= plan.startMs) {
+        error = "nothing to replay: the end of the range is not after its start";
+        return false;
+    }
+    // Each client's last item before the range.
+    std::map<std::string, size_t> lastBefore;
+    size_t rangeBegin = 0;
+    for (; rangeBegin < items.size() && items[rangeBegin].dueMs < plan.startMs; ++rangeBegin) {
+        lastBefore[items[rangeBegin].client] = rangeBegin;
+    }
+    std::map<std::string, unsigned int> sequences;
+    std::map<std::string, int64_t> previousDue;
+    auto add = [&](const CutItem& item, std::vector<PlannedRecord>& into, bool range) {
+        auto sequence = sequences.emplace(item.client, options.firstSequence).first;
+        PlannedRecord planned;
+        if (!FormItemRecord(item.typeCharacter, item.client, item.timeMs, sequence->second,
+                            item.data, planned.record)) {
+            ++plan.unformedItems;
+            return;
+        }
+        planned.client = item.client;
+        planned.timeMs = item.dueMs;
+        planned.sequence = sequence->second++;
+        planned.offset = item.offset;
+        // The state item counts as the client's previous item: the client
+        // hands it over just before the first item of the range.
+        auto previous = previousDue.find(item.client);
+        if (range) {
+            planned.gapMs = previous == previousDue.end() ? -1 : item.dueMs - previous->second;
+        }
+        previousDue[item.client] = item.dueMs;
+        plan.clients.insert(item.client);
+        into.push_back(std::move(planned));
+    };
+    if (options.withState) {
+        std::vector<size_t> indexes;
+        for (const auto& entry : lastBefore) {
+            indexes.push_back(entry.second);
+        }
+        std::sort(indexes.begin(), indexes.end());
+        for (size_t index : indexes) {
+            add(items[index], plan.state, false);
+        }
+    }
+    for (size_t i = rangeBegin; i < items.size() && items[i].dueMs < end; ++i) {
+        add(items[i], plan.records, true);
+    }
     if (plan.records.empty()) {
-        error = "the offset lies beyond the last record";
+        error = rangeBegin == items.size() ? "the offset lies beyond the last record"
+                                           : "no item to replay in the range";
         return false;
     }
     plan.endMs = plan.records.back().timeMs;

@@ -264,6 +264,9 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     if (status && payloadLength > 0) {
         // The client's last report (state changes, replay errors) for status.
         client.SetAuxiliaryText(record.substr(payloadStart, payloadLength));
+        if (m_replaying.load(std::memory_order_relaxed) && !client.GetClientName().empty()) {
+            m_deliveries.NoteReport(name, record.substr(payloadStart, payloadLength));
+        }
     }
     if (DebugOutputAttached()) {
         dbgMessage("%s::%s: %s record of %d bytes from %s\n", DebugAppName(), kTag,
@@ -515,7 +518,11 @@ ReplayError ReplayServer::CommandClient(const std::string& name, ReplayState sta
 
 ReplayError ReplayServer::SendRecord(const std::string& name, const std::string& record,
                                      int sequence) {
-    return SendTo(name, record, sequence, false);
+    ReplayError result = SendTo(name, record, sequence, false);
+    if (!result.IsError()) {
+        m_deliveries.NoteSent(name);
+    }
+    return result;
 }
 
 void ReplayServer::StartRecording() {
@@ -618,6 +625,9 @@ StopProgress ReplayServer::Stopping() const {
 }
 
 void ReplayServer::SetReplaying(bool replaying) {
+    if (replaying) {
+        m_deliveries.Reset();
+    }
     m_replaying.store(replaying, std::memory_order_relaxed);
     m_state.store(replaying ? ReplayCore::eStateReplay : ReplayCore::eStateStopped,
                   std::memory_order_relaxed);

@@ -24,6 +24,7 @@
 #include "server/IngestJournal.h"
 #include "server/RecordReorderBuffer.h"
 #include "server/RecordTimeWindow.h"
+#include "server/ReplayDelivery.h"
 #include "server/SourceAllowList.h"
 
 namespace ReplayServer {
@@ -141,7 +142,8 @@ class ReplayServer : public UDPSocketServer {
     // Sends the state command to one named client.
     ReplayError CommandClient(const std::string& name, ReplayCore::ReplayState state,
                               const std::string& extraArguments = "");
-    // Sends raw bytes (a stored record) to a named client.
+    // Sends raw bytes (a stored record) to a named client; a record sent is
+    // counted for the client's delivery reports.
     ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
 
     void StartRecording();
@@ -157,8 +159,12 @@ class ReplayServer : public UDPSocketServer {
     // Writes a status record into the writer's pipe: the writer writes out
     // everything queued. Waits up to `timeoutMs` for the writer to take it.
     bool FlushWriteQueue(int timeoutMs = 5000);
-    // While replaying no record is taken into the log.
+    // While replaying no record is taken into the log. The start of a
+    // replay forgets the last one's delivery figures.
     void SetReplaying(bool replaying);
+    // What the clients report of the records a replay sent them; fed by the
+    // receive path while replaying.
+    ReplayDeliveryTracker& Deliveries() { return m_deliveries; }
 
     unsigned int SlotOf(const std::string& name);
     ServerCounters Counters() const;
@@ -248,6 +254,7 @@ class ReplayServer : public UDPSocketServer {
     std::atomic<uint64_t> m_itemsAfterStop{0};
     std::atomic<uint64_t> m_recovered{0};
     std::atomic<bool> m_replaying{false};
+    ReplayDeliveryTracker m_deliveries;
     std::mutex m_forwardMutex;  // one record per pipe write, whoever writes
     // A log opens, header first, with its first data record. Block-0
     // records (clients' initialisation) that reach the writer before that

@@ -2,9 +2,11 @@
 #define SERVER_SERVERCONTROL_H
 
 // The operator's commands, one line each, from standard input or the control
-// socket: record [SECONDS], replay FILE [--segment N] [--from SECONDS],
-// stop, status, clients, wait, quit, help. A recording with a duration and a
-// replay run as a job in the background; one job at a time.
+// socket (help lists them), and the same operations as calls for programs
+// (a web page's server): Execute only reads the words and calls them. A
+// recording with a duration and a replay run as a job in the background; one
+// job at a time. A running replay answers pause, resume, seek, step, rate
+// and loop at once.
 
 #include <atomic>
 #include <condition_variable>
@@ -19,6 +21,23 @@
 #include "server/ReplayServer.h"
 
 namespace ReplayServer {
+
+// The outcome of one operation: `text` is the reply (or the error, without
+// the "error: " that Execute puts in front).
+struct ControlReply {
+    bool ok = true;
+    std::string text;
+};
+
+struct ReplayRequest {
+    std::string path;
+    PlanOptions options;
+    // Only these clients replay (the others stay stopped); empty: all.
+    std::vector<std::string> clients;
+    bool loop = false;
+    // Written when the replay ends: position, rate and per client delivery.
+    std::string reportPath;
+};
 
 class ServerControl {
   public:
@@ -42,11 +61,31 @@ class ServerControl {
     std::string StatusText();
     std::string ClientsText();
 
+    // The replay operations. Each answers at once; an error says why it
+    // does not apply (no replay running, step while playing, ...).
+    ControlReply StartReplay(const ReplayRequest& request);
+    ControlReply Pause();
+    ControlReply Resume();
+    ControlReply Seek(double seconds);
+    ControlReply StepRecords(size_t count);
+    ControlReply StepMilliseconds(int64_t ms);
+    // 0.1 to 10; 0 stands for "max", as fast as the clients report.
+    ControlReply SetRate(double rate);
+    ControlReply SetLoop(bool loop);
+    // Where the running (or last) replay stands; started false when none.
+    ReplayPosition Position();
+    // Waits until the running job has ended; "done" or what went wrong.
+    ControlReply WaitForJob();
+
   private:
     std::string Record(const std::string& seconds);
     std::string Replay(const std::vector<std::string>& words);
+    std::string Step(const std::vector<std::string>& words);
     std::string Stop();
-    std::string WaitForJob();
+    // Runs `operation` on the running replay's runner.
+    ControlReply OnRunner(const std::function<std::string(ReplayRunner&)>& operation,
+                          const std::string& done);
+    std::string ReplayStatusText();
     // Starts `body` as the job; false when one is running.
     bool StartJob(std::function<void()> body);
     void JoinFinishedJob();
@@ -64,6 +103,8 @@ class ServerControl {
     bool m_stopRequested = false;  // under m_jobMutex
     std::unique_ptr<ReplayPlan> m_plan;
     std::unique_ptr<ReplayRunner> m_runner;  // under m_jobMutex while set
+    ReplayPosition m_lastPosition;           // under m_jobMutex
+    std::string m_lastJobText;               // under m_jobMutex
 };
 
 }  // namespace ReplayServer

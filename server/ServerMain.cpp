@@ -161,7 +161,8 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
 
     std::atomic<bool> inputStop{false};
     std::thread input;
-    if (mode == Mode::kServe) {
+    // A replay takes commands too (pause, seek, ...).
+    if (mode != Mode::kRecord) {
         input = std::thread(ReadStandardInput, std::ref(control), std::cref(inputStop));
     }
     // A timed recording or a replay ends the process when it is over.
@@ -203,10 +204,15 @@ int ServerMain(int argc, char** argv) {
         "The replay server: keeps the table of replay clients, records their data into the log "
         "through the logger service, and replays logs to them.\n\nWithout a subcommand it serves "
         "until quit (standard input or the control socket), SIGINT or SIGTERM. Commands: "
-        "record [SECONDS], replay FILE [--segment N] [--from SECONDS], stop, status, clients, "
-        "wait, quit.\n\nExit status: 0 success; 1 the operation failed (a replay that did not "
-        "complete, a replay file that is missing or not a regular file, a command the server "
-        "refused); 2 usage error (bad option).",
+        "record [SECONDS]; replay FILE [--segment N] [--from SECONDS] [--to SECONDS] "
+        "[--no-state] [--clients A,B] [--loop] [--report FILE.json]; and, while a replay runs, "
+        "pause, resume, seek SECONDS, step [N | MS ms] (while paused), rate R (0.1 to 10) or "
+        "rate max (as fast as the clients report), loop on|off; stop; status [--json]; "
+        "clients [--json]; wait (a replay: until every client has reported its last record, or "
+        "a time-out naming those that did not); quit; help.\n\nExit status: 0 success; 1 the "
+        "operation failed (a replay that did not complete or whose clients did not all report "
+        "their last record, a replay file that is missing or not a regular file, a command the "
+        "server refused); 2 usage error (bad option).",
         "ReplayManager"};
     // The program's version and that of the library it runs with.
     app.set_version_flag("--version", std::string("ReplayManager ") + LIBREPLAY_VERSION +
@@ -267,6 +273,15 @@ int ServerMain(int argc, char** argv) {
         ->check(CLI::NonNegativeNumber);
     replay->add_option("--from", from, "Start this many seconds into the log")
         ->check(CLI::NonNegativeNumber);
+    std::string replayClients;
+    std::string reportPath;
+    bool loop = false;
+    replay->add_option("--clients", replayClients,
+                       "Only these clients, separated by commas (the others stay stopped)");
+    replay->add_flag("--loop", loop, "Start again from the beginning at the end, until stopped");
+    replay->add_option("--report", reportPath,
+                       "Write the replay's outcome and each client's delivery here (JSON) at "
+                       "the end");
 
     CLI::App* send = app.add_subcommand(
         "send",
@@ -323,6 +338,15 @@ int ServerMain(int argc, char** argv) {
         }
         if (from > 0) {
             line += " --from " + std::to_string(from);
+        }
+        if (!replayClients.empty()) {
+            line += " --clients " + QuoteCommandWord(replayClients);
+        }
+        if (loop) {
+            line += " --loop";
+        }
+        if (!reportPath.empty()) {
+            line += " --report " + QuoteCommandWord(reportPath);
         }
         return Run(common, Mode::kReplay, 0, line);
     }

@@ -29,38 +29,89 @@ std::string Line(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
+Json Replay(const ReplayPosition& position, const std::vector<ClientDelivery>& deliveries,
+            const ReplayResult* result) {
+    Json clients = Json::array();
+    for (const ClientDelivery& delivery : deliveries) {
+        const auto skipped = position.skippedBySeek.find(delivery.name);
+        clients.push_back(
+            {{"name", delivery.name},
+             {"sent", delivery.recordsSent},
+             {"delivered", delivery.recordsReported},
+             {"missed", MissedRecords(delivery, position)},
+             {"skipped_by_seek", skipped == position.skippedBySeek.end() ? 0 : skipped->second},
+             {"checksum_errors", delivery.checksumErrors},
+             {"last_report", delivery.lastReport}});
+    }
+    Json json = {{"paused", position.paused},
+                 {"rate", position.rate},
+                 {"max_rate", position.maxRate},
+                 {"loop", position.loop},
+                 {"position_ms", position.logMs - position.startMs},
+                 {"duration_ms", position.endMs - position.startMs},
+                 {"record", position.nextRecord},
+                 {"records", position.records},
+                 {"records_sent", position.recordsSent},
+                 {"loops", position.loops},
+                 {"clients", clients}};
+    if (result != nullptr) {
+        json["completed"] = result->completed;
+        json["cancelled"] = result->cancelled;
+        json["error"] = result->error;
+        json["initialisation_sent"] = result->initialisationSent;
+        json["send_failures"] = result->sendFailures;
+        json["latest_send_ms"] = result->maxSendLatenessMs;
+        json["undelivered_clients"] = result->undeliveredClients;
+        json["pacing_stalls"] = result->pacingStalls;
+    }
+    return json;
+}
+
 }  // namespace
+
+uint64_t MissedRecords(const ClientDelivery& delivery, const ReplayPosition& position) {
+    const auto skipped = position.skippedBySeek.find(delivery.name);
+    const uint64_t bySeek = skipped == position.skippedBySeek.end() ? 0 : skipped->second;
+    return delivery.missed > bySeek ? delivery.missed - bySeek : 0;
+}
+
+std::string ReplayJson(const ReplayPosition& position,
+                       const std::vector<ClientDelivery>& deliveries, const ReplayResult* result) {
+    return Line(Replay(position, deliveries, result));
+}
 
 std::string ClientsJson(ReplayServer& server) {
     return Line(Json{{"clients", ClientList(server)}});
 }
 
-std::string StatusJson(ReplayServer& server, bool jobRunning) {
+std::string StatusJson(ReplayServer& server, bool jobRunning, const ReplayPosition* replay) {
     const ServerCounters counters = server.Counters();
-    const Json json = {
-        {"state", ReplayCore::ReplayStateManager::GetReplayStateName(server.GetState())},
-        {"job_running", jobRunning},
-        {"counters",
-         {{"datagrams", counters.datagrams},
-          {"records_to_log", counters.recordsForwarded},
-          {"checksum_failures", counters.checksumFailures},
-          {"unparsable", counters.unparsable},
-          {"pipe_failures", counters.forwardFailures},
-          {"status_records", counters.statusRecords},
-          {"refused_clients", counters.refusedClients},
-          {"refused_sources", counters.refusedSources},
-          {"held_for_ordering", counters.recordsHeld},
-          {"no_room_to_hold", counters.heldOverflow},
-          {"passed_on_early", counters.heldReleasedEarly},
-          {"oversized_datagrams", counters.oversized},
-          {"outside_time_window", counters.outsideTimeWindow},
-          {"dropped_late", counters.droppedLate},
-          {"items_after_stop", counters.itemsAfterStop},
-          {"blocks_after_stop", counters.blocksAfterStop},
-          {"records_recovered", counters.recordsRecovered},
-          {"journal_failures", counters.journalFailures},
-          {"journal_on", counters.journalOn}}},
-        {"clients", ClientList(server)}};
+    Json json = {{"state", ReplayCore::ReplayStateManager::GetReplayStateName(server.GetState())},
+                 {"job_running", jobRunning},
+                 {"counters",
+                  {{"datagrams", counters.datagrams},
+                   {"records_to_log", counters.recordsForwarded},
+                   {"checksum_failures", counters.checksumFailures},
+                   {"unparsable", counters.unparsable},
+                   {"pipe_failures", counters.forwardFailures},
+                   {"status_records", counters.statusRecords},
+                   {"refused_clients", counters.refusedClients},
+                   {"refused_sources", counters.refusedSources},
+                   {"held_for_ordering", counters.recordsHeld},
+                   {"no_room_to_hold", counters.heldOverflow},
+                   {"passed_on_early", counters.heldReleasedEarly},
+                   {"oversized_datagrams", counters.oversized},
+                   {"outside_time_window", counters.outsideTimeWindow},
+                   {"dropped_late", counters.droppedLate},
+                   {"items_after_stop", counters.itemsAfterStop},
+                   {"blocks_after_stop", counters.blocksAfterStop},
+                   {"records_recovered", counters.recordsRecovered},
+                   {"journal_failures", counters.journalFailures},
+                   {"journal_on", counters.journalOn}}},
+                 {"clients", ClientList(server)}};
+    if (replay != nullptr) {
+        json["replay"] = Replay(*replay, server.Deliveries().Snapshot(), nullptr);
+    }
     return Line(json);
 }
 

@@ -5,7 +5,9 @@
 // line, for scripts.
 
 #include <string>
+#include <vector>
 
+#include "server/ReplayRunner.h"
 #include "server/ReplayServer.h"
 
 namespace ReplayServer {
@@ -14,8 +16,22 @@ namespace ReplayServer {
 // "slot", "last_message"}, ...]}
 std::string ClientsJson(ReplayServer& server);
 
-// {"state", "job_running", "counters": {...}, "clients": [...]}
-std::string StatusJson(ReplayServer& server, bool jobRunning);
+// {"state", "job_running", "counters": {...}, "clients": [...]}, and
+// "replay": {...} (ReplayJson) when a replay has started.
+std::string StatusJson(ReplayServer& server, bool jobRunning,
+                       const ReplayPosition* replay = nullptr);
+
+// A replay's position, rate and mode, and per client what it reported;
+// with `result` (at its end) also its outcome. {"paused", "rate",
+// "max_rate", "loop", "position_ms", "duration_ms", "record", "records",
+// "records_sent", "loops", "clients": [{"name", "sent", "delivered",
+// "missed", "skipped_by_seek", "checksum_errors", "last_report"}], ...}
+std::string ReplayJson(const ReplayPosition& position,
+                       const std::vector<ClientDelivery>& deliveries,
+                       const ReplayResult* result = nullptr);
+
+// Gaps a client found in its block numbers, less those a seek made.
+uint64_t MissedRecords(const ClientDelivery& delivery, const ReplayPosition& position);
 
 }  // namespace ReplayServer
 

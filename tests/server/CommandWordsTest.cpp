@@ -47,6 +47,13 @@ TEST(CommandWordsTest, TheSenderMakesTheReplayFileAbsolute) {
     // skipped with their values.
     ASSERT_TRUE(SenderCommandLine({"replay --from 5 \"a b.dat\""}, line, error));
     EXPECT_EQ(Split(line), (Words{"replay", "--from", "5", cwd + "/a b.dat"}));
+    // The report is written by the server: its path is made absolute too;
+    // the values of the other options are not paths.
+    ASSERT_TRUE(SenderCommandLine(
+        {"replay", "--clients", "gps,can", "--to", "9", "d.dat", "--report", "out/r.json"}, line,
+        error));
+    EXPECT_EQ(Split(line), (Words{"replay", "--clients", "gps,can", "--to", "9", cwd + "/d.dat",
+                                  "--report", cwd + "/out/r.json"}));
     ASSERT_TRUE(SenderCommandLine({"status --json"}, line, error));
     EXPECT_EQ(line, "status --json");
     EXPECT_FALSE(SenderCommandLine({"replay \"open"}, line, error));

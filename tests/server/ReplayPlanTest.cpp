@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
+#include "server/ReplayItems.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {
@@ -22,13 +24,13 @@ TEST(ReplayPlanTest, OrdersByTimeKeepsInitialisationApartAndSkipsDamage) {
     std::string log;
     Store(log, LogFormat::HeaderPayload(1000));
     Store(log, ServerTest::DataRecord("gps", 1000, 0, "INIT"));
-    Store(log, ServerTest::DataRecord("gps", 1300, 2, "b"));
-    Store(log, ServerTest::DataRecord("can", 1100, 1, "a"));
+    Store(log, ServerTest::DataRecord("gps", 1300, 2, "bb"));
+    Store(log, ServerTest::DataRecord("can", 1100, 1, "aa"));
     std::string damaged = ServerTest::DataRecord("can", 1200, 2, "x");
     damaged[damaged.size() - 3] ^= 1;  // checksum no longer matches
     Store(log, damaged);
     Store(log, ServerTest::StatusRecord("ReplayManager", 1400, "stop"));
-    Store(log, ServerTest::DataRecord("gps", 1250, 1, "c"));
+    Store(log, ServerTest::DataRecord("gps", 1250, 1, "cc"));
 
     ReplayPlan plan;
     std::string error;
@@ -39,7 +41,7 @@ TEST(ReplayPlanTest, OrdersByTimeKeepsInitialisationApartAndSkipsDamage) {
     EXPECT_EQ(plan.records[2].timeMs, 1300);
     // Records go out without their line end, so that the client's last item
     // ends where the checksum field starts.
-    const std::string stored = ServerTest::DataRecord("gps", 1300, 2, "b");
+    const std::string stored = ServerTest::DataRecord("gps", 1300, 2, "bb");
     EXPECT_EQ(plan.records[2].record, stored.substr(0, stored.size() - 1));
     ASSERT_EQ(plan.initialisation.size(), 1u);
     EXPECT_EQ(plan.initialisation[0].client, "gps");
@@ -76,6 +78,114 @@ TEST(ReplayPlanTest, SegmentAndOffsetSelectRecords) {
     options = PlanOptions();
     options.segment = 7;
     EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
+}
+
+// A block of items "<time>:<data>" after the first, as a client sends it.
+std::string Block(const std::string& client, unsigned int sequence,
+                  const std::vector<std::pair<int64_t, std::string>>& items) {
+    std::string payload = items[0].second;
+    for (size_t i = 1; i < items.size(); ++i) {
+        payload += static_cast<char>(ReplayCore::kItemSeparator) +
+                   ReplayCore::MSTime::MSTimeStruct(0, items[i].first).ToString() + ":" +
+                   items[i].second;
+    }
+    return ServerTest::DataRecord(client, items[0].first, sequence, payload);
+}
+
+struct SentItem {
+    std::string client;
+    unsigned int sequence;
+    int64_t timeMs;
+    std::string data;
+};
+
+SentItem Sent(const ReplayServer::PlannedRecord& record) {
+    ReplayServer::ItemCut cut;
+    EXPECT_TRUE(ReplayServer::CutRecordItems(record.record, cut)) << record.record;
+    EXPECT_EQ(cut.items.size(), 1u);
+    return {cut.client, cut.sequence, cut.items.empty() ? 0 : cut.items[0].timeMs,
+            cut.items.empty() ? "" : cut.items[0].data};
+}
+
+// Items are planned one per record, in time order across clients and blocks,
+// numbered per client from 1; a range starts and ends inside blocks, and each
+// client's last item before it comes first.
+TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
+    std::string log;
+    Store(log, LogFormat::HeaderPayload(1000));
+    Store(log, ServerTest::DataRecord("gps", 900, 0, "INIT"));
+    Store(log, Block("gps", 7, {{1000, "g0"}, {1010, "g1"}, {1020, "g2"}, {1030, "g3"}}));
+    Store(log, Block("can", 3, {{1005, "c0"}, {1025, "c1"}}));
+    Store(log, Block("gps", 8, {{1040, "g4"}, {1050, "g5"}}));
+
+    ReplayPlan plan;
+    std::string error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
+    std::vector<std::string> order;
+    for (const auto& record : plan.records) {
+        order.push_back(Sent(record).data);
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}));
+    EXPECT_EQ(Sent(plan.records[7]).sequence, 6u);  // gps's sixth item
+    EXPECT_EQ(plan.records[4].gapMs, 20);           // can: 1005 -> 1025
+    EXPECT_EQ(plan.records[0].gapMs, -1);
+    EXPECT_TRUE(plan.state.empty());
+
+    PlanOptions options;
+    options.fromOffsetMs = 15;  // 1015
+    options.toOffsetMs = 45;    // up to 1045, not included
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
+    order.clear();
+    for (const auto& record : plan.records) {
+        order.push_back(Sent(record).data);
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
+    EXPECT_EQ(plan.startMs, 1015);
+    // g2 follows the state item g1: the client has just handed that over.
+    EXPECT_EQ(plan.records[0].gapMs, 10);
+    ASSERT_EQ(plan.state.size(), 2u);
+    const SentItem canState = Sent(plan.state[0]);
+    const SentItem gpsState = Sent(plan.state[1]);
+    EXPECT_EQ(canState.data, "c0");
+    EXPECT_EQ(gpsState.data, "g1");
+    EXPECT_EQ(gpsState.timeMs, 1010);
+    // The state item is each client's block 1; the range follows on.
+    EXPECT_EQ(gpsState.sequence, 1u);
+    EXPECT_EQ(Sent(plan.records[0]).sequence, 2u);
+    ASSERT_EQ(plan.initialisation.size(), 1u);
+
+    options.withState = false;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
+    EXPECT_TRUE(plan.state.empty());
+    EXPECT_EQ(plan.records[0].gapMs, -1);
+    EXPECT_EQ(Sent(plan.records[0]).sequence, 1u);
+
+    options.toOffsetMs = 15;  // empty range
+    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
+    options.fromOffsetMs = 51;
+    options.toOffsetMs = -1;
+    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
+}
+
+// A client's items keep their order even when a later block carries an
+// earlier time: the item is due when the client would hand it over.
+TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
+    std::string log;
+    Store(log, LogFormat::HeaderPayload(1000));
+    Store(log, Block("gps", 1, {{1000, "g0"}, {1100, "g1"}}));
+    Store(log, Block("gps", 2, {{1050, "g2"}}));
+    Store(log, Block("can", 1, {{1060, "c0"}}));
+    ReplayPlan plan;
+    std::string error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
+    std::vector<std::string> order;
+    for (const auto& record : plan.records) {
+        order.push_back(Sent(record).data);
+    }
+    // g2 (1050) follows g1 (1100), as the client handed them over.
+    EXPECT_EQ(order, (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
+    EXPECT_EQ(plan.records[3].timeMs, 1100);
+    EXPECT_EQ(Sent(plan.records[3]).timeMs, 1050);
 }
 
 }  // namespace

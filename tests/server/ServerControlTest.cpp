@@ -6,6 +6,7 @@
 
 #include <future>
 #include <mutex>
+#include <nlohmann/json.hpp>
 
 #include "ReplayManager/FileLogger.h"
 #include "libreplay/server/ReplayLogReader.h"
@@ -84,7 +85,7 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     const std::string path = WriteTargetFile("/drive.dat", log);
 
     EXPECT_EQ(m_control->Execute("replay " + path),
-              "replaying 3 records (0 initialisation) of 1 clients, 60 s\n");
+              "replaying 3 records (0 initialisation, 0 state) of 1 clients, 60 s\n");
     EXPECT_TRUE(m_control->JobRunning());
     EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
     EXPECT_EQ(m_control->Execute("replay " + path), "error: busy; stop first\n");
@@ -92,7 +93,7 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     ASSERT_TRUE(gps.WaitFor(3, kDeadline));
 
     EXPECT_EQ(m_control->Execute("stop"), "stopping\n");
-    EXPECT_EQ(m_control->Execute("wait"), "done with errors\n");
+    EXPECT_EQ(m_control->Execute("wait").compare(0, 16, "done with errors"), 0);
     EXPECT_NE(Output().find("replay stopped: 1 records sent"), std::string::npos) << Output();
     ASSERT_TRUE(gps.WaitFor(4, kDeadline));
     EXPECT_EQ(gps.Received().back().bytes.compare(0, 6, "#stop "), 0);
@@ -100,6 +101,106 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     // Nothing of the replay is left behind: a recording starts and stops.
     EXPECT_EQ(m_control->Execute("record"), "recording\n");
     EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
+}
+
+}  // namespace
+
+namespace {
+
+class ReplayControlCommandTest : public ServerControlTest {
+  protected:
+    // A log of gps records a second apart from 1000 ms; `seconds` long.
+    std::string WriteLog(int seconds) {
+        std::string log;
+        for (int i = 0; i <= seconds; ++i) {
+            std::string framed;
+            EXPECT_TRUE(ReplayCore::LogFormat::FrameRecord(
+                DataRecord("gps", 1000 + 1000 * i, static_cast<unsigned int>(i + 1)), framed));
+            ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+        }
+        return WriteTargetFile("/drive.dat", log);
+    }
+    // The reply, and that it came within 100 ms.
+    std::string Timed(const std::string& command) {
+        const auto started = std::chrono::steady_clock::now();
+        const std::string reply = m_control->Execute(command);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(100))
+            << command;
+        return reply;
+    }
+};
+
+TEST_F(ReplayControlCommandTest, CommandsSayWhyTheyDoNotApply) {
+    Start();
+    for (const char* command : {"pause", "resume", "seek 1", "step", "step 3", "step 20 ms",
+                                "rate 2", "rate max", "loop on"}) {
+        EXPECT_EQ(Timed(command), "error: no replay is running\n") << command;
+    }
+    // Malformed values never reach the replay.
+    for (const char* command : {"seek", "seek -1", "seek x", "seek 1 2"}) {
+        EXPECT_EQ(Timed(command), "error: usage: seek SECONDS (from the replay's start)\n")
+            << command;
+    }
+    for (const char* command : {"step 0", "step 1.5", "step 5 s", "step 5 ms x", "step ms"}) {
+        EXPECT_EQ(Timed(command).compare(0, 13, "error: usage:"), 0) << command;
+    }
+    for (const char* command : {"rate 0", "rate fast", "rate -2"}) {
+        EXPECT_EQ(Timed(command), "error: usage: rate R (0.1 to 10) or rate max\n") << command;
+    }
+    EXPECT_EQ(Timed("loop maybe").compare(0, 22, "error: unknown command"), 0);
+    EXPECT_EQ(Timed("replay").compare(0, 20, "error: usage: replay"), 0);
+    const std::string path = WriteLog(3);
+    EXPECT_EQ(Timed("replay " + path + " --clients ,"),
+              "error: --clients takes names separated by commas\n");
+    EXPECT_EQ(Timed("replay " + path + " --clients gps,nav"),
+              "error: the log has no records of nav (it has gps)\n");
+    EXPECT_FALSE(m_control->JobRunning());
+}
+
+TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceAndReportsItsState) {
+    Start();
+    ServerTest::FakeClient gps(m_ip);
+    ASSERT_TRUE(gps.Register("gps"));
+    const std::string report = Root() + "/report.json";
+    ASSERT_EQ(Timed("replay " + WriteLog(60) + " --report " + report).compare(0, 10, "replaying "),
+              0);
+    ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_control->Position().started; }, kDeadline));
+
+    EXPECT_EQ(Timed("step"), "error: step works while paused; pause first\n");
+    EXPECT_EQ(Timed("seek 61"), "error: the replay lasts 60.000 s; cannot seek to 61.000 s\n");
+    EXPECT_EQ(Timed("rate 11"), "error: the rate goes from 0.1 to 10, or max\n");
+    EXPECT_EQ(Timed("seek 30").compare(0, 18, "moved at 30.000 s "), 0);
+    EXPECT_EQ(Timed("pause").compare(0, 10, "paused at "), 0);
+    EXPECT_EQ(Timed("pause"), "error: already paused\n");
+    // To the second record's time; then up to 1.5 s on, one more record.
+    EXPECT_EQ(Timed("step 2"), "stepped at 31.000 s (record 32 of 61)\n");
+    EXPECT_EQ(Timed("step 1500 ms"), "stepped at 32.500 s (record 33 of 61)\n");
+    EXPECT_EQ(Timed("rate 2.5").compare(0, 12, "rate 2.5 at "), 0);
+    EXPECT_EQ(Timed("loop on").compare(0, 10, "loop on at"), 0);
+
+    const std::string status = Timed("status");
+    EXPECT_NE(status.find("replay paused at 32.500 s of 60.000 s, record 33 of 61"),
+              std::string::npos)
+        << status;
+    EXPECT_NE(status.find("rate 2.5, loop on"), std::string::npos) << status;
+    // The fake client reports nothing: sent, none handed over.
+    EXPECT_NE(status.find("gps: 0 of "), std::string::npos) << status;
+    const nlohmann::json json = nlohmann::json::parse(Timed("status --json"));
+    EXPECT_EQ(json["replay"]["paused"], true);
+    EXPECT_EQ(json["replay"]["position_ms"], 32500);
+    EXPECT_EQ(json["replay"]["rate"], 2.5);
+    EXPECT_EQ(json["replay"]["clients"][0]["name"], "gps");
+    EXPECT_EQ(json["replay"]["clients"][0]["delivered"], 0);
+
+    EXPECT_EQ(Timed("stop"), "stopping\n");
+    EXPECT_EQ(m_control->Execute("wait").compare(0, 16, "done with errors"), 0);
+    EXPECT_EQ(Timed("pause"), "error: no replay is running\n");
+    // The report of the stopped replay: where it stood and what was sent.
+    const nlohmann::json written = nlohmann::json::parse(ReplayTest::ReadFile(report));
+    EXPECT_EQ(written["cancelled"], true);
+    EXPECT_EQ(written["position_ms"], 32500);
+    EXPECT_GE(written["clients"][0]["sent"].get<int>(), 4);
+    EXPECT_NE(Timed("status").find("replay ended at 32.500 s"), std::string::npos);
 }
 
 }  // namespace

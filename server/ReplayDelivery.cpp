@@ -1,0 +1,143 @@
+#include "server/ReplayDelivery.h"
+
+#include <cstdlib>
+
+#include "libreplay/ReplayCore.h"
+
+using ReplayCore::ReplayStateManager;
+
+namespace ReplayServer {
+
+namespace {
+
+// The text a client sends with a record it dropped for its checksum.
+constexpr const char* kChecksumErrorText = "Checksum Error";
+
+// A client's report is "#replay" alone or "#replay k=text;" (one keyed
+// argument). Parsed here without the library's command parser, which logs an
+// assertion for a command without arguments: every bare report would.
+bool SplitReplayReport(const std::string& payload, char& key, std::string& text) {
+    const std::string word = std::string("#") + ReplayStateManager::s_replayCmd;
+    if (payload.compare(0, word.size(), word) != 0) {
+        return false;
+    }
+    key = 0;
+    text.clear();
+    const size_t argsStart = word.size() + 1;
+    const size_t end = payload.rfind(';');
+    if (end == std::string::npos || end < argsStart + 2 || payload[argsStart + 1] != '=') {
+        return true;
+    }
+    key = payload[argsStart];
+    text = payload.substr(argsStart + 2, end - argsStart - 2);
+    return true;
+}
+
+}  // namespace
+
+void ReplayDeliveryTracker::Reset() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_clients.clear();
+    m_changed.notify_all();
+}
+
+void ReplayDeliveryTracker::NoteSent(const std::string& client) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ClientDelivery& entry = m_clients[client];
+    entry.name = client;
+    ++entry.recordsSent;
+}
+
+void ReplayDeliveryTracker::NoteReport(const std::string& client, const std::string& payload) {
+    char key = 0;
+    std::string text;
+    if (!SplitReplayReport(payload, key, text)) {
+        return;
+    }
+
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_clients.find(client);
+    if (found == m_clients.end()) {
+        return;  // nothing was sent to it in this replay
+    }
+    ClientDelivery& entry = found->second;
+    entry.lastReport = key == 0 ? std::string() : std::string(1, key) + "=" + text;
+    entry.lastReportAt = std::chrono::steady_clock::now();
+    if (key == 'd') {
+        // The client's running total; the record's own report follows.
+        entry.missed = std::strtoull(text.c_str(), nullptr, 10);
+        return;
+    }
+    if (key == 'w' && text == kChecksumErrorText) {
+        ++entry.checksumErrors;
+    }
+    if (entry.recordsReported < entry.recordsSent) {
+        ++entry.recordsReported;
+        m_changed.notify_all();
+    }
+}
+
+std::vector<ClientDelivery> ReplayDeliveryTracker::Snapshot() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<ClientDelivery> clients;
+    clients.reserve(m_clients.size());
+    for (const auto& entry : m_clients) {
+        clients.push_back(entry.second);
+    }
+    return clients;
+}
+
+ClientDelivery ReplayDeliveryTracker::Get(const std::string& client) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_clients.find(client);
+    if (found != m_clients.end()) {
+        return found->second;
+    }
+    ClientDelivery unknown;
+    unknown.name = client;
+    return unknown;
+}
+
+uint64_t ReplayDeliveryTracker::Outstanding(const std::string& client) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto found = m_clients.find(client);
+    return found == m_clients.end() ? 0 : found->second.recordsSent - found->second.recordsReported;
+}
+
+bool ReplayDeliveryTracker::WaitForReported(const std::string& client, uint64_t count,
+                                            std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const uint64_t generation = m_wakeGeneration;
+    auto reached = [&] {
+        const auto found = m_clients.find(client);
+        const uint64_t reported = found == m_clients.end() ? 0 : found->second.recordsReported;
+        return reported >= count;
+    };
+    m_changed.wait_until(lock, deadline,
+                         [&] { return reached() || m_wakeGeneration != generation; });
+    return reached();
+}
+
+bool ReplayDeliveryTracker::WaitForAllReported(std::chrono::steady_clock::time_point deadline) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const uint64_t generation = m_wakeGeneration;
+    auto allReported = [this] {
+        for (const auto& entry : m_clients) {
+            if (entry.second.recordsReported < entry.second.recordsSent) {
+                return false;
+            }
+        }
+        return true;
+    };
+    m_changed.wait_until(lock, deadline,
+                         [&] { return allReported() || m_wakeGeneration != generation; });
+    return allReported();
+}
+
+void ReplayDeliveryTracker::Wake() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_wakeGeneration;
+    m_changed.notify_all();
+}
+
+}  // namespace ReplayServer

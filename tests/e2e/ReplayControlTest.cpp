@@ -1,0 +1,245 @@
+// Operator control of a running replay through the real processes: pause and
+// resume, seek and step, rate, some clients only, loop, and a wait that
+// returns only once the clients have handed everything over. Each demo
+// client writes every replayed item (its journal index, recorded time and
+// callback moment) to a file of its own when it ends.
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/EndToEnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ReplayTest::ClientSummary;
+using ReplayTest::CommandResult;
+using ReplayTest::kLastBlockItems;
+using ReplayTest::WaitFor;
+
+struct Item {
+    long index;  // in the client's journal
+    int64_t recordedMs;
+    int64_t momentUs;  // the callback, monotonic clock
+};
+
+int64_t NowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// A number of seconds after `key` in `text` ("... at 1.234 s"), in ms; -1.
+int64_t MsAfter(const std::string& text, const std::string& key) {
+    const size_t at = text.find(key);
+    return at == std::string::npos
+               ? -1
+               : std::llround(std::strtod(text.c_str() + at + key.size(), nullptr) * 1000);
+}
+
+class ReplayControlTest : public ReplayTest::EndToEndTest {
+  protected:
+    // Starts demo clients that write their replayed items, waits until the
+    // server has them all, and records `seconds`.
+    void RecordWith(const std::vector<std::string>& names, double seconds) {
+        for (const std::string& name : names) {
+            m_environment = {"DEMO_CLIENT_ITEMS=" + ItemsPath(name)};
+            StartClient(name);
+        }
+        m_environment.clear();
+        ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 15s, 50ms))
+            << Send("clients").output << m_server->Output();
+        Record(seconds);
+    }
+    std::string ItemsPath(const std::string& name) const { return Root() + "/" + name + ".items"; }
+    static std::vector<Item> Items(const std::string& path) {
+        std::vector<Item> items;
+        std::ifstream in(path);
+        Item item{};
+        int64_t clockLead = 0;
+        while (in >> item.index >> item.recordedMs >> item.momentUs >> clockLead) {
+            items.push_back(item);
+        }
+        return items;
+    }
+    // Runs a command that must succeed; its reply.
+    std::string Ok(const std::string& command) {
+        const CommandResult result = Send(command);
+        EXPECT_EQ(result.status, 0) << command << ": " << result.output;
+        return result.output;
+    }
+    // Waits until the replay has played `ms` of the log.
+    void WaitForPosition(int64_t ms) {
+        ASSERT_TRUE(WaitFor(
+            [&] {
+                const std::string status = Send("status").output;
+                return MsAfter(status, "replay playing at ") >= ms ||
+                       status.find("replay ended") != std::string::npos;
+            },
+            20s, 20ms))
+            << Send("status").output;
+    }
+};
+
+// The callback moment less the recorded time, per item, in ms.
+std::vector<double> Offsets(const std::vector<Item>& items) {
+    std::vector<double> offsets;
+    for (const Item& item : items) {
+        offsets.push_back(item.momentUs / 1000.0 - static_cast<double>(item.recordedMs));
+    }
+    return offsets;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
+TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHandedOver) {
+    const std::vector<std::string> names = {"gps", "can"};
+    ASSERT_NO_FATAL_FAILURE(RecordWith(names, 4));
+
+    Ok("replay " + LogPath());
+    ASSERT_NO_FATAL_FAILURE(WaitForPosition(1500));
+    const int64_t pauseSent = NowUs();
+    const std::string paused = Ok("pause");
+    const int64_t pauseAnswered = NowUs();
+    ASSERT_EQ(paused.compare(0, 10, "paused at "), 0) << paused;
+    std::this_thread::sleep_for(1500ms);
+    EXPECT_NE(Ok("status").find("replay paused at"), std::string::npos);
+    const int64_t resumeSent = NowUs();
+    const std::string resumed = Ok("resume");
+    const int64_t resumeAnswered = NowUs();
+    // The reply reads the position as it answers, a moment after the resume.
+    EXPECT_NEAR(MsAfter(resumed, "resumed at "), MsAfter(paused, "paused at "), 5) << resumed;
+
+    // Done means handed over: the clients are stopped at once after it and
+    // still lose nothing the log holds.
+    const CommandResult waited = Send("wait");
+    EXPECT_EQ(waited.output, "done\n") << m_server->Output();
+    const std::vector<ClientSummary> summaries = StopClients();
+    for (size_t c = 0; c < names.size(); ++c) {
+        const std::string& output = m_clients[c]->Output();
+        ASSERT_TRUE(summaries[c].found) << output;
+        EXPECT_TRUE(summaries[c].identical) << output;
+        EXPECT_LE(summaries[c].recorded - summaries[c].replayed, kLastBlockItems) << output;
+
+        // Before and after the pause every item lies on one line with the
+        // recorded times; the line moves by the time spent paused.
+        const std::vector<Item> items = Items(ItemsPath(names[c]));
+        ASSERT_EQ(items.size(), summaries[c].replayed) << names[c];
+        const auto firstAfter = std::find_if(items.begin(), items.end(), [&](const Item& item) {
+            return item.momentUs >= resumeSent;
+        });
+        ASSERT_NE(firstAfter, items.begin());
+        ASSERT_NE(firstAfter, items.end());
+        const std::vector<double> before = Offsets({items.begin(), firstAfter});
+        const std::vector<double> after = Offsets({firstAfter, items.end()});
+        const double lineBefore = Median(before);
+        const double lineAfter = Median(after);
+        // The first item after the resume is on the new line like the rest
+        // (the margin leaves room for a sanitizer build on a busy machine).
+        EXPECT_NEAR(after.front(), lineAfter, 20) << names[c];
+        // Paused from some moment within the pause command to some moment
+        // within the resume command.
+        const double shortest = (resumeSent - pauseAnswered) / 1000.0;
+        const double longest = (resumeAnswered - pauseSent) / 1000.0;
+        EXPECT_GE(lineAfter - lineBefore, shortest - 15) << names[c];
+        EXPECT_LE(lineAfter - lineBefore, longest + 15) << names[c];
+    }
+}
+
+TEST_F(ReplayControlTest, SeekAndStepWhilePausedThenRateTwo) {
+    ASSERT_NO_FATAL_FAILURE(RecordWith({"gps"}, 5));
+
+    Ok("replay " + LogPath());
+    ASSERT_NO_FATAL_FAILURE(WaitForPosition(300));
+    ASSERT_EQ(Ok("pause").compare(0, 10, "paused at "), 0);
+    EXPECT_EQ(Send("step 2 s").output, "error: usage: step [N] or step MS ms (while paused)\n");
+    EXPECT_EQ(Send("seek 60").status, 1);
+    EXPECT_EQ(Ok("seek 2").compare(0, 16, "moved at 2.000 s"), 0);
+    const std::string stepped = Ok("step 3");
+    EXPECT_EQ(stepped.compare(0, 11, "stepped at "), 0) << stepped;
+    EXPECT_EQ(Ok("rate 2").compare(0, 6, "rate 2"), 0);
+    const int64_t resumedAt = NowUs();
+    Ok("resume");
+    EXPECT_EQ(Send("step").output, "error: step works while paused; pause first\n");
+    EXPECT_EQ(Send("wait").output, "done\n") << m_server->Output();
+
+    const std::vector<ClientSummary> summaries = StopClients();
+    ASSERT_TRUE(summaries[0].found) << m_clients[0]->Output();
+    const std::vector<Item> items = Items(ItemsPath("gps"));
+    ASSERT_GT(items.size(), 20u);
+    // Journal order with exactly one jump forward (the seek): nothing
+    // repeated, and from the seek on nothing missing up to the log's end.
+    size_t jumps = 0;
+    size_t jumpAt = 0;
+    for (size_t i = 1; i < items.size(); ++i) {
+        ASSERT_GT(items[i].index, items[i - 1].index) << "item " << i;
+        if (items[i].index != items[i - 1].index + 1) {
+            ++jumps;
+            jumpAt = i;
+        }
+    }
+    ASSERT_EQ(jumps, 1u);
+    EXPECT_LE(summaries[0].recorded - static_cast<size_t>(items.back().index) - 1, kLastBlockItems);
+    // The seek's first item is the client's last before 2 s: its state
+    // there. The recorded times are the client's own clock, within a
+    // millisecond of the log's; the replay started at the first item.
+    ASSERT_EQ(items.front().index, 0);
+    const int64_t start = items.front().recordedMs;
+    EXPECT_LT(items[jumpAt].recordedMs - start, 2000 + 20);
+    EXPECT_GE(items[jumpAt + 1].recordedMs - start, 2000 - 20);
+
+    // From the resume at rate 2, items come twice as fast as recorded.
+    std::vector<double> gaps;
+    for (size_t i = jumpAt + 5; i + 1 < items.size(); ++i) {
+        if (items[i].momentUs < resumedAt) {
+            continue;
+        }
+        const double recorded = static_cast<double>(items[i + 1].recordedMs - items[i].recordedMs);
+        const double played = (items[i + 1].momentUs - items[i].momentUs) / 1000.0;
+        if (recorded >= 10) {
+            gaps.push_back(played / recorded);
+        }
+    }
+    ASSERT_GT(gaps.size(), 20u);
+    EXPECT_NEAR(Median(gaps), 0.5, 0.1);
+}
+
+TEST_F(ReplayControlTest, SomeClientsOnlyAndLoopUntilTurnedOff) {
+    ASSERT_NO_FATAL_FAILURE(RecordWith({"gps", "can"}, 2));
+
+    const std::string report = Root() + "/report.json";
+    const std::string started =
+        Ok("replay " + LogPath() + " --clients gps --loop --report " + report);
+    EXPECT_NE(started.find("of 1 clients"), std::string::npos) << started;
+    ASSERT_TRUE(
+        WaitFor([&] { return Send("status").output.find("(1 loops done)") != std::string::npos; },
+                20s, 50ms))
+        << Send("status").output;
+    EXPECT_EQ(Ok("loop off").compare(0, 8, "loop off"), 0);
+    EXPECT_EQ(Send("wait").output, "done\n") << m_server->Output();
+
+    // can was never replayed to; gps got the log at least twice.
+    const std::vector<ClientSummary> summaries = StopClients();
+    ASSERT_TRUE(summaries[0].found && summaries[1].found);
+    EXPECT_EQ(summaries[1].replayed, 0u) << m_clients[1]->Output();
+    const std::vector<Item> items = Items(ItemsPath("gps"));
+    const size_t once =
+        std::count_if(items.begin(), items.end(), [](const Item& item) { return item.index == 0; });
+    EXPECT_GE(once, 2u);
+    EXPECT_GE(items.size(), 2 * (summaries[0].recorded - kLastBlockItems));
+    const std::string written = ReplayTest::ReadFile(report);
+    EXPECT_NE(written.find("\"completed\":true"), std::string::npos) << written;
+    EXPECT_NE(written.find("\"name\":\"gps\""), std::string::npos) << written;
+    EXPECT_EQ(written.find("\"name\":\"can\""), std::string::npos) << written;
+}
+
+}  // namespace

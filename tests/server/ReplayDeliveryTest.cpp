@@ -1,0 +1,116 @@
+#include "server/ReplayDelivery.h"
+
+#include <thread>
+
+#include "ReplayManager/FileLogger.h"
+#include "tests/server/LoopbackServer.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+namespace srv = ReplayServer;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kDeadline = std::chrono::seconds(10);
+
+// Reports count only against records outstanding: the report of entering the
+// replay state and pings with nothing outstanding must not bank credit for
+// records sent later; a gap report carries the client's running total and is
+// not a record's own report; a checksum report is one.
+TEST(ReplayDeliveryTracker, CountsReportsOnlyAgainstOutstandingRecords) {
+    srv::ReplayDeliveryTracker tracker;
+    tracker.NoteReport("gps", "#replay");  // nothing sent yet: unknown client
+    tracker.NoteSent("gps");
+    tracker.NoteReport("gps", "#replay");
+    tracker.NoteReport("gps", "#replay");  // a ping: nothing outstanding
+    tracker.NoteSent("gps");
+    tracker.NoteSent("gps");
+    tracker.NoteReport("gps", "#replay d=3;");
+    tracker.NoteReport("gps", "#replay d=5;");
+    tracker.NoteReport("gps", "#replay w=Checksum Error;");
+    tracker.NoteReport("gps", "#stop");  // not a replay report
+    tracker.NoteReport("gps", "#record");
+
+    srv::ClientDelivery gps = tracker.Get("gps");
+    EXPECT_EQ(gps.recordsSent, 3u);
+    EXPECT_EQ(gps.recordsReported, 2u);
+    EXPECT_EQ(gps.missed, 5u);
+    EXPECT_EQ(gps.checksumErrors, 1u);
+    EXPECT_EQ(gps.lastReport, "w=Checksum Error");
+    EXPECT_EQ(tracker.Outstanding("gps"), 1u);
+
+    tracker.NoteReport("gps", "#replay w=Sleep time = 61.000, Ignoring ;");
+    EXPECT_EQ(tracker.Get("gps").recordsReported, 3u);
+    EXPECT_EQ(tracker.Get("gps").checksumErrors, 1u);
+    ASSERT_EQ(tracker.Snapshot().size(), 1u);
+
+    tracker.Reset();
+    EXPECT_TRUE(tracker.Snapshot().empty());
+    EXPECT_EQ(tracker.Get("gps").recordsSent, 0u);
+}
+
+TEST(ReplayDeliveryTracker, WaitsEndOnTheReportTheDeadlineOrAWake) {
+    srv::ReplayDeliveryTracker tracker;
+    tracker.NoteSent("can");
+    tracker.NoteSent("can");
+    // The deadline: nothing reported.
+    EXPECT_FALSE(tracker.WaitForReported("can", 1, Clock::now() + std::chrono::milliseconds(20)));
+
+    std::thread reporter([&tracker] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        tracker.NoteReport("can", "#replay");
+        tracker.NoteReport("can", "#replay");
+    });
+    EXPECT_TRUE(tracker.WaitForReported("can", 2, Clock::now() + kDeadline));
+    EXPECT_TRUE(tracker.WaitForAllReported(Clock::now() + kDeadline));
+    reporter.join();
+
+    tracker.NoteSent("can");
+    const auto started = Clock::now();
+    std::thread waker([&tracker] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        tracker.Wake();
+    });
+    EXPECT_FALSE(tracker.WaitForAllReported(Clock::now() + kDeadline));
+    EXPECT_LT(Clock::now() - started, kDeadline);
+    waker.join();
+}
+
+class ReplayDeliveryServerTest : public ReplayTest::TargetRootTest {
+  protected:
+    void TearDown() override {
+        ReplayCore::FileLogger::ResetForTesting();
+        TargetRootTest::TearDown();
+    }
+};
+
+// The receive path feeds the tracker with the reports of a replay, and a new
+// replay starts from nothing.
+TEST_F(ReplayDeliveryServerTest, ReceivePathCountsReportsWhileReplaying) {
+    std::string ip;
+    std::unique_ptr<srv::ReplayServer> server =
+        ServerTest::StartLoopbackServer(srv::ServerSettings(), ip);
+    ASSERT_NE(server, nullptr);
+    ServerTest::FakeClient client(ip);
+    ASSERT_TRUE(client.Register("gps"));
+
+    server->SetReplaying(true);
+    for (int i = 0; i < 3; ++i) {
+        const std::string record = ServerTest::DataRecord("gps", 1000 + i, i + 1, "item");
+        ASSERT_FALSE(server->SendRecord("gps", record, i + 1).IsError());
+    }
+    client.Send(ServerTest::StatusRecord("gps", 2000, "#replay"));
+    client.Send(ServerTest::StatusRecord("gps", 2001, "#replay d=1;"));
+    client.Send(ServerTest::StatusRecord("gps", 2002, "#replay"));
+    EXPECT_TRUE(server->Deliveries().WaitForReported("gps", 2, Clock::now() + kDeadline));
+    const srv::ClientDelivery gps = server->Deliveries().Get("gps");
+    EXPECT_EQ(gps.recordsSent, 3u);
+    EXPECT_EQ(gps.missed, 1u);
+
+    server->SetReplaying(false);
+    server->SetReplaying(true);
+    EXPECT_EQ(server->Deliveries().Get("gps").recordsSent, 0u);
+    server->SetReplaying(false);
+}
+
+}  // namespace
