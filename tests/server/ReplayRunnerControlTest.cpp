@@ -5,62 +5,24 @@
 #include <atomic>
 #include <thread>
 
-#include "ReplayManager/FileLogger.h"
-#include "server/ReplayRunner.h"
-#include "tests/server/LoopbackServer.h"
-#include "tests/support/TestSupport.h"
+#include "tests/server/ReplayRunnerSupport.h"
 
 namespace {
 
 namespace srv = ReplayServer;
-using Clock = std::chrono::steady_clock;
 using ReplayCore::ReplayStateManager;
+using ReplayRunnerTestSupport::Clock;
+using ReplayRunnerTestSupport::ClockArgument;
+using ReplayRunnerTestSupport::Ms;
+using ReplayRunnerTestSupport::Planned;
 using ServerTest::DataRecord;
 using ServerTest::FakeClient;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 constexpr int64_t kStart = 10000;
 
-int64_t Ms(Clock::duration duration) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
-}
-
-srv::PlannedRecord Planned(const std::string& client, int64_t timeMs, unsigned int sequence) {
-    srv::PlannedRecord record;
-    record.client = client;
-    record.timeMs = timeMs;
-    record.sequence = sequence;
-    record.record = DataRecord(client, timeMs, sequence, "item" + std::to_string(sequence));
-    record.record.pop_back();
-    return record;
-}
-
-// The log time a replay command sets the client's clock to; -1 without one.
-int64_t ClockArgument(const std::string& command) {
-    ReplayStateManager::CommandArgsParser parser;
-    std::string value;
-    if (command.empty() || command[0] != '#' ||
-        ReplayStateManager::GetStateFromCommand(command, parser) != ReplayCore::eStateReplay ||
-        !parser.Get('l', value)) {
-        return -1;
-    }
-    return ReplayCore::MSTime::MSTimeStruct(value).m_timeMilliseconds;
-}
-
-class ReplayRunnerControlTest : public ReplayTest::TargetRootTest {
+class ReplayRunnerControlTest : public ReplayRunnerTestSupport::ReplayRunnerFixture {
   protected:
-    void SetUp() override {
-        TargetRootTest::SetUp();
-        m_server = ServerTest::StartLoopbackServer(srv::ServerSettings(), m_ip);
-        ASSERT_NE(m_server, nullptr) << "no free loopback address";
-        m_settings.serverLeadTimeMs = 30;
-        m_settings.networkingLatencyMs = 40;
-        m_settings.endGraceMs = 20;
-        m_settings.clientWaitMs = 5000;
-        // The fake clients report only where a test says so.
-        m_settings.pacing.window = 1000000;
-        m_settings.deliveryWaitMs = 0;
-    }
     void TearDown() override {
         if (m_runner != nullptr) {
             m_runner->Cancel();
@@ -69,14 +31,7 @@ class ReplayRunnerControlTest : public ReplayTest::TargetRootTest {
             m_thread.join();
         }
         m_runner.reset();
-        m_server.reset();
-        ReplayCore::FileLogger::ResetForTesting();
-        TargetRootTest::TearDown();
-    }
-    std::unique_ptr<FakeClient> Connect(const std::string& name) {
-        std::unique_ptr<FakeClient> client(new FakeClient(m_ip));
-        EXPECT_TRUE(client->Register(name)) << name;
-        return client;
+        ReplayRunnerFixture::TearDown();
     }
     // Records of `clients` in turn, `stepMs` apart from the start.
     void Plan(const std::vector<std::string>& clients, int count, int64_t stepMs) {
@@ -105,9 +60,6 @@ class ReplayRunnerControlTest : public ReplayTest::TargetRootTest {
         return all;
     }
 
-    std::string m_ip;
-    std::unique_ptr<srv::ReplayServer> m_server;
-    srv::ReplaySettings m_settings;
     srv::ReplayPlan m_plan;
     std::unique_ptr<srv::ReplayRunner> m_runner;
     std::thread m_thread;
