@@ -65,6 +65,7 @@ echo
 echo "Replaying ..."
 ctl replay "$log"
 ctl wait
+ctl status | sed -n "/^replay /,/^[^ ]/p"
 sleep 0.5
 
 for pid in "${client_pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done

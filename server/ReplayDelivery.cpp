@@ -1,5 +1,6 @@
 #include "server/ReplayDelivery.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "libreplay/ReplayCore.h"
@@ -33,19 +34,51 @@ bool SplitReplayReport(const std::string& payload, char& key, std::string& text)
     return true;
 }
 
+int64_t SteadyNowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 }  // namespace
+
+void DeliveryTiming::Add(int64_t logMs, int64_t errorUs) {
+    const int64_t magnitude = std::llabs(errorUs);
+    ++items;
+    sumAbsUs += magnitude;
+    maxAbsUs = std::max(maxAbsUs, magnitude);
+    ++histogram[std::min<size_t>(static_cast<size_t>(magnitude / kBucketUs), kBuckets - 1)];
+    recent.emplace_back(logMs, errorUs);
+    if (recent.size() > kRecent) {
+        recent.pop_front();
+    }
+}
+
+double DeliveryTiming::PercentileMs(double fraction) const {
+    const double wanted = fraction * static_cast<double>(items);
+    uint64_t seen = 0;
+    for (size_t bucket = 0; bucket < kBuckets; ++bucket) {
+        seen += histogram[bucket];
+        if (items > 0 && static_cast<double>(seen) >= wanted) {
+            return static_cast<double>((bucket + 1) * kBucketUs) / 1000.0;
+        }
+    }
+    return MaxMs();
+}
 
 void ReplayDeliveryTracker::Reset() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_clients.clear();
+    m_unreported.clear();
     m_changed.notify_all();
 }
 
-void ReplayDeliveryTracker::NoteSent(const std::string& client) {
+void ReplayDeliveryTracker::NoteSent(const std::string& client, int64_t dueUs, int64_t logMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
     ClientDelivery& entry = m_clients[client];
     entry.name = client;
     ++entry.recordsSent;
+    m_unreported[client].push_back({dueUs, logMs});
 }
 
 void ReplayDeliveryTracker::NoteReport(const std::string& client, const std::string& payload) {
@@ -71,10 +104,23 @@ void ReplayDeliveryTracker::NoteReport(const std::string& client, const std::str
     if (key == 'w' && text == kChecksumErrorText) {
         ++entry.checksumErrors;
     }
-    if (entry.recordsReported < entry.recordsSent) {
-        ++entry.recordsReported;
-        m_changed.notify_all();
+    std::deque<SentRecord>& unreported = m_unreported[client];
+    if (unreported.empty()) {
+        return;
     }
+    const SentRecord oldest = unreported.front();
+    // A report with text (a checksum error, an item too far ahead) comes
+    // when the record is dropped, not at its moment: counted, not timed.
+    if (oldest.dueUs != kUntimed && key == 0) {
+        const int64_t errorUs = SteadyNowUs() - oldest.dueUs;
+        if (errorUs < -kEarliestReportUs) {
+            return;  // a ping while the client waits for the record's moment
+        }
+        entry.timing.Add(oldest.logMs, errorUs);
+    }
+    unreported.pop_front();
+    ++entry.recordsReported;
+    m_changed.notify_all();
 }
 
 std::vector<ClientDelivery> ReplayDeliveryTracker::Snapshot() const {

@@ -9,19 +9,49 @@
 // when a replay has really been delivered.
 //
 // A client's ping in the replay state looks exactly like a report with no
-// text, so a report is only counted while a record is outstanding: a ping
-// that arrives while a client holds a record back until its moment counts
-// that record one report early.
+// text, so a report is only counted while a record is outstanding, and not
+// when it comes well before the moment the oldest outstanding record is due
+// to be handed over (no report can). A ping that arrives within that margin
+// still counts one record early.
+//
+// For records sent with their moment, the report's arrival against that
+// moment is the replay's timing as the server sees it: the client reports
+// right after its callback, so this adds only the way back over the network
+// and the client's own work after the callback.
 
 #include <chrono>
 #include <condition_variable>
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace ReplayServer {
+
+// Timing of the reported records against their moments, in microseconds.
+struct DeliveryTiming {
+    static constexpr int64_t kBucketUs = 250;
+    static constexpr size_t kBuckets = 400;  // the last one takes 100 ms and more
+    static constexpr size_t kRecent = 512;
+
+    uint64_t items = 0;
+    int64_t sumAbsUs = 0;
+    int64_t maxAbsUs = 0;
+    // Counts of |error| in buckets of kBucketUs, for the percentiles.
+    std::array<uint32_t, kBuckets> histogram{};
+    // The latest items: their log time (ms) and signed error (us; positive
+    // is late).
+    std::deque<std::pair<int64_t, int64_t>> recent;
+
+    void Add(int64_t logMs, int64_t errorUs);
+    double MeanMs() const { return items == 0 ? 0.0 : sumAbsUs / 1000.0 / items; }
+    double MaxMs() const { return maxAbsUs / 1000.0; }
+    // The |error| below which `fraction` of the items lie, to a bucket.
+    double PercentileMs(double fraction) const;
+};
 
 struct ClientDelivery {
     std::string name;
@@ -36,13 +66,16 @@ struct ClientDelivery {
     // The last report's argument text ("w=...", "d=..."; empty when bare).
     std::string lastReport;
     std::chrono::steady_clock::time_point lastReportAt{};
+    DeliveryTiming timing;
 };
 
 class ReplayDeliveryTracker {
   public:
     // Forgets every client (a new replay starts).
     void Reset();
-    void NoteSent(const std::string& client);
+    // A record sent to `client`; with `dueUs` (steady clock) the moment it
+    // is due to be handed over, and its log time, for the timing figures.
+    void NoteSent(const std::string& client, int64_t dueUs = kUntimed, int64_t logMs = 0);
     // One status report from `client`: `payload` is the report's message,
     // e.g. "#replay" or "#replay w=Checksum Error;". Reports in any other
     // state than replay are ignored.
@@ -62,8 +95,21 @@ class ReplayDeliveryTracker {
     // Ends every wait in progress (a cancelled replay).
     void Wake();
 
+    static constexpr int64_t kUntimed = INT64_MIN;
+    // How far before its record's moment a report can come: a record close
+    // behind its client's previous one goes out a moment early and is
+    // handed over on arrival.
+    static constexpr int64_t kEarliestReportUs = 5000;
+
   private:
+    struct SentRecord {
+        int64_t dueUs;
+        int64_t logMs;
+    };
+
     mutable std::mutex m_mutex;
+    // Per client, the records sent and not yet reported, oldest first.
+    std::map<std::string, std::deque<SentRecord>> m_unreported;
     std::condition_variable m_changed;
     std::map<std::string, ClientDelivery> m_clients;
     uint64_t m_wakeGeneration = 0;

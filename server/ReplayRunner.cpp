@@ -140,8 +140,10 @@ void ReplayRunner::NoteSequence(const PlannedRecord& record) {
     highest = std::max(highest, record.sequence);
 }
 
-bool ReplayRunner::SendUnscheduled(const PlannedRecord& record) {
-    if (m_server.SendRecord(record.client, record.record, static_cast<int>(record.sequence))
+bool ReplayRunner::SendUnscheduled(const PlannedRecord& record, int64_t dueUs) {
+    if (m_server
+            .SendRecord(record.client, record.record, static_cast<int>(record.sequence), dueUs,
+                        record.timeMs)
             .IsError()) {
         ++m_result.sendFailures;
         return false;
@@ -183,7 +185,10 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
                 MSTime::MSTimeStruct(0, record.timeMs - m_settings.networkingLatencyMs).ToString());
     }
     m_result.maxSendLatenessMs = std::max<int64_t>(m_result.maxSendLatenessMs, now - dueMs);
-    if (SendUnscheduled(record)) {
+    // At the highest rate an item has no moment of its own to be held to.
+    const int64_t handOverUs =
+        m_maxRate ? ReplayDeliveryTracker::kUntimed : m_schedule.DueAt(record.timeMs) * 1000;
+    if (SendUnscheduled(record, handOverUs)) {
         ++m_result.recordsSent;
     }
     const int64_t handedOver =

@@ -140,7 +140,10 @@ class ReplayRunner {
     void SendRecord(size_t index, int64_t dueMs);
     // Sends a record that is not on the schedule (initialisation, state);
     // false when the send failed.
-    bool SendUnscheduled(const PlannedRecord& record);
+    // `dueUs`: when the client is to hand the record over, for the timing
+    // figures; untimed records are handed over on arrival.
+    bool SendUnscheduled(const PlannedRecord& record,
+                         int64_t dueUs = ReplayDeliveryTracker::kUntimed);
     // Counts the block numbers a client will find missing because a seek
     // jumped over them.
     void NoteSequence(const PlannedRecord& record);

@@ -517,10 +517,10 @@ ReplayError ReplayServer::CommandClient(const std::string& name, ReplayState sta
 }
 
 ReplayError ReplayServer::SendRecord(const std::string& name, const std::string& record,
-                                     int sequence) {
+                                     int sequence, int64_t dueUs, int64_t logMs) {
     ReplayError result = SendTo(name, record, sequence, false);
     if (!result.IsError()) {
-        m_deliveries.NoteSent(name);
+        m_deliveries.NoteSent(name, dueUs, logMs);
     }
     return result;
 }

@@ -144,7 +144,10 @@ class ReplayServer : public UDPSocketServer {
                               const std::string& extraArguments = "");
     // Sends raw bytes (a stored record) to a named client; a record sent is
     // counted for the client's delivery reports.
-    ReplayError SendRecord(const std::string& name, const std::string& record, int sequence);
+    // With `dueUs` (steady clock, microseconds) the moment the client is to
+    // hand the record over, and its log time, for the replay's timing.
+    ReplayError SendRecord(const std::string& name, const std::string& record, int sequence,
+                           int64_t dueUs = ReplayDeliveryTracker::kUntimed, int64_t logMs = 0);
 
     void StartRecording();
     // Takes the current time as the stop moment, keeps every client

@@ -582,6 +582,16 @@ std::string ServerControl::ReplayStatusText() {
              << delivery.recordsSent << " records handed over, "
              << MissedRecords(delivery, position) << " missed, " << delivery.checksumErrors
              << " checksum errors";
+        const DeliveryTiming& timing = delivery.timing;
+        if (timing.items > 0) {
+            char figures[160];
+            std::snprintf(figures, sizeof figures,
+                          ", handed over against the moment (from its reports, %llu items): mean "
+                          "%.2f ms, p99 %.2f ms, max %.2f ms",
+                          static_cast<unsigned long long>(timing.items), timing.MeanMs(),
+                          timing.PercentileMs(0.99), timing.MaxMs());
+            text << figures;
+        }
         if (!delivery.lastReport.empty()) {
             text << ", last report " << delivery.lastReport;
         }

@@ -34,6 +34,11 @@ Json Replay(const ReplayPosition& position, const std::vector<ClientDelivery>& d
     Json clients = Json::array();
     for (const ClientDelivery& delivery : deliveries) {
         const auto skipped = position.skippedBySeek.find(delivery.name);
+        const DeliveryTiming& timing = delivery.timing;
+        Json recent = Json::array();
+        for (const auto& item : timing.recent) {
+            recent.push_back({item.first - position.startMs, item.second / 1000.0});
+        }
         clients.push_back(
             {{"name", delivery.name},
              {"sent", delivery.recordsSent},
@@ -41,7 +46,15 @@ Json Replay(const ReplayPosition& position, const std::vector<ClientDelivery>& d
              {"missed", MissedRecords(delivery, position)},
              {"skipped_by_seek", skipped == position.skippedBySeek.end() ? 0 : skipped->second},
              {"checksum_errors", delivery.checksumErrors},
-             {"last_report", delivery.lastReport}});
+             {"last_report", delivery.lastReport},
+             // Report arrival against each item's moment: [position ms,
+             // error ms (late positive)] for the latest items.
+             {"timing",
+              {{"items", timing.items},
+               {"mean_ms", timing.MeanMs()},
+               {"p99_ms", timing.PercentileMs(0.99)},
+               {"max_ms", timing.MaxMs()},
+               {"recent", recent}}}});
     }
     Json json = {{"paused", position.paused},
                  {"rate", position.rate},

@@ -49,6 +49,50 @@ TEST(ReplayDeliveryTracker, CountsReportsOnlyAgainstOutstandingRecords) {
     EXPECT_EQ(tracker.Get("gps").recordsSent, 0u);
 }
 
+// A timed record's report is measured against its moment; a bare report
+// long before the moment is a ping and leaves the record outstanding, while
+// a report with text counts at once, untimed.
+TEST(ReplayDeliveryTracker, ReportsAreTimedAgainstTheirRecordsMomentsAndEarlyPingsSkipped) {
+    srv::ReplayDeliveryTracker tracker;
+    const int64_t nowUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+            .count();
+    tracker.NoteSent("odo", nowUs - 3000, 1000);      // due 3 ms ago
+    tracker.NoteSent("odo", nowUs + 60000000, 1100);  // due in a minute
+    tracker.NoteSent("odo", nowUs + 60000000, 1200);  // dropped by the client
+    tracker.NoteSent("odo");                          // untimed (state)
+    tracker.NoteReport("odo", "#replay");             // the first, 3 ms late
+    tracker.NoteReport("odo", "#replay");             // a ping: the second is not due
+    srv::ClientDelivery odo = tracker.Get("odo");
+    EXPECT_EQ(odo.recordsReported, 1u);
+    ASSERT_EQ(odo.timing.items, 1u);
+    EXPECT_GE(odo.timing.MaxMs(), 3.0);
+    EXPECT_LT(odo.timing.MaxMs(), 3000.0);
+    ASSERT_EQ(odo.timing.recent.size(), 1u);
+    EXPECT_EQ(odo.timing.recent.front().first, 1000);
+    EXPECT_GT(odo.timing.recent.front().second, 0);  // late is positive
+
+    tracker.NoteReport("odo", "#replay w=Sleep time = 61.000, Ignoring ;");
+    tracker.NoteReport("odo", "#replay w=Checksum Error;");
+    tracker.NoteReport("odo", "#replay");  // the untimed one
+    odo = tracker.Get("odo");
+    EXPECT_EQ(odo.recordsReported, 4u);
+    EXPECT_EQ(odo.timing.items, 1u);
+    EXPECT_EQ(tracker.Outstanding("odo"), 0u);
+}
+
+TEST(DeliveryTiming, PercentilesComeFromTheBucketsAndTheTailFromTheMaximum) {
+    srv::DeliveryTiming timing;
+    for (int i = 0; i < 99; ++i) {
+        timing.Add(i, i % 2 == 0 ? 400 : -400);  // within the second bucket
+    }
+    timing.Add(99, 250000);  // beyond the last bucket
+    EXPECT_DOUBLE_EQ(timing.PercentileMs(0.99), 0.5);
+    EXPECT_DOUBLE_EQ(timing.PercentileMs(1.0), 100.0);
+    EXPECT_DOUBLE_EQ(timing.MaxMs(), 250.0);
+    EXPECT_NEAR(timing.MeanMs(), (99 * 0.4 + 250.0) / 100, 1e-9);
+}
+
 TEST(ReplayDeliveryTracker, WaitsEndOnTheReportTheDeadlineOrAWake) {
     srv::ReplayDeliveryTracker tracker;
     tracker.NoteSent("can");
