@@ -15,13 +15,14 @@
 // (clock_nanosleep, TIMER_ABSTIME, CLOCK_MONOTONIC) through the same recorded
 // schedule, the host's scheduling noise floor.
 //
-// A case of its own pauses a replay of three clients a third of the way in
-// for two seconds and measures the items after the resume against their new
-// moments.
+// Cases of their own pause a replay of three clients a third of the way in
+// for two seconds and measure the items after the resume against their new
+// moments: resumed at the recorded pace, at twice it and at half it.
 //
 // Settings (environment):
 //   FIDELITY_SECONDS         recording length (default 60)
-//   FIDELITY_PAUSE_SECONDS   recording length of the pause case (default 30)
+//   FIDELITY_PAUSE_SECONDS   recording length of the pause and rate cases
+//                            (default 30)
 // Needs logger/replay-logger, server/ReplayManager and examples/demo_client
 // built in the same tree.
 
@@ -476,9 +477,10 @@ void BM_ReplayBurst(benchmark::State& state) {
     state.counters["replayed"] = static_cast<double>(Results().burst.errorsUs.size());
 }
 
-// A replay paused a third of the way in for two seconds, then resumed: each
-// item after the resume against its new moment, the resume moment plus its
-// recorded time's distance from the paused position. Nothing may be lost.
+// A replay paused a third of the way in for two seconds, then resumed (at a
+// new rate, when asked): each item after the resume against its new moment,
+// the resume moment plus its recorded time's distance from the paused
+// position, divided by the rate. Nothing may be lost.
 const char* const kPauseClients[] = {"gps", "can", "compass"};
 
 struct PauseResumeResult {
@@ -488,7 +490,7 @@ struct PauseResumeResult {
     int64_t worstFirstAfterResumeUs = 0;
 };
 
-bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) {
+bool RunPauseResume(int seconds, double rate, PauseResumeResult& result, std::string& error) {
     BenchPipeline::TargetRoot root;
     const std::string address = BenchPipeline::RandomLoopbackAddress();
     BenchPipeline::RecordingPipeline pipeline(root, address);
@@ -540,6 +542,15 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
     std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 1000 / 3));
     const std::string paused = pipeline.Command("pause");
     std::this_thread::sleep_for(std::chrono::seconds(2));
+    if (rate != 1.0) {
+        char command[32];
+        std::snprintf(command, sizeof command, "rate %g", rate);
+        const std::string changed = pipeline.Command(command);
+        if (changed.compare(0, 6, "error:") == 0) {
+            error = "rate refused: " + changed;
+            return false;
+        }
+    }
     const int64_t resumeSentUs = monotonicUs();
     const std::string resumed = pipeline.Command("resume");
     const int64_t resumeUs = (resumeSentUs + monotonicUs()) / 2;
@@ -573,7 +584,10 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
             if (item.momentUs < resumeSentUs) {
                 continue;
             }
-            const int64_t dueUs = resumeUs + (item.recordedMs - startMs - pausedOffsetMs) * 1000;
+            const int64_t dueUs =
+                resumeUs +
+                std::llround(static_cast<double>(item.recordedMs - startMs - pausedOffsetMs) *
+                             1000.0 / rate);
             result.errorsUs.push_back(item.momentUs - dueUs);
             if (first) {
                 first = false;
@@ -587,12 +601,12 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
     return true;
 }
 
-void BM_ReplayFidelityPauseResume(benchmark::State& state) {
+void RunPauseResumeCase(benchmark::State& state, double rate) {
     const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_PAUSE_SECONDS", 30));
     PauseResumeResult result;
     for (auto _ : state) {
         std::string error;
-        if (!RunPauseResume(seconds, result, error)) {
+        if (!RunPauseResume(seconds, rate, result, error)) {
             state.SkipWithError(error.c_str());
             return;
         }
@@ -603,6 +617,19 @@ void BM_ReplayFidelityPauseResume(benchmark::State& state) {
     state.counters["lost"] = static_cast<double>(result.lost);
     state.counters["first_after_resume_ms"] =
         static_cast<double>(result.worstFirstAfterResumeUs) / 1000.0;
+}
+
+void BM_ReplayFidelityPauseResume(benchmark::State& state) {
+    RunPauseResumeCase(state, 1.0);
+}
+
+// The same, resumed at twice and at half the recorded pace.
+void BM_ReplayFidelityRateTwo(benchmark::State& state) {
+    RunPauseResumeCase(state, 2.0);
+}
+
+void BM_ReplayFidelityRateHalf(benchmark::State& state) {
+    RunPauseResumeCase(state, 0.5);
 }
 
 // The same schedule slept through on absolute deadlines: each client's items
@@ -649,6 +676,8 @@ BENCHMARK(BM_ReplayFidelity)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTi
 BENCHMARK(BM_ReplayFromOffset)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayBurst)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayFidelityPauseResume)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayFidelityRateTwo)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayFidelityRateHalf)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_AbsoluteSleepBaseline)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
 }  // namespace
