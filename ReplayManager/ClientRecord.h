@@ -14,6 +14,7 @@
 
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayExport.h"
+#include "libreplay/server/ReplayLogRecord.h"  // kItemSeparator
 
 namespace ReplayCore {
 
@@ -21,8 +22,6 @@ namespace ReplayCore {
 constexpr unsigned int kChecksumFieldLength = 9;
 // Longest client name.
 constexpr unsigned int kMaximumClientNameLength = 20;
-// Separator in front of every item of a block but the first.
-constexpr unsigned char kItemSeparator = 0xDE;
 
 // Sum, with 32-bit wrap-around, of `length` bytes each read as signed.
 REPLAY_API uint32_t ComputeChecksum(const char* data, unsigned int length);

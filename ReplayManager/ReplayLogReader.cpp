@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/ReplayLogger.h"
 
 namespace ReplayCore {

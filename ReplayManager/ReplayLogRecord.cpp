@@ -1,9 +1,10 @@
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 
 namespace ReplayCore {

@@ -1,4 +1,4 @@
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 
 #include <algorithm>
 #include <cinttypes>

@@ -47,7 +47,7 @@
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 
 namespace {
 

@@ -26,6 +26,8 @@ set(REPLAY_SERVER_HEADERS
   libreplay/server/ReplayError.h
   libreplay/server/ReplayLogManager.h
   libreplay/server/ReplayLogReader.h
+  libreplay/server/ReplayLogRecord.h
+  libreplay/server/ReplayLogStatistics.h
   libreplay/server/ReplayLogger.h
   libreplay/server/UDPSocketServer.h
   libreplay/server/UDPSockets.h)

@@ -10,8 +10,8 @@
 #include "fuzz/FuzzSupport.h"
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplayServer {
 

@@ -4,7 +4,7 @@
 
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplayServer {
 

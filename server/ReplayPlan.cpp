@@ -10,7 +10,7 @@
 #include <map>
 
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "server/ReplayItems.h"
 
 namespace ReplayServer {

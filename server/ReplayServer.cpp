@@ -12,7 +12,7 @@
 #include "ReplayManager/ClientRecord.h"
 #include "ReplayManager/FileLogger.h"
 #include "ReplayManager/ReplayDebug.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "server/RecordItems.h"
 
 using ReplayCore::FileLogger;

@@ -20,7 +20,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogManager.h"
 #include "libreplay/server/UDPSocketServer.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "server/IngestJournal.h"
 #include "server/RecordReorderBuffer.h"
 #include "server/RecordTimeWindow.h"

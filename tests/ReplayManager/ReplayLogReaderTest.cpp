@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/ReplayLogRecord.h"
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

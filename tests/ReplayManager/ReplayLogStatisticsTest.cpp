@@ -1,7 +1,7 @@
 // The consistency checks behind `replaylog verify`, on logs built here: a
 // healthy log must come out clean, and each kind of damage must not.
 
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 
 #include <gtest/gtest.h>
 

@@ -14,7 +14,7 @@
 #include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "tests/e2e/clients/TimedItems.h"
 #include "tests/support/EndToEnd.h"
 

@@ -10,7 +10,7 @@
 
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/EndToEnd.h"
 #include "tests/support/RecordingCheck.h"

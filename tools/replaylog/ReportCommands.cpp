@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 #include "tools/replaylog/ToolSupport.h"
 
 namespace ReplayLogTool {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplayLogTool {
 

@@ -6,10 +6,10 @@
 #include <sstream>
 #include <unordered_map>
 
-#include "ReplayManager/Ascii7.h"
+#include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplaySoak {
 
@@ -46,10 +46,12 @@ std::string DecodeAscii7Item(const char* text, size_t length) {
     if (capacity == 0 || !carriesBits(text[0]) || !carriesBits(text[1])) {
         return std::string();
     }
+    // The decoder reads zero-terminated text; an item inside a record is not.
+    const std::string terminated(text, length);
     std::string out(capacity, '\0');
-    const unsigned int decoded = Ascii7Decoder::DecodeAscii7(
-        reinterpret_cast<const unsigned char*>(text), static_cast<unsigned int>(capacity), &out[0]);
-    out.resize(decoded);
+    const int decoded =
+        CDecodeAscii7(terminated.c_str(), &out[0], static_cast<unsigned int>(capacity));
+    out.resize(decoded > 0 ? static_cast<size_t>(decoded) : 0);
     return out;
 }
 

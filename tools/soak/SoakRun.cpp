@@ -15,7 +15,7 @@
 #include <sstream>
 #include <thread>
 
-#include "ReplayManager/ReplayLogStatistics.h"
+#include "libreplay/server/ReplayLogStatistics.h"
 #include "tools/soak/SoakProcess.h"
 #include "tools/soak/SoakReport.h"
 

@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_REPLAYLOGSTATISTICS_H
-#define REPLAYMANAGER_REPLAYLOGSTATISTICS_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGSTATISTICS_H
+#define LIBREPLAY_SERVER_REPLAYLOGSTATISTICS_H
 
 // Statistics and consistency checks over the records of a stored log: the
 // segments between header records, per client the records, items, times,
@@ -18,7 +18,7 @@
 
 #include "libreplay/ReplayExport.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "ReplayManager/ReplayLogRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplayCore {
 

@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_REPLAYLOGRECORD_H
-#define REPLAYMANAGER_REPLAYLOGRECORD_H
+#ifndef LIBREPLAY_SERVER_REPLAYLOGRECORD_H
+#define LIBREPLAY_SERVER_REPLAYLOGRECORD_H
 
 // The client records inside a stored log, taken apart without side effects:
 // log readers meet damaged records by the million and must stay quiet and
@@ -10,10 +10,12 @@
 #include <cstring>
 #include <string>
 
-#include "ReplayManager/ClientRecord.h"
 #include "libreplay/ReplayExport.h"
 
 namespace ReplayCore {
+
+// Separator in front of every item of a block but the first.
+constexpr unsigned char kItemSeparator = 0xDE;
 
 struct LogClientRecord {
     char typeCharacter = 0;
@@ -29,15 +31,17 @@ struct LogClientRecord {
 
 // Header fields of a client record: "<type><time>:<name>:[!<n> <seq>:]",
 // items, then the checksum suffix. False for anything else. Stricter than
-// ParseClientRecord (a known type, a well-formed time and sequence field, a
-// non-empty name); every record it accepts, ParseClientRecord reads the same.
+// the replay server's own parsing (a known type, a well-formed time and
+// sequence field, a non-empty name); every record it accepts, the server
+// reads the same.
 REPLAY_API bool ParseLogClientRecord(const std::string& record, LogClientRecord& fields);
 
 // ParseLogClientRecord without filling anything: no allocation at all.
 REPLAY_API bool LooksLikeClientRecord(const std::string& record);
 
-// What CheckSumValid answers for `record`, without its reports to the
-// diagnostic log and the debug channels.
+// Whether the record's checksum trailer (eight hex digits before the line
+// end) holds the sum of the bytes before it, each read as signed. Quiet: a
+// mismatch is only the answer, never a diagnostic.
 REPLAY_API bool LogRecordChecksumValid(const char* record, size_t length);
 
 // Calls `visit(timeMs, data, length)` for each item of a parsed record: the
