@@ -1,41 +1,51 @@
-// A short tour of the library's building blocks: it runs each one under a
-// private target root and prints what it did.
-
-#include <sys/stat.h>
+// A short tour of the client library's public interface, without a server:
+// versions, data types, the state commands the server sends, the clock and
+// the Ascii7 coding of binary data. Prints what each step did; exits 1 when
+// a round trip does not come back unchanged.
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
+#include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayVersion.h"
-#include "reference/src/operating_system.h"
-#include "reference/src/target_root.h"
 
 namespace {
 
-class EchoThread : public CThread {
-  public:
-    explicit EchoThread(CPipe& pipe) : CThread(0, 10, "echo"), m_pipe(pipe) {}
+// State commands with arguments, as the server sends them, and back.
+bool TourStateCommands(const std::string& logTime) {
+    using ReplayCore::ReplayStateManager;
+    const std::string command =
+        ReplayStateManager::GetCommandFromState(ReplayCore::eStateReplay, "s=3;l=" + logTime);
+    ReplayStateManager::CommandArgsParser arguments;
+    const ReplayCore::ReplayState state =
+        ReplayStateManager::GetStateFromCommand(command, arguments);
+    std::string slot;
+    std::string parsedTime;
+    const bool parsed = arguments.Get('s', slot) && arguments.Get('l', parsedTime);
+    std::printf("command \"%s\" parses as state %s, s=%s, l=%s\n", command.c_str(),
+                ReplayStateManager::GetReplayStateName(state).c_str(), slot.c_str(),
+                parsedTime.c_str());
+    return parsed && state == ReplayCore::eStateReplay && slot == "3" && parsedTime == logTime;
+}
 
-    std::string received;
-
-  protected:
-    void execute() override {
-        char buffer[64] = {};
-        const int length = m_pipe.read(buffer, sizeof buffer - 1);
-        if (length > 0) {
-            received.assign(buffer, static_cast<size_t>(length));
-        }
-    }
-
-  private:
-    CPipe& m_pipe;
-};
+// Raw bytes as Ascii7 text (what data type 4 carries) and back.
+bool TourAscii7() {
+    const unsigned char bytes[] = {0x00, 0x01, 0x7F, 0x80, 0xDE, 0xFF, 'g', 'p', 's'};
+    std::vector<char> text(CAscii7EncodedSize(sizeof bytes));
+    const int textLength =
+        CEncodeAscii7(bytes, sizeof bytes, text.data(), static_cast<unsigned int>(text.size()));
+    unsigned char decoded[sizeof bytes] = {};
+    const int decodedLength =
+        textLength < 0 ? -1 : CDecodeAscii7(text.data(), decoded, sizeof decoded);
+    std::printf("%zu bytes encode to %d characters of Ascii7 text, decode to %d bytes\n",
+                sizeof bytes, textLength, decodedLength);
+    return decodedLength == static_cast<int>(sizeof bytes) &&
+           std::memcmp(decoded, bytes, sizeof bytes) == 0;
+}
 
 }  // namespace
 
@@ -48,61 +58,27 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: replay_tour [--version]\n");
         return 2;
     }
-    char rootTemplate[] = "/tmp/replay-tour-XXXXXX";
-    const char* root = mkdtemp(rootTemplate);
-    if (root == nullptr) {
-        std::perror("mkdtemp");
-        return 1;
-    }
-    ReplayPlatform::SetTargetRoot(root);
-    std::printf("target root: %s\n", root);
-    std::printf("  /tmp/ReplayLog.txt resolves to %s\n",
-                ReplayPlatform::TargetPath("/tmp/ReplayLog.txt").c_str());
+    std::printf("built against libreplay %s, running with %s\n", LIBREPLAY_VERSION,
+                CGetLibraryVersion());
 
-    CPipe pipe;
-    if (!pipe.open(true, false)) {
-        std::printf("pipe: failed\n");
-        return 1;
+    // In a record a data type travels as one character, the code plus 32.
+    std::printf("data types:");
+    for (unsigned int type = 0; type <= kMaxDataType; ++type) {
+        std::printf(" %u='%c'", type, static_cast<char>(type + 32));
     }
-    EchoThread thread(pipe);
-    thread.start();
-    const char message[] = "one record through the pipe";
-    pipe.write(message, sizeof message - 1);
-    thread.join();
-    std::printf("thread read from pipe: \"%s\"\n", thread.received.c_str());
+    std::printf("; raw bytes go as %u, bytes already in Ascii7 as %u\n", kDataTypeBinary,
+                kDataTypeAsciiEncodedBinary);
 
     // The millisecond clock and the tenth of a second it falls in.
     const ReplayCore::MSTime::MSTimeStruct now = ReplayCore::MSTime::CurrentTimeMS();
     std::printf("clock: %s s, time slot %u\n", now.ToString().c_str(),
                 ReplayCore::GetTimeSlotFromTime(now));
 
-    // A state command with arguments, as the server sends it, and back.
-    using ReplayCore::ReplayStateManager;
-    const std::string command = ReplayStateManager::GetCommandFromState(ReplayCore::eStateReplay,
-                                                                        "s=3;l=" + now.ToString());
-    ReplayStateManager::CommandArgsParser arguments;
-    const ReplayCore::ReplayState state =
-        ReplayStateManager::GetStateFromCommand(command, arguments);
-    std::string slot;
-    std::string logTime;
-    const bool parsed = arguments.Get('s', slot) && arguments.Get('l', logTime);
-    std::printf("command \"%s\" parses as state %s, s=%s, l=%s\n", command.c_str(),
-                ReplayStateManager::GetReplayStateName(state).c_str(), slot.c_str(),
-                logTime.c_str());
-
-    // One line of the diagnostic log, read back from the private root.
-    mkdir((std::string(root) + "/tmp").c_str(), 0755);
-    ReplayCore::FileLogger::LogToFile(ReplayCore::FileLogger::eSeverityInfo,
-                                      "replay tour: state %s",
-                                      ReplayStateManager::GetReplayStateName(state).c_str());
-    std::ifstream logFile(ReplayPlatform::TargetPath(ReplayCore::FileLogger::kLogFileLocation));
-    std::stringstream logText;
-    logText << logFile.rdbuf();
-    std::printf("ReplayLog.txt holds: \"%s\"\n",
-                ReplayCore::FileLogger::FormatDebugText(logText.str().c_str(), 128).c_str());
-
-    const bool ok = thread.received == message && parsed && state == ReplayCore::eStateReplay &&
-                    logText.str().find("replay tour: state Replay") != std::string::npos;
-    const std::string removeRoot = std::string("rm -rf ") + root;
-    return std::system(removeRoot.c_str()) == 0 && ok ? 0 : 1;
+    bool typesRoundTrip = true;
+    for (unsigned int type = 0; type <= kMaxDataType; ++type) {
+        typesRoundTrip = typesRoundTrip && DataTypeFromChar(static_cast<char>(type + 32)) == type;
+    }
+    const bool commandsRoundTrip = TourStateCommands(now.ToString());
+    const bool ascii7RoundTrip = TourAscii7();
+    return typesRoundTrip && commandsRoundTrip && ascii7RoundTrip ? 0 : 1;
 }
