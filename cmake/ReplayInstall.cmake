@@ -77,8 +77,11 @@ foreach(pc IN ITEMS libreplay libreplayproxy libreplay-server)
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${component})
 endforeach()
 
+# The tools load libreplay.so; installed, they find it beside them in the
+# prefix they are installed into, whichever that is.
 foreach(program IN ITEMS ReplayManager replaylog replay-logger)
   if(TARGET ${program})
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH "\$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endforeach()
