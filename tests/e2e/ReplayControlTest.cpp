@@ -210,7 +210,9 @@ TEST_F(ReplayControlTest, SeekAndStepWhilePausedThenRateTwo) {
         }
     }
     ASSERT_GT(gaps.size(), 20u);
-    EXPECT_NEAR(Median(gaps), 0.5, 0.1);
+    // Wide enough for a loaded machine, whose late wakes bunch some items;
+    // rate 1 would give 1.
+    EXPECT_NEAR(Median(gaps), 0.5, 0.25);
 }
 
 TEST_F(ReplayControlTest, SomeClientsOnlyAndLoopUntilTurnedOff) {

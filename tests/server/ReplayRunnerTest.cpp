@@ -76,7 +76,7 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
         anchor = std::min(anchor, view.received[view.clockIndex].arrival);
     }
 
-    std::vector<int64_t> lateness;
+    std::vector<std::pair<int64_t, int64_t>> lateness;  // (record time, late ms)
     for (size_t c = 0; c < 2; ++c) {
         const ClientView& view = views[c];
         const std::string slot = "s=" + std::to_string(slots[c]);
@@ -100,7 +100,7 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
             const int64_t late = Ms(view.received[i].arrival - anchor) - due;
             // Never early (the clock command itself takes a moment to arrive).
             EXPECT_GE(late, -3) << "record at " << planned.timeMs;
-            lateness.push_back(late);
+            lateness.emplace_back(planned.timeMs, late);
         }
         // Stop only once the clients have had time to play the last record.
         const ReplayTest::Datagram& stop = view.received.back();
@@ -109,11 +109,24 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
                                                  m_settings.networkingLatencyMs +
                                                  m_settings.endGraceMs - 3);
     }
-    std::sort(lateness.begin(), lateness.end());
-    EXPECT_LE(lateness[lateness.size() / 2], 10) << "median lateness";
     // Each record is scheduled from the anchor, not from the previous send:
-    // the tail is no later than the rest.
-    EXPECT_LE(lateness[lateness.size() * 9 / 10], 25) << "90th percentile lateness";
+    // the last records are no later than the first (errors do not add up).
+    // Medians, so that a loaded machine's stall under one record does not
+    // decide.
+    std::sort(lateness.begin(), lateness.end());
+    const size_t quarter = lateness.size() / 4;
+    auto medianLateness = [&](size_t from) {
+        std::vector<int64_t> late;
+        for (size_t i = from; i < from + quarter; ++i) {
+            late.push_back(lateness[i].second);
+        }
+        std::sort(late.begin(), late.end());
+        return late[late.size() / 2];
+    };
+    const int64_t first = medianLateness(0);
+    const int64_t last = medianLateness(lateness.size() - quarter);
+    EXPECT_LE(first, 40) << "median lateness of the first quarter";
+    EXPECT_LE(last - first, 20) << "the last quarter against the first";
 }
 
 TEST_F(ReplayRunnerTest, CancelEndsTheReplayAndStopsTheClients) {
