@@ -484,7 +484,14 @@ void HttpApi::AddRoutes() {
         }
         std::string content;
         struct stat info {};
-        const std::string path = m_settings.webRoot + "/" + relative;
+        std::string path = m_settings.webRoot + "/" + relative;
+        // The charting library: copied beside the page when installed, else
+        // where the setup script's npm put it.
+        const std::string vendor = "vendor/";
+        if (relative.compare(0, vendor.size(), vendor) == 0 && stat(path.c_str(), &info) != 0) {
+            path =
+                m_settings.webRoot + "/node_modules/uplot/dist/" + relative.substr(vendor.size());
+        }
         if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
             !ReadWholeFile(path, content)) {
             SendError(response, 404, "no such file: " + relative);
