@@ -1,17 +1,23 @@
-// Replay fidelity of the whole pipeline: three demo clients (a 10 Hz position
-// text and a 50 Hz binary frame each) are recorded through the logger service
-// and the replay server, the log is replayed to them, and each replayed
-// item's timing is compared with its recording: the callback moment's offset
-// from the client's first replayed item minus the item's recorded offset from
-// the first recorded one. Also counted: items lost, items out of order, and
-// how late the first item of each client came against its due moment.
+// Replay fidelity of the whole pipeline: five demo clients (three with a
+// 10 Hz position text and a 50 Hz binary frame, one with a 100 Hz and one
+// with a 200 Hz frame) are recorded through the logger service and the
+// replay server, the log is replayed to them, and each replayed item's
+// timing is compared with its recording: the callback moment's offset from
+// the client's first replayed item minus the item's recorded offset from the
+// first recorded one. Also counted: items lost, items out of order, and how
+// late the first item of each client came against its due moment.
+//
+// The same log is then replayed from half its length on (each client's
+// state item first, not timed), and a prepared log holding a burst (20,000
+// items of 64 bytes within 80 ms) is replayed to one more client.
 //
 // Baseline in the same run: one thread sleeping on absolute deadlines
 // (clock_nanosleep, TIMER_ABSTIME, CLOCK_MONOTONIC) through the same recorded
 // schedule, the host's scheduling noise floor.
 //
-// A second case pauses the replay a third of the way in for two seconds and
-// measures the items after the resume against their new moments.
+// A case of its own pauses a replay of three clients a third of the way in
+// for two seconds and measures the items after the resume against their new
+// moments.
 //
 // Settings (environment):
 //   FIDELITY_SECONDS         recording length (default 60)
@@ -27,6 +33,7 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -34,14 +41,30 @@
 #include <vector>
 
 #include "bench/PipelineSupport.h"
+#include "libreplay/ClientRecord.h"
+#include "libreplay/ReplayLogReader.h"
 
 namespace {
 
 using BenchPipeline::ChildProcess;
 using BenchPipeline::EnvironmentNumber;
 
-const char* const kClientNames[] = {"gps", "can", "compass"};
+struct ClientSpec {
+    const char* name;
+    std::vector<std::string> options;
+};
+const ClientSpec kClients[] = {
+    {"gps", {}},
+    {"can", {}},
+    {"compass", {}},
+    {"imu100", {"--position-hz", "0", "--frame-hz", "100"}},
+    {"imu200", {"--position-hz", "0", "--frame-hz", "200"}},
+};
+constexpr int kClientCount = sizeof kClients / sizeof kClients[0];
 constexpr int kNetworkingLatencyMs = 100;
+constexpr size_t kBurstItems = 20000;
+constexpr size_t kBurstItemBytes = 64;
+constexpr int64_t kBurstSpanMs = 80;
 
 // Per-item timing errors in microseconds with the counts that go with them.
 struct FidelityResult {
@@ -52,7 +75,24 @@ struct FidelityResult {
     size_t duplicated = 0;
     size_t foreign = 0;  // replayed but not in the journal
     int64_t worstFirstItemLateMs = 0;
+    // Per client: its errors, for the rates of the fast ones.
+    std::map<std::string, std::vector<int64_t>> clientErrorsUs;
+    double replaySeconds = 0;
 };
+
+// Results of the three replays, kept for the benchmarks that report them.
+struct PipelineResults {
+    FidelityResult full;
+    FidelityResult fromOffset;
+    FidelityResult burst;
+    bool ran = false;
+    std::string error;
+};
+
+PipelineResults& Results() {
+    static PipelineResults results;
+    return results;
+}
 
 // The recorded schedule: per client, item times in ms (journal order).
 std::vector<std::vector<int64_t>>& RecordedSchedule() {
@@ -96,8 +136,13 @@ std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
 
 // Order is checked per data type: each is an input stream of its own, sent
 // in blocks of its own.
-void AddClient(const std::vector<JournalEntry>& journal, const std::vector<ReplayedItem>& replayed,
-               FidelityResult& result) {
+// With `stateFirst` the first replayed item is the client's state before the
+// range: handed over at once, not timed.
+void AddClient(const std::string& name, const std::vector<JournalEntry>& journal,
+               std::vector<ReplayedItem> replayed, bool stateFirst, FidelityResult& result) {
+    if (stateFirst && !replayed.empty()) {
+        replayed.erase(replayed.begin());
+    }
     result.recorded += journal.size();
     std::set<long long> seen;
     std::map<unsigned int, long long> highest;
@@ -131,8 +176,10 @@ void AddClient(const std::vector<JournalEntry>& journal, const std::vector<Repla
         const int64_t replayedUs = item.momentUs - first->momentUs;
         const int64_t recordedUs = (item.recordedMs - first->recordedMs) * 1000;
         result.errorsUs.push_back(replayedUs - recordedUs);
+        result.clientErrorsUs[name].push_back(replayedUs - recordedUs);
     }
-    result.lost += journal.size() - seen.size();
+    // A replay from an offset is not expected to bring the items before it.
+    result.lost += stateFirst ? 0 : journal.size() - seen.size();
 }
 
 struct Distribution {
@@ -168,99 +215,272 @@ void ReportDistribution(benchmark::State& state, const std::vector<int64_t>& err
     state.counters["max_abs_ms"] = d.maxMs;
 }
 
-// Records, replays and collects; false with `error` when a step fails.
-bool RunPipeline(int seconds, FidelityResult& result, std::string& error) {
+std::string Hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned char c : bytes) {
+        text += digits[c >> 4];
+        text += digits[c & 15];
+    }
+    return text;
+}
+
+// A log holding one client's burst, stored as that client sends it (blocks
+// of at most 2032 bytes), and the client's journal of the same items.
+bool WriteBurst(const std::string& client, const std::string& logPath,
+                const std::string& journalPath) {
+    constexpr int64_t kStartMs = 50000;
+    std::ofstream journal(journalPath);
+    std::string log;
+    std::string framed;
+    if (!ReplayCore::LogFormat::FrameRecord(ReplayCore::LogFormat::HeaderPayload(kStartMs),
+                                            framed)) {
+        return false;
+    }
+    ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+    std::string block;
+    unsigned int sequence = 0;
+    auto flush = [&] {
+        char trailer[16];
+        std::snprintf(
+            trailer, sizeof trailer, "%8x\n",
+            ReplayCore::ComputeChecksum(block.data(), static_cast<unsigned int>(block.size())));
+        ReplayCore::LogFormat::FrameRecord(block + trailer, framed);
+        ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+        block.clear();
+    };
+    for (size_t i = 0; i < kBurstItems; ++i) {
+        const int64_t timeMs =
+            kStartMs + static_cast<int64_t>(i) * kBurstSpanMs / static_cast<int64_t>(kBurstItems);
+        std::string bytes = "POS " + std::to_string(i) + " ";
+        bytes.resize(kBurstItemBytes, 'p');
+        journal << timeMs << " 2 " << Hex(bytes) << '\n';
+        const std::string time = ReplayCore::MSTime::MSTimeStruct(0, timeMs).ToString();
+        const std::string item = static_cast<char>(ReplayCore::kItemSeparator) + time + ":" + bytes;
+        if (!block.empty() && block.size() + item.size() >= 2032) {
+            flush();
+        }
+        block += block.empty() ? "\"" + time + ":" + client + ":!1 " + std::to_string(++sequence) +
+                                     ":" + bytes
+                               : item;
+    }
+    flush();
+    std::ofstream(logPath, std::ios::binary) << log;
+    return static_cast<bool>(journal);
+}
+
+class DemoClients {
+  public:
+    DemoClients(const BenchPipeline::TargetRoot& root, BenchPipeline::RecordingPipeline& pipeline)
+        : m_root(root), m_pipeline(pipeline) {}
+
+    // Starts the clients (again) and waits until the server has them all
+    // running; each run writes its own items file.
+    bool Start(const std::vector<ClientSpec>& specs, const std::string& run) {
+        m_specs = specs;
+        m_run = run;
+        m_processes.clear();
+        const std::string demoClient = BenchPipeline::BuiltProgram("examples/demo_client");
+        for (const ClientSpec& spec : specs) {
+            const std::string name = spec.name;
+            std::vector<std::string> arguments = {demoClient, name, m_root / (name + ".journal")};
+            arguments.insert(arguments.end(), spec.options.begin(), spec.options.end());
+            m_processes.emplace_back(new ChildProcess);
+            if (!m_processes.back()->Start(
+                    arguments, m_root / "work",
+                    {"REPLAY_TARGET_ROOT=" + m_root.Path(), "ENABLE_REPLAY=1",
+                     "DEMO_CLIENT_ITEMS=" + (m_root / (name + "." + run + ".items"))},
+                    m_root / (name + "." + run + ".out"))) {
+                return false;
+            }
+        }
+        return BenchPipeline::WaitFor(
+            [&] {
+                const std::string table = m_pipeline.Command("clients");
+                size_t running = 0;
+                for (size_t at = table.find("Running"); at != std::string::npos;
+                     at = table.find("Running", at + 1)) {
+                    ++running;
+                }
+                return running >= m_specs.size();
+            },
+            std::chrono::seconds(20), std::chrono::milliseconds(100));
+    }
+
+    // Ends the clients (they write their items files) and adds what each
+    // was replayed to `result`.
+    void Collect(bool stateFirst, FidelityResult& result) {
+        for (size_t c = 0; c < m_processes.size(); ++c) {
+            m_processes[c]->Stop(std::chrono::seconds(20));
+            const std::string name = m_specs[c].name;
+            const std::vector<JournalEntry> journal = ReadJournal(m_root / (name + ".journal"));
+            if (m_run == "full") {
+                RecordedSchedule().emplace_back();
+                for (const JournalEntry& entry : journal) {
+                    RecordedSchedule().back().push_back(entry.timeMs);
+                }
+            }
+            AddClient(name, journal, ReadReplayedItems(m_root / (name + "." + m_run + ".items")),
+                      stateFirst, result);
+            const std::string output = m_processes[c]->Output();
+            const size_t summary = output.find("demo_client ");
+            std::fprintf(stderr, "  %s",
+                         summary == std::string::npos
+                             ? ("demo_client " + name + ": no summary\n").c_str()
+                             : output.substr(summary).c_str());
+        }
+        m_processes.clear();
+    }
+
+  private:
+    const BenchPipeline::TargetRoot& m_root;
+    BenchPipeline::RecordingPipeline& m_pipeline;
+    std::vector<ClientSpec> m_specs;
+    std::string m_run;
+    std::vector<std::unique_ptr<ChildProcess>> m_processes;
+};
+
+// Replays with `command` and waits until the server reports it done; the
+// time that took goes to `result`.
+bool Replay(BenchPipeline::RecordingPipeline& pipeline, const std::string& command,
+            FidelityResult& result, std::string& error) {
+    std::fprintf(stderr, "  %s ...\n", command.c_str());
+    const auto started = std::chrono::steady_clock::now();
+    const std::string replay = pipeline.Command(command);
+    if (replay.compare(0, 9, "replaying") != 0) {
+        error = "replay refused: " + replay;
+        return false;
+    }
+    const std::string done = pipeline.Command("wait");
+    result.replaySeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    std::fprintf(stderr, "  %s  replay: %s", replay.c_str(), done.c_str());
+    return true;
+}
+
+// Records, replays whole, from the middle and a burst, and collects; false
+// with `error` when a step fails.
+bool RunPipeline(int seconds, PipelineResults& results, std::string& error) {
     BenchPipeline::TargetRoot root;
     const std::string address = BenchPipeline::RandomLoopbackAddress();
     BenchPipeline::RecordingPipeline pipeline(root, address);
-    const std::string demoClient = BenchPipeline::BuiltProgram("examples/demo_client");
-    if (demoClient.empty() ||
+    if (BenchPipeline::BuiltProgram("examples/demo_client").empty() ||
         !pipeline.Start("serverIP:" + address + ";\nnetworkingLatency:" +
                         std::to_string(kNetworkingLatencyMs) + ";\nserverLeadTime:100;\n")) {
         error = "cannot start the pipeline";
         return false;
     }
-    ChildProcess clients[3];
-    for (int c = 0; c < 3; ++c) {
-        const std::string name = kClientNames[c];
-        if (!clients[c].Start({demoClient, name, root / (name + ".journal")}, root / "work",
-                              {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1",
-                               "DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))},
-                              root / (name + ".out"))) {
-            error = "cannot start demo_client";
-            return false;
-        }
-    }
-    const bool connected = BenchPipeline::WaitFor(
-        [&] {
-            const std::string table = pipeline.Command("clients");
-            size_t running = 0;
-            for (size_t at = table.find("Running"); at != std::string::npos;
-                 at = table.find("Running", at + 1)) {
-                ++running;
-            }
-            return running >= 3;
-        },
-        std::chrono::seconds(20), std::chrono::milliseconds(100));
-    if (!connected) {
+    const std::vector<ClientSpec> specs(kClients, kClients + kClientCount);
+    DemoClients clients(root, pipeline);
+    if (!clients.Start(specs, "full")) {
         error = "the demo clients did not connect";
         return false;
     }
     std::fprintf(stderr, "  recording %d s ...\n", seconds);
     pipeline.Command("record " + std::to_string(seconds));
     pipeline.Command("wait");
-    std::fprintf(stderr, "  replaying ...\n");
-    const std::string replay = pipeline.Command("replay " + pipeline.LogFile());
-    if (replay.compare(0, 9, "replaying") != 0) {
-        error = "replay refused: " + replay;
+    RecordedSchedule().clear();
+    if (!Replay(pipeline, "replay " + pipeline.LogFile(), results.full, error)) {
         return false;
     }
-    const std::string done = pipeline.Command("wait");
-    std::fprintf(stderr, "  %s  replay: %s", replay.c_str(), done.c_str());
-    // The clients write their journals' comparison when told to end.
-    for (ChildProcess& client : clients) {
-        client.Stop(std::chrono::seconds(20));
+    clients.Collect(false, results.full);
+
+    if (!clients.Start(specs, "offset")) {
+        error = "the demo clients did not connect again";
+        return false;
     }
-    RecordedSchedule().clear();
-    for (int c = 0; c < 3; ++c) {
-        const std::string name = kClientNames[c];
-        const std::vector<JournalEntry> journal = ReadJournal(root / (name + ".journal"));
-        RecordedSchedule().emplace_back();
-        for (const JournalEntry& entry : journal) {
-            RecordedSchedule().back().push_back(entry.timeMs);
-        }
-        AddClient(journal, ReadReplayedItems(root / (name + ".items")), result);
-        const std::string output = clients[c].Output();
-        const size_t summary = output.find("demo_client ");
-        std::fprintf(stderr, "  %s",
-                     summary == std::string::npos
-                         ? ("demo_client " + name + ": no summary\n").c_str()
-                         : output.substr(summary).c_str());
+    if (!Replay(pipeline, "replay " + pipeline.LogFile() + " --from " + std::to_string(seconds / 2),
+                results.fromOffset, error)) {
+        return false;
     }
+    clients.Collect(true, results.fromOffset);
+
+    const std::string burstLog = root / "burst.dat";
+    if (!WriteBurst("burst", burstLog, root / "burst.journal")) {
+        error = "cannot write the burst";
+        return false;
+    }
+    if (!clients.Start({{"burst", {"--position-hz", "0", "--frame-hz", "0"}}}, "burst")) {
+        error = "the burst client did not connect";
+        return false;
+    }
+    if (!Replay(pipeline, "replay " + burstLog, results.burst, error)) {
+        return false;
+    }
+    clients.Collect(false, results.burst);
     return true;
 }
 
-void BM_ReplayFidelity(benchmark::State& state) {
-    const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_SECONDS", 60));
-    FidelityResult result;
-    for (auto _ : state) {
-        std::string error;
-        if (!RunPipeline(seconds, result, error)) {
-            state.SkipWithError(error.c_str());
-            return;
+void ReportRates(benchmark::State& state, const FidelityResult& result) {
+    for (const char* name : {"imu100", "imu200"}) {
+        const auto found = result.clientErrorsUs.find(name);
+        if (found != result.clientErrorsUs.end()) {
+            const Distribution d = Summarise(found->second);
+            const std::string rate = std::string(name).substr(3);
+            state.counters["mean_" + rate + "hz_ms"] = d.meanMs;
+            state.counters["p99_" + rate + "hz_ms"] = d.p99Ms;
+            state.counters["max_" + rate + "hz_ms"] = d.maxMs;
         }
     }
-    ReportDistribution(state, result.errorsUs);
+}
+
+void ReportCounts(benchmark::State& state, const FidelityResult& result) {
     state.counters["recorded"] = static_cast<double>(result.recorded);
     state.counters["lost"] = static_cast<double>(result.lost);
     state.counters["reordered"] = static_cast<double>(result.reordered);
     state.counters["duplicated"] = static_cast<double>(result.duplicated + result.foreign);
+    state.counters["replay_s"] = result.replaySeconds;
+}
+
+void BM_ReplayFidelity(benchmark::State& state) {
+    const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_SECONDS", 60));
+    PipelineResults& results = Results();
+    for (auto _ : state) {
+        results = PipelineResults();
+        if (!RunPipeline(seconds, results, results.error)) {
+            state.SkipWithError(results.error.c_str());
+            return;
+        }
+        results.ran = true;
+    }
+    ReportDistribution(state, results.full.errorsUs);
+    ReportRates(state, results.full);
+    ReportCounts(state, results.full);
+    state.counters["first_item_late_ms"] = static_cast<double>(results.full.worstFirstItemLateMs);
+}
+
+// The replay from half the recording on, from the same run.
+void BM_ReplayFromOffset(benchmark::State& state) {
+    for (auto _ : state) {
+    }
+    if (!Results().ran) {
+        state.SkipWithError("the fidelity run did not complete");
+        return;
+    }
+    const FidelityResult& result = Results().fromOffset;
+    ReportDistribution(state, result.errorsUs);
+    ReportRates(state, result);
+    ReportCounts(state, result);
     state.counters["first_item_late_ms"] = static_cast<double>(result.worstFirstItemLateMs);
+}
+
+// The burst, from the same run: items handed over, lost and out of order.
+void BM_ReplayBurst(benchmark::State& state) {
+    for (auto _ : state) {
+    }
+    if (!Results().ran) {
+        state.SkipWithError("the fidelity run did not complete");
+        return;
+    }
+    ReportCounts(state, Results().burst);
+    state.counters["replayed"] = static_cast<double>(Results().burst.errorsUs.size());
 }
 
 // A replay paused a third of the way in for two seconds, then resumed: each
 // item after the resume against its new moment, the resume moment plus its
 // recorded time's distance from the paused position. Nothing may be lost.
+const char* const kPauseClients[] = {"gps", "can", "compass"};
+
 struct PauseResumeResult {
     std::vector<int64_t> errorsUs;  // items after the resume
     size_t recorded = 0;
@@ -281,7 +501,7 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
     }
     ChildProcess clients[3];
     for (int c = 0; c < 3; ++c) {
-        const std::string name = kClientNames[c];
+        const std::string name = kPauseClients[c];
         if (!clients[c].Start({demoClient, name, root / (name + ".journal")}, root / "work",
                               {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1",
                                "DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))},
@@ -337,7 +557,7 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
     }
     std::vector<std::vector<JournalEntry>> journals;
     int64_t startMs = INT64_MAX;
-    for (const char* name : kClientNames) {
+    for (const char* name : kPauseClients) {
         journals.push_back(ReadJournal(root / (std::string(name) + ".journal")));
         if (!journals.back().empty()) {
             startMs = std::min(startMs, journals.back().front().timeMs);
@@ -345,7 +565,7 @@ bool RunPauseResume(int seconds, PauseResumeResult& result, std::string& error) 
     }
     for (int c = 0; c < 3; ++c) {
         const std::vector<ReplayedItem> items =
-            ReadReplayedItems(root / (std::string(kClientNames[c]) + ".items"));
+            ReadReplayedItems(root / (std::string(kPauseClients[c]) + ".items"));
         std::set<long long> seen;
         bool first = true;
         for (const ReplayedItem& item : items) {
@@ -426,6 +646,8 @@ void BM_AbsoluteSleepBaseline(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ReplayFidelity)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayFromOffset)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayBurst)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayFidelityPauseResume)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_AbsoluteSleepBaseline)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 

@@ -57,7 +57,8 @@ bool CutRecordItems(const std::string& record, ItemCut& cut) {
                 dataStart = static_cast<size_t>(static_cast<const char*>(colon) - base) + 1;
                 const ReplayCore::MSTime::MSTimeStruct itemTime(
                     record.substr(position, dataStart - 1 - position));
-                if (itemTime.m_timeMilliseconds != 0) {
+                // A negative time cannot be written into a header again.
+                if (itemTime.m_timeMilliseconds > 0) {
                     timeMs = itemTime.m_timeMilliseconds;
                 }
             }

@@ -5,11 +5,11 @@ namespace ReplayServer {
 ReplayPacer::ReplayPacer(ReplayDeliveryTracker& deliveries, const PacingSettings& settings)
     : m_deliveries(deliveries), m_settings(settings) {}
 
-int64_t ReplayPacer::LeadMs(const PlannedRecord& record) const {
+int64_t ReplayPacer::LeadUs(const PlannedRecord& record) const {
     if (record.gapMs >= 0 && record.gapMs <= m_settings.atMomentWithinMs) {
-        return 0;
+        return m_settings.atMomentLeadUs;
     }
-    return m_settings.serverLeadTimeMs;
+    return static_cast<int64_t>(m_settings.serverLeadTimeMs) * 1000;
 }
 
 bool ReplayPacer::WaitForRoom(const std::string& client) {

@@ -34,6 +34,12 @@ struct PacingSettings {
     // go out at their moment: the client's own threshold, 10 ms, plus
     // margin for a previous item handed over a little late.
     int64_t atMomentWithinMs = 15;
+    // How much before its moment such a record goes out. A client that
+    // waits for a moment wakes up to a millisecond early (it sleeps a
+    // millisecond short on a millisecond clock), half a millisecond on
+    // average; sending this much ahead makes a record handed over on
+    // arrival (after the trip through the sockets) come about as early.
+    int64_t atMomentLeadUs = 700;
     // Records a client may have unreported; each can take a few kilobytes
     // of a client socket's default receive buffer of about 200 kB.
     uint64_t window = 32;
@@ -46,8 +52,8 @@ class ReplayPacer {
   public:
     ReplayPacer(ReplayDeliveryTracker& deliveries, const PacingSettings& settings);
 
-    // How long before its moment `record` is sent.
-    int64_t LeadMs(const PlannedRecord& record) const;
+    // How long before its moment `record` is sent, in microseconds.
+    int64_t LeadUs(const PlannedRecord& record) const;
     // Waits until `client` may be sent another record. False when the wait
     // was woken (the replay is cancelled) or gave up on the client.
     bool WaitForRoom(const std::string& client);

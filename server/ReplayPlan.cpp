@@ -171,11 +171,13 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         planned.timeMs = item.dueMs;
         planned.sequence = sequence->second++;
         planned.offset = item.offset;
+        // The state item counts as the client's previous item: the client
+        // hands it over just before the first item of the range.
+        auto previous = previousDue.find(item.client);
         if (range) {
-            auto previous = previousDue.find(item.client);
             planned.gapMs = previous == previousDue.end() ? -1 : item.dueMs - previous->second;
-            previousDue[item.client] = item.dueMs;
         }
+        previousDue[item.client] = item.dueMs;
         plan.clients.insert(item.client);
         into.push_back(std::move(planned));
     };

@@ -33,6 +33,11 @@ int64_t ReplayRunner::NowMs() {
         .count();
 }
 
+int64_t ReplayRunner::NowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
 ReplayRunner::Clock::time_point ReplayRunner::At(int64_t ms) {
     return Clock::time_point(std::chrono::milliseconds(ms));
 }
@@ -214,9 +219,13 @@ ReplayResult ReplayRunner::Run() {
     PacingSettings pacing = m_settings.pacing;
     pacing.serverLeadTimeMs = m_settings.serverLeadTimeMs;
     m_pacer.reset(new ReplayPacer(m_server.Deliveries(), pacing));
+    // The line starts a lead time before the first item, so that every
+    // client takes its first item up well ahead of its moment and waits for
+    // it, instead of handing it over at once, early.
     const int64_t anchor = NowMs();
-    m_schedule = ReplaySchedule(m_plan.startMs, anchor);
-    SetClientClocks(m_plan.startMs);
+    const int64_t originMs = m_plan.startMs - m_settings.serverLeadTimeMs;
+    m_schedule = ReplaySchedule(originMs, anchor);
+    SetClientClocks(originMs);
     // After the clock, so that a client hands these over at once: their
     // times lie before the start.
     for (const PlannedRecord& record : m_plan.initialisation) {
@@ -273,10 +282,10 @@ ReplayResult ReplayRunner::Run() {
                 ++m_next;
                 continue;
             }
-            const int64_t lead = m_schedule.Rate() == 1.0 ? m_pacer->LeadMs(record) : 0;
-            const int64_t due = m_schedule.DueAt(record.timeMs) - lead;
-            if (now < due) {
-                m_wake.wait_until(lock, At(due));
+            const int64_t leadUs = m_schedule.Rate() == 1.0 ? m_pacer->LeadUs(record) : 0;
+            const int64_t dueUs = m_schedule.DueAt(record.timeMs) * 1000 - leadUs;
+            if (NowUs() < dueUs) {
+                m_wake.wait_until(lock, Clock::time_point(std::chrono::microseconds(dueUs)));
                 continue;
             }
             // No more than a window unreported per client, so that its
@@ -286,17 +295,20 @@ ReplayResult ReplayRunner::Run() {
             lock.unlock();
             const bool room = m_pacer->WaitForRoom(record.client);
             lock.lock();
-            if (!room || index != m_next || m_schedule.Paused() || m_cancelled) {
+            // Meanwhile a control call may have moved, paused or re-timed
+            // the replay: then everything is looked at again.
+            if (!room || index != m_next || m_schedule.Paused() || m_cancelled ||
+                m_clockDueMs != INT64_MIN ||
+                NowUs() < m_schedule.DueAt(record.timeMs) * 1000 - leadUs) {
                 continue;
             }
-            // Records due within the lead time of the start go out at once.
-            SendRecord(m_next, std::max(due, anchor));
+            SendRecord(m_next, std::max(dueUs / 1000, anchor));
             ++m_next;
             continue;
         }
         // Past the last record: start again, or let the clients hand it
-        // over before they are stopped.
-        // At max rate the last record was due when it went out.
+        // over before they are stopped. At max rate the last record was due
+        // when it went out.
         const int64_t lastDue = m_maxRate ? m_clientsIdleMs : m_schedule.DueAt(m_plan.endMs);
         if (m_loop) {
             if (now < lastDue) {

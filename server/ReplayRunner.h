@@ -126,6 +126,7 @@ class ReplayRunner {
   private:
     using Clock = std::chrono::steady_clock;
     static int64_t NowMs();
+    static int64_t NowUs();
     static Clock::time_point At(int64_t ms);
 
     bool WaitUntil(Clock::time_point when);

@@ -336,6 +336,11 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
     if (plan->damagedRecords > plan->damageReports.size()) {
         reply << "\nskipped " << plan->damagedRecords << " damaged records in all";
     }
+    if (plan->skippedItems > 0 || plan->unformedItems > 0) {
+        reply << "\nskipped " << plan->skippedItems
+              << " items a client would not hand over (empty or without a time) and "
+              << plan->unformedItems << " items too large to send on their own";
+    }
     m_plan = std::move(plan);
     {
         std::lock_guard<std::mutex> lock(m_jobMutex);
@@ -354,8 +359,11 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
         } else {
             text << (result.cancelled ? "replay stopped: " : "replay complete: ")
                  << result.recordsSent << " records sent, " << result.sendFailures
-                 << " failed, latest send " << result.maxSendLatenessMs << " ms behind";
-            if (!result.undeliveredClients.empty()) {
+                 << " failed, latest send " << result.maxSendLatenessMs << " ms behind, "
+                 << result.pacingStalls << " pacing stalls";
+            if (result.undeliveredClients.empty()) {
+                text << ", all reported delivered";
+            } else {
                 text << "; no report of the last record from";
                 for (const std::string& name : result.undeliveredClients) {
                     text << " " << name;

@@ -21,14 +21,15 @@ TEST(ReplayPacerTest, SendsCloseItemsAtTheirMomentAndOthersAhead) {
     srv::PacingSettings settings;
     settings.serverLeadTimeMs = 100;
     settings.atMomentWithinMs = 15;
+    settings.atMomentLeadUs = 700;
     srv::ReplayPacer pacer(deliveries, settings);
-    EXPECT_EQ(pacer.LeadMs(WithGap(-1)), 100);  // a client's first item
-    EXPECT_EQ(pacer.LeadMs(WithGap(0)), 0);     // a burst
-    EXPECT_EQ(pacer.LeadMs(WithGap(5)), 0);     // 200 Hz
-    EXPECT_EQ(pacer.LeadMs(WithGap(10)), 0);    // 100 Hz
-    EXPECT_EQ(pacer.LeadMs(WithGap(15)), 0);
-    EXPECT_EQ(pacer.LeadMs(WithGap(16)), 100);
-    EXPECT_EQ(pacer.LeadMs(WithGap(20)), 100);  // 50 Hz
+    EXPECT_EQ(pacer.LeadUs(WithGap(-1)), 100000);  // a client's first item
+    EXPECT_EQ(pacer.LeadUs(WithGap(0)), 700);      // a burst
+    EXPECT_EQ(pacer.LeadUs(WithGap(5)), 700);      // 200 Hz
+    EXPECT_EQ(pacer.LeadUs(WithGap(10)), 700);     // 100 Hz
+    EXPECT_EQ(pacer.LeadUs(WithGap(15)), 700);
+    EXPECT_EQ(pacer.LeadUs(WithGap(16)), 100000);
+    EXPECT_EQ(pacer.LeadUs(WithGap(20)), 100000);  // 50 Hz
 }
 
 // A full window waits for the client's report; a client that stays silent

@@ -141,7 +141,8 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     }
     EXPECT_EQ(order, (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
     EXPECT_EQ(plan.startMs, 1015);
-    EXPECT_EQ(plan.records[0].gapMs, -1);
+    // g2 follows the state item g1: the client has just handed that over.
+    EXPECT_EQ(plan.records[0].gapMs, 10);
     ASSERT_EQ(plan.state.size(), 2u);
     const SentItem canState = Sent(plan.state[0]);
     const SentItem gpsState = Sent(plan.state[1]);
@@ -156,6 +157,7 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     options.withState = false;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
     EXPECT_TRUE(plan.state.empty());
+    EXPECT_EQ(plan.records[0].gapMs, -1);
     EXPECT_EQ(Sent(plan.records[0]).sequence, 1u);
 
     options.toOffsetMs = 15;  // empty range

@@ -99,8 +99,8 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
     plan.clients = {"gps", "can"};
     plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
     // 80 records 4 ms apart from 20 ms after the start (as in a replay from
-    // an offset): the first few fall inside the lead time and go out at
-    // once; the rest must keep to the schedule without drifting.
+    // an offset): even the first goes out a lead time ahead of its moment,
+    // and the rest keep to the schedule without drifting.
     constexpr int kRecords = 80;
     plan.startMs = 10000;
     for (int i = 0; i < kRecords; ++i) {
@@ -141,15 +141,16 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
         EXPECT_EQ(view.received[0].bytes, "#replay " + slot + ";");
         ASSERT_EQ(view.clockIndex, 1u);
         EXPECT_EQ(ClockArgument(view.received[1].bytes),
-                  plan.startMs - m_settings.networkingLatencyMs);
+                  plan.startMs - m_settings.serverLeadTimeMs - m_settings.networkingLatencyMs);
         EXPECT_EQ(view.received[2].bytes, plan.initialisation[c].record);
 
         size_t next = c;  // this client's records in the plan: c, c + 2, ...
         for (size_t i = 3; i + 1 < view.received.size(); ++i, next += 2) {
             const srv::PlannedRecord& planned = plan.records[next];
             ASSERT_EQ(view.received[i].bytes, planned.record) << "datagram " << i;
-            const int64_t due =
-                std::max<int64_t>(0, planned.timeMs - plan.startMs - m_settings.serverLeadTimeMs);
+            // The clock's origin is a lead time before the start, and each
+            // record goes out a lead time before its moment.
+            const int64_t due = planned.timeMs - plan.startMs;
             const int64_t late = Ms(view.received[i].arrival - anchor) - due;
             // Never early (the clock command itself takes a moment to arrive).
             EXPECT_GE(late, -3) << "record at " << planned.timeMs;
@@ -158,8 +159,9 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
         // Stop only once the clients have had time to play the last record.
         const ReplayTest::Datagram& stop = view.received.back();
         EXPECT_EQ(stop.bytes, "#stop " + slot + ";");
-        EXPECT_GE(Ms(stop.arrival - anchor),
-                  plan.DurationMs() + m_settings.networkingLatencyMs + m_settings.endGraceMs - 3);
+        EXPECT_GE(Ms(stop.arrival - anchor), plan.DurationMs() + m_settings.serverLeadTimeMs +
+                                                 m_settings.networkingLatencyMs +
+                                                 m_settings.endGraceMs - 3);
     }
     std::sort(lateness.begin(), lateness.end());
     EXPECT_LE(lateness[lateness.size() / 2], 10) << "median lateness";
