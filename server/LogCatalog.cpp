@@ -99,7 +99,8 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
     ReplayCore::LogClientRecord fields;
     while (reader.Next(record)) {
         entry->statistics.Add(record);
-        if (entry->timeline.empty() || entry->timeline.back().index != record.segment) {
+        if (entry->timeline.empty() || (entry->timeline.back().index != record.segment &&
+                                        entry->timeline.size() < LogStatistics::kMaxSegments)) {
             TimelineSegment segment;
             segment.index = record.segment;
             segment.startMs = -1;
@@ -117,13 +118,21 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
             !ReplayCore::ParseLogClientRecord(record.payload, fields)) {
             continue;
         }
+        // The clients the statistics keep apart: the first ones of the segment.
+        auto client = segment.items.find(fields.clientName);
+        if (client == segment.items.end()) {
+            if (segment.items.size() >= LogStatistics::kMaxClientsPerSegment) {
+                continue;
+            }
+            client = segment.items.emplace(fields.clientName, std::vector<uint32_t>()).first;
+        }
+        if (fields.typeCharacter == '#') {
+            continue;  // a status record: no data items
+        }
         if (segment.startMs < 0) {
             segment.startMs = fields.blockTimeMs;
         }
-        if (!fields.hasSequence) {
-            continue;  // a status record: no data items
-        }
-        std::vector<uint32_t>& counts = segment.items[fields.clientName];
+        std::vector<uint32_t>& counts = client->second;
         ReplayCore::ForEachLogItem(
             record.payload, fields, [&](int64_t timeMs, const char*, size_t) {
                 const int64_t second = (timeMs - segment.startMs) / 1000;
