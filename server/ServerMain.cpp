@@ -364,8 +364,14 @@ int ServerMain(int argc, char** argv) {
             [](const std::string& text) {
                 std::string address;
                 int port = 0;
-                return SplitHttpAddress(text, address, port) ? std::string()
-                                                             : std::string("expected ADDR:PORT");
+                if (!SplitHttpAddress(text, address, port)) {
+                    return std::string("expected ADDR:PORT");
+                }
+                // Requests must name the address they were sent to, which a
+                // wildcard bind does not know.
+                return address == "0.0.0.0" || address == "::" || address == "[::]"
+                           ? std::string("name one interface's address, not every address")
+                           : std::string();
             },
             "ADDR:PORT");
     app.add_flag("--no-http", common.noHttp, "No web page");

@@ -293,9 +293,12 @@ TEST_F(HttpApiTest, NoWebPageWhenTurnedOff) {
     EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
     EXPECT_FALSE(std::filesystem::exists(control + ".token"));
 
-    ReplayTest::Process bad({ReplayTest::BuiltBinary("server/ReplayManager"), "--http", "nowhere"},
-                            Root() + "/bad.out", m_environment);
-    EXPECT_EQ(bad.Wait(20s), 2) << bad.Output();
+    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
+        ReplayTest::Process bad(
+            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
+            Root() + "/bad.out", m_environment);
+        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
+    }
 }
 
 }  // namespace
