@@ -13,7 +13,9 @@
 // ping does, so the stop need not wait for it) and the file has stopped
 // growing; the rate is doubled until a trial loses something, then bisected.
 // Each trial says where records went missing: the server's socket, its
-// hold, its pipe to the writer, or after the writer.
+// hold, its pipe to the writer, or after the writer. The server runs without
+// its web page, and again with the page's live event stream read throughout,
+// as an open page does, so the two rates compare in one run.
 //
 // Settings (environment):
 //   INGEST_SECONDS     length of one trial            (default 2)
@@ -364,10 +366,82 @@ uint64_t SocketDrops(const std::string& address, int port) {
 
 // The real path: senders -> replay server (recording) -> log writer ->
 // logger service -> log file.
+// Reads the web page's event stream as a browser does, until destroyed.
+class EventStreamReader {
+  public:
+    ~EventStreamReader() {
+        m_stop.store(true);
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    // Connects to the page at `address`:`port` and starts reading.
+    bool Start(const std::string& address, int port) {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in target = Endpoint(address, port);
+        if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
+            if (fd >= 0) {
+                close(fd);
+            }
+            return false;
+        }
+        const std::string request = "GET /api/events HTTP/1.1\r\nHost: " + address + ":" +
+                                    std::to_string(port) + "\r\n\r\n";
+        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size())) {
+            close(fd);
+            return false;
+        }
+        timeval wait = {0, 200 * 1000};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        m_thread = std::thread([this, fd] {
+            char buffer[16384];
+            while (!m_stop.load()) {
+                const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+                if (n == 0) {
+                    break;
+                }
+                if (n > 0) {
+                    m_bytes.fetch_add(static_cast<uint64_t>(n));
+                }
+            }
+            close(fd);
+        });
+        return true;
+    }
+    uint64_t Bytes() const { return m_bytes.load(); }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<uint64_t> m_bytes{0};
+    std::thread m_thread;
+};
+
 class ServerSink : public Sink {
   public:
-    ServerSink() : m_pipeline(m_root, BenchPipeline::RandomLoopbackAddress(1, 21)) {}
-    bool Start() override { return m_pipeline.Start(); }
+    explicit ServerSink(bool withPage)
+        : m_withPage(withPage), m_pipeline(m_root, BenchPipeline::RandomLoopbackAddress(1, 21)) {}
+    bool Start() override {
+        if (!m_withPage) {
+            return m_pipeline.Start("", {"--no-http"});
+        }
+        if (!m_pipeline.Start("", {"--http", m_pipeline.Address() + ":0"})) {
+            return false;
+        }
+        // The port the server chose, from its start-up line.
+        int port = 0;
+        BenchPipeline::WaitFor(
+            [&] {
+                const std::string output = m_pipeline.Server().Output();
+                const std::string key = "web page http://" + m_pipeline.Address() + ":";
+                const size_t at = output.find(key);
+                port = at == std::string::npos ? 0 : std::atoi(output.c_str() + at + key.size());
+                return port > 0;
+            },
+            std::chrono::seconds(10));
+        return port > 0 && m_events.Start(m_pipeline.Address(), port);
+    }
+    uint64_t EventBytes() const { return m_events.Bytes(); }
     const std::string& Address() const override { return m_pipeline.Address(); }
 
     TrialResult Trial(std::vector<std::unique_ptr<Sender>>& senders, double rate,
@@ -435,6 +509,8 @@ class ServerSink : public Sink {
     }
 
   private:
+    bool m_withPage;
+    EventStreamReader m_events;
     // The file has stopped growing for half a second.
     void WaitForLogToSettle() {
         int64_t lastSize = -1;
@@ -543,12 +619,23 @@ std::map<int, double>& RawRates() {
     return rates;
 }
 
-void RunIngest(benchmark::State& state, bool server) {
+// Highest zero-loss rate of the server without its page, per client count.
+std::map<int, double>& PagelessRates() {
+    static std::map<int, double> rates;
+    return rates;
+}
+
+enum class IngestSide { kRawRecvfrom, kServer, kServerWithPage };
+
+void RunIngest(benchmark::State& state, IngestSide side) {
     const int clients = static_cast<int>(state.range(0));
     const Settings settings;
+    const bool server = side != IngestSide::kRawRecvfrom;
     std::unique_ptr<Sink> sink;
+    ServerSink* serverSink = nullptr;
     if (server) {
-        sink.reset(new ServerSink);
+        serverSink = new ServerSink(side == IngestSide::kServerWithPage);
+        sink.reset(serverSink);
     } else {
         sink.reset(new RawRecvfromSink);
     }
@@ -587,23 +674,40 @@ void RunIngest(benchmark::State& state, bool server) {
         state.counters["raw_recvfrom_per_s"] = RawRates()[clients];
         state.counters["ratio_to_raw"] = rate / RawRates()[clients];
     }
+    if (side == IngestSide::kServer) {
+        PagelessRates()[clients] = rate;
+    } else if (side == IngestSide::kServerWithPage) {
+        state.counters["event_stream_bytes"] = static_cast<double>(serverSink->EventBytes());
+        if (PagelessRates().count(clients) != 0 && PagelessRates()[clients] > 0) {
+            state.counters["ratio_to_no_page"] = rate / PagelessRates()[clients];
+        }
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
-    // Baseline and server alternate per client count, so each server row can
-    // carry its ratio to the baseline measured just before it.
+    // Baseline, server and server with its page open alternate per client
+    // count, so each row can carry its ratio to those measured just before.
     for (const int clients : {1, 10, 20}) {
-        benchmark::RegisterBenchmark("BM_IngestRawRecvfrom",
-                                     [](benchmark::State& state) { RunIngest(state, false); })
+        benchmark::RegisterBenchmark(
+            "BM_IngestRawRecvfrom",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kRawRecvfrom); })
             ->Arg(clients)
             ->Iterations(1)
             ->Unit(benchmark::kSecond)
             ->UseRealTime();
-        benchmark::RegisterBenchmark("BM_IngestReplayServer",
-                                     [](benchmark::State& state) { RunIngest(state, true); })
+        benchmark::RegisterBenchmark(
+            "BM_IngestReplayServer",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kServer); })
+            ->Arg(clients)
+            ->Iterations(1)
+            ->Unit(benchmark::kSecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(
+            "BM_IngestReplayServerWithPageOpen",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kServerWithPage); })
             ->Arg(clients)
             ->Iterations(1)
             ->Unit(benchmark::kSecond)

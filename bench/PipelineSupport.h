@@ -280,8 +280,9 @@ class RecordingPipeline {
     explicit RecordingPipeline(const TargetRoot& root, std::string address)
         : m_root(root), m_address(std::move(address)) {}
 
-    // `config` is written to the server's ReplayConfig.txt.
-    bool Start(const std::string& config = "") {
+    // `config` is written to the server's ReplayConfig.txt; `serverOptions`
+    // are added to the server's command line.
+    bool Start(const std::string& config = "", const std::vector<std::string>& serverOptions = {}) {
         const std::string logger = BuiltProgram("logger/replay-logger");
         const std::string server = BuiltProgram("server/ReplayManager");
         if (logger.empty() || server.empty() || !m_root.Valid()) {
@@ -299,9 +300,10 @@ class RecordingPipeline {
                          m_logger.Output().c_str());
             return false;
         }
-        if (!m_server.Start(
-                {server, "--bind", m_address, "--root", m_root.Path(), "--control", ControlPath()},
-                m_root / "work", environment, m_root / "server.out") ||
+        std::vector<std::string> serverArgv = {server,        "--bind",    m_address,    "--root",
+                                               m_root.Path(), "--control", ControlPath()};
+        serverArgv.insert(serverArgv.end(), serverOptions.begin(), serverOptions.end());
+        if (!m_server.Start(serverArgv, m_root / "work", environment, m_root / "server.out") ||
             !WaitFor([this] { return !Command("status").empty(); }, std::chrono::seconds(10))) {
             std::fprintf(stderr, "the replay server did not start:\n%s\n",
                          m_server.Output().c_str());

@@ -97,8 +97,18 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
     std::vector<Place> places;  // of every client record, for the problem markers
     ReplayCore::LogRecord record;
     ReplayCore::LogClientRecord fields;
+    std::string previousPayload;
     while (reader.Next(record)) {
         entry->statistics.Add(record);
+        // A record stored twice in a row is a duplicate, counted once, as
+        // the statistics do.
+        const bool repeated = record.kind == ReplayCore::LogRecordKind::kClient &&
+                              !record.payload.empty() && record.payload[0] != '#' &&
+                              record.payload == previousPayload;
+        previousPayload = record.payload;
+        if (repeated) {
+            continue;
+        }
         if (entry->timeline.empty() || (entry->timeline.back().index != record.segment &&
                                         entry->timeline.size() < LogStatistics::kMaxSegments)) {
             TimelineSegment segment;
