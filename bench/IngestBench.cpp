@@ -366,57 +366,6 @@ uint64_t SocketDrops(const std::string& address, int port) {
 
 // The real path: senders -> replay server (recording) -> log writer ->
 // logger service -> log file.
-// Reads the web page's event stream as a browser does, until destroyed.
-class EventStreamReader {
-  public:
-    ~EventStreamReader() {
-        m_stop.store(true);
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-    // Connects to the page at `address`:`port` and starts reading.
-    bool Start(const std::string& address, int port) {
-        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in target = Endpoint(address, port);
-        if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
-            if (fd >= 0) {
-                close(fd);
-            }
-            return false;
-        }
-        const std::string request = "GET /api/events HTTP/1.1\r\nHost: " + address + ":" +
-                                    std::to_string(port) + "\r\n\r\n";
-        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(request.size())) {
-            close(fd);
-            return false;
-        }
-        timeval wait = {0, 200 * 1000};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-        m_thread = std::thread([this, fd] {
-            char buffer[16384];
-            while (!m_stop.load()) {
-                const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
-                if (n == 0) {
-                    break;
-                }
-                if (n > 0) {
-                    m_bytes.fetch_add(static_cast<uint64_t>(n));
-                }
-            }
-            close(fd);
-        });
-        return true;
-    }
-    uint64_t Bytes() const { return m_bytes.load(); }
-
-  private:
-    std::atomic<bool> m_stop{false};
-    std::atomic<uint64_t> m_bytes{0};
-    std::thread m_thread;
-};
-
 class ServerSink : public Sink {
   public:
     explicit ServerSink(bool withPage)
@@ -425,21 +374,7 @@ class ServerSink : public Sink {
         if (!m_withPage) {
             return m_pipeline.Start("", {"--no-http"});
         }
-        if (!m_pipeline.Start("", {"--http", m_pipeline.Address() + ":0"})) {
-            return false;
-        }
-        // The port the server chose, from its start-up line.
-        int port = 0;
-        BenchPipeline::WaitFor(
-            [&] {
-                const std::string output = m_pipeline.Server().Output();
-                const std::string key = "web page http://" + m_pipeline.Address() + ":";
-                const size_t at = output.find(key);
-                port = at == std::string::npos ? 0 : std::atoi(output.c_str() + at + key.size());
-                return port > 0;
-            },
-            std::chrono::seconds(10));
-        return port > 0 && m_events.Start(m_pipeline.Address(), port);
+        return m_pipeline.StartWithPageOpen("", m_events);
     }
     uint64_t EventBytes() const { return m_events.Bytes(); }
     const std::string& Address() const override { return m_pipeline.Address(); }
@@ -510,7 +445,7 @@ class ServerSink : public Sink {
 
   private:
     bool m_withPage;
-    EventStreamReader m_events;
+    BenchPipeline::EventStreamReader m_events;
     // The file has stopped growing for half a second.
     void WaitForLogToSettle() {
         int64_t lastSize = -1;
