@@ -91,17 +91,28 @@ struct CommonOptions {
 };
 
 // The page's files: the source tree's for a server run from the build tree,
-// else the installed copy (the source tree's when there is none).
+// else the installed copy beside the executable's prefix (a package may put
+// it elsewhere than the build was configured for), else the configured one,
+// else the source tree's.
 std::string DefaultWebRoot() {
     char exe[4096];
     const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     const std::string self = n > 0 ? std::string(exe, static_cast<size_t>(n)) : "";
     const std::string buildDir = REPLAY_BUILD_DIR;
-    if (self.compare(0, buildDir.size() + 1, buildDir + "/") == 0 ||
-        access(REPLAY_INSTALLED_WEB_ROOT, R_OK) != 0) {
+    if (self.compare(0, buildDir.size() + 1, buildDir + "/") == 0) {
         return REPLAY_SOURCE_WEB_ROOT;
     }
-    return REPLAY_INSTALLED_WEB_ROOT;
+    const size_t slash = self.rfind('/');
+    const std::string besideExecutable =
+        slash == std::string::npos ? std::string()
+                                   : self.substr(0, slash) + "/../" + REPLAY_WEB_ROOT_FROM_PREFIX;
+    for (const std::string& candidate :
+         {besideExecutable, std::string(REPLAY_INSTALLED_WEB_ROOT)}) {
+        if (!candidate.empty() && access((candidate + "/index.html").c_str(), R_OK) == 0) {
+            return candidate;
+        }
+    }
+    return REPLAY_SOURCE_WEB_ROOT;
 }
 
 // "ADDR:PORT" into its parts; false when it is not that.
