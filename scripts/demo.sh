@@ -47,7 +47,8 @@ pids+=($!)
 for _ in $(seq 100); do [ -f "$root/logger.ready" ] && break; sleep 0.1; done
 
 "$bin/server/ReplayManager" >"$root/server.out" 2>&1 </dev/null &
-pids+=($!)
+server_pid=$!
+pids+=($server_pid)
 ctl() { "$bin/server/ReplayManager" send "$*"; }
 for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.1; done
 
@@ -104,6 +105,7 @@ if [ $serve = 1 ]; then
   echo "The logger service, the server and the clients (${clients[*]}) keep running"
   echo "under $root; Ctrl-C ends them."
   trap "exit 130" INT TERM
-  while true; do sleep 1; done
+  # Until Ctrl-C, or until the server has ended (then the rest goes too).
+  while kill -0 "$server_pid" 2>/dev/null; do sleep 1; done
 fi
 exit $status
