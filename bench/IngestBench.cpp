@@ -14,7 +14,9 @@
 // growing; the rate is doubled until a trial loses something, then bisected.
 // The baseline's figure is the median of three such searches.
 // Each trial says where records went missing: the server's socket, its
-// hold, its pipe to the writer, or after the writer.
+// hold, its pipe to the writer, or after the writer. The server runs without
+// its web page, and again with the page's live event stream read throughout,
+// as an open page does, so the two rates compare in one run.
 //
 // Settings (environment):
 //   INGEST_SECONDS     length of one trial            (default 2)
@@ -369,8 +371,15 @@ uint64_t SocketDrops(const std::string& address, int port) {
 // logger service -> log file.
 class ServerSink : public Sink {
   public:
-    ServerSink() : m_pipeline(m_root, BenchPipeline::RandomLoopbackAddress(1, 21)) {}
-    bool Start() override { return m_pipeline.Start(); }
+    explicit ServerSink(bool withPage)
+        : m_withPage(withPage), m_pipeline(m_root, BenchPipeline::RandomLoopbackAddress(1, 21)) {}
+    bool Start() override {
+        if (!m_withPage) {
+            return m_pipeline.Start("", {"--no-http"});
+        }
+        return m_pipeline.StartWithPageOpen("", m_events);
+    }
+    uint64_t EventBytes() const { return m_events.Bytes(); }
     const std::string& Address() const override { return m_pipeline.Address(); }
 
     TrialResult Trial(std::vector<std::unique_ptr<Sender>>& senders, double rate,
@@ -442,6 +451,8 @@ class ServerSink : public Sink {
     }
 
   private:
+    bool m_withPage;
+    BenchPipeline::EventStreamReader m_events;
     // The file has stopped growing for half a second.
     void WaitForLogToSettle() {
         int64_t lastSize = -1;
@@ -553,12 +564,23 @@ std::map<int, double>& RawRates() {
     return rates;
 }
 
-void RunIngest(benchmark::State& state, bool server) {
+// Highest zero-loss rate of the server without its page, per client count.
+std::map<int, double>& PagelessRates() {
+    static std::map<int, double> rates;
+    return rates;
+}
+
+enum class IngestSide { kRawRecvfrom, kServer, kServerWithPage };
+
+void RunIngest(benchmark::State& state, IngestSide side) {
     const int clients = static_cast<int>(state.range(0));
     const Settings settings;
+    const bool server = side != IngestSide::kRawRecvfrom;
     std::unique_ptr<Sink> sink;
+    ServerSink* serverSink = nullptr;
     if (server) {
-        sink.reset(new ServerSink);
+        serverSink = new ServerSink(side == IngestSide::kServerWithPage);
+        sink.reset(serverSink);
     } else {
         sink.reset(new RawRecvfromSink);
     }
@@ -610,23 +632,40 @@ void RunIngest(benchmark::State& state, bool server) {
         state.counters["raw_recvfrom_per_s"] = RawRates()[clients];
         state.counters["ratio_to_raw"] = rate / RawRates()[clients];
     }
+    if (side == IngestSide::kServer) {
+        PagelessRates()[clients] = rate;
+    } else if (side == IngestSide::kServerWithPage) {
+        state.counters["event_stream_bytes"] = static_cast<double>(serverSink->EventBytes());
+        if (PagelessRates().count(clients) != 0 && PagelessRates()[clients] > 0) {
+            state.counters["ratio_to_no_page"] = rate / PagelessRates()[clients];
+        }
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
-    // Baseline and server alternate per client count, so each server row can
-    // carry its ratio to the baseline measured just before it.
+    // Baseline, server and server with its page open alternate per client
+    // count, so each row can carry its ratio to those measured just before.
     for (const int clients : {1, 10, 20}) {
-        benchmark::RegisterBenchmark("BM_IngestRawRecvfrom",
-                                     [](benchmark::State& state) { RunIngest(state, false); })
+        benchmark::RegisterBenchmark(
+            "BM_IngestRawRecvfrom",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kRawRecvfrom); })
             ->Arg(clients)
             ->Iterations(1)
             ->Unit(benchmark::kSecond)
             ->UseRealTime();
-        benchmark::RegisterBenchmark("BM_IngestReplayServer",
-                                     [](benchmark::State& state) { RunIngest(state, true); })
+        benchmark::RegisterBenchmark(
+            "BM_IngestReplayServer",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kServer); })
+            ->Arg(clients)
+            ->Iterations(1)
+            ->Unit(benchmark::kSecond)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(
+            "BM_IngestReplayServerWithPageOpen",
+            [](benchmark::State& state) { RunIngest(state, IngestSide::kServerWithPage); })
             ->Arg(clients)
             ->Iterations(1)
             ->Unit(benchmark::kSecond)

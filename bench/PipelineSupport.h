@@ -6,7 +6,9 @@
 // are always ended, the server's control socket and a random loopback
 // address. Header-only; the benchmark programs link only the static library.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -15,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -273,6 +276,60 @@ inline std::string ControlCommand(const std::string& socketPath, const std::stri
     return reply;
 }
 
+// Reads the web page's event stream as a browser does, until destroyed.
+class EventStreamReader {
+  public:
+    ~EventStreamReader() {
+        m_stop.store(true);
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    // Connects to the page at `address`:`port` and starts reading.
+    bool Start(const std::string& address, int port) {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in target{};
+        target.sin_family = AF_INET;
+        target.sin_port = htons(static_cast<uint16_t>(port));
+        inet_pton(AF_INET, address.c_str(), &target.sin_addr);
+        if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0) {
+            if (fd >= 0) {
+                close(fd);
+            }
+            return false;
+        }
+        const std::string request = "GET /api/events HTTP/1.1\r\nHost: " + address + ":" +
+                                    std::to_string(port) + "\r\n\r\n";
+        if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(request.size())) {
+            close(fd);
+            return false;
+        }
+        timeval wait = {0, 200 * 1000};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        m_thread = std::thread([this, fd] {
+            char buffer[16384];
+            while (!m_stop.load()) {
+                const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+                if (n == 0) {
+                    break;
+                }
+                if (n > 0) {
+                    m_bytes.fetch_add(static_cast<uint64_t>(n));
+                }
+            }
+            close(fd);
+        });
+        return true;
+    }
+    uint64_t Bytes() const { return m_bytes.load(); }
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::atomic<uint64_t> m_bytes{0};
+    std::thread m_thread;
+};
+
 // The logger service and the replay server in one target root, the server
 // on `address`:4400. Both are ended when this goes out of scope.
 class RecordingPipeline {
@@ -280,8 +337,9 @@ class RecordingPipeline {
     explicit RecordingPipeline(const TargetRoot& root, std::string address)
         : m_root(root), m_address(std::move(address)) {}
 
-    // `config` is written to the server's ReplayConfig.txt.
-    bool Start(const std::string& config = "") {
+    // `config` is written to the server's ReplayConfig.txt; `serverOptions`
+    // are added to the server's command line.
+    bool Start(const std::string& config = "", const std::vector<std::string>& serverOptions = {}) {
         const std::string logger = BuiltProgram("logger/replay-logger");
         const std::string server = BuiltProgram("server/ReplayManager");
         if (logger.empty() || server.empty() || !m_root.Valid()) {
@@ -299,15 +357,35 @@ class RecordingPipeline {
                          m_logger.Output().c_str());
             return false;
         }
-        if (!m_server.Start(
-                {server, "--bind", m_address, "--root", m_root.Path(), "--control", ControlPath()},
-                m_root / "work", environment, m_root / "server.out") ||
+        std::vector<std::string> serverArgv = {server,        "--bind",    m_address,    "--root",
+                                               m_root.Path(), "--control", ControlPath()};
+        serverArgv.insert(serverArgv.end(), serverOptions.begin(), serverOptions.end());
+        if (!m_server.Start(serverArgv, m_root / "work", environment, m_root / "server.out") ||
             !WaitFor([this] { return !Command("status").empty(); }, std::chrono::seconds(10))) {
             std::fprintf(stderr, "the replay server did not start:\n%s\n",
                          m_server.Output().c_str());
             return false;
         }
         return true;
+    }
+
+    // Starts with the server's web page on a free port of the same address
+    // and `events` reading its live stream, as an open page does.
+    bool StartWithPageOpen(const std::string& config, EventStreamReader& events) {
+        if (!Start(config, {"--http", m_address + ":0"})) {
+            return false;
+        }
+        int port = 0;
+        const std::string key = "web page http://" + m_address + ":";
+        WaitFor(
+            [&] {
+                const std::string output = m_server.Output();
+                const size_t at = output.find(key);
+                port = at == std::string::npos ? 0 : std::atoi(output.c_str() + at + key.size());
+                return port > 0;
+            },
+            std::chrono::seconds(10));
+        return port > 0 && events.Start(m_address, port);
     }
 
     std::string Command(const std::string& line) const {

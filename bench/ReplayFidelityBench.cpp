@@ -19,6 +19,9 @@
 // for two seconds and measure the items after the resume against their new
 // moments: resumed at the recorded pace, at twice it and at half it.
 //
+// The whole run is repeated with the server's web page open (its live event
+// stream read throughout); the first run's server has no page.
+//
 // Settings (environment):
 //   FIDELITY_SECONDS         recording length (default 60)
 //   FIDELITY_PAUSE_SECONDS   recording length of the pause and rate cases
@@ -361,13 +364,17 @@ bool Replay(BenchPipeline::RecordingPipeline& pipeline, const std::string& comma
 
 // Records, replays whole, from the middle and a burst, and collects; false
 // with `error` when a step fails.
-bool RunPipeline(int seconds, PipelineResults& results, std::string& error) {
+bool RunPipeline(int seconds, bool pageOpen, PipelineResults& results, std::string& error) {
     BenchPipeline::TargetRoot root;
     const std::string address = BenchPipeline::RandomLoopbackAddress();
     BenchPipeline::RecordingPipeline pipeline(root, address);
+    BenchPipeline::EventStreamReader events;
+    const std::string config = "serverIP:" + address +
+                               ";\nnetworkingLatency:" + std::to_string(kNetworkingLatencyMs) +
+                               ";\nserverLeadTime:100;\n";
     if (BenchPipeline::BuiltProgram("examples/demo_client").empty() ||
-        !pipeline.Start("serverIP:" + address + ";\nnetworkingLatency:" +
-                        std::to_string(kNetworkingLatencyMs) + ";\nserverLeadTime:100;\n")) {
+        !(pageOpen ? pipeline.StartWithPageOpen(config, events)
+                   : pipeline.Start(config, {"--no-http"}))) {
         error = "cannot start the pipeline";
         return false;
     }
@@ -438,7 +445,7 @@ void BM_ReplayFidelity(benchmark::State& state) {
     PipelineResults& results = Results();
     for (auto _ : state) {
         results = PipelineResults();
-        if (!RunPipeline(seconds, results, results.error)) {
+        if (!RunPipeline(seconds, false, results, results.error)) {
             state.SkipWithError(results.error.c_str());
             return;
         }
@@ -448,6 +455,27 @@ void BM_ReplayFidelity(benchmark::State& state) {
     ReportRates(state, results.full);
     ReportCounts(state, results.full);
     state.counters["first_item_late_ms"] = static_cast<double>(results.full.worstFirstItemLateMs);
+}
+
+// The same run with the web page open; its ratios to the run without.
+void BM_ReplayFidelityWithPageOpen(benchmark::State& state) {
+    const int seconds = static_cast<int>(EnvironmentNumber("FIDELITY_SECONDS", 60));
+    PipelineResults results;
+    for (auto _ : state) {
+        if (!RunPipeline(seconds, true, results, results.error)) {
+            state.SkipWithError(results.error.c_str());
+            return;
+        }
+    }
+    ReportDistribution(state, results.full.errorsUs);
+    ReportCounts(state, results.full);
+    if (Results().ran && !Results().full.errorsUs.empty()) {
+        const Distribution without = Summarise(Results().full.errorsUs);
+        state.counters["mean_ms_without_page"] = without.meanMs;
+        state.counters["p99_ms_without_page"] = without.p99Ms;
+        state.counters["max_ms_without_page"] = without.maxMs;
+        state.counters["lost_without_page"] = static_cast<double>(Results().full.lost);
+    }
 }
 
 // The replay from half the recording on, from the same run.
@@ -673,6 +701,7 @@ void BM_AbsoluteSleepBaseline(benchmark::State& state) {
 }
 
 BENCHMARK(BM_ReplayFidelity)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_ReplayFidelityWithPageOpen)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayFromOffset)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayBurst)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 BENCHMARK(BM_ReplayFidelityPauseResume)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();

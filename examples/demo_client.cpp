@@ -7,6 +7,7 @@
 //
 //   demo_client NAME JOURNAL [SECONDS] [--position-hz HZ] [--frame-hz HZ]
 //               [--frame-bytes N] [--status-hz HZ] [--received FILE]
+//               [--report-ms MS]
 //
 // A rate of 0 turns a stream off. Runs for SECONDS (default: until SIGINT or
 // SIGTERM), then prints one summary line and, with --received, writes every
@@ -15,7 +16,10 @@
 // also writes one line per replayed item there: the item's index in the
 // journal (-1 if it is not there), its recorded time in ms, the callback
 // moment in us on the monotonic clock, and the callback moment minus the
-// item's time on the client's own clock in ms.
+// item's time on the client's own clock in ms. With --report-ms, while the
+// server replays it reports every MS milliseconds, as its status message,
+// how far that last figure of each item so far is from the first item's
+// ("timing ms: mean M p99 P max X items N"), for the server's web page.
 
 #include <signal.h>
 #include <unistd.h>
@@ -296,10 +300,41 @@ int Summarise(const std::string& name, const std::string& journalPath) {
     return check.replayed == 0 || identical ? 0 : 1;
 }
 
+// Sends the timing error of the items replayed so far as a status message.
+void ReportTiming(size_t& reportedItems) {
+    std::vector<int64_t> leads;
+    {
+        std::lock_guard<std::mutex> lock(g_receivedMutex);
+        leads.reserve(g_received.size());
+        // Against the first item, as the summary measures: the distance
+        // from where the recorded spacing puts each item.
+        for (const Received& item : g_received) {
+            leads.push_back(std::llabs(static_cast<int64_t>(item.clockLeadMs) -
+                                       g_received.front().clockLeadMs));
+        }
+    }
+    if (leads.empty() || leads.size() == reportedItems) {
+        return;
+    }
+    reportedItems = leads.size();
+    double mean = 0;
+    for (int64_t lead : leads) {
+        mean += static_cast<double>(lead);
+    }
+    mean /= static_cast<double>(leads.size());
+    std::sort(leads.begin(), leads.end());
+    char text[120];
+    const int length = std::snprintf(
+        text, sizeof text, "timing ms: mean %.1f p99 %lld max %lld items %zu", mean,
+        static_cast<long long>(leads[std::min(leads.size() - 1, leads.size() * 99 / 100)]),
+        static_cast<long long>(leads.back()), leads.size());
+    ReplayClient::SendClientMessage(text, static_cast<unsigned int>(length));
+}
+
 // Reads "--name value" pairs after the positional arguments; false for
 // anything else.
 bool ParseOptions(int argc, char** argv, int first, std::vector<Stream>& streams,
-                  std::string& receivedPath) {
+                  std::string& receivedPath, int64_t& reportMs) {
     auto periodOf = [](const char* hz) {
         const double rate = std::atof(hz);
         return rate > 0 ? static_cast<int64_t>(std::llround(1000.0 / rate)) : 0;
@@ -320,6 +355,8 @@ bool ParseOptions(int argc, char** argv, int first, std::vector<Stream>& streams
             streams[2].periodMs = periodOf(value);
         } else if (option == "--received") {
             receivedPath = value;
+        } else if (option == "--report-ms") {
+            reportMs = std::max(0, std::atoi(value));
         } else {
             return false;
         }
@@ -346,10 +383,12 @@ int main(int argc, char** argv) {
         seconds = std::atof(argv[3]);
         first = 4;
     }
-    if (argc < 3 || !ParseOptions(argc, argv, first, streams, receivedPath)) {
+    int64_t reportMs = 0;
+    if (argc < 3 || !ParseOptions(argc, argv, first, streams, receivedPath, reportMs)) {
         std::fprintf(stderr,
                      "usage: demo_client NAME JOURNAL [SECONDS] [--position-hz HZ] "
-                     "[--frame-hz HZ] [--frame-bytes N] [--status-hz HZ] [--received FILE]\n");
+                     "[--frame-hz HZ] [--frame-bytes N] [--status-hz HZ] [--received FILE] "
+                     "[--report-ms MS]\n");
         return 2;
     }
     const std::string name = argv[1];
@@ -362,10 +401,17 @@ int main(int argc, char** argv) {
                                          init.data(), static_cast<unsigned int>(init.size()));
     std::ofstream journal(journalPath, std::ios::app);
     const int64_t end = seconds > 0 ? NowMs() + static_cast<int64_t>(seconds * 1000) : INT64_MAX;
+    int64_t nextReport = 0;
+    size_t reportedItems = 0;
     while (!g_stop.load() && NowMs() < end) {
-        if (ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
+        const ReplayCore::ReplayState state = ReplayClient::GetReplayState();
+        if (state == ReplayCore::eStateRecord) {
             Record(journal, streams);
         } else {
+            if (reportMs > 0 && state == ReplayCore::eStateReplay && NowMs() >= nextReport) {
+                nextReport = NowMs() + reportMs;
+                ReportTiming(reportedItems);
+            }
             for (Stream& stream : streams) {
                 stream.next = NowMs();
             }

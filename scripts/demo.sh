@@ -2,7 +2,17 @@
 # The main job: builds the project, then records about ten seconds of three
 # simulated navigation components through the logger service and the replay
 # server, replays the log to them and reports what came back and when.
+#   scripts/demo.sh            the demo, then everything stops
+#   scripts/demo.sh --serve    then the logger service, the server and the demo
+#                              clients keep running, and the web page's address
+#                              and token are printed; Ctrl-C ends them
 set -euo pipefail
+serve=0
+case "${1:-}" in
+  --serve) serve=1 ;;
+  "") ;;
+  *) echo "usage: scripts/demo.sh [--serve]" >&2; exit 2 ;;
+esac
 cd "$(dirname "$0")/.."
 repo=$(pwd)
 scripts/install-deps.sh
@@ -37,7 +47,8 @@ pids+=($!)
 for _ in $(seq 100); do [ -f "$root/logger.ready" ] && break; sleep 0.1; done
 
 "$bin/server/ReplayManager" >"$root/server.out" 2>&1 </dev/null &
-pids+=($!)
+server_pid=$!
+pids+=($server_pid)
 ctl() { "$bin/server/ReplayManager" send "$*"; }
 for _ in $(seq 100); do ctl status >/dev/null 2>&1 && break; sleep 0.1; done
 
@@ -76,4 +87,26 @@ echo "Report:"
 for name in "${clients[@]}"; do
   grep -o 'demo_client .*' "$root/$name.out" || { echo "demo_client $name: no summary"; status=1; }
 done
+if [ $serve = 1 ]; then
+  # Fresh clients that report their timing error to the page while replaying.
+  for name in "${clients[@]}"; do
+    "$bin/examples/demo_client" "$name" "$root/$name.journal" --report-ms 500 \
+      >>"$root/$name.out" 2>&1 &
+    pids+=($!)
+  done
+  page=$(grep -o 'web page .*' "$root/server.out" || true)
+  echo
+  if [ -n "$page" ]; then
+    echo "Serving: $page"
+    echo "Open the address in a browser and paste the token into its Token field."
+  else
+    echo "The server has no web page:"
+    grep -i 'web page\|listen' "$root/server.out" || true
+  fi
+  echo "The logger service, the server and the clients (${clients[*]}) keep running"
+  echo "under $root; Ctrl-C ends them."
+  trap "exit 130" INT TERM
+  # Until Ctrl-C, or until the server has ended (then the rest goes too).
+  while kill -0 "$server_pid" 2>/dev/null; do sleep 1; done
+fi
 exit $status

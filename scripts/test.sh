@@ -2,7 +2,7 @@
 # Builds and runs every test: the plain build, then the whole suite under
 # AddressSanitizer + UndefinedBehaviorSanitizer and under ThreadSanitizer,
 # then every fuzz target for a short fixed time from its seed corpus, then a
-# two-minute soak run. After the plain build, scripts/consumer-test.sh builds
+# two-minute soak run, then the web page in headless Chromium. After the plain build, scripts/consumer-test.sh builds
 # components against the installed tree and installs the .deb.
 #   scripts/test.sh            everything (what CI runs)
 #   scripts/test.sh --quick    the plain build only
@@ -35,5 +35,7 @@ if [ "${1:-}" != "--quick" ]; then
   scripts/fuzz.sh "${FUZZ_SECONDS:-20}"
   stage soak
   BUILD_DIR=build/release scripts/soak.sh "${SOAK_MINUTES:-2}"
+  stage "web page in a browser"
+  scripts/browser-test.sh build/release
 fi
 stage done

@@ -193,6 +193,12 @@ std::string ReplayServer::StateCommand(ReplayState state, const std::string& nam
     return ReplayStateManager::GetCommandFromState(state, arguments);
 }
 
+std::string ReplayServer::NoteOf(const std::string& name) {
+    std::lock_guard<std::mutex> lock(m_notesMutex);
+    const auto found = m_notes.find(name);
+    return found == m_notes.end() ? std::string() : found->second;
+}
+
 unsigned int ReplayServer::SlotOf(const std::string& name) {
     std::lock_guard<std::mutex> lock(m_slotMutex);
     const auto found = m_slots.find(name);
@@ -264,6 +270,10 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
     if (status && payloadLength > 0) {
         // The client's last report (state changes, replay errors) for status.
         client.SetAuxiliaryText(record.substr(payloadStart, payloadLength));
+        if (data[payloadStart] != '#' && !client.GetClientName().empty()) {
+            std::lock_guard<std::mutex> lock(m_notesMutex);
+            m_notes[name] = record.substr(payloadStart, payloadLength);
+        }
         if (m_replaying.load(std::memory_order_relaxed) && !client.GetClientName().empty()) {
             m_deliveries.NoteReport(name, record.substr(payloadStart, payloadLength));
         }

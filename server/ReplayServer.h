@@ -172,6 +172,10 @@ class ReplayServer : public UDPSocketServer {
     unsigned int SlotOf(const std::string& name);
     ServerCounters Counters() const;
     std::vector<ClientData> Clients() { return GetClientDataList().Snapshot(true); }
+    // The client's latest own message (one that is not a state report such
+    // as "#replay"), which the state reports would otherwise overwrite at
+    // once in the last message; empty when none.
+    std::string NoteOf(const std::string& name);
     // The receive buffer the kernel granted, in bytes.
     int ReceiveBufferBytes() const { return m_receiveBufferBytes; }
 
@@ -233,6 +237,8 @@ class ReplayServer : public UDPSocketServer {
     int m_receiveBufferBytes = 0;
 
     std::mutex m_slotMutex;
+    std::mutex m_notesMutex;
+    std::map<std::string, std::string> m_notes;  // under m_notesMutex
     std::map<std::string, unsigned int> m_slots;
     // Refused names reported so far, at most kNamedRefusals; under the table
     // lock, like the flag that the rest were only counted.

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,6 +18,7 @@
 #include "reference/src/target_root.h"
 #include "server/CommandWords.h"
 #include "server/ControlSocket.h"
+#include "server/HttpApi.h"
 #include "server/ReplayFileCheck.h"
 #include "server/ServerControl.h"
 #include "server/SourceAllowList.h"
@@ -26,6 +28,10 @@ namespace ReplayServer {
 namespace {
 
 constexpr const char* kDefaultControlPath = "/tmp/ReplayManager.sock";
+// Where the logger service stores logs, under the target root.
+constexpr const char* kDefaultLogDirectory = "/fs/usb0";
+constexpr const char* kDefaultHttpAddress = "127.0.0.1";
+constexpr int kDefaultHttpPort = 4480;
 // Must survive a power cut: not under /tmp.
 constexpr const char* kDefaultJournalPath = "/var/lib/replay/ReplayManager.journal";
 
@@ -79,7 +85,101 @@ struct CommonOptions {
     int reorderMs = 5000;
     int recordWindow = 60;
     std::string journal = kDefaultJournalPath;
+    std::string http;  // ADDR:PORT, empty for the default
+    bool noHttp = false;
+    std::string webRoot;
+    std::string logDirectory;
 };
+
+// The page's files: the source tree's for a server run from the build tree,
+// else the installed copy beside the executable's prefix (a package may put
+// it elsewhere than the build was configured for), else the configured one,
+// else the source tree's.
+std::string DefaultWebRoot() {
+    char exe[4096];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    const std::string self = n > 0 ? std::string(exe, static_cast<size_t>(n)) : "";
+    const std::string buildDir = REPLAY_BUILD_DIR;
+    if (self.compare(0, buildDir.size() + 1, buildDir + "/") == 0) {
+        return REPLAY_SOURCE_WEB_ROOT;
+    }
+    const size_t slash = self.rfind('/');
+    const std::string besideExecutable =
+        slash == std::string::npos ? std::string()
+                                   : self.substr(0, slash) + "/../" + REPLAY_WEB_ROOT_FROM_PREFIX;
+    for (const std::string& candidate :
+         {besideExecutable, std::string(REPLAY_INSTALLED_WEB_ROOT)}) {
+        if (!candidate.empty() && access((candidate + "/index.html").c_str(), R_OK) == 0) {
+            return candidate;
+        }
+    }
+    return REPLAY_SOURCE_WEB_ROOT;
+}
+
+// "ADDR:PORT" into its parts; false when it is not that.
+bool SplitHttpAddress(const std::string& text, std::string& address, int& port) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        return false;
+    }
+    address = text.substr(0, colon);
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str() + colon + 1, &end, 10);
+    if (end == text.c_str() + colon + 1 || *end != '\0' || value < 0 || value > 65535) {
+        return false;
+    }
+    port = static_cast<int>(value);
+    return true;
+}
+
+// Starts the web page's server when it is on; null when it is off or (at the
+// default address, which another server may hold) cannot listen. False when
+// an address given on the command line cannot be used.
+bool StartHttp(const CommonOptions& common, ReplayServer& server, ServerControl& control,
+               const std::string& controlPath, std::unique_ptr<HttpApi>& http) {
+    const ReplayRuntimeOptions& options = ReplayRuntimeOptions::Get();
+    if (common.noHttp || (common.http.empty() && !options.GetBooleanValue(eHTTPServer))) {
+        return true;
+    }
+    HttpSettings settings;
+    settings.address = kDefaultHttpAddress;
+    settings.port = kDefaultHttpPort;
+    if (!common.http.empty()) {
+        SplitHttpAddress(common.http, settings.address, settings.port);  // checked with the options
+    }
+    settings.webRoot = common.webRoot.empty() ? DefaultWebRoot() : common.webRoot;
+    settings.homePage = options.GetStringValue(eHomePageLocation);
+    settings.debugLevel = options.GetIntegerValue(eHTTPDebugLevel);
+    settings.logDirectory = common.logDirectory.empty()
+                                ? ReplayPlatform::TargetPath(kDefaultLogDirectory)
+                                : common.logDirectory;
+    if (!HttpAccessPolicy::IsLoopbackAddress(settings.address)) {
+        std::fprintf(stderr,
+                     "ReplayManager: warning: the web page listens on %s, reachable from other "
+                     "hosts; reading needs the token there too, and nothing on the wire is "
+                     "encrypted\n",
+                     settings.address.c_str());
+    }
+    const std::string token = HttpAccessPolicy::GenerateToken();
+    const std::string tokenPath = controlPath + ".token";
+    std::string error;
+    if (token.empty() || !HttpAccessPolicy::WriteTokenFile(tokenPath, token, error)) {
+        std::fprintf(stderr, "ReplayManager: no web page: cannot make its token: %s\n",
+                     token.empty() ? "no random source" : error.c_str());
+        return common.http.empty();
+    }
+    http = std::make_unique<HttpApi>(server, control, settings, token, Print);
+    if (!http->Start(error)) {
+        http.reset();
+        unlink(tokenPath.c_str());
+        std::fprintf(stderr, "ReplayManager: %s%s\n", error.c_str(),
+                     common.http.empty() ? " (going on without it; --http ADDR:PORT)" : "");
+        return common.http.empty();
+    }
+    Print("ReplayManager: web page http://" + settings.address + ":" +
+          std::to_string(http->Port()) + "/ (token " + token + ", also in " + tokenPath + ")\n");
+    return true;
+}
 
 enum class Mode { kServe, kRecord, kReplay };
 
@@ -144,6 +244,12 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         return 1;
     }
     Print("ReplayManager: control socket " + controlPath + "\n");
+    std::unique_ptr<HttpApi> http;
+    if (!StartHttp(common, server, control, controlPath, http)) {
+        controlSocket.Stop();
+        server.Shutdown();
+        return 1;
+    }
 
     int status = 0;
     if (mode == Mode::kRecord) {
@@ -190,6 +296,10 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     }
     if (input.joinable()) {
         input.join();
+    }
+    if (http) {
+        http->Stop();
+        unlink((controlPath + ".token").c_str());
     }
     controlSocket.Stop();
     server.Shutdown();
@@ -258,6 +368,31 @@ int ServerMain(int argc, char** argv) {
     app.add_option("--journal", common.journal,
                    std::string("Crash journal of received records (default: ") +
                        kDefaultJournalPath + " under the target root; \"\": none)");
+
+    app.add_option("--http", common.http,
+                   std::string("Serve the web page and its API at ADDR:PORT (default ") +
+                       kDefaultHttpAddress + ":" + std::to_string(kDefaultHttpPort) +
+                       " when the option HTTPServer is 1; port 0: any free port). Another "
+                       "address than loopback is reachable from other hosts")
+        ->check(
+            [](const std::string& text) {
+                std::string address;
+                int port = 0;
+                if (!SplitHttpAddress(text, address, port)) {
+                    return std::string("expected ADDR:PORT");
+                }
+                // Requests must name the address they were sent to, which a
+                // wildcard bind does not know.
+                return address == "0.0.0.0" || address == "::" || address == "[::]"
+                           ? std::string("name one interface's address, not every address")
+                           : std::string();
+            },
+            "ADDR:PORT");
+    app.add_flag("--no-http", common.noHttp, "No web page");
+    app.add_option("--web-root", common.webRoot, "Directory of the web page's files");
+    app.add_option("--log-dir", common.logDirectory,
+                   std::string("Directory of the logs the web page lists (default: ") +
+                       kDefaultLogDirectory + " under the target root)");
 
     double recordSeconds = 0;
     CLI::App* record = app.add_subcommand("record", "Record, for a duration or until stopped");

@@ -18,7 +18,8 @@ Json ClientList(ReplayServer& server) {
                            {"sent", client.GetPacketsSent()},
                            {"dropped", client.GetDroppedPackets()},
                            {"slot", server.SlotOf(client.GetClientName())},
-                           {"last_message", client.GetAuxiliaryText()}});
+                           {"last_message", client.GetAuxiliaryText()},
+                           {"note", server.NoteOf(client.GetClientName())}});
     }
     return clients;
 }

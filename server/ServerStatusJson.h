@@ -13,7 +13,7 @@
 namespace ReplayServer {
 
 // {"clients": [{"name", "port", "status", "received", "sent", "dropped",
-// "slot", "last_message"}, ...]}
+// "slot", "last_message", "note"}, ...]}
 std::string ClientsJson(ReplayServer& server);
 
 // {"state", "job_running", "counters": {...}, "clients": [...]}, and

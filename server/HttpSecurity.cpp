@@ -1,0 +1,120 @@
+#include "server/HttpSecurity.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ReplayServer {
+
+namespace {
+
+std::string LowerCase(std::string text) {
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+HttpAccessPolicy::HttpAccessPolicy(std::string token, std::string boundAddress, int port)
+    : m_token(std::move(token)),
+      m_address(std::move(boundAddress)),
+      m_port(port),
+      m_loopback(IsLoopbackAddress(m_address)) {}
+
+std::string HttpAccessPolicy::GenerateToken() {
+    unsigned char bytes[16];
+    const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return "";
+    }
+    size_t got = 0;
+    while (got < sizeof bytes) {
+        const ssize_t n = read(fd, bytes + got, sizeof bytes - got);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            close(fd);
+            return "";
+        }
+        got += static_cast<size_t>(n);
+    }
+    close(fd);
+    static const char kHex[] = "0123456789abcdef";
+    std::string token;
+    for (unsigned char byte : bytes) {
+        token += kHex[byte >> 4];
+        token += kHex[byte & 15];
+    }
+    return token;
+}
+
+bool HttpAccessPolicy::WriteTokenFile(const std::string& path, const std::string& token,
+                                      std::string& error) {
+    // A fresh file each start: an old one (perhaps made with a wider mode,
+    // or a link placed by someone else) is removed first and never followed.
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    const std::string line = token + "\n";
+    const bool written = fchmod(fd, 0600) == 0 &&
+                         write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    if (!written) {
+        error = path + ": " + std::strerror(errno);
+    }
+    close(fd);
+    return written;
+}
+
+bool HttpAccessPolicy::IsLoopbackAddress(const std::string& address) {
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address.c_str(), &parsed) == 1) {
+        return (ntohl(parsed.s_addr) >> 24) == 127;
+    }
+    return address == "::1" || address == "localhost";
+}
+
+bool HttpAccessPolicy::HostAllowed(const std::string& host) const {
+    const std::string port = ":" + std::to_string(m_port);
+    const std::string lower = LowerCase(host);
+    if (lower == m_address + port) {
+        return true;
+    }
+    return m_loopback && lower == "localhost" + port;
+}
+
+bool HttpAccessPolicy::OriginAllowed(const std::string& origin) const {
+    if (origin.empty()) {
+        return true;
+    }
+    const std::string scheme = "http://";
+    const std::string lower = LowerCase(origin);
+    return lower.compare(0, scheme.size(), scheme) == 0 && HostAllowed(lower.substr(scheme.size()));
+}
+
+bool HttpAccessPolicy::TokenMatches(const std::string& offered) const {
+    if (m_token.empty() || offered.size() != m_token.size()) {
+        return false;
+    }
+    unsigned char difference = 0;
+    for (size_t i = 0; i < m_token.size(); ++i) {
+        difference |= static_cast<unsigned char>(offered[i] ^ m_token[i]);
+    }
+    return difference == 0;
+}
+
+}  // namespace ReplayServer

@@ -1,0 +1,304 @@
+// The web page's API on a real ReplayManager with the logger service and demo
+// clients: every endpoint, its errors, and that without the token or from
+// another site's page nothing changes.
+
+#include <httplib.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "tests/support/EndToEnd.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+using ReplayTest::WaitFor;
+
+struct Reply {
+    int status = 0;
+    Json body;
+    std::string text;
+};
+
+class HttpApiTest : public ReplayTest::EndToEndTest {
+  protected:
+    void SetUp() override {
+        PrepareTarget();
+        ASSERT_FALSE(HasFatalFailure());
+        StartLogger();
+        ASSERT_FALSE(HasFatalFailure());
+        m_server.reset(
+            new ReplayTest::Process({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
+                                     Address(), "--reorder-ms", "1000", "--http", Address() + ":0"},
+                                    Root() + "/server.out", m_environment));
+        const std::regex line(R"(web page http://[0-9.]+:([0-9]+)/ \(token ([0-9a-f]+))");
+        std::smatch match;
+        ASSERT_TRUE(WaitFor(
+            [&] {
+                m_output = m_server->Output();
+                return std::regex_search(m_output, match, line) || !m_server->Running();
+            },
+            20s, 20ms))
+            << m_server->Output();
+        ASSERT_TRUE(m_server->Running()) << m_server->Output();
+        m_port = std::stoi(match[1]);
+        m_token = match[2];
+        m_origin = "http://" + Address() + ":" + std::to_string(m_port);
+    }
+
+    httplib::Headers Headers(bool withToken = true) const {
+        httplib::Headers headers;
+        if (withToken) {
+            headers.emplace("X-Replay-Token", m_token);
+        }
+        return headers;
+    }
+    static Reply Read(const httplib::Result& result) {
+        Reply reply;
+        if (!result) {
+            reply.status = -1;
+            return reply;
+        }
+        reply.status = result->status;
+        reply.text = result->body;
+        reply.body = Json::parse(result->body, nullptr, false);
+        return reply;
+    }
+    Reply Get(const std::string& path, const httplib::Headers& headers = {}) {
+        httplib::Client client(Address(), m_port);
+        client.set_read_timeout(20, 0);
+        return Read(client.Get(path, headers));
+    }
+    Reply Post(const std::string& path, const std::string& body = "{}",
+               const httplib::Headers& headers = {}) {
+        httplib::Client client(Address(), m_port);
+        client.set_read_timeout(30, 0);
+        return Read(client.Post(path, headers, body, "application/json"));
+    }
+    Reply PostWithToken(const std::string& path, const std::string& body = "{}") {
+        httplib::Headers headers = Headers();
+        headers.emplace("Origin", m_origin);
+        return Post(path, body, headers);
+    }
+    void CopyLog(const std::string& name) {
+        std::filesystem::copy_file(std::string(REPLAY_TEST_DATA_DIR) + "/logs/" + name,
+                                   Root() + "/fs/usb0/" + name);
+    }
+    std::string StatusState() { return Get("/api/status").body.value("state", ""); }
+
+    std::string m_output;
+    int m_port = 0;
+    std::string m_token;
+    std::string m_origin;
+};
+
+TEST_F(HttpApiTest, ReadOnlyViewsOfStateAndLogs) {
+    CopyLog("two_segments.dat");
+    CopyLog("truncated_tail.dat");
+
+    const Reply status = Get("/api/status");
+    ASSERT_EQ(status.status, 200) << status.text;
+    EXPECT_EQ(status.body["state"], "Stopped");
+    EXPECT_EQ(status.body["job_running"], false);
+    EXPECT_TRUE(Get("/api/clients").body["clients"].is_array());
+
+    const Reply logs = Get("/api/logs");
+    ASSERT_EQ(logs.status, 200) << logs.text;
+    std::map<std::string, Json> byName;
+    for (const Json& log : logs.body["logs"]) {
+        byName[log["name"]] = log;
+    }
+    ASSERT_EQ(byName.count("two_segments.dat"), 1u) << logs.text;
+    EXPECT_EQ(byName["two_segments.dat"]["segments"], 2);
+    EXPECT_EQ(byName["two_segments.dat"]["clean"], true);
+    EXPECT_EQ(byName["two_segments.dat"]["clients"].size(), 3u);
+    EXPECT_EQ(byName["truncated_tail.dat"]["clean"], false);
+
+    // The timeline counts every item the statistics count, per client and
+    // segment, so a plot of it shows the whole log.
+    const Reply detail = Get("/api/logs/two_segments.dat");
+    ASSERT_EQ(detail.status, 200) << detail.text;
+    ASSERT_EQ(detail.body["segments"].size(), detail.body["timeline"].size());
+    for (size_t s = 0; s < detail.body["segments"].size(); ++s) {
+        const Json& segment = detail.body["segments"][s];
+        const Json& timeline = detail.body["timeline"][s];
+        EXPECT_EQ(segment["index"], timeline["segment"]);
+        for (const Json& client : segment["clients"]) {
+            long sum = 0;
+            for (const Json& count : timeline["items"][client["name"].get<std::string>()]) {
+                sum += count.get<long>();
+            }
+            EXPECT_EQ(sum, client["items"].get<long>()) << client.dump();
+        }
+    }
+
+    const Reply damaged = Get("/api/logs/truncated_tail.dat/verify");
+    ASSERT_EQ(damaged.status, 200) << damaged.text;
+    EXPECT_EQ(damaged.body["clean"], false);
+    EXPECT_FALSE(damaged.body["problems"].empty());
+    EXPECT_EQ(Get("/api/logs/two_segments.dat/verify").body["clean"], true);
+
+    // Unknown names, and nothing outside the log directory or the web root.
+    for (const char* path :
+         {"/api/logs/missing.dat", "/api/logs/..%2Fserver.out", "/api/logs/.hidden", "/api/nothing",
+          "/../server.out", "/missing.html"}) {
+        const Reply reply = Get(path);
+        EXPECT_EQ(reply.status, 404) << path;
+        EXPECT_TRUE(reply.body.contains("error")) << path << ": " << reply.text;
+    }
+    const Reply page = Get("/");
+    EXPECT_EQ(page.status, 200);
+    EXPECT_NE(page.text.find("<html"), std::string::npos);
+
+    // The token printed is the one in the private file beside the socket.
+    const std::string tokenPath = Root() + "/tmp/ReplayManager.sock.token";
+    EXPECT_EQ(ReplayTest::ReadFile(tokenPath), m_token + "\n");
+    struct stat info {};
+    ASSERT_EQ(stat(tokenPath.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+}
+
+TEST_F(HttpApiTest, NothingChangesWithoutTheTokenOrFromAnotherSite) {
+    CopyLog("two_segments.dat");
+    const std::vector<std::pair<std::string, std::string>> changes = {
+        {"/api/record", "{}"},
+        {"/api/stop", "{}"},
+        {"/api/replay", R"({"log": "two_segments.dat"})"},
+        {"/api/pause", "{}"},
+        {"/api/resume", "{}"},
+        {"/api/seek", R"({"seconds": 1})"},
+        {"/api/step", "{}"},
+        {"/api/rate", R"({"rate": 2})"},
+        {"/api/loop", R"({"on": true})"},
+        {"/api/unknown", "{}"}};
+    for (const auto& change : changes) {
+        EXPECT_EQ(Post(change.first, change.second).status, 401) << change.first;
+        httplib::Headers wrong = {{"X-Replay-Token", std::string(m_token.size(), '0')}};
+        EXPECT_EQ(Post(change.first, change.second, wrong).status, 401) << change.first;
+        // The right token from another site's page in the operator's browser.
+        httplib::Headers foreign = Headers();
+        foreign.emplace("Origin", "http://evil.example");
+        EXPECT_EQ(Post(change.first, change.second, foreign).status, 403) << change.first;
+        httplib::Headers rebound = Headers();
+        rebound.emplace("Host", "evil.example:" + std::to_string(m_port));
+        EXPECT_EQ(Post(change.first, change.second, rebound).status, 403) << change.first;
+    }
+    httplib::Headers rebound = {{"Host", "evil.example:" + std::to_string(m_port)}};
+    EXPECT_EQ(Get("/api/status", rebound).status, 403);
+    EXPECT_EQ(Get("/api/status", {{"Host", "localhost:" + std::to_string(m_port)}}).status, 200);
+
+    const Reply status = Get("/api/status");
+    EXPECT_EQ(status.body["state"], "Stopped") << status.text;
+    EXPECT_EQ(status.body["job_running"], false);
+    EXPECT_FALSE(status.body.contains("replay")) << status.text;
+
+    // With the token the requests reach the commands, whose refusals come
+    // back as JSON with a status that says why.
+    EXPECT_EQ(PostWithToken("/api/pause").status, 409);
+    EXPECT_EQ(PostWithToken("/api/resume").status, 409);
+    EXPECT_EQ(PostWithToken("/api/seek", "{}").status, 400);
+    EXPECT_EQ(PostWithToken("/api/seek", R"({"seconds": -1})").status, 400);
+    EXPECT_EQ(PostWithToken("/api/rate", R"({"rate": "fast"})").status, 400);
+    EXPECT_EQ(PostWithToken("/api/loop", R"({"on": "yes"})").status, 400);
+    EXPECT_EQ(PostWithToken("/api/step", R"({"records": 1, "ms": 5})").status, 400);
+    EXPECT_EQ(PostWithToken("/api/record", "not json").status, 400);
+    EXPECT_EQ(PostWithToken("/api/replay", "{}").status, 400);
+    EXPECT_EQ(PostWithToken("/api/replay", R"({"log": "missing.dat"})").status, 404);
+    EXPECT_EQ(PostWithToken("/api/replay", R"({"log": "../server.out"})").status, 404);
+    const Reply unknownClient =
+        PostWithToken("/api/replay", R"({"log": "two_segments.dat", "clients": ["nobody"]})");
+    EXPECT_EQ(unknownClient.status, 409) << unknownClient.text;
+    EXPECT_NE(unknownClient.body.value("error", "").find("nobody"), std::string::npos);
+}
+
+TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
+    StartClients({"alpha", "beta"});
+    ASSERT_TRUE(WaitFor([&] { return AllRunning({"alpha", "beta"}); }, 15s, 50ms));
+
+    const Reply record = PostWithToken("/api/record");
+    ASSERT_EQ(record.status, 200) << record.text;
+    EXPECT_EQ(PostWithToken("/api/record").status, 409);  // one job at a time
+
+    // The live stream sends the status at least twice a second.
+    std::string stream;
+    httplib::Client client(Address(), m_port);
+    client.set_read_timeout(10, 0);
+    const auto started = std::chrono::steady_clock::now();
+    client.Get("/api/events", [&](const char* data, size_t length) {
+        stream.append(data, length);
+        return ReplayTest::Occurrences(stream, "event: status\n") < 3;
+    });
+    EXPECT_EQ(ReplayTest::Occurrences(stream, "event: status\n"), 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
+    EXPECT_NE(stream.find("\"state\":\"Record"), std::string::npos) << stream.substr(0, 300);
+    EXPECT_NE(stream.find("\"alpha\""), std::string::npos);
+
+    WaitForRecords(40);
+    const Reply stop = PostWithToken("/api/stop");
+    ASSERT_EQ(stop.status, 200) << stop.text;
+
+    const Reply logs = Get("/api/logs");
+    ASSERT_EQ(logs.status, 200);
+    ASSERT_EQ(logs.body["logs"].size(), 1u) << logs.text;
+    EXPECT_EQ(logs.body["logs"][0]["name"], "LOGFILE.DAT");
+    const Json& names = logs.body["logs"][0]["clients"];
+    for (const char* name : {"alpha", "beta"}) {
+        EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << logs.text;
+    }
+    EXPECT_GT(logs.body["logs"][0]["duration_ms"].get<long>(), 1000);
+
+    const Reply replay = PostWithToken(
+        "/api/replay", R"({"log": "LOGFILE.DAT", "clients": ["alpha", "beta"], "rate": 1})");
+    ASSERT_EQ(replay.status, 200) << replay.text;
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            const Json status = Get("/api/status").body;
+            return status.contains("replay") && status["replay"]["records_sent"].get<long>() > 0;
+        },
+        20s, 50ms));
+    EXPECT_EQ(PostWithToken("/api/step").status, 409);  // only while paused
+    EXPECT_EQ(PostWithToken("/api/pause").status, 200);
+    EXPECT_EQ(Get("/api/status").body["replay"]["paused"], true);
+    EXPECT_EQ(PostWithToken("/api/step", R"({"records": 2})").status, 200);
+    EXPECT_EQ(PostWithToken("/api/step", R"({"ms": 100})").status, 200);
+    const Reply seek = PostWithToken("/api/seek", R"({"seconds": 0.5})");
+    EXPECT_EQ(seek.status, 200) << seek.text;
+    EXPECT_EQ(PostWithToken("/api/rate", R"({"rate": 2})").status, 200);
+    EXPECT_EQ(PostWithToken("/api/rate", R"({"rate": 50})").status, 409);
+    EXPECT_EQ(PostWithToken("/api/loop", R"({"on": true})").status, 200);
+    EXPECT_EQ(PostWithToken("/api/resume").status, 200);
+    const Json replaying = Get("/api/status").body["replay"];
+    EXPECT_EQ(replaying["paused"], false);
+    EXPECT_EQ(replaying["rate"], 2.0);
+    EXPECT_EQ(replaying["loop"], true);
+    EXPECT_EQ(PostWithToken("/api/stop").status, 200);
+    EXPECT_TRUE(
+        WaitFor([&] { return !Get("/api/status").body["job_running"].get<bool>(); }, 20s, 50ms));
+}
+
+TEST_F(HttpApiTest, NoWebPageWhenTurnedOff) {
+    // The server of this fixture has one; a second one, without, beside it.
+    const std::string control = Root() + "/tmp/second.sock";
+    ReplayTest::Process second({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
+                                Address(), "--port", "4401", "--control", control, "--no-http"},
+                               Root() + "/second.out", m_environment);
+    ASSERT_TRUE(
+        WaitFor([&] { return std::filesystem::exists(control) || !second.Running(); }, 20s, 20ms));
+    EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
+    EXPECT_FALSE(std::filesystem::exists(control + ".token"));
+
+    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
+        ReplayTest::Process bad(
+            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
+            Root() + "/bad.out", m_environment);
+        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
+    }
+}
+
+}  // namespace
