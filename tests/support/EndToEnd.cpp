@@ -164,7 +164,9 @@ void EndToEndTest::PrepareTarget() {
            std::to_string(part(random));
     WriteFile("ReplayConfig.txt", "serverIP:" + m_ip +
                                       ";\nexternalConnectWait:0;\n"
-                                      "networkingLatency:100;\nserverLeadTime:100;\n");
+                                      "networkingLatency:100;\nserverLeadTime:100;\n"
+                                      // Test servers leave the web page's fixed port alone.
+                                      "HTTPServer:0;\n");
 }
 
 void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
