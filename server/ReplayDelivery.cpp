@@ -60,7 +60,7 @@ double DeliveryTiming::PercentileMs(double fraction) const {
     for (size_t bucket = 0; bucket < kBuckets; ++bucket) {
         seen += histogram[bucket];
         if (items > 0 && static_cast<double>(seen) >= wanted) {
-            return static_cast<double>((bucket + 1) * kBucketUs) / 1000.0;
+            return std::min(static_cast<double>((bucket + 1) * kBucketUs) / 1000.0, MaxMs());
         }
     }
     return MaxMs();

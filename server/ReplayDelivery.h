@@ -17,7 +17,11 @@
 // For records sent with their moment, the report's arrival against that
 // moment is the replay's timing as the server sees it: the client reports
 // right after its callback, so this adds only the way back over the network
-// and the client's own work after the callback.
+// and the client's own work after the callback. Reports carry no record
+// number, so they are matched to records in order: a record handed over
+// more than kEarliestReportUs early is taken for a ping, and from then on
+// each report is matched to the record before its own, reading one item
+// spacing late.
 
 #include <chrono>
 #include <condition_variable>

@@ -149,27 +149,26 @@ function updateReplay(status) {
     (status.job_running ? '' : ', ended');
 }
 
-// Clients that measure their replay report "timing ms: mean M p99 P max X items N".
-const timingPattern = /timing ms: mean (-?[\d.]+) p99 (-?\d+) max (-?\d+) items (\d+)/;
+// The server times each replayed item: the client's report after its
+// callback against the moment the item was due (late positive), for the
+// latest items of each client, keyed by the replay position.
+const kFidelityPoints = 5000;
 
 function updateFidelity(status) {
-  if (status.state !== 'Replay' && !status.replay) return;
+  const replay = status.replay;
+  if (!replay) return;
   if (fidelityStart === null) fidelityStart = Date.now();
-  const t = (Date.now() - fidelityStart) / 1000;
-  for (const client of status.clients) {
-    const match = timingPattern.exec(client.note || '');
-    if (!match) continue;
+  for (const client of replay.clients || []) {
+    const timing = client.timing;
+    if (!timing || timing.items === 0) continue;
     let entry = fidelity.get(client.name);
     if (!entry) {
-      entry = { t: [], mean: [], latest: null };
+      entry = { points: new Map(), latest: null };
       fidelity.set(client.name, entry);
     }
-    const latest = { mean: Number(match[1]), p99: Number(match[2]), max: Number(match[3]), items: Number(match[4]) };
-    if (!entry.latest || entry.latest.items !== latest.items) {
-      entry.t.push(t);
-      entry.mean.push(latest.mean);
-    }
-    entry.latest = latest;
+    for (const [positionMs, errorMs] of timing.recent) entry.points.set(positionMs, errorMs);
+    while (entry.points.size > kFidelityPoints) entry.points.delete(entry.points.keys().next().value);
+    entry.latest = { items: timing.items, mean: timing.mean_ms, p99: timing.p99_ms, max: timing.max_ms };
   }
   drawFidelity();
 }
@@ -183,29 +182,29 @@ function drawFidelity() {
     const row = body.insertRow();
     cell(row, name);
     cell(row, latest.items, true);
-    cell(row, latest.mean.toFixed(1), true);
-    cell(row, latest.p99, true);
-    cell(row, latest.max, true);
+    cell(row, latest.mean.toFixed(2), true);
+    cell(row, latest.p99.toFixed(2), true);
+    cell(row, latest.max.toFixed(2), true);
   }
   if (names.length === 0) return;
-  // One x axis for all clients: each client's points at its own moments.
-  const times = [...new Set(names.flatMap((n) => fidelity.get(n).t))].sort((a, b) => a - b);
-  const data = [times];
+  // One x axis (seconds into the replay) for all clients.
+  const positions = [...new Set(names.flatMap((n) => [...fidelity.get(n).points.keys()]))]
+    .sort((x, y) => x - y);
+  const data = [positions.map((ms) => ms / 1000)];
   for (const name of names) {
-    const entry = fidelity.get(name);
-    const byTime = new Map(entry.t.map((t, i) => [t, entry.mean[i]]));
-    data.push(times.map((t) => (byTime.has(t) ? byTime.get(t) : null)));
+    const points = fidelity.get(name).points;
+    data.push(positions.map((ms) => (points.has(ms) ? points.get(ms) : null)));
   }
   if (!fidelityPlot || names.join() !== fidelityNames.join()) {
     if (fidelityPlot) fidelityPlot.destroy();
     fidelityNames = names;
     const series = [{ label: 's' }].concat(names.map((name, i) => ({
-      label: name + ' mean error (ms)', stroke: palette[i % palette.length], spanGaps: true,
-      points: { show: true, size: 5 },
+      label: name + ' error (ms)', stroke: palette[i % palette.length], width: 0,
+      points: { show: true, size: 3, fill: palette[i % palette.length] },
     })));
     fidelityPlot = new uPlot({
       width: Math.max(300, $('fidelity').clientWidth), height: 220, series,
-      scales: { x: { time: false } }, axes: [{ label: 'seconds into the replay' }, { label: 'ms' }],
+      scales: { x: { time: false } }, axes: [{ label: 'seconds into the replay' }, { label: 'ms (late +)' }],
     }, data, $('fidelity'));
   } else {
     fidelityPlot.setData(data);
