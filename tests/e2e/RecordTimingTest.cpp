@@ -161,6 +161,10 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
         sizes.push_back({0, 'b', size});
         sizes.push_back({40, 'b', size});
     }
+    // A 1 Hz client's block can leave it up to about four seconds after its
+    // first item: only the server's default hold keeps it ahead of the
+    // writer's one-second limit for late records.
+    ASSERT_NO_FATAL_FAILURE(StartServer(5000));
     StartTimedClient("slow", slow);
     StartTimedClient("idle", idle);
     StartTimedClient("sizes", sizes);

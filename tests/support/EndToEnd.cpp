@@ -180,13 +180,13 @@ void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
         << m_logger->Output();
 }
 
-void EndToEndTest::StartServer() {
+void EndToEndTest::StartServer(int reorderMs) {
     // The demo clients send every block within about two seconds of its
     // time, so a short reorder hold keeps their records in order and lets
     // them reach the log while the cases record only a few seconds.
-    m_server.reset(
-        new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms", "1000"},
-                    Root() + "/server.out", m_environment));
+    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
+                                std::to_string(reorderMs)},
+                               Root() + "/server.out", m_environment));
     ASSERT_TRUE(
         WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
     ASSERT_TRUE(m_server->Running()) << m_server->Output();

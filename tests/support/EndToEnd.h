@@ -93,7 +93,8 @@ class EndToEndTest : public TargetRootTest {
     // limit, dropped privileges).
     void StartLogger(const std::vector<std::string>& launcher = {});
     // Starts the server (again) and waits until it answers commands.
-    void StartServer();
+    // `reorderMs`: how long the server holds each record for ordering.
+    void StartServer(int reorderMs = 1000);
 
     // One command to the running server through its control socket.
     CommandResult Send(const std::string& command);
