@@ -185,9 +185,12 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
                 MSTime::MSTimeStruct(0, record.timeMs - m_settings.networkingLatencyMs).ToString());
     }
     m_result.maxSendLatenessMs = std::max<int64_t>(m_result.maxSendLatenessMs, now - dueMs);
-    // At the highest rate an item has no moment of its own to be held to.
+    // At the highest rate, and for a step while paused, an item has no
+    // moment of its own to be held to.
+    const int64_t moment =
+        m_maxRate || m_schedule.Paused() ? INT64_MAX : m_schedule.DueAt(record.timeMs);
     const int64_t handOverUs =
-        m_maxRate ? ReplayDeliveryTracker::kUntimed : m_schedule.DueAt(record.timeMs) * 1000;
+        moment == INT64_MAX ? ReplayDeliveryTracker::kUntimed : moment * 1000;
     if (SendUnscheduled(record, handOverUs)) {
         ++m_result.recordsSent;
     }
