@@ -53,11 +53,11 @@ namespace {
 using BenchPipeline::ChildProcess;
 using BenchPipeline::EnvironmentNumber;
 
-struct ClientSpec {
+struct ClientSetup {
     const char* name;
     std::vector<std::string> options;
 };
-const ClientSpec kClients[] = {
+const ClientSetup kClients[] = {
     {"gps", {}},
     {"can", {}},
     {"compass", {}},
@@ -280,15 +280,15 @@ class DemoClients {
 
     // Starts the clients (again) and waits until the server has them all
     // running; each run writes its own items file.
-    bool Start(const std::vector<ClientSpec>& specs, const std::string& run) {
-        m_specs = specs;
+    bool Start(const std::vector<ClientSetup>& setups, const std::string& run) {
+        m_setups = setups;
         m_run = run;
         m_processes.clear();
         const std::string demoClient = BenchPipeline::BuiltProgram("examples/demo_client");
-        for (const ClientSpec& spec : specs) {
-            const std::string name = spec.name;
+        for (const ClientSetup& setup : setups) {
+            const std::string name = setup.name;
             std::vector<std::string> arguments = {demoClient, name, m_root / (name + ".journal")};
-            arguments.insert(arguments.end(), spec.options.begin(), spec.options.end());
+            arguments.insert(arguments.end(), setup.options.begin(), setup.options.end());
             m_processes.emplace_back(new ChildProcess);
             if (!m_processes.back()->Start(
                     arguments, m_root / "work",
@@ -306,7 +306,7 @@ class DemoClients {
                      at = table.find("Running", at + 1)) {
                     ++running;
                 }
-                return running >= m_specs.size();
+                return running >= m_setups.size();
             },
             std::chrono::seconds(20), std::chrono::milliseconds(100));
     }
@@ -316,7 +316,7 @@ class DemoClients {
     void Collect(bool stateFirst, FidelityResult& result) {
         for (size_t c = 0; c < m_processes.size(); ++c) {
             m_processes[c]->Stop(std::chrono::seconds(20));
-            const std::string name = m_specs[c].name;
+            const std::string name = m_setups[c].name;
             const std::vector<JournalEntry> journal = ReadJournal(m_root / (name + ".journal"));
             if (m_run == "full") {
                 RecordedSchedule().emplace_back();
@@ -339,7 +339,7 @@ class DemoClients {
   private:
     const BenchPipeline::TargetRoot& m_root;
     BenchPipeline::RecordingPipeline& m_pipeline;
-    std::vector<ClientSpec> m_specs;
+    std::vector<ClientSetup> m_setups;
     std::string m_run;
     std::vector<std::unique_ptr<ChildProcess>> m_processes;
 };
@@ -378,9 +378,9 @@ bool RunPipeline(int seconds, bool pageOpen, PipelineResults& results, std::stri
         error = "cannot start the pipeline";
         return false;
     }
-    const std::vector<ClientSpec> specs(kClients, kClients + kClientCount);
+    const std::vector<ClientSetup> setups(kClients, kClients + kClientCount);
     DemoClients clients(root, pipeline);
-    if (!clients.Start(specs, "full")) {
+    if (!clients.Start(setups, "full")) {
         error = "the demo clients did not connect";
         return false;
     }
@@ -393,7 +393,7 @@ bool RunPipeline(int seconds, bool pageOpen, PipelineResults& results, std::stri
     }
     clients.Collect(false, results.full);
 
-    if (!clients.Start(specs, "offset")) {
+    if (!clients.Start(setups, "offset")) {
         error = "the demo clients did not connect again";
         return false;
     }
