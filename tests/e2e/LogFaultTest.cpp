@@ -237,7 +237,9 @@ TEST_F(LogFaultTest, FullMediumForFiveSecondsLosesNothing) {
         },
         [&] {
             EXPECT_TRUE(LoggerSays("No space left on device")) << m_logger->Output();
-            std::filesystem::remove(LogPath());
+            // One rename replaces the link: were the path missing for a
+            // moment, the service could create a fresh log there and write
+            // the held records into it just before this rename unlinked it.
             std::filesystem::rename(kept, LogPath());
         });
 }
