@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "reference/src/operating_system.h"
 
 using ReplayCore::MSTime;

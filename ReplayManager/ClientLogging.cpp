@@ -11,9 +11,9 @@
 
 #include "ReplayManager/ClientGlobals.h"
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 std::atomic<int> g_defaultLoggerFD{-1};
 

@@ -8,7 +8,7 @@
 #include <cstdarg>
 
 #include "ReplayManager/DefaultMessageHandlers.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 // Descriptor of the default debug channel device; not positive until opened.
 extern std::atomic<int> g_defaultLoggerFD;

@@ -1,11 +1,11 @@
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include "ReplayManager/ExecutionTimer.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 
 namespace ReplayCore {
 

@@ -10,8 +10,8 @@
 #include "ReplayManager/ReplayClientInternal.h"
 #include "ReplayManager/DefaultMessageHandlers.h"
 #include "ReplayManager/ExecutionTimer.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/ReplayOutputFiler.h"
 
 using ReplayCore::FileLogger;

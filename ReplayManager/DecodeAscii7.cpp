@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "ReplayManager/Ascii7.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 namespace Ascii7Decoder {
 

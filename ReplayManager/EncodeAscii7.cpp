@@ -3,9 +3,9 @@
 #include <cstring>
 
 #include "ReplayManager/Ascii7.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 
 namespace Ascii7Encoder {
 

@@ -3,7 +3,7 @@
 #include <time.h>
 
 #include "ReplayManager/MonotonicClock.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 
 namespace ReplayCore {
 

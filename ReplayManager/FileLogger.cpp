@@ -1,4 +1,4 @@
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 #include <unistd.h>
 
@@ -10,9 +10,9 @@
 #include <string>
 
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "reference/src/operating_system.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace ReplayCore {
 

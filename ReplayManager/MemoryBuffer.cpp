@@ -5,7 +5,7 @@
 #include <new>
 
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 
 namespace ReplayCore {
 

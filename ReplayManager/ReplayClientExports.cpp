@@ -5,9 +5,9 @@
 #include "libreplay/ReplayClientC.h"
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayClient.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/ReplayOutputFiler.h"
 #include "libreplay/ReplayVersion.h"
 

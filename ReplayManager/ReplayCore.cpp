@@ -4,8 +4,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 
 const unsigned int kDataTypeUnspecified = 0;
 const unsigned int kDataTypeNormalizedAsciiText = 1;

@@ -1,8 +1,8 @@
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 
 #include <cstdio>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 std::atomic<const char*> g_dbgAppName{"appNameNotSet"};
 std::atomic<DebugMessageFunction> g_dbgMessagePtr{nullptr};

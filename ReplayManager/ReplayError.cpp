@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/ReplayFiles.h"
 
 std::atomic<unsigned int> ReplayError::m_numErrors{0};

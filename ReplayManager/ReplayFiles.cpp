@@ -15,9 +15,9 @@
 #include <fstream>
 #include <thread>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/TargetRoot.h"
 
 extern char** environ;
 

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "ReplayManager/MessageLimiter.h"
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/FileLogger.h"
 #include "ReplayManager/MemoryBuffer.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "reference/src/operating_system.h"
 #include "libreplay/server/ReplayLogger.h"
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 
 namespace ReplayCore {

@@ -8,10 +8,10 @@
 #include <chrono>
 #include <cstring>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 using ReplayCore::FileLogger;
 

@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ReplayManager/ReplayDebug.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "reference/src/operating_system.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 // Guards flushing and closing; appending to the block takes no lock.
 CMutex replayOutputMutex;

@@ -16,10 +16,10 @@
 #include "ReplayManager/MessageLimiter.h"
 #include "ReplayManager/ReplayClientInternal.h"
 #include "ReplayManager/Ascii7.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "ReplayManager/ExecutionTimer.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/ReplayError.h"
 #include "ReplayManager/ReplayOutputFiler.h"
 

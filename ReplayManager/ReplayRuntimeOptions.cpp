@@ -1,13 +1,13 @@
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/ReplayFiles.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 // The table lock guards values only: it is never held while calling out to the
 // file logger, the debug handlers or ReplayEnabled, any of which may come back

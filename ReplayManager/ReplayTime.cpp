@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "ReplayManager/MonotonicClock.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 
 namespace ReplayCore {
 

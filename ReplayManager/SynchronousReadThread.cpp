@@ -16,10 +16,10 @@
 #include "ReplayManager/ReplayClientInternal.h"
 #include "ReplayManager/DefaultMessageHandlers.h"
 #include "ReplayManager/ExecutionTimer.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/ReplayOutputFiler.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "libreplay/multicore.h"
 
 using ReplayCore::FileLogger;

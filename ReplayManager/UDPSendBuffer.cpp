@@ -11,10 +11,10 @@
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/MessageLimiter.h"
 #include "ReplayManager/ReplayClientInternal.h"
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;

@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "ReplayManager/UDPServerReadThread.h"
 
 using ReplayCore::FileLogger;

@@ -13,12 +13,12 @@
 #include <mutex>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "ReplayManager/MemoryBuffer.h"
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/ReplayError.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 
 namespace {
 

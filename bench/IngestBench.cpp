@@ -46,7 +46,7 @@
 #include <vector>
 
 #include "bench/PipelineSupport.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogRecord.h"

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogStatistics.h"
 

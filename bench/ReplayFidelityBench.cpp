@@ -45,7 +45,7 @@
 #include <vector>
 
 #include "bench/PipelineSupport.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 
 namespace {

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "libreplay/server/ClientDataList.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayLogManager.h"
 #include "libreplay/server/ReplayLogger.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace {
 

@@ -32,9 +32,9 @@
 #include <vector>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/ReplayDebug.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace {
 

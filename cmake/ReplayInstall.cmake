@@ -23,12 +23,17 @@ set(REPLAY_CLIENT_HEADERS
 # exported from libreplay.so as well; everything else is the library's own.
 set(REPLAY_SERVER_HEADERS
   libreplay/server/ClientDataList.h
+  libreplay/server/ClientRecord.h
+  libreplay/server/FileLogger.h
+  libreplay/server/ReplayDebug.h
   libreplay/server/ReplayError.h
   libreplay/server/ReplayLogManager.h
   libreplay/server/ReplayLogReader.h
   libreplay/server/ReplayLogRecord.h
   libreplay/server/ReplayLogStatistics.h
   libreplay/server/ReplayLogger.h
+  libreplay/server/ReplayRuntimeOptions.h
+  libreplay/server/TargetRoot.h
   libreplay/server/UDPSocketServer.h
   libreplay/server/UDPSockets.h)
 list(TRANSFORM REPLAY_CLIENT_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/include/

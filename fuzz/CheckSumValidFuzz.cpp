@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz/FuzzSupport.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     FuzzSupport::Initialise();

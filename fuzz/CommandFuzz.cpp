@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

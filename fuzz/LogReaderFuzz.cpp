@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz/FuzzSupport.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/ReplayLogStatistics.h"

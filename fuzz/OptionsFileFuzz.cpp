@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fuzz/FuzzSupport.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "server/ReplayItems.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

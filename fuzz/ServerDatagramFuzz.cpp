@@ -12,10 +12,10 @@
 #include <string>
 
 #include "libreplay/server/ClientDataList.h"
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayLogManager.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "libreplay/ReplayVersion.h"
 #include "logger/LoggerService.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 int main(int argc, char** argv) {
     CLI::App app{

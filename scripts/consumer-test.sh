@@ -41,8 +41,8 @@ prefix=$work/prefix
 libdir=$(dirname "$(find "$prefix" -name 'libreplay.so' | head -1)")
 [ -f "$prefix/include/libreplay/ReplayClient.h" ] || fail "public header not installed"
 [ -f "$prefix/include/libreplay/server/UDPSocketServer.h" ] || fail "server header not installed"
-for private in MemoryBuffer.h ReplayLogRecord.h FileLogger.h UDPSockets.h; do
-  [ ! -e "$prefix/include/libreplay/$private" ] || fail "a private header was installed: $private"
+for private in MemoryBuffer.h ReplayFiles.h UDPServerReadThread.h operating_system.h; do
+  [ -z "$(find "$prefix/include" -name "$private")" ] || fail "a private header was installed: $private"
 done
 
 echo "--- every installed header compiles alone against the installed tree"

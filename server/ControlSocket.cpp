@@ -13,7 +13,7 @@
 #include <functional>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 namespace ReplayServer {
 

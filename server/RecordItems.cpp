@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogRecord.h"
 
 namespace ReplayServer {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogRecord.h"
 

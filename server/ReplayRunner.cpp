@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 using ReplayCore::MSTime;
 

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <thread>
 
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "server/RecordItems.h"
 

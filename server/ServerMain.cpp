@@ -12,10 +12,10 @@
 #include <string>
 #include <thread>
 
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayVersion.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 #include "server/CommandWords.h"
 #include "server/ControlSocket.h"
 #include "server/HttpApi.h"

@@ -17,7 +17,7 @@
 
 #include "reference/src/multicore_internal.h"
 #include "reference/src/system_log.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 using ReplayPlatform::SystemLog;
 

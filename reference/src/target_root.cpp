@@ -1,4 +1,4 @@
-#include "reference/src/target_root.h"
+#include "libreplay/server/TargetRoot.h"
 
 #include <cstdlib>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

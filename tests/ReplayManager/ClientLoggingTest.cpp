@@ -8,8 +8,8 @@
 #include <string>
 
 #include "ReplayManager/ClientGlobals.h"
-#include "ReplayManager/FileLogger.h"
-#include "ReplayManager/ReplayDebug.h"
+#include "libreplay/server/FileLogger.h"
+#include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"

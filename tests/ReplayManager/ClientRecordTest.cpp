@@ -1,4 +1,4 @@
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 
 #include <gtest/gtest.h>
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "ReplayManager/ReplayClientInternal.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/ClientSetup.h"
 #include "tests/support/FakeServer.h"

@@ -1,4 +1,4 @@
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

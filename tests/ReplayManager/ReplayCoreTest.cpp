@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

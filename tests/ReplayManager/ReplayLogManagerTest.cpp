@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayLogger.h"
 #include "libreplay/multicore.h"
 #include "tests/ReplayManager/ServerTestSupport.h"

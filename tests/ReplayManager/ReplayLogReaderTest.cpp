@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/ReplayLogStatistics.h"
 #include "tests/support/TestSupport.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 
 namespace {
 

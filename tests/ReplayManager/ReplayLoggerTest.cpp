@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/multicore.h"
 #include "tests/support/TestSupport.h"
 

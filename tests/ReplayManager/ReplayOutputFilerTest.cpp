@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/TestSupport.h"
 

@@ -1,4 +1,4 @@
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "ReplayManager/Ascii7.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 #include "tests/support/UdpTestClient.h"

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayError.h"
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/support/FakeServer.h"
 #include "tests/support/TestSupport.h"
 

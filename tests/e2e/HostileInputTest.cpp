@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/ChildProcess.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "tests/support/EndToEnd.h"
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "libreplay/server/ReplayLogger.h"
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "server/IngestJournal.h"
 #include "server/ReplayServer.h"

@@ -2,7 +2,7 @@
 
 #include <thread>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"
 

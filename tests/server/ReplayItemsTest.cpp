@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ReplayManager/ClientRecord.h"
+#include "libreplay/server/ClientRecord.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {

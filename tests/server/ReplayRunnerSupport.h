@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "server/ReplayRunner.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"

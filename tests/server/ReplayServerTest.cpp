@@ -1,6 +1,6 @@
 #include "server/ReplayServer.h"
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "server/ControlSocket.h"
 #include "server/ServerControl.h"
 #include "tests/ReplayManager/ServerTestSupport.h"

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"

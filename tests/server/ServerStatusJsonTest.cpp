@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "server/ServerControl.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"

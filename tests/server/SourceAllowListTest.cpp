@@ -2,7 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "server/ServerControl.h"
 #include "tests/server/LoopbackServer.h"
 #include "tests/support/TestSupport.h"

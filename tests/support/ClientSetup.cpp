@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "ReplayManager/ReplayRuntimeOptions.h"
+#include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {

@@ -11,10 +11,10 @@
 #include <sstream>
 #include <thread>
 
-#include "ReplayManager/FileLogger.h"
+#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
-#include "ReplayManager/ReplayDebug.h"
-#include "reference/src/target_root.h"
+#include "libreplay/server/ReplayDebug.h"
+#include "libreplay/server/TargetRoot.h"
 
 namespace ReplayTest {
 

@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_REPLAYRUNTIMEOPTIONS_H
-#define REPLAYMANAGER_REPLAYRUNTIMEOPTIONS_H
+#ifndef LIBREPLAY_SERVER_REPLAYRUNTIMEOPTIONS_H
+#define LIBREPLAY_SERVER_REPLAYRUNTIMEOPTIONS_H
 
 // The process-wide table of run-time options, filled with defaults and
 // overridden from the options file "ReplayConfig.txt" (lines "keyword:value;").

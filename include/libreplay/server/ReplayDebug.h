@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_REPLAYDEBUG_H
-#define REPLAYMANAGER_REPLAYDEBUG_H
+#ifndef LIBREPLAY_SERVER_REPLAYDEBUG_H
+#define LIBREPLAY_SERVER_REPLAYDEBUG_H
 
 // The library's three debug message channels. Output goes to the handlers the
 // host application installs (or the defaults the client installs); with no

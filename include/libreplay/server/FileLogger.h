@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_FILELOGGER_H
-#define REPLAYMANAGER_FILELOGGER_H
+#ifndef LIBREPLAY_SERVER_FILELOGGER_H
+#define LIBREPLAY_SERVER_FILELOGGER_H
 
 // The library's diagnostic text log "/tmp/ReplayLog.txt" (under the target
 // root): time-stamped lines filtered by a process-wide level and capped at
@@ -48,8 +48,10 @@ class REPLAY_API FileLogger {
     // Printable form: CR as '\\', LF as 'n', other control bytes as '_'.
     static std::string FormatDebugText(const char* text, unsigned int maxLength);
 
+#ifdef REPLAY_INTERNAL_BUILD
     // Restores the initial level and counters (tests only).
     static void ResetForTesting();
+#endif
 };
 
 // Raw writes for the server's log channel, each overload serialised by its

@@ -1,5 +1,5 @@
-#ifndef REPLAYMANAGER_CLIENTRECORD_H
-#define REPLAYMANAGER_CLIENTRECORD_H
+#ifndef LIBREPLAY_SERVER_CLIENTRECORD_H
+#define LIBREPLAY_SERVER_CLIENTRECORD_H
 
 // The client record: the text line a client sends to the replay server and
 // the server stores. A data record is
