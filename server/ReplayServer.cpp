@@ -199,6 +199,12 @@ std::string ReplayServer::NoteOf(const std::string& name) {
     return found == m_notes.end() ? std::string() : found->second;
 }
 
+uint64_t ReplayServer::BytesReceivedFrom(const std::string& name) const {
+    std::lock_guard<std::mutex> lock(m_progressMutex);
+    const auto found = m_progress.find(name);
+    return found == m_progress.end() ? 0 : found->second.bytesReceived;
+}
+
 unsigned int ReplayServer::SlotOf(const std::string& name) {
     std::lock_guard<std::mutex> lock(m_slotMutex);
     const auto found = m_slots.find(name);
@@ -283,7 +289,7 @@ bool ReplayServer::ProcessClientMessage(const char* data, int nBytes, ClientData
                    status ? "status" : "data", nBytes, name.c_str());
     }
     if (!client.GetClientName().empty()) {
-        NoteClientProgress(name, status, fields.blockTimeMs);
+        NoteClientProgress(name, status, fields.blockTimeMs, static_cast<size_t>(nBytes));
     }
     if (status) {
         m_statusRecords.fetch_add(1, std::memory_order_relaxed);
@@ -322,9 +328,11 @@ void ReplayServer::Hold(const ReplayCore::LogClientRecord& fields, const char* d
     }
 }
 
-void ReplayServer::NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs) {
+void ReplayServer::NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs,
+                                      size_t bytes) {
     std::lock_guard<std::mutex> lock(m_progressMutex);
     ClientProgress& progress = m_progress[name];
+    progress.bytesReceived += bytes;
     int64_t& newest = status ? progress.newestStatusMs : progress.newestBlockMs;
     newest = std::max(newest, recordTimeMs);
 }

@@ -176,6 +176,8 @@ class ReplayServer : public UDPSocketServer {
     // as "#replay"), which the state reports would otherwise overwrite at
     // once in the last message; empty when none.
     std::string NoteOf(const std::string& name);
+    // Bytes of the valid records received from the client.
+    uint64_t BytesReceivedFrom(const std::string& name) const;
     // The receive buffer the kernel granted, in bytes.
     int ReceiveBufferBytes() const { return m_receiveBufferBytes; }
 
@@ -187,8 +189,9 @@ class ReplayServer : public UDPSocketServer {
     // Where the receive path puts a data record: the journal, then the hold.
     void Hold(const ReplayCore::LogClientRecord& fields, const char* data, size_t size);
     // Notes what a record says about its client having sent the block
-    // holding a stop moment.
-    void NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs);
+    // holding a stop moment, and counts its bytes.
+    void NoteClientProgress(const std::string& name, bool status, int64_t recordTimeMs,
+                            size_t bytes);
     bool ConfirmedSince(const std::string& name, int64_t momentMs);
     // Opens the journal and feeds its unwritten records to the writer in
     // time order; false (and no journal) when the file cannot be used.
@@ -227,6 +230,7 @@ class ReplayServer : public UDPSocketServer {
     struct ClientProgress {
         int64_t newestBlockMs = INT64_MIN;
         int64_t newestStatusMs = INT64_MIN;
+        uint64_t bytesReceived = 0;
     };
     mutable std::mutex m_progressMutex;
     std::map<std::string, ClientProgress> m_progress;

@@ -15,6 +15,7 @@ Json ClientList(ReplayServer& server) {
                            {"port", client.GetPort()},
                            {"status", client.GetClientStatusString()},
                            {"received", client.GetMessagesReceived()},
+                           {"bytes", server.BytesReceivedFrom(client.GetClientName())},
                            {"sent", client.GetPacketsSent()},
                            {"dropped", client.GetDroppedPackets()},
                            {"slot", server.SlotOf(client.GetClientName())},

@@ -89,19 +89,25 @@ function updateClients(status) {
   const seen = new Map();
   for (const client of status.clients) {
     const before = previousClients.get(client.name);
+    const bytes = client.bytes || 0;
     let rate = null;
+    let byteRate = null;
     let changedAt = now;
     if (before) {
       const seconds = (now - before.at) / 1000;
       rate = seconds > 0 ? (client.received - before.received) / seconds : null;
+      byteRate = seconds > 0 ? (bytes - before.bytes) / seconds : null;
       changedAt = client.received !== before.received ? now : before.changedAt;
       // A rate over less than a second jumps about: keep the older point.
       if (seconds < 1) {
-        seen.set(client.name, { received: before.received, at: before.at, changedAt, rate: before.rate });
+        seen.set(client.name, { ...before, changedAt });
         rate = before.rate;
+        byteRate = before.byteRate;
       }
     }
-    if (!seen.has(client.name)) seen.set(client.name, { received: client.received, at: now, changedAt, rate });
+    if (!seen.has(client.name)) {
+      seen.set(client.name, { received: client.received, bytes, at: now, changedAt, rate, byteRate });
+    }
     const replay = replayClients.get(client.name) || {};
     const row = body.insertRow();
     const running = client.status === 'Running';
@@ -112,6 +118,7 @@ function updateClients(status) {
     cell(row, client.status);
     cell(row, client.slot, true);
     cell(row, rate === null ? null : rate.toFixed(1), true);
+    cell(row, byteRate === null ? null : Math.round(byteRate), true);
     cell(row, client.dropped, true);
     cell(row, replay.missed !== undefined ? replay.missed : 0, true);
     cell(row, replay.checksum_errors !== undefined ? replay.checksum_errors : 0, true);

@@ -43,6 +43,9 @@ TEST_F(ServerStatusJsonTest, StatusAndClientsAreOneJsonLineEach) {
     EXPECT_EQ(table["clients"][0]["name"], "gps");
     EXPECT_GT(table["clients"][0]["port"].get<int>(), 0);
     EXPECT_GE(table["clients"][0]["received"].get<int>(), 1);
+    // The registration is the one record the client sent.
+    EXPECT_EQ(table["clients"][0]["bytes"].get<size_t>(),
+              ServerTest::StatusRecord("gps", 1000, "").size());
 
     const std::string status = m_control->Execute("status --json");
     ASSERT_EQ(status.find('\n'), status.size() - 1) << status;

@@ -40,7 +40,9 @@ try {
     await page.waitForFunction(() => document.getElementById('state').textContent.startsWith('Record'), null, slow);
     await page.waitForFunction(() => {
       const rows = [...document.querySelectorAll('#clients tbody tr')];
-      return rows.filter((row) => parseFloat(row.cells[4].textContent) > 0).length >= 2;
+      // Records/s and bytes/s of both clients.
+      return rows.filter((row) => parseFloat(row.cells[4].textContent) > 0 &&
+        parseFloat(row.cells[5].textContent) > 0).length >= 2;
     }, null, slow);
     await page.waitForTimeout(5000);
   });
