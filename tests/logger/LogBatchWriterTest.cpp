@@ -80,8 +80,9 @@ TEST_F(LogBatchWriterTest, OutageHoldsRecordsAndWritesThemInOrderWhenTheMediumRe
     EXPECT_TRUE(m_writer->Failing());
     ASSERT_NO_FATAL_FAILURE(Arrive({"d", "e"}));
     ReturnMedium();
-    // The retry is not due yet: nothing is tried, nothing is reported.
-    m_writer->WriteDue(m_t0 + 50ms);
+    // The retry falls due 100 ms after the failure: one clock tick before,
+    // nothing is tried, nothing is reported.
+    m_writer->WriteDue(m_t0 + 101ms - LogBatchWriter::Clock::duration(1));
     EXPECT_EQ(Logged().size(), 2u);
     EXPECT_EQ(m_notices.size(), 1u);
     EXPECT_NE(m_queue.HeldBytes(), 0u);
