@@ -1,10 +1,13 @@
 #ifndef TESTS_REPLAYMANAGER_RECORDTEXT_H
 #define TESTS_REPLAYMANAGER_RECORDTEXT_H
 
-// Builders of the texts the tests feed to the client and the log code: an
-// item's Ascii7 text, a checksummed record, a record in its stored form.
+// Builders of the texts the tests feed to the client and the log code (an
+// item's Ascii7 text, a checksummed record, a record in its stored form),
+// and the payloads a log file holds.
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "ReplayManager/Ascii7.h"
 #include "libreplay/server/ReplayLogReader.h"
@@ -31,6 +34,23 @@ inline std::string Stored(const std::string& payload) {
     std::string out;
     ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), out);
     return out;
+}
+
+// The payloads of every record the log file at `path` holds, none if it
+// cannot be opened; `skips` receives the reader's count of skipped parts.
+inline std::vector<std::string> LogPayloads(const std::string& path, uint64_t* skips = nullptr) {
+    std::vector<std::string> payloads;
+    ReplayCore::ReplayLogReader reader;
+    if (reader.Open(path)) {
+        ReplayCore::LogRecord record;
+        while (reader.Next(record)) {
+            payloads.push_back(record.payload);
+        }
+    }
+    if (skips != nullptr) {
+        *skips = reader.SkipCount();
+    }
+    return payloads;
 }
 
 }  // namespace RecordText

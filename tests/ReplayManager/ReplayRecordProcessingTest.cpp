@@ -1,5 +1,4 @@
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,39 +21,31 @@ struct Delivery {
     bool initialisation;
 };
 
-// Keeps every delivered item; used from the read thread and the test.
+// Keeps every delivered item. The tests hand records to the read thread's
+// processing directly, on the test's own thread.
 class RecordingHandler : public ReplayClient::ReplayMessageHandlerBase {
   public:
     RecordingHandler() : ReplayMessageHandlerBase(true) {}
-    ~RecordingHandler() = default;
 
     int ReplayCallback(void* data, unsigned int nBytes, unsigned int clientTime) override {
-        return Keep(data, nBytes, clientTime, false);
+        m_deliveries.push_back(
+            {std::string(static_cast<const char*>(data), nBytes), clientTime, false});
+        return 1;
     }
     int InitializationCallback(void* data, unsigned int nBytes) override {
-        return Keep(data, nBytes, 0, true);
+        m_deliveries.push_back({std::string(static_cast<const char*>(data), nBytes), 0, true});
+        return 1;
     }
-    std::vector<Delivery> Deliveries() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_deliveries;
-    }
+    const std::vector<Delivery>& Deliveries() const { return m_deliveries; }
     std::vector<std::string> Data() const {
         std::vector<std::string> data;
-        for (const Delivery& delivery : Deliveries()) {
+        for (const Delivery& delivery : m_deliveries) {
             data.push_back(delivery.data);
         }
         return data;
     }
 
   private:
-    int Keep(void* data, unsigned int nBytes, unsigned int clientTime, bool initialisation) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_deliveries.push_back(
-            {std::string(static_cast<const char*>(data), nBytes), clientTime, initialisation});
-        return 1;
-    }
-
-    mutable std::mutex m_mutex;
     std::vector<Delivery> m_deliveries;
 };
 
@@ -148,7 +139,7 @@ TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClo
 
     // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{199, 50}));
-    const std::vector<Delivery> deliveries = m_handler.Deliveries();
+    const std::vector<Delivery>& deliveries = m_handler.Deliveries();
     ASSERT_EQ(deliveries.size(), 4u);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"alpha", "near", "later", "last"}));
     // The clock was set to 500.000 at 100.000: the client clock is 400 s
