@@ -1,4 +1,5 @@
 #include "ReplayManager/Ascii7.h"
+#include "libreplay/ReplayClientC.h"
 
 #include <gtest/gtest.h>
 
@@ -74,6 +75,12 @@ TEST_F(Ascii7Test, KnownVectorsEncodeAndDecodeByteForByte) {
                                decoded.data()),
                   binary.size());
         EXPECT_EQ(Bytes(decoded.begin(), decoded.begin() + binary.size()), binary);
+        // Room for one byte less: that many bytes, and nothing past them.
+        std::vector<char> shorter(binary.size() + 1, '\x55');
+        EXPECT_EQ(DecodeAscii7(terminated.data(), static_cast<unsigned int>(binary.size() - 1),
+                               shorter.data()),
+                  binary.size() - 1);
+        EXPECT_EQ(shorter[binary.size() - 1], '\x55');
     }
 }
 
@@ -88,10 +95,15 @@ TEST_F(Ascii7Test, InputsBeyondTheOutputOrTheLimitAreRejected) {
     EXPECT_EQ(encoder.State().index, 2047u);  // never past the terminator's place
     EXPECT_EQ(ConvertToAscii7(encoder, overflow.data(), 1792, length), nullptr);
 
+    // 2048 bytes pass the input limit and then overflow the output; one more
+    // is refused before encoding.
     const Bytes refused = ReadData("ascii7/refused2049.bin");
+    EXPECT_EQ(ConvertToAscii7(encoder, refused.data(), 2048, length), nullptr);
     EXPECT_EQ(ConvertToAscii7(encoder, refused.data(), 2049, length), nullptr);
     EXPECT_EQ(length, 0u);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "dataLength=1792"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "dataLength=2048"), 1);
+    EXPECT_EQ(debug.Count(CapturedDebug::kError, "exceeds limit of 2048"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "2049 exceeds limit of 2048"), 1);
 }
 
@@ -172,6 +184,62 @@ TEST_F(Ascii7Test, RunLengthPackingAndThePercentOnlyUnpacker) {
     std::memset(out, '#', sizeof out);
     EXPECT_EQ(Ascii7Decoder::dbg_decode7rle2(packed, out, 10, &length), nullptr);
     EXPECT_EQ(out[10], '#');
+}
+
+// The C encoder must give exactly the text of the send path's encoder, and
+// the C decoder must restore the bytes, at every length around the 7-byte
+// group boundaries and at the send path's largest item.
+TEST(CAscii7Test, RoundTripsAndMatchesTheSendPathEncoder) {
+    std::mt19937 random(7);
+    for (unsigned int length : {1u, 6u, 7u, 8u, 13u, 14u, 15u, 255u, 1000u, 1791u}) {
+        const Bytes data = RandomBytes(random, length);
+        const unsigned int size = CAscii7EncodedSize(length);
+        ASSERT_EQ(size, (8 * length + 6) / 7 + 1) << length;
+        std::string text(size, 'x');
+        const int written = CEncodeAscii7(data.data(), length, &text[0], size);
+        ASSERT_EQ(written, static_cast<int>(size - 1)) << length;
+        EXPECT_EQ(text[size - 1], '\0');
+
+        Ascii7Encoder::CMessageEncode encoder;
+        unsigned int referenceLength = 0;
+        const char* reference =
+            Ascii7Encoder::ConvertToAscii7(encoder, data.data(), length, referenceLength);
+        ASSERT_NE(reference, nullptr);
+        EXPECT_EQ(std::string(text.c_str()), std::string(reference, referenceLength)) << length;
+
+        Bytes decoded(length + 8, 0xEE);
+        EXPECT_EQ(CDecodeAscii7(text.c_str(), decoded.data(), length + 8),
+                  static_cast<int>(length));
+        EXPECT_EQ(Bytes(decoded.begin(), decoded.begin() + length), data) << length;
+        EXPECT_EQ(decoded[length], 0xEE) << "wrote past the decoded bytes";
+    }
+}
+
+// The C encoder has no 2047-character limit of its own: the caller sizes
+// the output.
+TEST(CAscii7Test, EncodesItemsLargerThanTheSendPathBuffer) {
+    std::mt19937 random(11);
+    const Bytes data = RandomBytes(random, 5000);
+    std::vector<char> text(CAscii7EncodedSize(5000));
+    ASSERT_GT(CEncodeAscii7(data.data(), 5000, text.data(), text.size()), 2047);
+    Bytes decoded(5000);
+    EXPECT_EQ(CDecodeAscii7(text.data(), decoded.data(), 5000), 5000);
+    EXPECT_EQ(decoded, data);
+}
+
+TEST(CAscii7Test, RefusesAnOutputOneByteShortAndBadPointers) {
+    const unsigned char data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    const unsigned int size = CAscii7EncodedSize(8);
+    std::vector<char> text(size, 'x');
+    EXPECT_EQ(CEncodeAscii7(data, 8, text.data(), size - 1), -1);
+    EXPECT_EQ(text[0], '\0') << "a refused output must not look like a text";
+    EXPECT_EQ(CEncodeAscii7(nullptr, 8, text.data(), size), -1);
+    EXPECT_EQ(CEncodeAscii7(data, 8, nullptr, size), -1);
+    EXPECT_EQ(CDecodeAscii7(nullptr, text.data(), 4), -1);
+    // Nothing to encode is an empty text, nothing to decode no bytes.
+    EXPECT_EQ(CEncodeAscii7(nullptr, 0, text.data(), 1), 0);
+    EXPECT_EQ(text[0], '\0');
+    EXPECT_EQ(CDecodeAscii7("", text.data(), 4), 0);
 }
 
 }  // namespace

@@ -61,30 +61,33 @@ TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
     }
 }
 
-TEST_F(ClientDataListTest, SequenceNumbersCountGapsAndRestart) {
+TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestarts) {
     ClientData client(Address("127.0.0.1", 5000));
-    // Nothing seen yet: any first number is as expected.
-    EXPECT_EQ(client.SetPacketSequenceNumber(5), 1);
-    EXPECT_EQ(client.SetPacketSequenceNumber(6), 1);
-    EXPECT_EQ(client.SetPacketSequenceNumber(9), 3);
-    EXPECT_EQ(client.GetDroppedPackets(), 2);
-    // A repeat is a distance of 0 and takes one off the dropped count.
-    EXPECT_EQ(client.SetPacketSequenceNumber(9), 0);
-    EXPECT_EQ(client.GetDroppedPackets(), 1);
-    // Going backwards counts the distance as well.
-    EXPECT_EQ(client.SetPacketSequenceNumber(4), 5);
-    EXPECT_EQ(client.GetDroppedPackets(), 5);
-    EXPECT_EQ(client.SetPacketSequenceNumber(0), 1);
-    EXPECT_EQ(client.GetDroppedPackets(), 0);
-    EXPECT_EQ(client.GetLastSequenceNumber(), 0);
-    // After a restart at 0 the next number is not compared.
-    EXPECT_EQ(client.SetPacketSequenceNumber(7), 1);
-    EXPECT_EQ(client.GetDroppedPackets(), 0);
-
-    // Wild jumps from a corrupted sender wrap the dropped count, no more.
-    EXPECT_EQ(client.SetPacketSequenceNumber(2000000007), 2000000000);
-    EXPECT_EQ(client.SetPacketSequenceNumber(2), 2000000005);
-    EXPECT_EQ(client.GetDroppedPackets(), static_cast<int32_t>(4000000003u));
+    struct Step {
+        int number;
+        int distance;
+        int32_t dropped;
+    };
+    const Step steps[] = {
+        {5, 1, 0},  // nothing seen yet: any first number is as expected
+        {6, 1, 0},
+        {9, 3, 2},
+        {9, 0, 1},  // a repeat is a distance of 0 and takes one off the count
+        {4, 5, 5},  // going backwards counts the distance as well
+        {3, 1, 5},  // one step back is a distance of one, like one forward
+        {2, 1, 5},  // 2 is still compared
+        {1, 1, 0},  // 1 and 0 start the count afresh
+        {2, 1, 0},
+        {0, 1, 0},
+        {7, 1, 0},  // after a restart at 0 the next number is not compared
+        // Wild jumps from a corrupted sender wrap the dropped count, no more.
+        {2000000007, 2000000000, 1999999999},
+        {2, 2000000005, static_cast<int32_t>(4000000003u)},
+    };
+    for (const Step& step : steps) {
+        EXPECT_EQ(client.SetPacketSequenceNumber(step.number), step.distance) << step.number;
+        EXPECT_EQ(client.GetDroppedPackets(), step.dropped) << step.number;
+    }
 }
 
 TEST_F(ClientDataListTest, OperationsInsideTheLockPassFalse) {

@@ -7,11 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "ReplayManager/Ascii7.h"
+#include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
+using RecordText::Ascii7;
 using ReplayCore::MSTime;
 using ReplayTest::CapturedDebug;
 
@@ -21,14 +22,6 @@ std::string ReadRecord(const std::string& name) {
 
 bool Valid(const std::string& line) {
     return ReplayCore::CheckSumValid(line.data(), static_cast<unsigned int>(line.size()));
-}
-
-std::string Ascii7(const std::vector<unsigned char>& data) {
-    static Ascii7Encoder::CMessageEncode encoder;
-    unsigned int length = 0;
-    const char* text = Ascii7Encoder::ConvertToAscii7(
-        encoder, data.data(), static_cast<unsigned int>(data.size()), length);
-    return std::string(text, length);
 }
 
 struct ParsedRecord {
@@ -92,11 +85,11 @@ TEST_F(ClientRecordTest, WritersBuildTheStoredRecordsByteForByte) {
     unsigned int length = ReplayCore::WriteDataBlockHeader(
         block, sizeof block, '$', MSTime::MSTimeStruct(0, 83061), "NavGps", 7);
     length = ReplayCore::RecordWriter(block, sizeof block, length)
-                 .Text(Ascii7({0x00, 0xFF}).c_str())
+                 .Text(Ascii7(std::string("\x00\xFF", 2)).c_str())
                  .Length();
     length += ReplayCore::WriteItemSeparator(block + length, 20, MSTime::MSTimeStruct(0, 83105));
     length = ReplayCore::RecordWriter(block, sizeof block, length)
-                 .Text(Ascii7({0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd}).c_str())
+                 .Text(Ascii7("\x01\x23\x45\x67\x89\xab\xcd").c_str())
                  .Length();
     unsigned int checksum = 0;
     ASSERT_EQ(ReplayCore::AppendChecksum(block, length, sizeof block, checksum),
@@ -125,8 +118,8 @@ TEST_F(ClientRecordTest, ParsesDataAndStatusRecords) {
     EXPECT_EQ(parsed.firstNumber, 1u);
     EXPECT_EQ(parsed.sequenceNumber, 7u);
     EXPECT_EQ(block.substr(parsed.payloadStart, parsed.payloadLength),
-              Ascii7({0x00, 0xFF}) + "\xDE" +
-                  "83.105:" + Ascii7({0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd}));
+              Ascii7(std::string("\x00\xFF", 2)) + "\xDE" +
+                  "83.105:" + Ascii7("\x01\x23\x45\x67\x89\xab\xcd"));
 
     parsed = Parse(ReadRecord("status_empty.rec"));
     EXPECT_TRUE(parsed.ok);

@@ -118,4 +118,24 @@ TEST_F(ClientStateTest, DisconnectMovesToConnectingAndAConnectedMarkStopsIt) {
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
 }
 
+// On the real clock: the ping thread's own timing decides.
+TEST_F(ClientStateTest, PingsGoOutOnlyInTheServersTimeSlot) {
+    ReplayCore::SetClockSourceForTesting(nullptr);
+    ClientPingThread::SetIntervalsForTesting(10, 20);
+    Connect(ReplayCore::eStateStopped);
+    g_UDPSendBuffer.SetTimeSlot(11);  // a slot the clock never reaches
+    clientPingThread.start();
+    EXPECT_FALSE(m_server.WaitForDatagrams(1, 1200ms));
+
+    g_UDPSendBuffer.SetTimeSlot(4);
+    ASSERT_TRUE(m_server.WaitForDatagrams(2, 3s));
+    for (const ReplayTest::Datagram& ping : m_server.Datagrams()) {
+        // The record's time is the moment of sending.
+        const ReplayCore::MSTime::MSTimeStruct sent(ping.bytes.substr(1, ping.bytes.find(':') - 1));
+        EXPECT_EQ(ReplayCore::GetTimeSlotFromTime(sent), 4u) << ping.bytes;
+        EXPECT_NE(ping.bytes.find("#stop"), std::string::npos);
+    }
+    clientPingThread.RequestStop();
+}
+
 }  // namespace

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstdlib>
 #include <set>
 #include <string>
 
@@ -95,6 +96,27 @@ TEST_F(ReplayClientExportsTest, EntryPointsDriveTheClient) {
         EXPECT_EQ(datagram.find("buffered"), std::string::npos);
     }
     EXPECT_TRUE(immediate);
+}
+
+// A handler that takes every item; replay never starts in these tests.
+class TakingHandler : public ReplayClient::ReplayMessageHandlerBase {
+  public:
+    TakingHandler() : ReplayMessageHandlerBase(true) {}
+    int ReplayCallback(void*, unsigned int, unsigned int) override { return 1; }
+};
+
+TEST_F(ReplayClientExportsTest, DisabledReplayReturnsAtOnceAndEndsTheClient) {
+    unsetenv("ENABLE_REPLAY");
+    ReplayTest::CapturedDebug debug;
+    EXPECT_EQ(ReplayClient::InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText),
+              0);
+    TakingHandler handler;
+    EXPECT_EQ(ReplayClient::InitializeReplayClient("Nav", &handler, kDataTypeAsciiText, false), 0);
+    EXPECT_EQ(debug.Count("Replay System Disabled"), 2);
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateShutDown);
+    EXPECT_FALSE(clientReadThread.isRunning());
+    EXPECT_EQ(ReplayClient::SendClientData("x", 1, false, kDataTypeAsciiText), 0);
+    EXPECT_EQ(m_server.Count(), 0u);
 }
 
 }  // namespace

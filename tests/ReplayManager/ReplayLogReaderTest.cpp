@@ -1,6 +1,12 @@
+// The log reader and the consistency checks behind `replaylog verify`, on
+// logs built here: a healthy log must come out clean, and each kind of
+// damage must not.
+
 #include "libreplay/server/ReplayLogReader.h"
 
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include <string>
 #include <vector>
@@ -8,7 +14,7 @@
 #include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/ReplayLogStatistics.h"
-#include "tests/support/TestSupport.h"
+#include "tests/ReplayManager/RecordText.h"
 
 namespace {
 
@@ -17,25 +23,10 @@ using ReplayCore::LogRecordKind;
 using ReplayCore::LogSkip;
 using ReplayCore::ReplayLogReader;
 namespace LogFormat = ReplayCore::LogFormat;
-
-std::string Stored(const std::string& payload) {
-    std::string framed;
-    EXPECT_TRUE(LogFormat::FrameRecord(payload, framed));
-    std::string out;
-    LogFormat::AppendStoredRecord(framed.data(), framed.size(), out);
-    return out;
-}
-
-std::string Checksummed(const std::string& body) {
-    std::string record(body.size() + ReplayCore::kChecksumFieldLength + 1, '\0');
-    record.replace(0, body.size(), body);
-    unsigned int sum = 0;
-    const int length =
-        ReplayCore::AppendChecksum(&record[0], static_cast<unsigned int>(body.size()),
-                                   static_cast<unsigned int>(record.size()), sum);
-    record.resize(length > 0 ? static_cast<size_t>(length) : 0);
-    return record;
-}
+using RecordText::Stored;
+using RecordText::WithChecksum;
+using ReplayCore::LogProblem;
+using ReplayCore::LogStatistics;
 
 std::vector<LogRecord> ReadAll(ReplayLogReader& reader) {
     std::vector<LogRecord> records;
@@ -81,8 +72,8 @@ TEST(ReplayLogFormatTest, FramingAndStoredFormMatchTheWriterByteForByte) {
 // when records straddle the reader's buffer refills.
 TEST(ReplayLogReaderTest, EveryPayloadShapeReadsBackIdentical) {
     const std::vector<std::string> shapes = {
-        Checksummed("!1.000:gps:!1 1:with\r\ninner\nbreaks"),
-        Checksummed("\"1.001:ui:!1 1:two\nlines\r\nand a lone \r here"),
+        WithChecksum("!1.000:gps:!1 1:with\r\ninner\nbreaks"),
+        WithChecksum("\"1.001:ui:!1 1:two\nlines\r\nand a lone \r here"),
         "ends with a carriage return\r",
         "no line end at all",
         "",
@@ -118,15 +109,15 @@ TEST(ReplayLogReaderTest, EveryPayloadShapeReadsBackIdentical) {
 }
 
 TEST(ReplayLogReaderTest, SurvivesDamageAndReportsWhatItSkipped) {
-    const std::string good1 = Checksummed("!1.000:gps:!1 1:a");
-    const std::string good2 = Checksummed("!1.100:gps:!1 2:b");
+    const std::string good1 = WithChecksum("!1.000:gps:!1 1:a");
+    const std::string good2 = WithChecksum("!1.100:gps:!1 2:b");
     const std::string text = "\"1.200:ui:!1 1:quoted Q\t[-M-] \t   5|fake\n";
     const std::string cut = Stored(good1).substr(0, 20);
     std::string log;
     log += "leading garbage\r\n";               // garbage at 0
     log += Stored(good1);                       // record
     log += std::string("\x00\xff\x80junk", 7);  // binary junk without line end
-    log += Stored(Checksummed(text));           // marker inside a payload
+    log += Stored(WithChecksum(text));          // marker inside a payload
     log += "Q\t[-M-] \t9999|too long\r\n";      // length larger than allowed
     log += "Q\t[-M-] \treconnecting\r\n";       // re-attach line
     log += "-- reconnecting --\r\n";            // and one without marker
@@ -139,7 +130,7 @@ TEST(ReplayLogReaderTest, SurvivesDamageAndReportsWhatItSkipped) {
         const std::vector<LogRecord> records = ReadMemory(log, reader);
         ASSERT_EQ(records.size(), 3u);
         EXPECT_EQ(records[0].payload, good1);
-        EXPECT_EQ(records[1].payload, Checksummed(text));
+        EXPECT_EQ(records[1].payload, WithChecksum(text));
         EXPECT_EQ(records[2].payload, good2);
         EXPECT_EQ(reader.ReconnectCount(), 2u);
 
@@ -157,73 +148,238 @@ TEST(ReplayLogReaderTest, SurvivesDamageAndReportsWhatItSkipped) {
     }
 }
 
-class ReplayLogFileTest : public ReplayTest::TargetRootTest {};
-
-// Statistics over records built here, so each fault is known exactly.
-TEST_F(ReplayLogFileTest, StatisticsFindChecksumGapAndTimeOrderFaults) {
-    std::string log = Stored(LogFormat::HeaderPayload(1000));
-    log +=
-        Stored(Checksummed("!1.100:gps:!1 1:a\xde"
-                           "1.150:b"));
-    log += Stored(Checksummed("!1.200:gps:!1 2:c"));
-    log += Stored(Checksummed("!1.250:gps:!1 5:d"));  // blocks 3 and 4 missing
-    std::string damaged = Checksummed("!1.300:can:!1 1:e");
-    damaged[16] = 'E';
-    log += Stored(damaged);
-    log += Stored(Checksummed("!1.299:can:!1 2:f"));  // reordered within tolerance
-    log += Stored(Checksummed("!0.100:can:!1 3:g"));  // far too old
-    log += Stored(Checksummed("#1.400:can:#stop"));
-    log += Stored(LogFormat::HeaderPayload(9000));
-    log += Stored(Checksummed("!9.100:gps:!1 9:h"));  // new segment: no gap
-    const std::string path = WriteTargetFile("/fs/usb0/LOGFILE.DAT", log);
-
-    ReplayCore::LogStatistics statistics;
-    std::string error;
-    ASSERT_TRUE(ReplayCore::CollectLogStatistics(path, statistics, error)) << error;
-    EXPECT_EQ(statistics.Records(), 10u);
-    EXPECT_EQ(statistics.ReplayRecords(), 7u);
-    EXPECT_EQ(statistics.ProblemCount(ReplayCore::LogProblem::kChecksum), 1u);
-    EXPECT_EQ(statistics.ProblemCount(ReplayCore::LogProblem::kSequenceGap), 1u);
-    EXPECT_EQ(statistics.ProblemCount(ReplayCore::LogProblem::kTimeOrder), 1u);
-    EXPECT_FALSE(statistics.Clean());
-
-    ASSERT_EQ(statistics.Segments().size(), 2u);
-    const ReplayCore::LogSegmentStatistics& first = statistics.Segments()[0];
-    EXPECT_EQ(first.DurationMs(), 300);
-    EXPECT_EQ(first.reorderedRecords, 1u);
-    const ReplayCore::LogClientStatistics& gps = first.clients.at("gps");
-    EXPECT_EQ(gps.items, 4u);
-    EXPECT_EQ(gps.missingBlocks, 2u);
-    EXPECT_EQ(statistics.Segments()[1].clients.at("gps").sequenceGaps, 0u);
-    const std::vector<ReplayCore::LogClientStatistics> clients = statistics.Clients();
-    ASSERT_EQ(clients.size(), 2u);
-    EXPECT_EQ(clients[1].records, 4u);
+// One data block: `type` '"' for text, '$' for binary.
+std::string Block(char type, const std::string& time, const std::string& client,
+                  unsigned int sequence, const std::string& items) {
+    return WithChecksum(type + time + ":" + client + ":!1 " + std::to_string(sequence) + ":" +
+                        items);
 }
 
-TEST(ReplayLogGoldenTest, GoldenLogsReadAsDescribed) {
-    struct Expectation {
-        const char* file;
-        uint64_t records;
-        size_t segments;
-        uint64_t skips;
-        uint64_t reconnects;
+std::string Item(const std::string& time, const std::string& data) {
+    return '\xDE' + time + ":" + data;
+}
+
+void Collect(const std::string& log, LogStatistics& statistics) {
+    ReplayCore::ReplayLogReader reader;
+    reader.OpenMemory(log.data(), log.size());
+    ReplayCore::LogRecord record;
+    while (reader.Next(record)) {
+        statistics.Add(record);
+    }
+    statistics.Finish(reader);
+}
+
+std::string ProblemList(const LogStatistics& statistics) {
+    std::string text;
+    for (const LogProblem& problem : statistics.Problems()) {
+        text += std::to_string(problem.offset) + ": " +
+                ReplayCore::LogProblemKindName(problem.kind) + ": " + problem.text + "\n";
+    }
+    return text;
+}
+
+// The payloads of a healthy recording of two clients that alternate text
+// and binary blocks, send a burst of blocks within one millisecond, and
+// restart (gps with an initialisation block 0, can without one, from 1),
+// then a second recording in which the clients' block count goes on.
+std::vector<std::string> HealthyPayloads() {
+    return {
+        LogFormat::HeaderPayload(100000),
+        Block('"', "99.990", "gps", 0, "INIT:gps"),
+        Block('"', "100.010", "can", 5, "POS 1"),
+        Block('$', "100.010", "gps", 1, "%&'" + Item("100.012", "()*")),
+        Block('"', "100.020", "gps", 2, "POS 1" + Item("100.020", "POS 2")),
+        Block('$', "100.020", "can", 6, "+,-"),
+        Block('"', "100.030", "gps", 3, "a"),
+        Block('"', "100.030", "gps", 4, "b"),
+        Block('"', "100.030", "gps", 5, "c"),
+        WithChecksum("#100.040:gps:"),
+        Block('$', "100.500", "gps", 6, "./0"),
+        Block('"', "101.000", "gps", 0, "INIT:gps"),
+        Block('"', "101.001", "can", 1, "POS 1"),
+        Block('"', "101.100", "gps", 1, "POS 1"),
+        Block('"', "101.200", "can", 2, "POS 2"),
+        WithChecksum("#101.300:ReplayManager:stop"),
+        LogFormat::HeaderPayload(200000),
+        Block('"', "200.100", "gps", 9, "POS 9"),
+        Block('"', "200.100", "can", 3, "POS 3"),
+        Block('$', "200.200", "gps", 10, "123"),
     };
-    const Expectation expectations[] = {
-        {"clean.dat", 7, 1, 0, 0},
-        {"two_segments.dat", 11, 2, 0, 0},
-        {"truncated_tail.dat", 7, 1, 1, 0},
-        {"garbage_reconnect.dat", 8, 2, 1, 1},
+}
+
+std::string Log(const std::vector<std::string>& payloads) {
+    std::string log;
+    for (const std::string& payload : payloads) {
+        log += Stored(payload);
+    }
+    return log;
+}
+
+TEST(ReplayLogStatisticsTest, HealthyLogOfMixedTypesBurstsAndRestartsIsClean) {
+    LogStatistics statistics;
+    std::string log = Log(HealthyPayloads());
+    // The logger service's re-attach line is no damage.
+    LogFormat::AppendReconnectLine(log);
+    log += Stored(Block('"', "200.300", "can", 4, "POS 4"));
+    Collect(log, statistics);
+    EXPECT_TRUE(statistics.Clean()) << ProblemList(statistics);
+    ASSERT_EQ(statistics.Segments().size(), 2u);
+    const ReplayCore::LogSegmentStatistics& first = statistics.Segments()[0];
+    EXPECT_EQ(first.clients.at("gps").restarts, 1u);
+    EXPECT_EQ(first.clients.at("can").restarts, 1u);
+    EXPECT_EQ(first.clients.at("gps").items, 11u);
+}
+
+TEST(ReplayLogStatisticsTest, EachKindOfDamageIsAProblem) {
+    using Payloads = std::vector<std::string>;
+    struct Case {
+        const char* what;
+        std::function<std::string(Payloads)> damage;  // the damaged log
+        LogProblem::Kind kind;
+        const char* text;  // part of the first problem's text
     };
-    for (const Expectation& expected : expectations) {
-        SCOPED_TRACE(expected.file);
-        ReplayCore::LogStatistics statistics;
-        std::string error;
-        ASSERT_TRUE(ReplayCore::CollectLogStatistics(
-            std::string(REPLAY_TEST_DATA_DIR) + "/logs/" + expected.file, statistics, error));
-        EXPECT_EQ(statistics.Records(), expected.records);
-        EXPECT_EQ(statistics.Segments().size(), expected.segments);
-        EXPECT_EQ(statistics.ProblemCount(), expected.skips);
-        EXPECT_EQ(statistics.ReconnectLines(), expected.reconnects);
+    const Case cases[] = {
+        {"block removed",
+         [](Payloads p) {
+             p.erase(p.begin() + 6);
+             return Log(p);
+         },
+         LogProblem::kSequenceGap, "client gps: block 3 missing"},
+        {"several blocks removed",
+         [](Payloads p) {
+             p.erase(p.begin() + 6, p.begin() + 9);
+             return Log(p);
+         },
+         LogProblem::kSequenceGap, "client gps: blocks 3 to 5 missing"},
+        {"blocks of one millisecond swapped",
+         [](Payloads p) {
+             std::swap(p[7], p[8]);
+             return Log(p);
+         },
+         LogProblem::kBlockOrder, "client gps: block 4 stored after block 5"},
+        {"first blocks of a client, of one millisecond, swapped",
+         [](Payloads p) {
+             p[1] = Block('$', "100.010", "gps", 1, "x");
+             p[3] = Block('"', "100.010", "gps", 0, "INIT:gps");
+             return Log(p);
+         },
+         LogProblem::kBlockOrder, "client gps: block 0 stored after block 1"},
+        {"record repeated",
+         [](Payloads p) {
+             p.insert(p.begin() + 4, p[4]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "record repeated"},
+        {"block stored again later",
+         [](Payloads p) {
+             p.insert(p.begin() + 9, p[6]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "client gps: block 3 stored a second time"},
+        {"header repeated",
+         [](Payloads p) {
+             p.insert(p.begin() + 5, p[0]);
+             return Log(p);
+         },
+         LogProblem::kDuplicate, "header of 100.000 stored a second time"},
+        {"byte inserted into a client name",
+         [](Payloads p) {
+             p[4].insert(10, "-");
+             return Log(p);
+         },
+         LogProblem::kUnreadable, "neither a header nor a client record"},
+        {"name character changed",
+         [](Payloads p) {
+             p[4][9] = 'X';
+             return Log(p);
+         },
+         LogProblem::kChecksum, "checksum mismatch"},
+        {"header damaged",
+         [](Payloads p) {
+             p[0][3] = '#';
+             return Log(p);
+         },
+         LogProblem::kHeader, "the log does not begin with a header"},
+        {"header removed",
+         [](Payloads p) {
+             p.erase(p.begin());
+             return Log(p);
+         },
+         LogProblem::kHeader, "the log does not begin with a header"},
+        {"empty file", [](Payloads) { return std::string(); }, LogProblem::kEmpty, "no records"},
+        {"block time running backwards",
+         [](Payloads p) {
+             p[6] = Block('"', "100.015", "gps", 3, "a");
+             return Log(p);
+         },
+         LogProblem::kTimeOrder, "client gps: time runs backwards"},
+        {"item time running backwards",
+         [](Payloads p) {
+             p[4] = Block('"', "100.020", "gps", 2, "POS 1" + Item("100.019", "POS 2"));
+             return Log(p);
+         },
+         LogProblem::kTimeOrder, "item times run backwards"},
+        {"record cut short", [](Payloads p) { return Log(p).substr(0, Log(p).size() - 5); },
+         LogProblem::kSkipped, "truncated"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        LogStatistics statistics;
+        Collect(c.damage(HealthyPayloads()), statistics);
+        EXPECT_FALSE(statistics.Clean());
+        EXPECT_GE(statistics.ProblemCount(c.kind), 1u) << ProblemList(statistics);
+        bool found = false;
+        for (const LogProblem& problem : statistics.Problems()) {
+            found =
+                found || (problem.kind == c.kind && problem.text.find(c.text) != std::string::npos);
+        }
+        EXPECT_TRUE(found) << ProblemList(statistics);
+    }
+}
+
+TEST(ReplayLogStatisticsTest, LateBlockIsOutOfOrderNotMissingAndProblemsAreInFileOrder) {
+    std::string damaged = Block('"', "100.030", "can", 1, "x");
+    damaged[damaged.size() - 3] ^= 1;
+    const std::string log = Log({
+        LogFormat::HeaderPayload(100000),
+        Block('"', "100.010", "gps", 1, "a"),
+        Block('"', "100.020", "gps", 3, "c"),
+        damaged,
+        Block('"', "100.020", "gps", 2, "b"),  // late, not missing
+        Block('"', "100.050", "gps", 5, "e"),  // block 4 never comes
+        Block('"', "100.060", "can", 2, "y"),
+    });
+    LogStatistics statistics;
+    Collect(log, statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kBlockOrder), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kSequenceGap), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(LogProblem::kChecksum), 1u) << ProblemList(statistics);
+    EXPECT_EQ(statistics.ProblemCount(), 3u) << ProblemList(statistics);
+    const ReplayCore::LogClientStatistics& gps = statistics.Segments()[0].clients.at("gps");
+    EXPECT_EQ(gps.missingBlocks, 1u);
+    EXPECT_EQ(gps.blocksOutOfOrder, 1u);
+    // The gap is reported where it showed, although it was known only at
+    // the end of the segment.
+    const std::vector<LogProblem>& problems = statistics.Problems();
+    for (size_t i = 1; i < problems.size(); ++i) {
+        EXPECT_LE(problems[i - 1].offset, problems[i].offset) << ProblemList(statistics);
+    }
+    EXPECT_EQ(problems.back().kind, LogProblem::kSequenceGap) << ProblemList(statistics);
+}
+
+// Another client's record may lag the latest record time by up to a second
+// (the writer's reordering allowance); one millisecond more is damage.
+TEST(ReplayLogStatisticsTest, LagBehindTheLatestRecordIsReorderingUpToOneSecond) {
+    for (const int64_t lagMs : {1000, 1001}) {
+        SCOPED_TRACE(lagMs);
+        LogStatistics statistics;
+        Collect(Log({LogFormat::HeaderPayload(100000), Block('"', "102.000", "gps", 1, "a"),
+                     Block('"', LogFormat::FormatRecordTime(102000 - lagMs), "can", 1, "b")}),
+                statistics);
+        EXPECT_EQ(statistics.Clean(), lagMs == 1000) << ProblemList(statistics);
+        EXPECT_EQ(statistics.ProblemCount(LogProblem::kTimeOrder), lagMs == 1000 ? 0u : 1u);
+        ASSERT_EQ(statistics.Segments().size(), 1u);
+        EXPECT_EQ(statistics.Segments()[0].reorderedRecords, lagMs == 1000 ? 1u : 0u);
     }
 }
 

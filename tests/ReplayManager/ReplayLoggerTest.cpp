@@ -8,14 +8,12 @@
 #include <string>
 
 #include "libreplay/server/FileLogger.h"
-#include "libreplay/multicore.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 using ReplayTest::CapturedDebug;
-
-const char* const kChannel = "/kfsystem/multicore/navi/Q";
 
 std::string Golden(const std::string& name) {
     return ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/framing/" + name);
@@ -32,27 +30,13 @@ int OpenDescriptorCount() {
     return count;
 }
 
-class ReplayLoggerTest : public ReplayTest::TargetRootTest {
+class ReplayLoggerTest : public ServerTest::LoggerChannelTest {
   protected:
-    void SetUp() override {
-        TargetRootTest::SetUp();
-        ReplayLogger::Get().ResetForTesting();
-        mi_setLogFileName(nullptr);
-    }
-    void TearDown() override {
-        ReplayLogger::Get().ResetForTesting();
-        mi_setLogFileName(nullptr);
-        TargetRootTest::TearDown();
-    }
-    void MakeUsbAndChannelFile() {
-        MakeTargetDirectory("/fs/usb0");
-        WriteTargetFile(kChannel, "");
-    }
     std::string FileLog() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
 };
 
 TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
-    MakeUsbAndChannelFile();
+    MakeMediumAndChannel();
     ReplayLogger& logger = ReplayLogger::Get();
     std::string expected;
     for (const char* name : {"plain", "escaped", "empty", "largest"}) {

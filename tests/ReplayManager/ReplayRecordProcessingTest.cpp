@@ -1,18 +1,18 @@
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "ReplayManager/Ascii7.h"
 #include "libreplay/ReplayClient.h"
 #include "libreplay/server/ReplayError.h"
 #include "ReplayManager/ReplayOutputFiler.h"
 #include "libreplay/multicore.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
+#include "tests/ReplayManager/RecordText.h"
 
 namespace {
 
 using namespace ClientTest;
+using RecordText::Ascii7;
 using ReplayTest::CapturedDebug;
 
 struct Delivery {
@@ -21,39 +21,31 @@ struct Delivery {
     bool initialisation;
 };
 
-// Keeps every delivered item; used from the read thread and the test.
+// Keeps every delivered item. The tests hand records to the read thread's
+// processing directly, on the test's own thread.
 class RecordingHandler : public ReplayClient::ReplayMessageHandlerBase {
   public:
     RecordingHandler() : ReplayMessageHandlerBase(true) {}
-    ~RecordingHandler() = default;
 
     int ReplayCallback(void* data, unsigned int nBytes, unsigned int clientTime) override {
-        return Keep(data, nBytes, clientTime, false);
+        m_deliveries.push_back(
+            {std::string(static_cast<const char*>(data), nBytes), clientTime, false});
+        return 1;
     }
     int InitializationCallback(void* data, unsigned int nBytes) override {
-        return Keep(data, nBytes, 0, true);
+        m_deliveries.push_back({std::string(static_cast<const char*>(data), nBytes), 0, true});
+        return 1;
     }
-    std::vector<Delivery> Deliveries() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_deliveries;
-    }
+    const std::vector<Delivery>& Deliveries() const { return m_deliveries; }
     std::vector<std::string> Data() const {
         std::vector<std::string> data;
-        for (const Delivery& delivery : Deliveries()) {
+        for (const Delivery& delivery : m_deliveries) {
             data.push_back(delivery.data);
         }
         return data;
     }
 
   private:
-    int Keep(void* data, unsigned int nBytes, unsigned int clientTime, bool initialisation) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_deliveries.push_back(
-            {std::string(static_cast<const char*>(data), nBytes), clientTime, initialisation});
-        return 1;
-    }
-
-    mutable std::mutex m_mutex;
     std::vector<Delivery> m_deliveries;
 };
 
@@ -69,16 +61,11 @@ struct Item {
     std::string data;
 };
 
-// `body` followed by its checksum field, by default without the final
-// newline (as the server sends records back).
-std::string WithChecksum(const std::string& body, bool withNewline = false) {
-    std::vector<char> buffer(body.begin(), body.end());
-    buffer.resize(body.size() + 16, '\0');
-    unsigned int checksum = 0;
-    const int length =
-        ReplayCore::AppendChecksum(buffer.data(), static_cast<unsigned int>(body.size()),
-                                   static_cast<unsigned int>(buffer.size()), checksum);
-    return std::string(buffer.data(), static_cast<size_t>(length) - (withNewline ? 0 : 1));
+// `body` and its checksum field, without the final newline, as the server
+// sends records back.
+std::string Checksummed(const std::string& body) {
+    const std::string record = RecordText::WithChecksum(body);
+    return record.substr(0, record.size() - 1);
 }
 
 const std::string kSeparator(1, static_cast<char>(ReplayCore::kItemSeparator));
@@ -93,16 +80,7 @@ std::string MakeRecord(char type, const std::string& blockTime, const std::strin
         }
         text += items[index].data;
     }
-    return WithChecksum(text);
-}
-
-std::string Encode(const std::string& bytes) {
-    static Ascii7Encoder::CMessageEncode encoder;
-    unsigned int length = 0;
-    const char* text = Ascii7Encoder::ConvertToAscii7(
-        encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
-        static_cast<unsigned int>(bytes.size()), length);
-    return text != nullptr ? std::string(text, length) : std::string();
+    return Checksummed(text);
 }
 
 class ReplayRecordProcessingTest : public ClientFixture {
@@ -161,7 +139,7 @@ TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClo
 
     // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{199, 50}));
-    const std::vector<Delivery> deliveries = m_handler.Deliveries();
+    const std::vector<Delivery>& deliveries = m_handler.Deliveries();
     ASSERT_EQ(deliveries.size(), 4u);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"alpha", "near", "later", "last"}));
     // The clock was set to 500.000 at 100.000: the client clock is 400 s
@@ -229,7 +207,7 @@ TEST_F(ReplayRecordProcessingTest, DamagedOrForeignRecordsDeliverNothing) {
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, {{"", "data"}})), 0);
     // A name that only starts like ours is someone else's too.
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, {{"", "data"}})), 0);
-    EXPECT_EQ(Process(WithChecksum("\"500.000 Tester !1 1 data")), 0);
+    EXPECT_EQ(Process(Checksummed("\"500.000 Tester !1 1 data")), 0);
     EXPECT_TRUE(m_handler.Deliveries().empty());
     // None of these touched the sequence tracking.
     EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
@@ -256,7 +234,7 @@ TEST_F(ReplayRecordProcessingTest, RecordsOutsideReplayAreDroppedAndAnEmptyOneSt
 
 TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByteForByte) {
     StartReplay();
-    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Encode("setup bytes")}})), 1);
+    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Ascii7("setup bytes")}})), 1);
     ASSERT_EQ(m_handler.Deliveries().size(), 1u);
     EXPECT_TRUE(m_handler.Deliveries()[0].initialisation);
     EXPECT_EQ(m_handler.Deliveries()[0].data, "setup bytes");
@@ -266,7 +244,7 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
         bytes += static_cast<char>(value);
     }
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 1,
-                                 {{"", Encode(bytes)}, {"500.002", Encode("x")}})),
+                                 {{"", Ascii7(bytes)}, {"500.002", Ascii7("x")}})),
               2);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"setup bytes", bytes, "x"}));
     EXPECT_FALSE(m_handler.Deliveries()[1].initialisation);
@@ -274,7 +252,7 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
     // A binary item that is no Ascii7 text ends its record.
     CapturedDebug debug;
     EXPECT_EQ(Process(MakeRecord('$', "500.010", "Tester", 2,
-                                 {{"", "  not encoded"}, {"500.011", Encode("x")}})),
+                                 {{"", "  not encoded"}, {"500.011", Ascii7("x")}})),
               0);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Decoding Ascii7 Data Buffer"), 1);
 }
@@ -282,10 +260,9 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
 TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
     StartReplay();
     CapturedDebug debug;
-    const std::string mangled = WithChecksum(
+    const std::string mangled = RecordText::WithChecksum(
         "\"500.000:Tester:!1 1:x" + kSeparator + "500.001:kept" + kSeparator + "no colon here" +
-            kSeparator + "junk:zero time" + kSeparator + "500.002:tail",
-        true);
+        kSeparator + "junk:zero time" + kSeparator + "500.002:tail");
     EXPECT_EQ(Process(mangled), 3);
     const std::vector<std::string> data = m_handler.Data();
     ASSERT_EQ(data.size(), 3u);

@@ -54,6 +54,27 @@ TEST_F(ReplayRuntimeOptionsTest, KeywordsAreExactAndValuesKeepEveryCharacter) {
     EXPECT_EQ(options.GetStringValue(eHostIP), "h2");
 }
 
+// A switch is on only for the number one or the lower-case word; every
+// other text, including other numbers and other words for yes, is off.
+TEST_F(ReplayRuntimeOptionsTest, BooleanOptionIsOnlyTrueForOneOrTheWordTrue) {
+    const std::pair<const char*, bool> values[] = {
+        {"1", true},   {"true", true},  {"01", true},    {" 1", true},  {"1x", true},
+        {"0", false},  {"2", false},    {"-1", false},   {"11", false}, {"yes", false},
+        {"on", false}, {"TRUE", false}, {"True", false}, {"", false},
+    };
+    ReplayRuntimeOptions options(Options("").c_str());
+    EXPECT_TRUE(options.GetBooleanValue(eHTTPServer));  // on by default
+    for (const auto& value : values) {
+        options.SetStringValue(eHTTPServer, value.first);
+        EXPECT_EQ(options.GetBooleanValue(eHTTPServer), value.second) << '"' << value.first << '"';
+    }
+    // Read from a file, the value is the text up to the ';'.
+    ASSERT_TRUE(options.OpenOptionsFile(Options("HTTPServer:2;\n", "two.txt").c_str()));
+    EXPECT_FALSE(options.GetBooleanValue(eHTTPServer));
+    ASSERT_TRUE(options.OpenOptionsFile(Options("HTTPServer:1;\n", "one.txt").c_str()));
+    EXPECT_TRUE(options.GetBooleanValue(eHTTPServer));
+}
+
 TEST_F(ReplayRuntimeOptionsTest, ReplayIsEnabledByEnvironmentOrMarkerFile) {
     ReplayRuntimeOptions options(Options("").c_str());
     CapturedDebug debug;

@@ -1,21 +1,24 @@
 #ifndef TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
 #define TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
 
-// Helpers shared by the server-side tests: a clock the test sets by hand and
-// IPv4 loopback addresses.
+// Helpers shared by the server-side tests: a clock the test sets by hand,
+// IPv4 loopback addresses, records as clients send them and the logger
+// channel's fixture.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "libreplay/ReplayCore.h"
+#include "libreplay/multicore.h"
+#include "libreplay/server/ReplayLogger.h"
+#include "tests/support/HostileTraffic.h"
 #include "tests/support/TestSupport.h"
 
 namespace ServerTest {
@@ -31,16 +34,7 @@ inline sockaddr_in Address(const std::string& ip, int port) {
     return address;
 }
 
-// Appends the "%8x\n" checksum of every byte so far, each read as signed.
-inline std::string WithChecksum(std::string record) {
-    uint32_t sum = 0;
-    for (char c : record) {
-        sum += static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(c)));
-    }
-    char trailer[16];
-    std::snprintf(trailer, sizeof trailer, "%8x\n", sum);
-    return record + trailer;
-}
+using ReplayTest::WithChecksum;  // appends the "%8x\n" checksum field
 
 // A text data record of `name` stamped `ms`, with block sequence `sequence`.
 inline std::string DataRecord(const std::string& name, int64_t ms, unsigned int sequence,
@@ -69,6 +63,33 @@ inline std::vector<std::string> SplitFramedRecords(const std::string& data) {
     }
     return payloads;
 }
+
+// A private target root with the process's logger channel closed and its
+// file name at the default, before and after each test.
+class LoggerChannelTest : public ReplayTest::TargetRootTest {
+  protected:
+    static constexpr const char* kChannel = "/kfsystem/multicore/navi/Q";
+
+    void SetUp() override {
+        TargetRootTest::SetUp();
+        ResetChannel();
+    }
+    void TearDown() override {
+        ResetChannel();
+        TargetRootTest::TearDown();
+    }
+    // The recording medium and the channel as a regular file.
+    void MakeMediumAndChannel() const {
+        MakeTargetDirectory("/fs/usb0");
+        WriteTargetFile(kChannel, "");
+    }
+
+  private:
+    static void ResetChannel() {
+        ReplayLogger::Get().ResetForTesting();
+        mi_setLogFileName(nullptr);
+    }
+};
 
 }  // namespace ServerTest
 

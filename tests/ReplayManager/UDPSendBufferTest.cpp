@@ -4,13 +4,14 @@
 #include <set>
 #include <thread>
 
-#include "ReplayManager/Ascii7.h"
 #include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
+#include "tests/ReplayManager/RecordText.h"
 
 namespace {
 
 using namespace ClientTest;
+using RecordText::Ascii7;
 using ReplayTest::CapturedDebug;
 
 class UDPSendBufferTest : public ClientFixture {};
@@ -18,15 +19,6 @@ class UDPSendBufferTest : public ClientFixture {};
 int Send(const std::string& text, unsigned int type = kDataTypeAsciiText, bool immediate = false) {
     return ReplayClient::SendClientData(text.data(), static_cast<unsigned int>(text.size()),
                                         immediate, type);
-}
-
-std::string Ascii7(const std::string& bytes) {
-    static Ascii7Encoder::CMessageEncode encoder;
-    unsigned int length = 0;
-    const char* text = Ascii7Encoder::ConvertToAscii7(
-        encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
-        static_cast<unsigned int>(bytes.size()), length);
-    return std::string(text, length);
 }
 
 TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) {

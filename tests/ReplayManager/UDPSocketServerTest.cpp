@@ -47,14 +47,7 @@ class TestServer : public UDPSocketServer {
     std::atomic<int> m_handled{0};
 };
 
-// Sends to the server's address and port and waits for its answers.
-class Client : public ReplayTest::UdpTestClient {
-  public:
-    using UdpTestClient::UdpTestClient;
-    bool SendTo(const std::string& serverIp, const std::string& text) const {
-        return Send(serverIp, kReplayPort, text);
-    }
-};
+using Client = ReplayTest::UdpTestClient;
 
 class UDPSocketServerTest : public ReplayTest::TargetRootTest {
   protected:
@@ -78,7 +71,7 @@ class UDPSocketServerTest : public ReplayTest::TargetRootTest {
     // is then final for that datagram once its lock is taken.
     void SendAndWait(const Client& client, const std::string& text) {
         const int target = m_server->Handled() + 1;
-        ASSERT_TRUE(client.SendTo(m_ip, text));
+        ASSERT_TRUE(client.Send(m_ip, kReplayPort, text));
         ASSERT_TRUE(WaitFor([&] { return m_server->Handled() >= target; }, kDeadline));
     }
     std::vector<ClientData> Table() { return m_server->GetClientDataList().Snapshot(true); }

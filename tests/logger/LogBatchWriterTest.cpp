@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "libreplay/server/ReplayLogReader.h"
+#include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -45,18 +46,14 @@ class LogBatchWriterTest : public ReplayTest::TargetRootTest {
         m_writer->Add(batches);
     }
 
+    // The payloads logged so far, without their newline.
     std::vector<std::string> Logged() const {
-        std::vector<std::string> names;
-        ReplayCore::ReplayLogReader reader;
-        if (reader.Open(m_medium + "/LOGFILE.DAT")) {
-            ReplayCore::LogRecord record;
-            while (reader.Next(record)) {
-                names.push_back(record.payload.substr(0, record.payload.size() - 1));
-            }
+        std::vector<std::string> names = RecordText::LogPayloads(m_medium + "/LOGFILE.DAT");
+        for (std::string& name : names) {
+            name.pop_back();
         }
         return names;
     }
-
     void RemoveMedium() { std::filesystem::rename(m_medium, m_medium + ".away"); }
     void ReturnMedium() { std::filesystem::rename(m_medium + ".away", m_medium); }
 
@@ -80,8 +77,9 @@ TEST_F(LogBatchWriterTest, OutageHoldsRecordsAndWritesThemInOrderWhenTheMediumRe
     EXPECT_TRUE(m_writer->Failing());
     ASSERT_NO_FATAL_FAILURE(Arrive({"d", "e"}));
     ReturnMedium();
-    // The retry is not due yet: nothing is tried, nothing is reported.
-    m_writer->WriteDue(m_t0 + 50ms);
+    // The retry falls due 100 ms after the failure: one clock tick before,
+    // nothing is tried, nothing is reported.
+    m_writer->WriteDue(m_t0 + 101ms - LogBatchWriter::Clock::duration(1));
     EXPECT_EQ(Logged().size(), 2u);
     EXPECT_EQ(m_notices.size(), 1u);
     EXPECT_NE(m_queue.HeldBytes(), 0u);

@@ -13,6 +13,7 @@
 
 #include "libreplay/server/ReplayLogReader.h"
 #include "logger/ChannelParsers.h"
+#include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -40,20 +41,6 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
         std::string framed;
         ASSERT_TRUE(ReplayCore::LogFormat::FrameRecord(payload, framed));
         ASSERT_EQ(write(fd, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
-    }
-
-    std::vector<std::string> ReadBack() const {
-        ReplayCore::ReplayLogReader reader;
-        std::vector<std::string> payloads;
-        if (!reader.Open(Root() + "/fs/usb0/LOGFILE.DAT")) {
-            return payloads;
-        }
-        ReplayCore::LogRecord record;
-        while (reader.Next(record)) {
-            payloads.push_back(record.payload);
-        }
-        EXPECT_EQ(reader.SkipCount(), 0u);
-        return payloads;
     }
 };
 
@@ -96,7 +83,9 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
                    std::string::npos;
         },
         10s));
-    EXPECT_EQ(ReadBack(), payloads);
+    uint64_t skips = 0;
+    EXPECT_EQ(RecordText::LogPayloads(Root() + "/fs/usb0/LOGFILE.DAT", &skips), payloads);
+    EXPECT_EQ(skips, 0u);
     EXPECT_EQ(ReplayTest::ReadFile(Root() + "/tmp/ReplayConsole.txt"),
               "q\tError:disk full\na\tline1\n0\tline2\n");
     const std::string stored = ReplayTest::ReadFile(Root() + "/fs/usb0/LOGFILE.DAT");

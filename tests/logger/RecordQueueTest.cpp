@@ -8,24 +8,19 @@
 #include <thread>
 
 #include "libreplay/server/ReplayLogReader.h"
+#include "tests/ReplayManager/RecordText.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using MulticoreLogService::RecordBatch;
 using MulticoreLogService::RecordQueue;
+using RecordText::Stored;
 
 std::string Framed(const std::string& payload) {
     std::string framed;
     ReplayCore::LogFormat::FrameRecord(payload, framed);
     return framed;
-}
-
-std::string Stored(const std::string& payload) {
-    const std::string framed = Framed(payload);
-    std::string stored;
-    ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), stored);
-    return stored;
 }
 
 bool Add(RecordQueue& queue, const std::string& payload) {

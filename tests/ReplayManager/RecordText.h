@@ -1,0 +1,58 @@
+#ifndef TESTS_REPLAYMANAGER_RECORDTEXT_H
+#define TESTS_REPLAYMANAGER_RECORDTEXT_H
+
+// Builders of the texts the tests feed to the client and the log code (an
+// item's Ascii7 text, a checksummed record, a record in its stored form),
+// and the payloads a log file holds.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ReplayManager/Ascii7.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "tests/support/HostileTraffic.h"
+
+namespace RecordText {
+
+using ReplayTest::WithChecksum;  // body + "%8x\n" checksum field
+
+// The Ascii7 text of `bytes`; empty when the encoder refuses them.
+inline std::string Ascii7(const std::string& bytes) {
+    static Ascii7Encoder::CMessageEncode encoder;
+    unsigned int length = 0;
+    const char* text = Ascii7Encoder::ConvertToAscii7(
+        encoder, reinterpret_cast<const unsigned char*>(bytes.data()),
+        static_cast<unsigned int>(bytes.size()), length);
+    return text != nullptr ? std::string(text, length) : std::string();
+}
+
+// `payload` framed and with the channel prefix, as the log file holds it.
+inline std::string Stored(const std::string& payload) {
+    std::string framed;
+    ReplayCore::LogFormat::FrameRecord(payload, framed);
+    std::string out;
+    ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), out);
+    return out;
+}
+
+// The payloads of every record the log file at `path` holds, none if it
+// cannot be opened; `skips` receives the reader's count of skipped parts.
+inline std::vector<std::string> LogPayloads(const std::string& path, uint64_t* skips = nullptr) {
+    std::vector<std::string> payloads;
+    ReplayCore::ReplayLogReader reader;
+    if (reader.Open(path)) {
+        ReplayCore::LogRecord record;
+        while (reader.Next(record)) {
+            payloads.push_back(record.payload);
+        }
+    }
+    if (skips != nullptr) {
+        *skips = reader.SkipCount();
+    }
+    return payloads;
+}
+
+}  // namespace RecordText
+
+#endif
