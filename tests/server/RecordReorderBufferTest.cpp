@@ -57,17 +57,30 @@ TEST(RecordReorderBufferTest, HoldsEachRecordThenPassesThemOnInRecordTimeOrder) 
     EXPECT_EQ(buffer.HeldRecords(), 0u);
 }
 
-TEST(RecordReorderBufferTest, AnOlderRecordArrivingLaterOvertakesThoseStillHeld) {
+// Add() stamps the arrival with the clock itself, so the due time is only
+// known to lie between the readings taken around it: a tick before the
+// earliest it can be, the record stays; at the latest, it leaves. An older
+// record arriving later goes ahead of it and holds it back until its own
+// hold ends.
+TEST(RecordReorderBufferTest, HoldEndsAtItsDueTimeAndAnOlderLaterRecordGoesFirst) {
     Collected sink;
     RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
+    const Clock::time_point before = Clock::now();
     Add(buffer, 9000, "recent");
-    const Clock::time_point afterFirst = Clock::now();
-    Add(buffer, 4000, "four seconds old");
-    // The young record at the front is not due yet; the old one waits too.
-    buffer.ReleaseDue(afterFirst + milliseconds(999));
+    const Clock::time_point after = Clock::now();
+    buffer.ReleaseDue(before + milliseconds(1000) - Clock::duration(1));
     EXPECT_TRUE(sink.Records().empty());
+    buffer.ReleaseDue(after + milliseconds(1000));
+    EXPECT_EQ(sink.Records(), std::vector<std::string>{"recent"});
+
+    Add(buffer, 9000, "second");
+    const Clock::time_point afterSecond = Clock::now();
+    Add(buffer, 4000, "four seconds old");
+    // "second" is due, but the older record at the front is not yet.
+    buffer.ReleaseDue(afterSecond + milliseconds(999));
+    EXPECT_EQ(sink.Records().size(), 1u);
     buffer.Drain();
-    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"four seconds old", "recent"}));
+    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"recent", "four seconds old", "second"}));
 }
 
 TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
