@@ -340,13 +340,14 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
 
     // A step of time takes the records up to and including its end.
     const size_t gpsBeforeTime = gps->Received().size();
-    ASSERT_EQ(m_runner->StepTime(250), "");
-    EXPECT_EQ(m_runner->Position().logMs, last + 250);
+    ASSERT_EQ(m_runner->StepTime(200), "");
+    EXPECT_EQ(m_runner->Position().logMs, last + 200);
     EXPECT_EQ(m_runner->Position().nextRecord, next + 5);
 
     // A seek past the end is refused; one inside sends each client its last
     // record before the point, after a clock setting at the point.
     EXPECT_NE(m_runner->Seek(m_plan.DurationMs() + 1).find("lasts 3.900 s"), std::string::npos);
+    EXPECT_EQ(m_runner->Seek(m_plan.DurationMs()), "");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const size_t gpsBeforeSeek = gps->Received().size();
     EXPECT_GT(gpsBeforeSeek, gpsBeforeTime);

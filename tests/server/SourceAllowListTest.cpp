@@ -24,7 +24,7 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     EXPECT_TRUE(Allows(list, "203.0.113.9"));
 
     std::string error;
-    ASSERT_TRUE(list.Parse("127.0.0.0/8, 10.1.0.0/16,192.168.1.7", error)) << error;
+    ASSERT_TRUE(list.Parse("127.0.0.0/8, 10.1.0.0/16,192.168.1.7,10.9.9.9/32", error)) << error;
     EXPECT_FALSE(list.AllowsAny());
     EXPECT_TRUE(Allows(list, "127.255.1.1"));
     EXPECT_TRUE(Allows(list, "10.1.0.0"));
@@ -34,7 +34,9 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     EXPECT_TRUE(Allows(list, "192.168.1.7"));
     EXPECT_FALSE(Allows(list, "192.168.1.8"));
     EXPECT_FALSE(Allows(list, "128.0.0.1"));
-    EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32");
+    EXPECT_TRUE(Allows(list, "10.9.9.9"));
+    EXPECT_FALSE(Allows(list, "10.9.9.8"));
+    EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32,10.9.9.9/32");
 
     // Prefix 0 takes everything (a 32-bit shift by 32 would not); an odd
     // prefix splits an octet.
