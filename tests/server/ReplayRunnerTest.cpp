@@ -14,7 +14,6 @@ namespace {
 
 namespace srv = ReplayServer;
 using ReplayCore::ReplayStateManager;
-using ServerTest::DataRecord;
 using ServerTest::FakeClient;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
