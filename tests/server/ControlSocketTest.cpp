@@ -34,14 +34,19 @@ std::string Ask(const std::string& path, const std::string& command) {
     return ControlSocket::Send(path, command, reply, error) ? reply : "failed: " + error;
 }
 
+sockaddr_un UnixAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
 // Connects and sends nothing; the connection stays open until destroyed.
 class IdleConnection {
   public:
     explicit IdleConnection(const std::string& path) {
         m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        sockaddr_un address = UnixAddress(path);
         connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
     ~IdleConnection() { close(m_fd); }
@@ -96,9 +101,7 @@ TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
     // A socket left behind by a server that died is replaced.
     {
         const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, Path().c_str(), sizeof address.sun_path - 1);
+        sockaddr_un address = UnixAddress(Path());
         ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(stale);
     }
@@ -135,9 +138,7 @@ TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
             _exit(2);
         }
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        sockaddr_un address = UnixAddress(path);
         if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
             _exit(3);
         }
@@ -238,9 +239,7 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
             _exit(2);
         }
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        sockaddr_un address = UnixAddress(path);
         if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
             chmod(path.c_str(), 0666) != 0 || listen(fd, 8) != 0) {
             _exit(3);

@@ -26,6 +26,15 @@ class IngestJournalTest : public ReplayTest::TargetRootTest {
         EXPECT_TRUE(after.Open(unwritten, error)) << error;
         return unwritten;
     }
+    // Opens `journal` on a file with nothing to recover.
+    static bool Opened(IngestJournal& journal) {
+        std::vector<std::string> unwritten;
+        std::string error;
+        const bool opened = journal.Open(unwritten, error);
+        EXPECT_TRUE(opened) << error;
+        EXPECT_TRUE(unwritten.empty());
+        return opened;
+    }
     static void Receive(IngestJournal& journal, const std::string& record) {
         journal.Received(record.data(), record.size());
     }
@@ -39,10 +48,7 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
                       c = DataRecord("a", 1100, 2);
     {
         IngestJournal journal(Path());
-        std::vector<std::string> unwritten;
-        std::string error;
-        ASSERT_TRUE(journal.Open(unwritten, error)) << error;  // creates the directories
-        EXPECT_TRUE(unwritten.empty());
+        ASSERT_TRUE(Opened(journal));  // creates the directories
         Receive(journal, a);
         Receive(journal, b);
         Receive(journal, c);
@@ -68,9 +74,7 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
 TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
     const std::string a = DataRecord("a", 1000, 1);
     IngestJournal journal(Path());
-    std::vector<std::string> unwritten;
-    std::string error;
-    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    ASSERT_TRUE(Opened(journal));
     Receive(journal, a);
     Receive(journal, a);  // the same bytes twice (a client sent it twice)
     journal.FlushGathered(Clock::now());
@@ -95,9 +99,7 @@ TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
 
 TEST_F(IngestJournalTest, ResetForgetsEverythingAndLaterRecordsStillCount) {
     IngestJournal journal(Path());
-    std::vector<std::string> unwritten;
-    std::string error;
-    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    ASSERT_TRUE(Opened(journal));
     Receive(journal, DataRecord("a", 1000, 1));
     journal.Reset();  // flushes the gathered entry, then empties the file
     EXPECT_TRUE(Recover().empty());
@@ -122,9 +124,7 @@ TEST_F(IngestJournalTest, OpenFailsWhereNoFileCanBeMade) {
 
 TEST_F(IngestJournalTest, ALongRecordingKeepsTheFileToWhatIsUnwritten) {
     IngestJournal journal(Path(), 4096);
-    std::vector<std::string> unwritten;
-    std::string error;
-    ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+    ASSERT_TRUE(Opened(journal));
     std::vector<std::string> pending;
     for (int k = 1; k <= 400; ++k) {
         const std::string record = DataRecord("long", 1000 + k, static_cast<unsigned int>(k));

@@ -1,5 +1,5 @@
 // The server's recording path in one process: a stop that waits for each
-// client's last block, the size limit, and recovery from the crash journal.
+// client's last block, and recovery from the crash journal.
 
 #include <future>
 #include <string>
@@ -39,10 +39,10 @@ std::string Items(const std::string& name, unsigned int sequence, std::vector<in
     return ServerTest::WithChecksum(text);
 }
 
-class RecordingStopTest : public ReplayTest::TargetRootTest {
+class RecordingStopTest : public ServerTest::LoopbackServerTest {
   protected:
     void SetUp() override {
-        TargetRootTest::SetUp();
+        LoopbackServerTest::SetUp();
         ReplayLogger::Get().ResetForTesting();
         MakeTargetDirectory("/fs/usb0");
         WriteTargetFile(kChannel, "");
@@ -50,12 +50,11 @@ class RecordingStopTest : public ReplayTest::TargetRootTest {
     void TearDown() override {
         m_server.reset();
         ReplayLogger::Get().ResetForTesting();
-        TargetRootTest::TearDown();
+        LoopbackServerTest::TearDown();
     }
     void Start(srv::ServerSettings settings = srv::ServerSettings()) {
         settings.stopSettleMs = 0;
-        m_server = ServerTest::StartLoopbackServer(settings, m_ip);
-        ASSERT_NE(m_server, nullptr);
+        StartServer(settings);
     }
     // The data records in the channel, in order (header and status records
     // left out).
@@ -76,9 +75,6 @@ class RecordingStopTest : public ReplayTest::TargetRootTest {
         }
         return false;
     }
-
-    std::string m_ip;
-    std::unique_ptr<srv::ReplayServer> m_server;
 };
 
 TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
@@ -140,28 +136,6 @@ TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {
     EXPECT_TRUE(stopped.get());
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
     EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
-}
-
-TEST_F(RecordingStopTest, DatagramsLongerThanTheLargestRecordAreRefusedAndCounted) {
-    srv::ServerSettings settings;
-    settings.reorderHoldMs = 0;
-    Start(settings);
-    FakeClient client(m_ip);
-    ASSERT_TRUE(client.Register("big"));
-    m_server->StartRecording();
-    const size_t overhead = DataRecord("big", 5000, 1, "").size();
-    const size_t largest = GetMaximumClientRecordSize();
-    const std::string fits = DataRecord("big", 5000, 1, std::string(largest - overhead, 'x'));
-    ASSERT_EQ(fits.size(), largest);
-    for (size_t extra = 1; extra <= 7; ++extra) {
-        client.Send(
-            DataRecord("big", 5000, 1 + extra, std::string(largest - overhead + extra, 'y')));
-    }
-    client.Send(fits);
-    ASSERT_TRUE(WaitFor([&] { return m_server->Counters().recordsForwarded >= 1; }, kDeadline));
-    EXPECT_EQ(m_server->Counters().oversized, 7u);
-    EXPECT_TRUE(m_server->StopRecording(0));
-    EXPECT_EQ(StoredData(), std::vector<std::string>{fits});
 }
 
 TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {

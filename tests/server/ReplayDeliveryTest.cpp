@@ -1,10 +1,8 @@
 #include "server/ReplayDelivery.h"
 
-#include <thread>
+#include <gtest/gtest.h>
 
-#include "libreplay/server/FileLogger.h"
-#include "tests/server/LoopbackServer.h"
-#include "tests/support/TestSupport.h"
+#include <thread>
 
 namespace {
 
@@ -118,43 +116,6 @@ TEST(ReplayDeliveryTracker, WaitsEndOnTheReportTheDeadlineOrAWake) {
     EXPECT_FALSE(tracker.WaitForAllReported(Clock::now() + kDeadline));
     EXPECT_LT(Clock::now() - started, kDeadline);
     waker.join();
-}
-
-class ReplayDeliveryServerTest : public ReplayTest::TargetRootTest {
-  protected:
-    void TearDown() override {
-        ReplayCore::FileLogger::ResetForTesting();
-        TargetRootTest::TearDown();
-    }
-};
-
-// The receive path feeds the tracker with the reports of a replay, and a new
-// replay starts from nothing.
-TEST_F(ReplayDeliveryServerTest, ReceivePathCountsReportsWhileReplaying) {
-    std::string ip;
-    std::unique_ptr<srv::ReplayServer> server =
-        ServerTest::StartLoopbackServer(srv::ServerSettings(), ip);
-    ASSERT_NE(server, nullptr);
-    ServerTest::FakeClient client(ip);
-    ASSERT_TRUE(client.Register("gps"));
-
-    server->SetReplaying(true);
-    for (int i = 0; i < 3; ++i) {
-        const std::string record = ServerTest::DataRecord("gps", 1000 + i, i + 1, "item");
-        ASSERT_FALSE(server->SendRecord("gps", record, i + 1).IsError());
-    }
-    client.Send(ServerTest::StatusRecord("gps", 2000, "#replay"));
-    client.Send(ServerTest::StatusRecord("gps", 2001, "#replay d=1;"));
-    client.Send(ServerTest::StatusRecord("gps", 2002, "#replay"));
-    EXPECT_TRUE(server->Deliveries().WaitForReported("gps", 2, Clock::now() + kDeadline));
-    const srv::ClientDelivery gps = server->Deliveries().Get("gps");
-    EXPECT_EQ(gps.recordsSent, 3u);
-    EXPECT_EQ(gps.missed, 1u);
-
-    server->SetReplaying(false);
-    server->SetReplaying(true);
-    EXPECT_EQ(server->Deliveries().Get("gps").recordsSent, 0u);
-    server->SetReplaying(false);
 }
 
 }  // namespace

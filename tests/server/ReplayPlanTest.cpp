@@ -107,25 +107,36 @@ SentItem Sent(const ReplayServer::PlannedRecord& record) {
             cut.items.empty() ? "" : cut.items[0].data};
 }
 
-// Items are planned one per record, in time order across clients and blocks,
-// numbered per client from 1; a range starts and ends inside blocks, and each
-// client's last item before it comes first.
-TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
+// The data of each planned record's item, in plan order.
+std::vector<std::string> ItemData(const std::vector<ReplayServer::PlannedRecord>& records) {
+    std::vector<std::string> data;
+    for (const auto& record : records) {
+        data.push_back(Sent(record).data);
+    }
+    return data;
+}
+
+// gps items at 1000, 1010, ... 1050 (two blocks), can's at 1005 and 1025.
+std::string TwoClientLog() {
     std::string log;
     Store(log, LogFormat::HeaderPayload(1000));
     Store(log, ServerTest::DataRecord("gps", 900, 0, "INIT"));
     Store(log, Block("gps", 7, {{1000, "g0"}, {1010, "g1"}, {1020, "g2"}, {1030, "g3"}}));
     Store(log, Block("can", 3, {{1005, "c0"}, {1025, "c1"}}));
     Store(log, Block("gps", 8, {{1040, "g4"}, {1050, "g5"}}));
+    return log;
+}
 
+// Items are planned one per record, in time order across clients and blocks,
+// numbered per client from 1; a range starts and ends inside blocks, and each
+// client's last item before it comes first.
+TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
+    const std::string log = TwoClientLog();
     ReplayPlan plan;
     std::string error;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
-    std::vector<std::string> order;
-    for (const auto& record : plan.records) {
-        order.push_back(Sent(record).data);
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}));
+    EXPECT_EQ(ItemData(plan.records),
+              (std::vector<std::string>{"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}));
     EXPECT_EQ(Sent(plan.records[7]).sequence, 6u);  // gps's sixth item
     EXPECT_EQ(plan.records[4].gapMs, 20);           // can: 1005 -> 1025
     EXPECT_EQ(plan.records[0].gapMs, -1);
@@ -135,19 +146,12 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     options.fromOffsetMs = 15;  // 1015
     options.toOffsetMs = 45;    // up to 1045, not included
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
-    order.clear();
-    for (const auto& record : plan.records) {
-        order.push_back(Sent(record).data);
-    }
-    EXPECT_EQ(order, (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
+    EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
     EXPECT_EQ(plan.startMs, 1015);
     // g2 follows the state item g1: the client has just handed that over.
     EXPECT_EQ(plan.records[0].gapMs, 10);
-    ASSERT_EQ(plan.state.size(), 2u);
-    const SentItem canState = Sent(plan.state[0]);
+    EXPECT_EQ(ItemData(plan.state), (std::vector<std::string>{"c0", "g1"}));
     const SentItem gpsState = Sent(plan.state[1]);
-    EXPECT_EQ(canState.data, "c0");
-    EXPECT_EQ(gpsState.data, "g1");
     EXPECT_EQ(gpsState.timeMs, 1010);
     // The state item is each client's block 1; the range follows on.
     EXPECT_EQ(gpsState.sequence, 1u);
@@ -159,12 +163,40 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     EXPECT_TRUE(plan.state.empty());
     EXPECT_EQ(plan.records[0].gapMs, -1);
     EXPECT_EQ(Sent(plan.records[0]).sequence, 1u);
+}
 
-    options.toOffsetMs = 15;  // empty range
-    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
-    options.fromOffsetMs = 51;
-    options.toOffsetMs = -1;
-    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
+// An item exactly at the start of the range is its first, not state; one
+// exactly at its end is left out. A range without items is refused.
+TEST(ReplayPlanTest, RangeIncludesItsStartAndExcludesItsEnd) {
+    const std::string log = TwoClientLog();
+    struct Case {
+        int64_t from, to;
+        std::vector<std::string> records, state;  // no records: refused
+    };
+    const Case cases[] = {
+        {10, 40, {"g1", "g2", "c1", "g3"}, {"g0", "c0"}},
+        {11, 41, {"g2", "c1", "g3", "g4"}, {"c0", "g1"}},
+        {10, 11, {"g1"}, {"g0", "c0"}},
+        {0, 1, {"g0"}, {}},
+        {50, -1, {"g5"}, {"c1", "g4"}},
+        {15, 15, {}, {}},  // empty
+        {11, 20, {}, {}},  // ends at the next item
+        {51, -1, {}, {}},  // past the last item
+    };
+    for (const Case& c : cases) {
+        PlanOptions options;
+        options.fromOffsetMs = c.from;
+        options.toOffsetMs = c.to;
+        ReplayPlan plan;
+        std::string error;
+        const bool built = BuildReplayPlan(log.data(), log.size(), options, plan, error);
+        ASSERT_EQ(built, !c.records.empty()) << c.from << " to " << c.to << ": " << error;
+        if (built) {
+            EXPECT_EQ(ItemData(plan.records), c.records) << c.from << " to " << c.to;
+            EXPECT_EQ(ItemData(plan.state), c.state) << c.from << " to " << c.to;
+            EXPECT_EQ(plan.startMs, 1000 + c.from);
+        }
+    }
 }
 
 // A client's items keep their order even when a later block carries an
@@ -178,12 +210,8 @@ TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
     ReplayPlan plan;
     std::string error;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
-    std::vector<std::string> order;
-    for (const auto& record : plan.records) {
-        order.push_back(Sent(record).data);
-    }
     // g2 (1050) follows g1 (1100), as the client handed them over.
-    EXPECT_EQ(order, (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
+    EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
     EXPECT_EQ(plan.records[3].timeMs, 1100);
     EXPECT_EQ(Sent(plan.records[3]).timeMs, 1050);
 }

@@ -1,25 +1,76 @@
+// The replay runner against fake clients on loopback: what it sends each
+// client (state commands, clock settings, records) and when, on its own and
+// under the operator's control.
+
 #include "server/ReplayRunner.h"
 
 #include <algorithm>
 #include <atomic>
 #include <thread>
 
-#include "tests/server/ReplayRunnerSupport.h"
+#include "tests/server/LoopbackServer.h"
 
 namespace {
 
 namespace srv = ReplayServer;
 using ReplayCore::ReplayStateManager;
-using ReplayRunnerTestSupport::Clock;
-using ReplayRunnerTestSupport::ClockArgument;
-using ReplayRunnerTestSupport::Ms;
-using ReplayRunnerTestSupport::Planned;
-using ServerTest::DataRecord;
 using ServerTest::FakeClient;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 
-using ReplayRunnerTest = ReplayRunnerTestSupport::ReplayRunnerFixture;
+using Clock = std::chrono::steady_clock;
+
+int64_t Ms(Clock::duration duration) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
+// A record as the plan holds it: without its line end.
+ReplayServer::PlannedRecord Planned(const std::string& client, int64_t timeMs,
+                                    unsigned int sequence) {
+    ReplayServer::PlannedRecord record;
+    record.client = client;
+    record.timeMs = timeMs;
+    record.sequence = sequence;
+    record.record =
+        ServerTest::DataRecord(client, timeMs, sequence, "item" + std::to_string(sequence));
+    record.record.pop_back();
+    return record;
+}
+
+// The log time a replay command sets the client's clock to; -1 without one.
+int64_t ClockArgument(const std::string& command) {
+    ReplayStateManager::CommandArgsParser parser;
+    std::string value;
+    if (command.empty() || command[0] != '#' ||
+        ReplayStateManager::GetStateFromCommand(command, parser) != ReplayCore::eStateReplay ||
+        !parser.Get('l', value)) {
+        return -1;
+    }
+    return ReplayCore::MSTime::MSTimeStruct(value).m_timeMilliseconds;
+}
+
+class ReplayRunnerTest : public ServerTest::LoopbackServerTest {
+  protected:
+    void SetUp() override {
+        LoopbackServerTest::SetUp();
+        StartServer();
+        m_settings.serverLeadTimeMs = 30;
+        m_settings.networkingLatencyMs = 40;
+        m_settings.endGraceMs = 20;
+        m_settings.clientWaitMs = 5000;
+        // The fake clients report only where a test makes them: no pacing,
+        // and no wait for their reports at the end.
+        m_settings.pacing.window = 1000000;
+        m_settings.deliveryWaitMs = 0;
+    }
+    std::unique_ptr<FakeClient> Connect(const std::string& name) {
+        std::unique_ptr<FakeClient> client(new FakeClient(m_ip));
+        EXPECT_TRUE(client->Register(name)) << name;
+        return client;
+    }
+
+    srv::ReplaySettings m_settings;
+};
 
 // One client's view of a completed replay: the state command, its
 // initialisation records, the clock, the data records and the stop.
@@ -161,6 +212,7 @@ TEST_F(ReplayRunnerTest, CancelEndsTheReplayAndStopsTheClients) {
     plan.clients = {"gps", "nav"};
     m_settings.clientWaitMs = 60000;
     srv::ReplayRunner waiting(*m_server, plan, m_settings);
+    EXPECT_EQ(waiting.Pause(), "the replay is still waiting for its clients");
     finished = false;
     std::thread wait([&] {
         result = waiting.Run();
@@ -198,6 +250,150 @@ TEST_F(ReplayRunnerTest, MissingClientsEndTheReplayWithTheirNames) {
     // Nobody was told to replay, and the server takes records again.
     EXPECT_TRUE(gps->Received().empty());
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+}
+
+constexpr int64_t kStart = 10000;
+
+class ReplayRunnerControlTest : public ReplayRunnerTest {
+  protected:
+    void TearDown() override {
+        if (m_runner != nullptr) {
+            m_runner->Cancel();
+        }
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+        m_runner.reset();
+        ReplayRunnerTest::TearDown();
+    }
+    // Records of `clients` in turn, `stepMs` apart from the start.
+    void Plan(const std::vector<std::string>& clients, int count, int64_t stepMs) {
+        m_plan.clients.insert(clients.begin(), clients.end());
+        m_plan.startMs = kStart;
+        for (int i = 0; i < count; ++i) {
+            m_plan.records.push_back(Planned(clients[static_cast<size_t>(i) % clients.size()],
+                                             kStart + stepMs * i, 1 + i));
+        }
+        m_plan.endMs = m_plan.records.back().timeMs;
+    }
+    void Start() {
+        m_runner.reset(new srv::ReplayRunner(*m_server, m_plan, m_settings));
+        m_thread = std::thread([this] {
+            m_result = m_runner->Run();
+            m_finished = true;
+        });
+        ASSERT_TRUE(
+            ReplayTest::WaitFor([this] { return m_runner->Position().started; }, kDeadline));
+    }
+    // The datagrams `client` got after the first `from`.
+    static std::vector<ReplayTest::Datagram> After(const FakeClient& client, size_t from) {
+        std::vector<ReplayTest::Datagram> all = client.Received();
+        all.erase(all.begin(),
+                  all.begin() + static_cast<std::ptrdiff_t>(std::min(from, all.size())));
+        return all;
+    }
+
+    srv::ReplayPlan m_plan;
+    std::unique_ptr<srv::ReplayRunner> m_runner;
+    std::thread m_thread;
+    srv::ReplayResult m_result;
+    std::atomic<bool> m_finished{false};
+};
+
+TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords) {
+    auto gps = Connect("gps");
+    auto can = Connect("can");
+    Plan({"gps", "can"}, 40, 100);  // gps at 0, 200, ...; can at 100, 300, ...
+    Start();
+    EXPECT_EQ(m_runner->Resume(), "not paused");
+    ASSERT_EQ(m_runner->Pause(), "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const size_t gpsBefore = gps->Received().size();
+    const size_t canBefore = can->Received().size();
+    const size_t next = m_runner->Position().nextRecord;
+    ASSERT_LT(next + 3, m_plan.records.size());
+
+    // Three records at once: each client's clock moves to the last of them
+    // first, so that it hands them over without waiting.
+    ASSERT_EQ(m_runner->StepRecords(3), "");
+    const int64_t last = m_plan.records[next + 2].timeMs;
+    EXPECT_EQ(m_runner->Position().logMs, last);
+    EXPECT_EQ(m_runner->Position().nextRecord, next + 3);
+    ASSERT_TRUE(gps->WaitFor(gpsBefore + 2, kDeadline));
+    ASSERT_TRUE(can->WaitFor(canBefore + 2, kDeadline));
+    std::vector<ReplayTest::Datagram> got = After(*gps, gpsBefore);
+    EXPECT_EQ(ClockArgument(got[0].bytes), last - m_settings.networkingLatencyMs);
+    const auto stepped = [&] {
+        size_t records = 0;
+        for (const FakeClient* client : {gps.get(), can.get()}) {
+            for (const ReplayTest::Datagram& datagram :
+                 After(*client, client == gps.get() ? gpsBefore : canBefore)) {
+                records += datagram.bytes[0] == '#' ? 0 : 1;
+            }
+        }
+        return records;
+    };
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return stepped() >= 3; }, kDeadline));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(stepped(), 3u);
+
+    // A step of time takes the records up to and including its end.
+    const size_t gpsBeforeTime = gps->Received().size();
+    ASSERT_EQ(m_runner->StepTime(200), "");
+    EXPECT_EQ(m_runner->Position().logMs, last + 200);
+    EXPECT_EQ(m_runner->Position().nextRecord, next + 5);
+
+    // A seek past the end is refused; one inside sends each client its last
+    // record before the point, after a clock setting at the point.
+    EXPECT_NE(m_runner->Seek(m_plan.DurationMs() + 1).find("lasts 3.900 s"), std::string::npos);
+    EXPECT_EQ(m_runner->Seek(m_plan.DurationMs()), "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const size_t gpsBeforeSeek = gps->Received().size();
+    EXPECT_GT(gpsBeforeSeek, gpsBeforeTime);
+    ASSERT_EQ(m_runner->Seek(3050), "");
+    EXPECT_EQ(m_runner->Position().logMs, kStart + 3050);
+    EXPECT_TRUE(m_runner->Position().paused);
+    ASSERT_TRUE(gps->WaitFor(gpsBeforeSeek + 2, kDeadline));
+    got = After(*gps, gpsBeforeSeek);
+    EXPECT_EQ(ClockArgument(got[0].bytes), kStart + 3050 - m_settings.networkingLatencyMs);
+    EXPECT_EQ(got[1].bytes, m_plan.records[30].record) << "gps's record at 3.0 s";
+    EXPECT_TRUE(ReplayTest::WaitFor(
+        [&] { return After(*can, 0).back().bytes == m_plan.records[29].record; }, kDeadline))
+        << "can's at 2.9 s";
+
+    // From there on: the clock once more at the resume, then records from
+    // the point on, and nothing before it again.
+    ASSERT_EQ(m_runner->Resume(), "");
+    m_thread.join();
+    got = After(*gps, gpsBeforeSeek + 2);
+    ASSERT_GE(got.size(), 2u);
+    EXPECT_GE(ClockArgument(got[0].bytes), kStart + 3050 - m_settings.networkingLatencyMs);
+    EXPECT_LE(ClockArgument(got[0].bytes), kStart + 3100 - m_settings.networkingLatencyMs);
+    EXPECT_EQ(got[1].bytes, m_plan.records[32].record);
+    EXPECT_EQ(m_runner->StepRecords(1), "the replay is ending");
+}
+
+TEST_F(ReplayRunnerControlTest, MaxRateSendsEachRecordOnceTheClientReportsThePrevious) {
+    auto gps = Connect("gps");
+    Plan({"gps"}, 4, 5000);  // 15 s at the recorded pace
+    Start();
+    ASSERT_EQ(m_runner->SetMaxRate(), "");
+    ASSERT_TRUE(gps->WaitFor(3, kDeadline));  // replay command, clock, first record
+    for (int record = 1; record < 4; ++record) {
+        // Unreported, the next record waits.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const size_t got = gps->Received().size();
+        EXPECT_EQ(m_runner->Position().nextRecord, static_cast<size_t>(record));
+        ASSERT_TRUE(gps->Send(ServerTest::StatusRecord("gps", kStart, "#replay")));
+        // Then the clock at the record's time, and the record.
+        ASSERT_TRUE(gps->WaitFor(got + 2, kDeadline)) << "record " << record;
+        const std::vector<ReplayTest::Datagram> after = After(*gps, got);
+        EXPECT_EQ(ClockArgument(after[0].bytes),
+                  m_plan.records[record].timeMs - m_settings.networkingLatencyMs);
+        EXPECT_EQ(after[1].bytes, m_plan.records[record].record);
+    }
+    ASSERT_TRUE(gps->Send(ServerTest::StatusRecord("gps", kStart, "#replay")));
+    EXPECT_TRUE(ReplayTest::WaitFor([this] { return m_finished.load(); }, kDeadline));
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include "server/ReplayServer.h"
 
 #include "libreplay/server/FileLogger.h"
-#include "server/ControlSocket.h"
 #include "server/ServerControl.h"
-#include "tests/ReplayManager/ServerTestSupport.h"
-#include "tests/support/TestSupport.h"
-#include "tests/support/UdpTestClient.h"
+#include "tests/server/LoopbackServer.h"
 
 namespace {
 
@@ -18,35 +15,17 @@ constexpr auto kDeadline = std::chrono::seconds(10);
 
 using UdpClient = ReplayTest::UdpTestClient;
 
-class ReplayServerTest : public ReplayTest::TargetRootTest {
+class ReplayServerTest : public ServerTest::LoopbackServerTest {
   protected:
     void StartServer(size_t clientLimit = 64) {
-        // Parallel tests each take a loopback address of their own.
-        for (int attempt = 0; attempt < 50; ++attempt) {
-            m_ip = ReplayTest::RandomLoopbackAddress();
-            srv::ServerSettings settings;
-            settings.bindAddress = m_ip;
-            settings.port = 4400;
-            settings.clientLimit = clientLimit;
-            m_server.reset(new srv::ReplayServer(settings));
-            std::string error;
-            if (m_server->Start(error)) {
-                return;
-            }
-        }
-        FAIL() << "no free loopback address";
-    }
-    void TearDown() override {
-        m_server.reset();
-        TargetRootTest::TearDown();
+        srv::ServerSettings settings;
+        settings.clientLimit = clientLimit;
+        LoopbackServerTest::StartServer(settings);
     }
     void Send(const UdpClient& client, const std::string& text) {
         ASSERT_TRUE(client.Send(m_ip, 4400, text));
     }
     size_t TableSize() { return m_server->Clients().size(); }
-
-    std::string m_ip;
-    std::unique_ptr<srv::ReplayServer> m_server;
 };
 
 TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
@@ -137,27 +116,16 @@ TEST_F(ReplayServerTest, SilentClientGivesItsEntryToANewcomerWhenTheTableIsFull)
     EXPECT_EQ(m_server->Counters().refusedClients, 0u);
 }
 
-TEST_F(ReplayServerTest, ControlCommandsOverTheSocket) {
+// A timed recording ends by itself; "wait" returns once it has.
+TEST_F(ReplayServerTest, RecordingCommandsAndTheirRefusals) {
     StartServer();
     srv::ReplaySettings settings;
     settings.clientWaitMs = 100;
-    std::vector<std::string> output;
     srv::ServerControl control(*m_server, settings, [](const std::string&) {});
-    srv::ControlSocket socket(
-        [&control](const std::string& line) { return control.Execute(line); });
-    const std::string path = Root() + "/control.sock";
-    std::string error;
-    ASSERT_TRUE(socket.Start(path, error)) << error;
-
-    std::string reply;
-    ASSERT_TRUE(srv::ControlSocket::Send(path, "record", reply, error)) << error;
-    EXPECT_EQ(reply, "recording\n");
-    ASSERT_TRUE(srv::ControlSocket::Send(path, "record", reply, error));
-    EXPECT_EQ(reply.compare(0, 6, "error:"), 0);
-    ASSERT_TRUE(srv::ControlSocket::Send(path, "status", reply, error));
-    EXPECT_NE(reply.find("state Record"), std::string::npos) << reply;
-    ASSERT_TRUE(srv::ControlSocket::Send(path, "stop", reply, error));
-    EXPECT_EQ(reply, "recording stopped\n");
+    EXPECT_EQ(control.Execute("record"), "recording\n");
+    EXPECT_EQ(control.Execute("record").compare(0, 6, "error:"), 0);
+    EXPECT_NE(control.Execute("status").find("state Record"), std::string::npos);
+    EXPECT_EQ(control.Execute("stop"), "recording stopped\n");
 
     for (const char* bad : {"replay /no/such.dat", "replay", "record -3", "bogus"}) {
         EXPECT_EQ(control.Execute(bad).compare(0, 6, "error:"), 0) << bad;

@@ -8,10 +8,8 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "tests/server/LoopbackServer.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -20,17 +18,14 @@ using ServerTest::DataRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 
-class ServerControlTest : public ReplayTest::TargetRootTest {
+class ServerControlTest : public ServerTest::LoopbackServerTest {
   protected:
     void TearDown() override {
         m_control.reset();
-        m_server.reset();
-        ReplayCore::FileLogger::ResetForTesting();
-        TargetRootTest::TearDown();
+        LoopbackServerTest::TearDown();
     }
     void Start() {
-        m_server = ServerTest::StartLoopbackServer(srv::ServerSettings(), m_ip);
-        ASSERT_NE(m_server, nullptr);
+        StartServer();
         srv::ReplaySettings settings;
         settings.serverLeadTimeMs = 10;
         settings.networkingLatencyMs = 10;
@@ -45,13 +40,50 @@ class ServerControlTest : public ReplayTest::TargetRootTest {
         std::lock_guard<std::mutex> lock(m_outputMutex);
         return m_output;
     }
+    // A log of gps records `stepMs` apart from 1000 ms, `steps` steps long.
+    std::string WriteLog(int steps, int64_t stepMs = 1000) {
+        std::string log;
+        for (int i = 0; i <= steps; ++i) {
+            std::string framed;
+            EXPECT_TRUE(ReplayCore::LogFormat::FrameRecord(
+                DataRecord("gps", 1000 + stepMs * i, static_cast<unsigned int>(i + 1)), framed));
+            ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+        }
+        return WriteTargetFile("/drive.dat", log);
+    }
 
-    std::string m_ip;
-    std::unique_ptr<srv::ReplayServer> m_server;
     std::unique_ptr<srv::ServerControl> m_control;
     std::mutex m_outputMutex;
     std::string m_output;
 };
+
+TEST_F(ServerControlTest, StatusAndClientsAreOneJsonLineEach) {
+    Start();
+    ServerTest::FakeClient gps(m_ip);
+    ASSERT_TRUE(gps.Register("gps"));
+
+    const std::string clients = m_control->Execute("clients --json");
+    ASSERT_EQ(clients.find('\n'), clients.size() - 1) << clients;
+    const nlohmann::json table = nlohmann::json::parse(clients);
+    ASSERT_EQ(table["clients"].size(), 1u) << clients;
+    EXPECT_EQ(table["clients"][0]["name"], "gps");
+    EXPECT_GT(table["clients"][0]["port"].get<int>(), 0);
+    EXPECT_GE(table["clients"][0]["received"].get<int>(), 1);
+    // The registration is the one record the client sent.
+    EXPECT_EQ(table["clients"][0]["bytes"].get<size_t>(),
+              ServerTest::StatusRecord("gps", 1000, "").size());
+
+    const std::string status = m_control->Execute("status --json");
+    ASSERT_EQ(status.find('\n'), status.size() - 1) << status;
+    const nlohmann::json state = nlohmann::json::parse(status);
+    EXPECT_EQ(state["state"], "Stopped");
+    EXPECT_EQ(state["job_running"], false);
+    EXPECT_GE(state["counters"]["datagrams"].get<int>(), 1);
+    EXPECT_EQ(state["clients"], table["clients"]);
+
+    // Anything else after the command stays an error.
+    EXPECT_EQ(m_control->Execute("status --xml").compare(0, 6, "error:"), 0);
+}
 
 TEST_F(ServerControlTest, ReplayRefusesFilesThatCouldBlockTheCommand) {
     Start();
@@ -74,15 +106,8 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     Start();
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
-    std::string log;
-    for (unsigned int i = 0; i < 3; ++i) {
-        std::string framed;
-        // The last record lies a minute in: only a stop ends this replay.
-        ASSERT_TRUE(
-            ReplayCore::LogFormat::FrameRecord(DataRecord("gps", 1000 + 30000 * i, i + 1), framed));
-        ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-    }
-    const std::string path = WriteTargetFile("/drive.dat", log);
+    // The last record lies a minute in: only a stop ends this replay.
+    const std::string path = WriteLog(2, 30000);
 
     EXPECT_EQ(m_control->Execute("replay " + path),
               "replaying 3 records (0 initialisation, 0 state) of 1 clients, 60 s\n");
@@ -103,23 +128,8 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
     EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
 }
 
-}  // namespace
-
-namespace {
-
 class ReplayControlCommandTest : public ServerControlTest {
   protected:
-    // A log of gps records a second apart from 1000 ms; `seconds` long.
-    std::string WriteLog(int seconds) {
-        std::string log;
-        for (int i = 0; i <= seconds; ++i) {
-            std::string framed;
-            EXPECT_TRUE(ReplayCore::LogFormat::FrameRecord(
-                DataRecord("gps", 1000 + 1000 * i, static_cast<unsigned int>(i + 1)), framed));
-            ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-        }
-        return WriteTargetFile("/drive.dat", log);
-    }
     // The reply, and that it came within 100 ms.
     std::string Timed(const std::string& command) {
         const auto started = std::chrono::steady_clock::now();

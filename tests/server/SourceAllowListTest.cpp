@@ -2,17 +2,15 @@
 
 #include <arpa/inet.h>
 
-#include "libreplay/server/FileLogger.h"
 #include "server/ServerControl.h"
 #include "tests/server/LoopbackServer.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
 namespace srv = ReplayServer;
+using ReplayTest::UdpTestClient;
 using ServerTest::DataRecord;
 using ServerTest::StatusRecord;
-using ServerTest::UdpPeer;
 
 bool Allows(const srv::SourceAllowList& list, const char* address) {
     in_addr value;
@@ -26,7 +24,7 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     EXPECT_TRUE(Allows(list, "203.0.113.9"));
 
     std::string error;
-    ASSERT_TRUE(list.Parse("127.0.0.0/8, 10.1.0.0/16,192.168.1.7", error)) << error;
+    ASSERT_TRUE(list.Parse("127.0.0.0/8, 10.1.0.0/16,192.168.1.7,10.9.9.9/32", error)) << error;
     EXPECT_FALSE(list.AllowsAny());
     EXPECT_TRUE(Allows(list, "127.255.1.1"));
     EXPECT_TRUE(Allows(list, "10.1.0.0"));
@@ -36,7 +34,9 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     EXPECT_TRUE(Allows(list, "192.168.1.7"));
     EXPECT_FALSE(Allows(list, "192.168.1.8"));
     EXPECT_FALSE(Allows(list, "128.0.0.1"));
-    EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32");
+    EXPECT_TRUE(Allows(list, "10.9.9.9"));
+    EXPECT_FALSE(Allows(list, "10.9.9.8"));
+    EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32,10.9.9.9/32");
 
     // Prefix 0 takes everything (a 32-bit shift by 32 would not); an odd
     // prefix splits an octet.
@@ -62,44 +62,33 @@ TEST(SourceAllowListTest, RejectsBadNetworksAndKeepsTheList) {
     }
 }
 
-class SourceRefusalTest : public ReplayTest::TargetRootTest {
-  protected:
-    void TearDown() override {
-        m_server.reset();
-        ReplayCore::FileLogger::ResetForTesting();
-        TargetRootTest::TearDown();
-    }
-
-    std::string m_ip;
-    std::unique_ptr<srv::ReplayServer> m_server;
-};
+using SourceRefusalTest = ServerTest::LoopbackServerTest;
 
 TEST_F(SourceRefusalTest, DatagramsFromOutsideTheListNeverReachTheClientTable) {
     srv::ServerSettings settings;
     std::string error;
     ASSERT_TRUE(settings.allowedSources.Parse("127.0.0.0/9", error));
-    m_server = ServerTest::StartLoopbackServer(settings, m_ip);
-    ASSERT_NE(m_server, nullptr);
+    StartServer(settings);
     const auto deadline = std::chrono::seconds(10);
 
-    UdpPeer outsider("127.200.5.5", 0);
+    UdpTestClient outsider("127.200.5.5", 0);
     ASSERT_TRUE(outsider.Bound());
-    outsider.Send(m_ip, StatusRecord("spy", 1000, ""));
+    outsider.Send(m_ip, 4400, StatusRecord("spy", 1000, ""));
     ASSERT_TRUE(
         ReplayTest::WaitFor([&] { return m_server->Counters().refusedSources == 1; }, deadline));
     EXPECT_TRUE(m_server->Clients().empty());
     EXPECT_EQ(m_server->Counters().datagrams, 0u);
 
-    UdpPeer client("127.5.5.5", 0);
+    UdpTestClient client("127.5.5.5", 0);
     ASSERT_TRUE(client.Bound());
-    client.Send(m_ip, StatusRecord("gps", 1000, ""));
+    client.Send(m_ip, 4400, StatusRecord("gps", 1000, ""));
     EXPECT_EQ(client.Receive(), "#stop s=0;");
 
     // Clients are told apart by port alone: a refused source on the port of
     // a known client must not pass as that client.
-    UdpPeer impostor("127.200.5.6", client.Port());
+    UdpTestClient impostor("127.200.5.6", client.Port());
     ASSERT_TRUE(impostor.Bound());
-    impostor.Send(m_ip, DataRecord("gps", 1100, 1));
+    impostor.Send(m_ip, 4400, DataRecord("gps", 1100, 1));
     ASSERT_TRUE(
         ReplayTest::WaitFor([&] { return m_server->Counters().refusedSources == 2; }, deadline));
     const std::vector<ClientData> table = m_server->Clients();
