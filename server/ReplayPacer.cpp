@@ -5,13 +5,6 @@ namespace ReplayServer {
 ReplayPacer::ReplayPacer(ReplayDeliveryTracker& deliveries, const PacingSettings& settings)
     : m_deliveries(deliveries), m_settings(settings) {}
 
-int64_t ReplayPacer::LeadUs(const PlannedRecord& record) const {
-    if (record.gapMs >= 0 && record.gapMs <= m_settings.atMomentWithinMs) {
-        return m_settings.atMomentLeadUs;
-    }
-    return static_cast<int64_t>(m_settings.serverLeadTimeMs) * 1000;
-}
-
 bool ReplayPacer::WaitForRoom(const std::string& client) {
     const ClientDelivery delivery = m_deliveries.Get(client);
     if (delivery.recordsSent < delivery.recordsReported + m_settings.window) {

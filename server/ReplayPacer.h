@@ -4,13 +4,13 @@
 // When each replayed record goes out, and how many may be on their way to a
 // client at once.
 //
-// A client takes up a record when it is idle or has handed over the one
-// before, and waits for the record's moment only when that is more than
-// 10 ms ahead; anything closer it hands over at once. So a record whose
-// client's previous item comes more than that before it is sent ahead (the
-// server lead time), and the client waits for its moment on its own clock;
-// a record close behind its client's previous item is sent at its moment,
-// when the client is idle and hands it over on arrival.
+// A client waits for a record's moment on its own clock only when that is
+// more than 10 ms ahead, and hands anything closer over at once. Every
+// record goes out at its moment, so the client hands it over on arrival and
+// all items are timed by the one schedule here. (Records sent ahead, to be
+// waited for on the client's clock, came out up to several milliseconds
+// off wherever they met records timed here: the two clocks agree only as
+// well as the clock setting's trip allows.)
 //
 // A client reads one record at a time while the rest wait in its socket,
 // which holds only so many: a burst sent at once overflows it. No more than
@@ -29,17 +29,9 @@
 namespace ReplayServer {
 
 struct PacingSettings {
-    int serverLeadTimeMs = 100;
-    // Records this close behind their client's previous item (or closer)
-    // go out at their moment: the client's own threshold, 10 ms, plus
-    // margin for a previous item handed over a little late.
-    int64_t atMomentWithinMs = 15;
-    // How much before its moment such a record goes out. A client that
-    // waits for a moment wakes up to a millisecond early (it sleeps a
-    // millisecond short on a millisecond clock), half a millisecond on
-    // average; sending this much ahead makes a record handed over on
-    // arrival (after the trip through the sockets) come about as early.
-    int64_t atMomentLeadUs = 700;
+    // How long before its moment a record goes out: about the trip through
+    // the sockets to the client's callback.
+    int64_t sendAheadUs = 700;
     // Records a client may have unreported; each can take a few kilobytes
     // of a client socket's default receive buffer of about 200 kB.
     uint64_t window = 32;
@@ -52,8 +44,6 @@ class ReplayPacer {
   public:
     ReplayPacer(ReplayDeliveryTracker& deliveries, const PacingSettings& settings);
 
-    // How long before its moment `record` is sent, in microseconds.
-    int64_t LeadUs(const PlannedRecord& record) const;
     // Waits until `client` may be sent another record. False when the wait
     // was woken (the replay is cancelled) or gave up on the client.
     bool WaitForRoom(const std::string& client);

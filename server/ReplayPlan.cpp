@@ -158,8 +158,7 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         lastBefore[items[rangeBegin].client] = rangeBegin;
     }
     std::map<std::string, unsigned int> sequences;
-    std::map<std::string, int64_t> previousDue;
-    auto add = [&](const CutItem& item, std::vector<PlannedRecord>& into, bool range) {
+    auto add = [&](const CutItem& item, std::vector<PlannedRecord>& into) {
         auto sequence = sequences.emplace(item.client, options.firstSequence).first;
         PlannedRecord planned;
         if (!FormItemRecord(item.typeCharacter, item.client, item.timeMs, sequence->second,
@@ -171,13 +170,6 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         planned.timeMs = item.dueMs;
         planned.sequence = sequence->second++;
         planned.offset = item.offset;
-        // The state item counts as the client's previous item: the client
-        // hands it over just before the first item of the range.
-        auto previous = previousDue.find(item.client);
-        if (range) {
-            planned.gapMs = previous == previousDue.end() ? -1 : item.dueMs - previous->second;
-        }
-        previousDue[item.client] = item.dueMs;
         plan.clients.insert(item.client);
         into.push_back(std::move(planned));
     };
@@ -188,11 +180,11 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         }
         std::sort(indexes.begin(), indexes.end());
         for (size_t index : indexes) {
-            add(items[index], plan.state, false);
+            add(items[index], plan.state);
         }
     }
     for (size_t i = rangeBegin; i < items.size() && items[i].dueMs < end; ++i) {
-        add(items[i], plan.records, true);
+        add(items[i], plan.records);
     }
     if (plan.records.empty()) {
         error = rangeBegin == items.size() ? "the offset lies beyond the last record"

@@ -22,8 +22,6 @@ struct PlannedRecord {
     // The record to send, checksum included, without line end.
     std::string record;
     uint64_t offset = 0;  // of the stored record in the log file
-    // Time since the same client's previous item; -1 for its first.
-    int64_t gapMs = -1;
 };
 
 struct PlanOptions {

@@ -194,9 +194,8 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
     if (SendUnscheduled(record, handOverUs)) {
         ++m_result.recordsSent;
     }
-    const int64_t handedOver =
-        m_maxRate || m_schedule.Rate() != 1.0 ? now : now + m_settings.serverLeadTimeMs;
-    m_clientsIdleMs = std::max(m_clientsIdleMs, handedOver);
+    // Handed over on arrival.
+    m_clientsIdleMs = std::max(m_clientsIdleMs, now);
 }
 
 void ReplayRunner::Reanchor(int64_t logMs, int64_t nowMs) {
@@ -224,12 +223,9 @@ ReplayResult ReplayRunner::Run() {
     }
     std::unique_lock<std::mutex> lock(m_mutex);
     m_result = result;
-    PacingSettings pacing = m_settings.pacing;
-    pacing.serverLeadTimeMs = m_settings.serverLeadTimeMs;
-    m_pacer.reset(new ReplayPacer(m_server.Deliveries(), pacing));
-    // The line starts a lead time before the first item, so that every
-    // client takes its first item up well ahead of its moment and waits for
-    // it, instead of handing it over at once, early.
+    m_pacer.reset(new ReplayPacer(m_server.Deliveries(), m_settings.pacing));
+    // The line starts a lead time before the first item: the clock
+    // settings, initialisation and state records reach every client first.
     const int64_t anchor = NowMs();
     const int64_t originMs = m_plan.startMs - m_settings.serverLeadTimeMs;
     m_schedule = ReplaySchedule(originMs, anchor);
@@ -290,7 +286,7 @@ ReplayResult ReplayRunner::Run() {
                 ++m_next;
                 continue;
             }
-            const int64_t leadUs = m_schedule.Rate() == 1.0 ? m_pacer->LeadUs(record) : 0;
+            const int64_t leadUs = m_schedule.Rate() == 1.0 ? m_settings.pacing.sendAheadUs : 0;
             const int64_t dueUs = m_schedule.DueAt(record.timeMs) * 1000 - leadUs;
             if (NowUs() < dueUs) {
                 m_wake.wait_until(lock, Clock::time_point(std::chrono::microseconds(dueUs)));

@@ -3,8 +3,8 @@
 
 // Sends a replay plan to the recorded clients under the operator's control.
 // A ReplaySchedule maps each record's log time to the moment it is due; every
-// record goes out at that moment minus the server lead time, so scheduling
-// errors never add up. Each client's replay clock is set (key l) so that,
+// record goes out at that moment (less the trip to the client), so
+// scheduling errors never add up. Each client's replay clock is set (key l) so that,
 // with its networking latency added, it reads the log time the schedule
 // stands at; after a pause, seek or rate change it is set again, so the
 // items are on time from the new point instead of running late.
@@ -47,8 +47,7 @@ struct ReplaySettings {
     // until its moment, and a stop would cut it off.
     int endGraceMs = 500;
     int progressIntervalMs = 1000;
-    // Send moments and the window of unreported records; its lead time is
-    // serverLeadTimeMs.
+    // Send moments and the window of unreported records.
     PacingSettings pacing;
     // How long the end of a replay waits for the clients' reports of the
     // last records.

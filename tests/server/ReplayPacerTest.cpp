@@ -8,30 +8,6 @@ namespace {
 
 namespace srv = ReplayServer;
 
-srv::PlannedRecord WithGap(int64_t gapMs) {
-    srv::PlannedRecord record;
-    record.gapMs = gapMs;
-    return record;
-}
-
-// Close behind its client's previous item a record goes out at its moment
-// (the client would hand it over at once on taking it up); otherwise ahead.
-TEST(ReplayPacerTest, SendsCloseItemsAtTheirMomentAndOthersAhead) {
-    srv::ReplayDeliveryTracker deliveries;
-    srv::PacingSettings settings;
-    settings.serverLeadTimeMs = 100;
-    settings.atMomentWithinMs = 15;
-    settings.atMomentLeadUs = 700;
-    srv::ReplayPacer pacer(deliveries, settings);
-    // A client's first item (no gap), a burst, 100 Hz, the limit, past it.
-    const std::pair<int64_t, int64_t> leadByGap[] = {
-        {-1, 100000}, {0, 700}, {10, 700}, {15, 700}, {16, 100000}};
-    for (const auto& gapAndLead : leadByGap) {
-        EXPECT_EQ(pacer.LeadUs(WithGap(gapAndLead.first)), gapAndLead.second)
-            << "gap " << gapAndLead.first;
-    }
-}
-
 // Exactly a window of unreported records may be out; the next waits for a
 // report. A client that stays silent through the wait is given up once and
 // then not waited for until it reports again.

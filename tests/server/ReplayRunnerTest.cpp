@@ -145,9 +145,9 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
         for (size_t i = 3; i + 1 < view.received.size(); ++i, next += 2) {
             const srv::PlannedRecord& planned = plan.records[next];
             ASSERT_EQ(view.received[i].bytes, planned.record) << "datagram " << i;
-            // The clock's origin is a lead time before the start, and each
-            // record goes out a lead time before its moment.
-            const int64_t due = planned.timeMs - plan.startMs;
+            // The clock's origin is a lead time before the start; each
+            // record goes out at its moment.
+            const int64_t due = planned.timeMs - plan.startMs + m_settings.serverLeadTimeMs;
             const int64_t late = Ms(view.received[i].arrival - anchor) - due;
             // Never early (the clock command itself takes a moment to arrive).
             EXPECT_GE(late, -3) << "record at " << planned.timeMs;
