@@ -1,8 +1,5 @@
 #include "libreplay/server/ReplayLogManager.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +10,7 @@
 #include "ReplayManager/FileLogger.h"
 #include "ReplayManager/MemoryBuffer.h"
 #include "ReplayManager/ReplayDebug.h"
+#include "reference/src/file_io.h"
 #include "reference/src/operating_system.h"
 #include "libreplay/server/ReplayLogger.h"
 
@@ -40,23 +38,23 @@ bool DebugFileLogOn() {
 // Otherwise the stream pipe stays.
 void UsePacketMode(CPipe& pipe) {
     int ends[2];
-    if (pipe2(ends, O_DIRECT) != 0) {
+    if (!ReplayPlatform::OpenPipe(ends, ReplayPlatform::PipeMode::kPacket)) {
         return;
     }
-    if (dup2(ends[0], pipe.getReadDescriptor()) < 0 ||
-        dup2(ends[1], pipe.getWriteDescriptor()) < 0) {
+    if (!ReplayPlatform::ReplaceDescriptor(ends[0], pipe.getReadDescriptor()) ||
+        !ReplayPlatform::ReplaceDescriptor(ends[1], pipe.getWriteDescriptor())) {
         // Neither end was switched, or both pipes are now crossed: fall back
         // to a fresh stream pipe on the same numbers.
         int stream[2];
-        if (::pipe(stream) == 0) {
-            dup2(stream[0], pipe.getReadDescriptor());
-            dup2(stream[1], pipe.getWriteDescriptor());
-            ::close(stream[0]);
-            ::close(stream[1]);
+        if (ReplayPlatform::OpenPipe(stream, ReplayPlatform::PipeMode::kStream)) {
+            (void)ReplayPlatform::ReplaceDescriptor(stream[0], pipe.getReadDescriptor());
+            (void)ReplayPlatform::ReplaceDescriptor(stream[1], pipe.getWriteDescriptor());
+            ReplayPlatform::CloseDescriptor(stream[0]);
+            ReplayPlatform::CloseDescriptor(stream[1]);
         }
     }
-    ::close(ends[0]);
-    ::close(ends[1]);
+    ReplayPlatform::CloseDescriptor(ends[0]);
+    ReplayPlatform::CloseDescriptor(ends[1]);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/select.h>
+// The server side of the UDP socket: binds, receives and sends itself.
 #include <sys/socket.h>
 
 #include <cerrno>

@@ -19,6 +19,7 @@
 #include "ReplayManager/ReplayDebug.h"
 #include "libreplay/server/ReplayError.h"
 #include "ReplayManager/ReplayRuntimeOptions.h"
+#include "ReplayManager/SocketOptions.h"
 
 namespace {
 
@@ -54,6 +55,28 @@ void KeepAddressList(addrinfo* list) {
 }
 
 }  // namespace
+
+namespace ReplaySockets {
+
+int EnlargeReceiveBuffer(int socket, int wanted) {
+    // Linux caps SO_RCVBUF at rmem_max; SO_RCVBUFFORCE passes the cap when
+    // the process may, so it is tried first.
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0) {
+        (void)setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    }
+    int inForce = 0;
+    socklen_t size = sizeof inForce;
+    if (getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &inForce, &size) != 0) {
+        return 0;
+    }
+    return inForce;
+}
+
+void StopReceiving(int socket) {
+    (void)::shutdown(socket, SHUT_RD);
+}
+
+}  // namespace ReplaySockets
 
 UDPSocket::~UDPSocket() {
     if (DebugOutputAttached()) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +17,8 @@
 #include <nlohmann/json.hpp>
 
 #include "logger/LogBatchWriter.h"
+#include "reference/src/child_process.h"
+#include "reference/src/file_io.h"
 #include "logger/LogFileWriter.h"
 
 namespace MulticoreLogService {
@@ -87,10 +88,10 @@ LoggerService::LoggerService(LoggerOptions options)
 LoggerService::~LoggerService() {
     Stop();
     if (m_wakeRead >= 0) {
-        close(m_wakeRead);
+        ReplayPlatform::CloseDescriptor(m_wakeRead);
     }
     if (m_wakeWrite >= 0) {
-        close(m_wakeWrite);
+        ReplayPlatform::CloseDescriptor(m_wakeWrite);
     }
 }
 
@@ -168,7 +169,7 @@ bool LoggerService::Start() {
         }
     }
     int wake[2];
-    if (pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
+    if (!ReplayPlatform::OpenPipe(wake, ReplayPlatform::PipeMode::kStream, true)) {
         m_error = std::string("cannot create wake-up pipe: ") + strerror(errno);
         CloseDevices();
         m_devices.clear();
@@ -184,7 +185,7 @@ bool LoggerService::Start() {
     if (!m_options.readyFile.empty()) {
         FILE* ready = fopen(m_options.readyFile.c_str(), "w");
         if (ready != nullptr) {
-            fprintf(ready, "%d\n", static_cast<int>(getpid()));
+            fprintf(ready, "%d\n", ReplayPlatform::CurrentProcessId());
             fclose(ready);
         }
     }
@@ -202,24 +203,24 @@ void LoggerService::Stop() {
     // until then.
     m_stopping = true;
     const char wake = 1;
-    (void)!write(m_wakeWrite, &wake, 1);
+    (void)ReplayPlatform::WriteSome(m_wakeWrite, &wake, 1);
     m_pollThread.join();
     m_queue.Close();
     m_writerThread.join();
     CloseDevices();
     WriteStatisticsFile();
     if (!m_options.readyFile.empty()) {
-        unlink(m_options.readyFile.c_str());
+        (void)ReplayPlatform::RemoveFile(m_options.readyFile);
     }
 }
 
 void LoggerService::CloseDevices() {
     for (Device& device : m_devices) {
         if (device.readFd >= 0) {
-            close(device.readFd);
+            ReplayPlatform::CloseDescriptor(device.readFd);
         }
         if (device.keepOpenFd >= 0) {
-            close(device.keepOpenFd);
+            ReplayPlatform::CloseDescriptor(device.keepOpenFd);
         }
         device.readFd = device.keepOpenFd = -1;
     }
@@ -326,15 +327,12 @@ void LoggerService::HandleData(int which, const char* data, size_t length) {
 LoggerService::DrainResult LoggerService::Drain(Device& device, int which) {
     char* buffer = m_readBuffer.data();
     for (int round = 0; round < kReadsPerRound; ++round) {
-        const ssize_t got = read(device.readFd, buffer, m_readBuffer.size());
+        const ssize_t got = ReplayPlatform::ReadSome(device.readFd, buffer, m_readBuffer.size());
         if (got > 0) {
             HandleData(which, buffer, static_cast<size_t>(got));
             // One hand-over per read: the writer starts on it while the
             // next read is parsed.
             m_queue.Commit();
-            continue;
-        }
-        if (got < 0 && errno == EINTR) {
             continue;
         }
         // 0: every writer has closed the FIFO.
@@ -376,7 +374,7 @@ void LoggerService::PollLoop() {
             if (m_recordDataSeen) {
                 m_recordWritersGone = true;
             }
-            close(device.readFd);
+            ReplayPlatform::CloseDescriptor(device.readFd);
             device.readFd = -1;
             if (!OpenReadEnd(device)) {
                 fprintf(stderr, "replay-logger: %s\n", m_error.c_str());

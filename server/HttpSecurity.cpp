@@ -3,10 +3,11 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "reference/src/file_io.h"
 
 namespace ReplayServer {
 
@@ -35,19 +36,11 @@ std::string HttpAccessPolicy::GenerateToken() {
     if (fd < 0) {
         return "";
     }
-    size_t got = 0;
-    while (got < sizeof bytes) {
-        const ssize_t n = read(fd, bytes + got, sizeof bytes - got);
-        if (n <= 0) {
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            close(fd);
-            return "";
-        }
-        got += static_cast<size_t>(n);
+    const bool filled = ReplayPlatform::ReadUpTo(fd, bytes, sizeof bytes) == sizeof bytes;
+    ReplayPlatform::CloseDescriptor(fd);
+    if (!filled) {
+        return "";
     }
-    close(fd);
     static const char kHex[] = "0123456789abcdef";
     std::string token;
     for (unsigned char byte : bytes) {
@@ -61,7 +54,7 @@ bool HttpAccessPolicy::WriteTokenFile(const std::string& path, const std::string
                                       std::string& error) {
     // A fresh file each start: an old one (perhaps made with a wider mode,
     // or a link placed by someone else) is removed first and never followed.
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    if (!ReplayPlatform::RemoveFile(path)) {
         error = path + ": " + std::strerror(errno);
         return false;
     }
@@ -71,12 +64,12 @@ bool HttpAccessPolicy::WriteTokenFile(const std::string& path, const std::string
         return false;
     }
     const std::string line = token + "\n";
-    const bool written = fchmod(fd, 0600) == 0 &&
-                         write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    const bool written =
+        fchmod(fd, 0600) == 0 && ReplayPlatform::WriteAll(fd, line.data(), line.size());
     if (!written) {
         error = path + ": " + std::strerror(errno);
     }
-    close(fd);
+    ReplayPlatform::CloseDescriptor(fd);
     return written;
 }
 

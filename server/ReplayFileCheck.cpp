@@ -1,10 +1,11 @@
 #include "server/ReplayFileCheck.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "reference/src/file_io.h"
 
 namespace ReplayServer {
 
@@ -22,7 +23,7 @@ bool CheckReplayFile(const std::string& path, std::string& error) {
         error = "cannot replay " + path + ": not a regular file";
         return false;
     }
-    if (access(path.c_str(), R_OK) != 0) {
+    if (!ReplayPlatform::IsReadable(path)) {
         error = "cannot replay " + path + ": " + std::strerror(errno);
         return false;
     }

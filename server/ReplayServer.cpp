@@ -1,7 +1,6 @@
 #include "server/ReplayServer.h"
 
 #include <arpa/inet.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,6 +11,7 @@
 #include "ReplayManager/ClientRecord.h"
 #include "ReplayManager/FileLogger.h"
 #include "ReplayManager/ReplayDebug.h"
+#include "ReplayManager/SocketOptions.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "server/RecordItems.h"
 
@@ -90,14 +90,8 @@ bool ReplayServer::Start(std::string& error) {
         m_writer.reset();
         return false;
     }
-    // Linux caps SO_RCVBUF at rmem_max; SO_RCVBUFFORCE passes the cap when
-    // the process may, so try it first.
-    const int wanted = m_settings.receiveBufferBytes;
-    if (setsockopt(Socket(), SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0) {
-        setsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-    }
-    socklen_t size = sizeof m_receiveBufferBytes;
-    getsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &m_receiveBufferBytes, &size);
+    m_receiveBufferBytes =
+        ReplaySockets::EnlargeReceiveBuffer(Socket(), m_settings.receiveBufferBytes);
     FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: receive buffer %d bytes",
                           m_receiveBufferBytes);
     m_started = true;

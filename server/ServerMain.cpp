@@ -1,8 +1,6 @@
 #include "server/ServerMain.h"
 
 #include <poll.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -15,6 +13,8 @@
 #include "ReplayManager/ReplayRuntimeOptions.h"
 #include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayVersion.h"
+#include "reference/src/file_io.h"
+#include "reference/src/process_signals.h"
 #include "reference/src/target_root.h"
 #include "server/CommandWords.h"
 #include "server/ControlSocket.h"
@@ -55,11 +55,12 @@ void ReadStandardInput(ServerControl& control, const std::atomic<bool>& stop) {
     std::string pending;
     char buffer[1024];
     while (!stop.load() && !control.QuitRequested()) {
-        pollfd wait = {STDIN_FILENO, POLLIN, 0};
+        pollfd wait = {ReplayPlatform::kStandardInput, POLLIN, 0};
         if (poll(&wait, 1, 200) <= 0) {
             continue;
         }
-        const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
+        const ssize_t n =
+            ReplayPlatform::ReadSome(ReplayPlatform::kStandardInput, buffer, sizeof buffer);
         if (n <= 0) {
             return;  // no more interactive input; the server keeps running
         }
@@ -109,7 +110,7 @@ std::string DefaultWebRoot() {
                                    : self.substr(0, slash) + "/../" + REPLAY_WEB_ROOT_FROM_PREFIX;
     for (const std::string& candidate :
          {besideExecutable, std::string(REPLAY_INSTALLED_WEB_ROOT)}) {
-        if (!candidate.empty() && access((candidate + "/index.html").c_str(), R_OK) == 0) {
+        if (!candidate.empty() && ReplayPlatform::IsReadable(candidate + "/index.html")) {
             return candidate;
         }
     }
@@ -171,7 +172,7 @@ bool StartHttp(const CommonOptions& common, ReplayServer& server, ServerControl&
     http = std::make_unique<HttpApi>(server, control, settings, token, Print);
     if (!http->Start(error)) {
         http.reset();
-        unlink(tokenPath.c_str());
+        (void)ReplayPlatform::RemoveFile(tokenPath);
         std::fprintf(stderr, "ReplayManager: %s%s\n", error.c_str(),
                      common.http.empty() ? " (going on without it; --http ADDR:PORT)" : "");
         return common.http.empty();
@@ -195,12 +196,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
 
     // Only the main thread takes the stop signals; every thread made from
     // here on inherits the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    ReplayPlatform::BlockStopSignals();
 
     ServerSettings settings;
     settings.bindAddress = common.bind;
@@ -275,9 +271,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     const bool endWithJob = mode == Mode::kReplay || (mode == Mode::kRecord && recordSeconds > 0);
     bool signalled = false;
     while (!control.QuitRequested()) {
-        timespec wait = {0, 200 * 1000 * 1000};
-        const int signal = sigtimedwait(&stopSignals, nullptr, &wait);
-        if (signal == SIGINT || signal == SIGTERM) {
+        if (ReplayPlatform::WaitForStopSignal(200)) {
             signalled = true;
             break;
         }
@@ -299,7 +293,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     }
     if (http) {
         http->Stop();
-        unlink((controlPath + ".token").c_str());
+        (void)ReplayPlatform::RemoveFile(controlPath + ".token");
     }
     controlSocket.Stop();
     server.Shutdown();
