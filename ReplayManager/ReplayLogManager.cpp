@@ -19,7 +19,9 @@ using ReplayCore::MSTime;
 
 namespace {
 
-const char* const kSourceFile = "ReplayManager/ReplayLogger";
+// The write queue's errors and assertions are located in the logger's source,
+// the name under which readers of the error list know the whole log path.
+const char* const kLoggerSourceLocation = "ReplayManager/ReplayLogger";
 const char* const kWriteTag = "ReplayServer::ReplayLogger::WriteClientDataToLog";
 constexpr size_t kTextLimit = 128;
 // The receive buffer of the writer thread never grows past this.
@@ -121,7 +123,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
     unsigned int sequenceNumber, const std::string& record, ClientDataList* clients, bool flush) {
     const bool debug = DebugOutputAttached();
     if (m_currentBufferIdx >= MAX_BUFFERS) {
-        FileLogger::LogAssertion(332, kSourceFile, "m_currentBufferIdx < MAX_BUFFERS");
+        FileLogger::LogAssertion(332, kLoggerSourceLocation, "m_currentBufferIdx < MAX_BUFFERS");
     }
     m_clientNames.insert(clientName);
 
@@ -149,7 +151,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
         std::snprintf(text, sizeof text, "%d Buffers in Use; Exceeds limit of %d",
                       static_cast<int>(m_currentBufferIdx), static_cast<int>(MAX_BUFFERS));
         return ReplayErrorManager::Get().LogError(
-            ReplayError(353, kSourceFile, text, ReplayError::eErrorSevere));
+            ReplayError(353, kLoggerSourceLocation, text, ReplayError::eErrorSevere));
     }
 
     if (timestamp.m_timeMilliseconds <
@@ -163,7 +165,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
                       clientName.c_str(), timestamp.ToString().c_str(),
                       m_lastBlockTimestamp.ToString().c_str());
         const ReplayError late = ReplayErrorManager::Get().LogError(
-            ReplayError(361, kSourceFile, text, ReplayError::eErrorWarning));
+            ReplayError(361, kLoggerSourceLocation, text, ReplayError::eErrorWarning));
         if (debug) {
             dbgMessage("%s::%s: %s\n", DebugAppName(), kWriteTag, late.GetText().c_str());
         }
@@ -323,7 +325,7 @@ void LogWriterThread::execute() {
     static const char* const kTag = "ReplayServer::LogWriterThread::execute";
     if (!m_pipe.open(true, false)) {
         SetErrorStatus(ReplayErrorManager::Get().LogError(
-            ReplayError(543, kSourceFile, nullptr, ReplayError::eErrorFatal)));
+            ReplayError(543, kLoggerSourceLocation, nullptr, ReplayError::eErrorFatal)));
         return;
     }
     UsePacketMode(m_pipe);
@@ -340,7 +342,7 @@ void LogWriterThread::execute() {
         unsigned char* data = buffer.ExpandBuffer(readSize, false);
         if (data == nullptr) {
             SetErrorStatus(ReplayErrorManager::Get().LogError(
-                ReplayError(557, kSourceFile, "Null Buffer Returned by AllocateBuffer",
+                ReplayError(557, kLoggerSourceLocation, "Null Buffer Returned by AllocateBuffer",
                             ReplayError::eErrorFatal)));
             break;
         }
@@ -354,7 +356,7 @@ void LogWriterThread::execute() {
                          std::strerror(errno));
             }
             SetErrorStatus(ReplayErrorManager::Get().LogError(
-                ReplayError(568, kSourceFile, nullptr, ReplayError::eErrorSevere)));
+                ReplayError(568, kLoggerSourceLocation, nullptr, ReplayError::eErrorSevere)));
             break;
         }
         const std::string message(reinterpret_cast<const char*>(data), static_cast<size_t>(length));

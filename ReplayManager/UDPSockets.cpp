@@ -26,7 +26,6 @@ namespace {
 const char* const kSourceFile = "ReplayManager/UDPSockets";
 
 // Source lines under which failures of this file are recorded.
-constexpr int kLineSocketAssertion = 185;
 constexpr int kLineSocketFailed = 186;
 constexpr int kLineAddressFailed = 198;
 constexpr int kLineConnectFailed = 209;
@@ -185,8 +184,8 @@ int UDPSocketClient::Open(const char* serverName, int port) {
     const int newSocket = makeSocket(AF_INET, SOCK_DGRAM, 0);
     if (newSocket == INVALID_SOCKET) {
         const int error = errno;
-        ReplayCore::FileLogger::LogAssertion(kLineSocketAssertion, kSourceFile,
-                                             "INVALID_SOCKET != newSocket");
+        // No fixed line is known for this assertion: it names where it stands.
+        ReplayCore::FileLogger::LogAssertion(__LINE__, kSourceFile, "INVALID_SOCKET != newSocket");
         errno = error;
         LogSocketError(kLineSocketFailed, nullptr);
         errno = error;

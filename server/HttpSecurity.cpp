@@ -50,27 +50,24 @@ std::string HttpAccessPolicy::GenerateToken() {
     return token;
 }
 
-bool HttpAccessPolicy::WriteTokenFile(const std::string& path, const std::string& token,
-                                      std::string& error) {
+ReplayPlatform::Status HttpAccessPolicy::WriteTokenFile(const std::string& path,
+                                                        const std::string& token) {
+    using ReplayPlatform::Status;
     // A fresh file each start: an old one (perhaps made with a wider mode,
     // or a link placed by someone else) is removed first and never followed.
     if (!ReplayPlatform::RemoveFile(path)) {
-        error = path + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure(path, errno);
     }
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        error = path + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure(path, errno);
     }
     const std::string line = token + "\n";
     const bool written =
         fchmod(fd, 0600) == 0 && ReplayPlatform::WriteAll(fd, line.data(), line.size());
-    if (!written) {
-        error = path + ": " + std::strerror(errno);
-    }
+    const int writeError = errno;
     ReplayPlatform::CloseDescriptor(fd);
-    return written;
+    return written ? Status::Ok() : Status::SystemFailure(path, writeError);
 }
 
 bool HttpAccessPolicy::IsLoopbackAddress(const std::string& address) {

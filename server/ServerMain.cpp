@@ -163,12 +163,15 @@ bool StartHttp(const CommonOptions& common, ReplayServer& server, ServerControl&
     }
     const std::string token = HttpAccessPolicy::GenerateToken();
     const std::string tokenPath = controlPath + ".token";
-    std::string error;
-    if (token.empty() || !HttpAccessPolicy::WriteTokenFile(tokenPath, token, error)) {
+    const ReplayPlatform::Status tokenWritten =
+        token.empty() ? ReplayPlatform::Status::Failure("no random source")
+                      : HttpAccessPolicy::WriteTokenFile(tokenPath, token);
+    if (!tokenWritten.IsOk()) {
         std::fprintf(stderr, "ReplayManager: no web page: cannot make its token: %s\n",
-                     token.empty() ? "no random source" : error.c_str());
+                     tokenWritten.Message().c_str());
         return common.http.empty();
     }
+    std::string error;
     http = std::make_unique<HttpApi>(server, control, settings, token, Print);
     if (!http->Start(error)) {
         http.reset();
@@ -214,9 +217,9 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
                                    : common.journal;
     }
     ReplayServer server(settings);
-    std::string error;
-    if (!server.Start(error)) {
-        std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+    const ReplayPlatform::Status started = server.Start();
+    if (!started.IsOk()) {
+        std::fprintf(stderr, "ReplayManager: %s\n", started.Message().c_str());
         return 1;
     }
     ReplaySettings replaySettings;
@@ -235,6 +238,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         [&control](const std::string& line) { return control.Execute(line); });
     const std::string controlPath =
         common.control.empty() ? ReplayPlatform::TargetPath(kDefaultControlPath) : common.control;
+    std::string error;
     if (!controlSocket.Start(controlPath, error)) {
         std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
         return 1;
@@ -456,9 +460,9 @@ int ServerMain(int argc, char** argv) {
     if (*replay) {
         // Checked before anything is bound, so that a wrong path costs no
         // client a connection.
-        std::string fileError;
-        if (!CheckReplayFile(replayFile, fileError)) {
-            std::fprintf(stderr, "ReplayManager: %s\n", fileError.c_str());
+        const ReplayPlatform::Status fileCheck = CheckReplayFile(replayFile);
+        if (!fileCheck.IsOk()) {
+            std::fprintf(stderr, "ReplayManager: %s\n", fileCheck.Message().c_str());
             return 1;
         }
         std::string line = "replay " + QuoteCommandWord(replayFile);

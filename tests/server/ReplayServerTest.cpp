@@ -29,8 +29,7 @@ class ReplayServerTest : public ReplayTest::TargetRootTest {
             settings.port = 4400;
             settings.clientLimit = clientLimit;
             m_server.reset(new srv::ReplayServer(settings));
-            std::string error;
-            if (m_server->Start(error)) {
+            if (m_server->Start().IsOk()) {
                 return;
             }
         }
