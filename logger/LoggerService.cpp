@@ -95,38 +95,38 @@ LoggerService::~LoggerService() {
     }
 }
 
-bool LoggerService::CheckDevicePath(const std::string& path) {
+using ReplayPlatform::Status;
+
+Status LoggerService::CheckDevicePath(const std::string& path) {
     struct stat existing;
     if (lstat(path.c_str(), &existing) == 0 && !S_ISFIFO(existing.st_mode)) {
-        m_error = path + ": exists and is not a FIFO";
-        return false;
+        return Status::Failure(path + ": exists and is not a FIFO");
     }
-    return true;
+    return Status::Ok();
 }
 
-bool LoggerService::CreateDevice(Device& device, bool keepOpen) {
+Status LoggerService::CreateDevice(Device& device, bool keepOpen) {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(device.path).parent_path(), ignored);
     // An existing FIFO is reused: a writer that kept it open across our
     // restart still writes into it, and what it wrote meanwhile waits there.
     if (mkfifo(device.path.c_str(), 0666) != 0 && errno != EEXIST) {
-        m_error = device.path + ": cannot create FIFO: " + strerror(errno);
-        return false;
+        return Status::SystemFailure(device.path + ": cannot create FIFO", errno);
     }
-    if (!CheckDevicePath(device.path) || !OpenReadEnd(device)) {
-        return false;
+    Status status = CheckDevicePath(device.path);
+    if (status.IsOk()) {
+        status = OpenReadEnd(device);
     }
-    if (keepOpen) {
+    if (status.IsOk() && keepOpen) {
         device.keepOpenFd = open(device.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     }
-    return true;
+    return status;
 }
 
-bool LoggerService::OpenReadEnd(Device& device) {
+Status LoggerService::OpenReadEnd(Device& device) {
     device.readFd = open(device.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (device.readFd < 0) {
-        m_error = device.path + ": cannot open: " + strerror(errno);
-        return false;
+        return Status::SystemFailure(device.path + ": cannot open", errno);
     }
     // A large pipe buffer absorbs bursts while this thread is busy: the
     // replay server writes without waiting, so what does not fit is lost.
@@ -139,12 +139,12 @@ bool LoggerService::OpenReadEnd(Device& device) {
                     m_options.pipeSize > 0 && m_options.pipeSize < kOtherPipe ? m_options.pipeSize
                                                                               : kOtherPipe);
     }
-    return true;
+    return Status::Ok();
 }
 
-bool LoggerService::Start() {
+Status LoggerService::Start() {
     if (m_started) {
-        return true;
+        return Status::Ok();
     }
     const char* const paths[kDeviceCount] = {kRecordDevice, kDebugDevice, kConsoleDevice,
                                              kProbeDevice};
@@ -154,26 +154,28 @@ bool LoggerService::Start() {
     }
     // Anything in the way is found before a single device is opened.
     for (const Device& device : m_devices) {
-        if (!CheckDevicePath(device.path)) {
+        Status inTheWay = CheckDevicePath(device.path);
+        if (!inTheWay.IsOk()) {
             m_devices.clear();
-            return false;
+            return inTheWay;
         }
     }
     for (int i = 0; i < kDeviceCount; ++i) {
         // The record channel gets no writer of ours: its hang-up tells that
         // all writers have gone, and the next one re-attaches.
-        if (!CreateDevice(m_devices[i], i != kRecords)) {
+        Status created = CreateDevice(m_devices[i], i != kRecords);
+        if (!created.IsOk()) {
             CloseDevices();
             m_devices.clear();
-            return false;
+            return created;
         }
     }
     int wake[2];
     if (!ReplayPlatform::OpenPipe(wake, ReplayPlatform::PipeMode::kStream, true)) {
-        m_error = std::string("cannot create wake-up pipe: ") + strerror(errno);
+        const int pipeError = errno;
         CloseDevices();
         m_devices.clear();
-        return false;
+        return Status::SystemFailure("cannot create wake-up pipe", pipeError);
     }
     m_wakeRead = wake[0];
     m_wakeWrite = wake[1];
@@ -189,7 +191,7 @@ bool LoggerService::Start() {
             fclose(ready);
         }
     }
-    return true;
+    return Status::Ok();
 }
 
 void LoggerService::Stop() {
@@ -376,8 +378,9 @@ void LoggerService::PollLoop() {
             }
             ReplayPlatform::CloseDescriptor(device.readFd);
             device.readFd = -1;
-            if (!OpenReadEnd(device)) {
-                fprintf(stderr, "replay-logger: %s\n", m_error.c_str());
+            const Status reopened = OpenReadEnd(device);
+            if (!reopened.IsOk()) {
+                fprintf(stderr, "replay-logger: %s\n", reopened.Message().c_str());
             }
         }
     }

@@ -88,8 +88,9 @@ int main(int argc, char** argv) {
     ReplayPlatform::IgnoreSignal(SIGXFSZ);
 
     MulticoreLogService::LoggerService service(options);
-    if (!service.Start()) {
-        fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
+    const ReplayPlatform::Status started = service.Start();
+    if (!started.IsOk()) {
+        fprintf(stderr, "replay-logger: %s\n", started.Message().c_str());
         return 1;
     }
     printf(
