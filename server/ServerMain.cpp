@@ -171,12 +171,12 @@ bool StartHttp(const CommonOptions& common, ReplayServer& server, ServerControl&
                      tokenWritten.Message().c_str());
         return common.http.empty();
     }
-    std::string error;
     http = std::make_unique<HttpApi>(server, control, settings, token, Print);
-    if (!http->Start(error)) {
+    const ReplayPlatform::Status listening = http->Start();
+    if (!listening.IsOk()) {
         http.reset();
         (void)ReplayPlatform::RemoveFile(tokenPath);
-        std::fprintf(stderr, "ReplayManager: %s%s\n", error.c_str(),
+        std::fprintf(stderr, "ReplayManager: %s%s\n", listening.Message().c_str(),
                      common.http.empty() ? " (going on without it; --http ADDR:PORT)" : "");
         return common.http.empty();
     }
