@@ -347,10 +347,13 @@ void WriteVersionText() {
 
 std::string GetCommandLine(const std::string& process) {
     const std::string outputFile = ReplayPlatform::TargetPath(kCommandLineFile);
+    // What runs is the equivalent of this shell command line, which failure
+    // messages name.
+    const std::string command = " pidin a | grep " + process + " > " + outputFile;
     if (!WriteUtilityOutput({"pidin", "a"}, process, outputFile, false)) {
         if (DebugOutputAttached()) {
-            dbgError("%s::%s: Command pidin a | grep %s > %s failed\n", DebugAppName(),
-                     "libReplay::ReplayFiles::GetCommandLine", process.c_str(), outputFile.c_str());
+            dbgError("%s::%s: Command %s failed\n", DebugAppName(),
+                     "libReplay::ReplayFiles::GetCommandLine", command.c_str());
         }
         return std::string();
     }
