@@ -321,4 +321,3 @@ void ReplayRuntimeOptions::DisplayOptions() {
         }
     }
 }
-
