@@ -1,9 +1,6 @@
 // The process-wide replay client: its objects, created at load time in the
 // order below and destroyed in reverse at exit, and its initialisation.
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstdio>
@@ -18,6 +15,7 @@
 #include "libreplay/server/ReplayError.h"
 #include "ReplayManager/ReplayOutputFiler.h"
 #include "libreplay/server/ReplayRuntimeOptions.h"
+#include "reference/src/process_signals.h"
 
 using ReplayCore::FileLogger;
 using ReplayCore::MSTime;
@@ -221,9 +219,7 @@ int SetupConnection(const char* clientName, bool asynchronous, const void* initD
     g_clientStateManager.SetClientState(ReplayCore::eStateConnecting, nullptr);
 
     // The threads started below inherit the blocked signal.
-    sigemptyset(&signal_mask);
-    sigaddset(&signal_mask, SIGIO);
-    if (pthread_sigmask(SIG_BLOCK, &signal_mask, nullptr) != 0 && DebugOutputAttached()) {
+    if (!ReplayPlatform::BlockSignal(SIGIO, signal_mask) && DebugOutputAttached()) {
         dbgError("%s::%s: Error Returned by pthread_sigmask\n", DebugAppName(), kTag);
     }
 
@@ -330,7 +326,7 @@ int SetupConnection(const char* clientName, bool asynchronous, const void* initD
         return 0;
     }
     clientReadThread.start();
-    if (pthread_sigmask(SIG_UNBLOCK, &signal_mask, nullptr) != 0 && DebugOutputAttached()) {
+    if (!ReplayPlatform::UnblockSignals(signal_mask) && DebugOutputAttached()) {
         dbgError("%s::%s: Error Returned by pthread_sigmask\n", DebugAppName(), kTag);
     }
 

@@ -1,7 +1,6 @@
 #include "ReplayManager/ClientLogging.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include "ReplayManager/ClientGlobals.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayDebug.h"
+#include "reference/src/file_io.h"
 #include "libreplay/multicore.h"
 #include "libreplay/server/TargetRoot.h"
 
@@ -58,7 +58,7 @@ void WriteToDevice(const char* text, size_t length) {
     if (fd <= 0 || length == 0) {
         return;
     }
-    (void)!::write(fd, text, length);
+    (void)ReplayPlatform::WriteSome(fd, text, length);
 }
 
 const char* ClientName() {
@@ -83,13 +83,13 @@ int ConnectToDefaultLogger() {
     int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_APPEND);
     if (fd == 0) {
         // Descriptor 0 would read as "not open"; move it out of the way.
-        const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, 1);
-        ::close(fd);
+        const int moved = ReplayPlatform::DuplicateDescriptor(fd, 1);
+        ReplayPlatform::CloseDescriptor(fd);
         fd = moved;
     }
     if (fd > 0) {
         if (!g_defaultLoggerFD.compare_exchange_strong(current, fd, std::memory_order_relaxed)) {
-            ::close(fd);  // another thread connected first
+            ReplayPlatform::CloseDescriptor(fd);  // another thread connected first
             return 0;
         }
         return 1;
@@ -162,7 +162,7 @@ void SetupDefaultMessageHandlers(const char* appName) {
 void ResetClientLoggingForTesting() {
     const int fd = g_defaultLoggerFD.exchange(-1, std::memory_order_relaxed);
     if (fd > 0) {
-        ::close(fd);
+        ReplayPlatform::CloseDescriptor(fd);
     }
     g_connectFailures.store(0, std::memory_order_relaxed);
     g_infoMessages.store(0, std::memory_order_relaxed);

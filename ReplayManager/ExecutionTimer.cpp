@@ -126,11 +126,6 @@ ExecutionTimer& ExecutionTimerManager::GetTimer(const std::string& name) {
     return m_timers[kMaximumTimers - 1];
 }
 
-unsigned int ExecutionTimerManager::GetCount() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_count;
-}
-
 void ExecutionTimerManager::DisplayTimes() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (DebugOutputAttached()) {

@@ -49,7 +49,6 @@ class REPLAY_API ExecutionTimerManager {
     // shared.
     ExecutionTimer& GetTimer(const std::string& name);
     void DisplayTimes() const;
-    unsigned int GetCount() const;
 
   private:
     ExecutionTimerManager() = default;

@@ -1,7 +1,5 @@
 #include "libreplay/server/FileLogger.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -11,6 +9,7 @@
 
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayDebug.h"
+#include "reference/src/file_io.h"
 #include "reference/src/operating_system.h"
 #include "libreplay/server/TargetRoot.h"
 
@@ -264,7 +263,7 @@ int LogWriter::WriteToLog(int fd, FILE* stream, const char* data, unsigned int l
     if (fd < 1) {
         return -1;
     }
-    return static_cast<int>(::write(fd, data, length));
+    return static_cast<int>(ReplayPlatform::WriteSome(fd, data, length));
 }
 
 int LogWriter::WriteToLog(int fd, const char* data, unsigned int length) {
@@ -273,7 +272,7 @@ int LogWriter::WriteToLog(int fd, const char* data, unsigned int length) {
     }
     static CMutex logWriterLock;
     CMutexScopedLock lock(logWriterLock);
-    return static_cast<int>(::write(fd, data, length));
+    return static_cast<int>(ReplayPlatform::WriteSome(fd, data, length));
 }
 
 char ReplaceXMLEntity(char c) {

@@ -6,6 +6,7 @@
 // thread. All of them are defined, in their construction order, in
 // CReplayClient.cpp.
 
+// For sigset_t: the client keeps the mask of its blocked signal process-wide.
 #include <signal.h>
 
 #include <atomic>

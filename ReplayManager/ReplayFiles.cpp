@@ -1,25 +1,21 @@
 #include "ReplayManager/ReplayFiles.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <thread>
+#include <sstream>
+#include <vector>
 
 #include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/TargetRoot.h"
-
-extern char** environ;
+#include "reference/src/child_process.h"
+#include "reference/src/file_io.h"
 
 namespace ReplayFiles {
 
@@ -31,98 +27,29 @@ namespace {
 using ReplayCore::FileLogger;
 
 // A diagnostic utility that does not finish within this time is killed.
-constexpr std::chrono::seconds kShellCommandTimeout(10);
+constexpr std::chrono::seconds kUtilityTimeout(10);
 
-// The first word of a shell command line: the program it starts.
-std::string ProgramOf(const std::string& command) {
-    const size_t begin = command.find_first_not_of(" \t");
-    if (begin == std::string::npos) {
-        return std::string();
-    }
-    const size_t end = command.find_first_of(" \t|<>;&", begin);
-    return command.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
-}
-
-bool ProgramIsAvailable(const std::string& program) {
-    if (program.empty()) {
+// Runs a diagnostic utility (searched on PATH) and writes the lines of its
+// output that contain `filter` to `path`, appended or replacing the file.
+// The utilities exist only on the target system, so on other hosts they
+// must fail silently: nothing reaches the application's terminal, a utility
+// that cannot be started leaves the file untouched and counts as failed, and
+// one that does not finish in time is killed.
+bool WriteUtilityOutput(const std::vector<std::string>& arguments, const std::string& filter,
+                        const std::string& path, bool append) {
+    std::string output;
+    if (ReplayPlatform::RunProgram(arguments, kUtilityTimeout, output) == -1) {
         return false;
     }
-    if (program.find('/') != std::string::npos) {
-        return access(program.c_str(), X_OK) == 0;
-    }
-    const char* searchPath = std::getenv("PATH");
-    const std::string directories = searchPath != nullptr ? searchPath : "/usr/bin:/bin";
-    size_t start = 0;
-    while (start <= directories.size()) {
-        size_t end = directories.find(':', start);
-        if (end == std::string::npos) {
-            end = directories.size();
+    std::ofstream file(path, append ? std::ios::app : std::ios::trunc);
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.find(filter) != std::string::npos) {
+            file << line << '\n';
         }
-        const std::string directory =
-            end > start ? directories.substr(start, end - start) : std::string(".");
-        if (access((directory + "/" + program).c_str(), X_OK) == 0) {
-            return true;
-        }
-        start = end + 1;
     }
-    return false;
-}
-
-// Runs `command` through the shell and returns its wait status, or -1 when it
-// could not be run. The report's utilities exist only on the target system, so
-// on other hosts they must fail silently: instead of system() the command is
-// started with posix_spawn of "sh -c" with stdin and stderr on /dev/null (no
-// "not found" noise on the application's terminal, no reads from its
-// terminal), a program missing from PATH counts as a call that could not be
-// run, and the wait is bounded so that a stuck utility cannot hang the caller.
-int RunShellCommand(const std::string& command) {
-    if (!ProgramIsAvailable(ProgramOf(command))) {
-        return -1;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawnattr_init(&attributes);
-    // Own process group, so that a timeout can stop the whole pipeline; no
-    // blocked signals inherited from the client's start-up.
-    sigset_t noSignals;
-    sigemptyset(&noSignals);
-    posix_spawnattr_setsigmask(&attributes, &noSignals);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK);
-
-    std::string commandText = command;
-    char shellName[] = "sh";
-    char option[] = "-c";
-    char* arguments[] = {shellName, option, &commandText[0], nullptr};
-    pid_t child = 0;
-    const int spawned = posix_spawn(&child, "/bin/sh", &actions, &attributes, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (spawned != 0) {
-        return -1;
-    }
-
-    const auto deadline = std::chrono::steady_clock::now() + kShellCommandTimeout;
-    int status = 0;
-    for (;;) {
-        const pid_t done = waitpid(child, &status, WNOHANG);
-        if (done == child) {
-            return status;
-        }
-        if (done < 0 && errno != EINTR) {
-            return -1;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill(-child, SIGKILL);
-            while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-            }
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    return true;
 }
 
 bool EqualsIgnoringCase(const std::string& text, const char* expected) {
@@ -132,7 +59,7 @@ bool EqualsIgnoringCase(const std::string& text, const char* expected) {
 }  // namespace
 
 bool FileExists(const char* path) {
-    return path != nullptr && access(path, F_OK) == 0;
+    return ReplayPlatform::PathExists(path);
 }
 
 bool DirectoryExists(const char* path) {
@@ -153,7 +80,7 @@ unsigned int GetFileSize(const char* path) {
 
 std::string GetWorkingDirectory() {
     char directory[255];
-    if (getcwd(directory, sizeof directory) == nullptr) {
+    if (!ReplayPlatform::CurrentDirectory(directory, sizeof directory)) {
         if (DebugOutputAttached()) {
             dbgError("%s::%s: Error Returned by GetCurrentDir: %s\n", DebugAppName(),
                      "libReplay::ReplayFiles::GetWorkingDirectory", std::strerror(errno));
@@ -350,9 +277,7 @@ void WriteReplayFileVersions(bool force) {
         static const char* const programs[] = {"ReplayManager", "libreplay.so", "pmx",
                                                "gpsfeed-dev"};
         for (size_t index = 0; index < sizeof programs / sizeof programs[0]; ++index) {
-            const std::string command = std::string("use -i ") + programs[index] +
-                                        (index == 0 ? " > " : " >> ") + reportFile;
-            if (RunShellCommand(command) == -1) {
+            if (!WriteUtilityOutput({"use", "-i", programs[index]}, "", reportFile, index > 0)) {
                 if (DebugOutputAttached()) {
                     dbgError("%s::%s: use command failed for %s\n", DebugAppName(),
                              "libReplay::ReplayFiles::WriteReplayFileVersions", programs[index]);
@@ -360,7 +285,7 @@ void WriteReplayFileVersions(bool force) {
                 break;
             }
         }
-        (void)RunShellCommand("ifconfig | grep address >> " + reportFile);
+        (void)WriteUtilityOutput({"ifconfig"}, "address", reportFile, true);
     }
 
     std::ifstream report(reportFile);
@@ -422,8 +347,10 @@ void WriteVersionText() {
 
 std::string GetCommandLine(const std::string& process) {
     const std::string outputFile = ReplayPlatform::TargetPath(kCommandLineFile);
+    // What runs is the equivalent of this shell command line, which failure
+    // messages name.
     const std::string command = " pidin a | grep " + process + " > " + outputFile;
-    if (RunShellCommand(command) == -1) {
+    if (!WriteUtilityOutput({"pidin", "a"}, process, outputFile, false)) {
         if (DebugOutputAttached()) {
             dbgError("%s::%s: Command %s failed\n", DebugAppName(),
                      "libReplay::ReplayFiles::GetCommandLine", command.c_str());

@@ -1,8 +1,5 @@
 #include "libreplay/server/ReplayLogManager.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +10,7 @@
 #include "libreplay/server/FileLogger.h"
 #include "ReplayManager/MemoryBuffer.h"
 #include "libreplay/server/ReplayDebug.h"
+#include "reference/src/file_io.h"
 #include "reference/src/operating_system.h"
 #include "libreplay/server/ReplayLogger.h"
 
@@ -21,7 +19,9 @@ using ReplayCore::MSTime;
 
 namespace {
 
-const char* const kSourceFile = "ReplayManager/ReplayLogger";
+// The write queue's errors and assertions are located in the logger's source,
+// the name under which readers of the error list know the whole log path.
+const char* const kLoggerSourceLocation = "ReplayManager/ReplayLogger";
 const char* const kWriteTag = "ReplayServer::ReplayLogger::WriteClientDataToLog";
 constexpr size_t kTextLimit = 128;
 // The receive buffer of the writer thread never grows past this.
@@ -40,23 +40,23 @@ bool DebugFileLogOn() {
 // Otherwise the stream pipe stays.
 void UsePacketMode(CPipe& pipe) {
     int ends[2];
-    if (pipe2(ends, O_DIRECT) != 0) {
+    if (!ReplayPlatform::OpenPipe(ends, ReplayPlatform::PipeMode::kPacket)) {
         return;
     }
-    if (dup2(ends[0], pipe.getReadDescriptor()) < 0 ||
-        dup2(ends[1], pipe.getWriteDescriptor()) < 0) {
+    if (!ReplayPlatform::ReplaceDescriptor(ends[0], pipe.getReadDescriptor()) ||
+        !ReplayPlatform::ReplaceDescriptor(ends[1], pipe.getWriteDescriptor())) {
         // Neither end was switched, or both pipes are now crossed: fall back
         // to a fresh stream pipe on the same numbers.
         int stream[2];
-        if (::pipe(stream) == 0) {
-            dup2(stream[0], pipe.getReadDescriptor());
-            dup2(stream[1], pipe.getWriteDescriptor());
-            ::close(stream[0]);
-            ::close(stream[1]);
+        if (ReplayPlatform::OpenPipe(stream, ReplayPlatform::PipeMode::kStream)) {
+            (void)ReplayPlatform::ReplaceDescriptor(stream[0], pipe.getReadDescriptor());
+            (void)ReplayPlatform::ReplaceDescriptor(stream[1], pipe.getWriteDescriptor());
+            ReplayPlatform::CloseDescriptor(stream[0]);
+            ReplayPlatform::CloseDescriptor(stream[1]);
         }
     }
-    ::close(ends[0]);
-    ::close(ends[1]);
+    ReplayPlatform::CloseDescriptor(ends[0]);
+    ReplayPlatform::CloseDescriptor(ends[1]);
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
     unsigned int sequenceNumber, const std::string& record, ClientDataList* clients, bool flush) {
     const bool debug = DebugOutputAttached();
     if (m_currentBufferIdx >= MAX_BUFFERS) {
-        FileLogger::LogAssertion(332, kSourceFile, "m_currentBufferIdx < MAX_BUFFERS");
+        FileLogger::LogAssertion(332, kLoggerSourceLocation, "m_currentBufferIdx < MAX_BUFFERS");
     }
     m_clientNames.insert(clientName);
 
@@ -151,7 +151,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
         std::snprintf(text, sizeof text, "%d Buffers in Use; Exceeds limit of %d",
                       static_cast<int>(m_currentBufferIdx), static_cast<int>(MAX_BUFFERS));
         return ReplayErrorManager::Get().LogError(
-            ReplayError(353, kSourceFile, text, ReplayError::eErrorSevere));
+            ReplayError(353, kLoggerSourceLocation, text, ReplayError::eErrorSevere));
     }
 
     if (timestamp.m_timeMilliseconds <
@@ -165,7 +165,7 @@ ReplayError ReplayLogManager::WriteClientDataToLog(
                       clientName.c_str(), timestamp.ToString().c_str(),
                       m_lastBlockTimestamp.ToString().c_str());
         const ReplayError late = ReplayErrorManager::Get().LogError(
-            ReplayError(361, kSourceFile, text, ReplayError::eErrorWarning));
+            ReplayError(361, kLoggerSourceLocation, text, ReplayError::eErrorWarning));
         if (debug) {
             dbgMessage("%s::%s: %s\n", DebugAppName(), kWriteTag, late.GetText().c_str());
         }
@@ -325,7 +325,7 @@ void LogWriterThread::execute() {
     static const char* const kTag = "ReplayServer::LogWriterThread::execute";
     if (!m_pipe.open(true, false)) {
         SetErrorStatus(ReplayErrorManager::Get().LogError(
-            ReplayError(543, kSourceFile, nullptr, ReplayError::eErrorFatal)));
+            ReplayError(543, kLoggerSourceLocation, nullptr, ReplayError::eErrorFatal)));
         return;
     }
     UsePacketMode(m_pipe);
@@ -342,7 +342,7 @@ void LogWriterThread::execute() {
         unsigned char* data = buffer.ExpandBuffer(readSize, false);
         if (data == nullptr) {
             SetErrorStatus(ReplayErrorManager::Get().LogError(
-                ReplayError(557, kSourceFile, "Null Buffer Returned by AllocateBuffer",
+                ReplayError(557, kLoggerSourceLocation, "Null Buffer Returned by AllocateBuffer",
                             ReplayError::eErrorFatal)));
             break;
         }
@@ -356,7 +356,7 @@ void LogWriterThread::execute() {
                          std::strerror(errno));
             }
             SetErrorStatus(ReplayErrorManager::Get().LogError(
-                ReplayError(568, kSourceFile, nullptr, ReplayError::eErrorSevere)));
+                ReplayError(568, kLoggerSourceLocation, nullptr, ReplayError::eErrorSevere)));
             break;
         }
         const std::string message(reinterpret_cast<const char*>(data), static_cast<size_t>(length));

@@ -1,7 +1,6 @@
 #include "libreplay/server/ReplayLogReader.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -11,6 +10,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/ReplayLogger.h"
+#include "reference/src/file_io.h"
 
 namespace ReplayCore {
 
@@ -212,7 +212,7 @@ ReplayLogReader::~ReplayLogReader() {
 
 void ReplayLogReader::Reset() {
     if (m_fd >= 0) {
-        close(m_fd);
+        ReplayPlatform::CloseDescriptor(m_fd);
     }
     m_fd = -1;
     m_memory = nullptr;
@@ -263,10 +263,7 @@ void ReplayLogReader::Fill(size_t wanted) {
     while (Available() < wanted && !m_endOfInput) {
         const size_t room = m_buffer.size() - m_end;
         if (m_fd >= 0) {
-            const ssize_t got = read(m_fd, m_buffer.data() + m_end, room);
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
+            const ssize_t got = ReplayPlatform::ReadSome(m_fd, m_buffer.data() + m_end, room);
             if (got < 0) {
                 m_readFailed = true;
                 m_lastError = std::string("read failed: ") + strerror(errno);

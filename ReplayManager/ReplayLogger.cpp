@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -12,6 +11,7 @@
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
 #include "libreplay/server/TargetRoot.h"
+#include "reference/src/file_io.h"
 
 using ReplayCore::FileLogger;
 
@@ -41,12 +41,12 @@ bool ProbeUsbMedium() {
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 1) {
         if (fd == 0) {
-            close(fd);
+            ReplayPlatform::CloseDescriptor(fd);
         }
         return false;
     }
     if (g_probeFD >= 0) {
-        close(g_probeFD);
+        ReplayPlatform::CloseDescriptor(g_probeFD);
     }
     g_probeFD = fd;
     return true;
@@ -192,10 +192,10 @@ ReplayError ReplayLogger::WriteTextToLog(const std::string& text) {
 void ReplayLogger::ResetForTesting() {
     const int fd = m_loggerFD.exchange(0);
     if (fd > 0) {
-        close(fd);
+        ReplayPlatform::CloseDescriptor(fd);
     }
     if (g_probeFD >= 0) {
-        close(g_probeFD);
+        ReplayPlatform::CloseDescriptor(g_probeFD);
         g_probeFD = -1;
     }
     g_connectFailures = 0;

@@ -321,21 +321,3 @@ void ReplayRuntimeOptions::DisplayOptions() {
         }
     }
 }
-
-std::string ReplayRuntimeOptions::GetConfigFilePath() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return configFilePath;
-}
-
-bool ReplayRuntimeOptions::IsFileOpened() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_fileOpened;
-}
-
-std::string ReplayRuntimeOptions::GetKey(ReplayOptionsEnum ro) const {
-    if (!IndexValid(ro, __LINE__, "eOptionsCount>ro")) {
-        return std::string();
-    }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_options[ro].key;
-}

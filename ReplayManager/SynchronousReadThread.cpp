@@ -2,7 +2,6 @@
 // from the server ('#' first) move the client's state and carry settings;
 // any other datagram is a replay record while the client replays.
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ReplayManager/SocketOptions.h"
 #include "ReplayManager/ClientLogging.h"
 #include "ReplayManager/MessageLimiter.h"
 #include "ReplayManager/ReplayClientInternal.h"
@@ -96,7 +96,7 @@ void SynchronousReadThread::RequestStop() {
         // A blocking read ends when the socket's receiving side is shut.
         const int socket = g_replayClient.Socket();
         if (socket > 0) {
-            ::shutdown(socket, SHUT_RD);
+            ReplaySockets::StopReceiving(socket);
         }
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kExitWaitMs);

@@ -7,7 +7,6 @@
 // layer's thread class.
 
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <atomic>
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/select.h>
+// The server side of the UDP socket: binds, receives and sends itself.
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -18,7 +19,9 @@ using ReplayCore::FileLogger;
 
 namespace {
 
-const char* const kSourceFile = "ReplayManager/UDPSockets";
+// The server socket's errors and assertions are located in the socket
+// source, like those of the client socket.
+const char* const kSocketSourceLocation = "ReplayManager/UDPSockets";
 constexpr size_t kTextLimit = 128;
 constexpr size_t kShortTextLimit = 64;
 // The receive buffer may grow to this, though datagrams are cut at 2048.
@@ -34,7 +37,7 @@ ReplayError LogSevere(const char* text) {
 
 ReplayError LogErrno(int line) {
     return ReplayErrorManager::Get().LogError(
-        ReplayError(line, kSourceFile, nullptr, ReplayError::eErrorSevere));
+        ReplayError(line, kSocketSourceLocation, nullptr, ReplayError::eErrorSevere));
 }
 
 std::string DottedAddress(const sockaddr_in& address) {
@@ -83,7 +86,7 @@ int UDPServerReadThread::ReadClientMessage(sockaddr* from, void* buffer, unsigne
             dbgError("%s::%s: Invalid Socket\n", DebugAppName(), kTag);
         }
         ReplayErrorManager::Get().LogError(
-            ReplayError(484, kSourceFile, "Invalid Socket", ReplayError::eErrorSevere));
+            ReplayError(484, kSocketSourceLocation, "Invalid Socket", ReplayError::eErrorSevere));
         FileLogger::LogToFile(FileLogger::eSeverityError, "Invalid Socket");
         return -1;
     }
@@ -176,6 +179,7 @@ void UDPServerReadThread::execute() {
 // Runs with the client-table lock held.
 void UDPServerReadThread::HandleDatagram(UDPSocketServer& server, const sockaddr_in& from,
                                          const char* data, int length) {
+    // A step of the read loop: its messages carry the loop's tag.
     static const char* const kTag = "libReplay::UDPServerReadThread::execute";
     ClientDataList& clients = server.GetClientDataList();
     m_clientDataLocked.store(1, std::memory_order_relaxed);
@@ -250,7 +254,7 @@ void UDPSocketServer::StopReadThread() {
 int UDPSocketServer::Open(int port, const char* /*ignoredAddress*/, int value) {
     static const char* const kTag = "libReplay::UDPSocketServer::Open";
     if (m_socket != INVALID_SOCKET) {
-        FileLogger::LogAssertion(548, kSourceFile, "INVALID_SOCKET == m_socket");
+        FileLogger::LogAssertion(548, kSocketSourceLocation, "INVALID_SOCKET == m_socket");
         return m_socket;
     }
     const int fd = makeSocket(AF_INET, SOCK_DGRAM, 0);
@@ -269,8 +273,10 @@ int UDPSocketServer::Open(int port, const char* /*ignoredAddress*/, int value) {
     address.sin_family = AF_INET;
 
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const int bindError = errno;
         FileLogger::LogToFile(FileLogger::eSeverityError, "Invalid Socket for Port %d", port);
         close();
+        errno = bindError;  // for the caller's message: the log and close may change it
         return -1;
     }
     m_serverValue = value;
@@ -352,7 +358,7 @@ ReplayError UDPSocketServer::SendTo(const std::string& clientName, const std::st
             std::snprintf(text, sizeof text, "%s: Sequence Number %d unexpected following %d",
                           clientName.c_str(), sequenceNumber, previous);
             ReplayErrorManager::Get().LogError(
-                ReplayError(782, kSourceFile, text, ReplayError::eErrorWarning));
+                ReplayError(782, kSocketSourceLocation, text, ReplayError::eErrorWarning));
         }
         client->UpdateClientStatus();
     }

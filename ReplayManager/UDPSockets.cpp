@@ -19,13 +19,13 @@
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/ReplayError.h"
 #include "libreplay/server/ReplayRuntimeOptions.h"
+#include "ReplayManager/SocketOptions.h"
 
 namespace {
 
 const char* const kSourceFile = "ReplayManager/UDPSockets";
 
 // Source lines under which failures of this file are recorded.
-constexpr int kLineSocketAssertion = 185;
 constexpr int kLineSocketFailed = 186;
 constexpr int kLineAddressFailed = 198;
 constexpr int kLineConnectFailed = 209;
@@ -54,6 +54,28 @@ void KeepAddressList(addrinfo* list) {
 }
 
 }  // namespace
+
+namespace ReplaySockets {
+
+int EnlargeReceiveBuffer(int socket, int wanted) {
+    // Linux caps SO_RCVBUF at rmem_max; SO_RCVBUFFORCE passes the cap when
+    // the process may, so it is tried first.
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0) {
+        (void)setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    }
+    int inForce = 0;
+    socklen_t size = sizeof inForce;
+    if (getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &inForce, &size) != 0) {
+        return 0;
+    }
+    return inForce;
+}
+
+void StopReceiving(int socket) {
+    (void)::shutdown(socket, SHUT_RD);
+}
+
+}  // namespace ReplaySockets
 
 UDPSocket::~UDPSocket() {
     if (DebugOutputAttached()) {
@@ -162,8 +184,8 @@ int UDPSocketClient::Open(const char* serverName, int port) {
     const int newSocket = makeSocket(AF_INET, SOCK_DGRAM, 0);
     if (newSocket == INVALID_SOCKET) {
         const int error = errno;
-        ReplayCore::FileLogger::LogAssertion(kLineSocketAssertion, kSourceFile,
-                                             "INVALID_SOCKET != newSocket");
+        // No fixed line is known for this assertion: it names where it stands.
+        ReplayCore::FileLogger::LogAssertion(__LINE__, kSourceFile, "INVALID_SOCKET != newSocket");
         errno = error;
         LogSocketError(kLineSocketFailed, nullptr);
         errno = error;

@@ -157,8 +157,9 @@ void BM_LoggerService(benchmark::State& state) {
     options.deviceRoot = directory.Path() + "/multicore";
     options.logFile = directory.Path() + "/LOGFILE.DAT";
     MulticoreLogService::LoggerService service(options);
-    if (!service.Start()) {
-        state.SkipWithError(service.Error().c_str());
+    const ReplayPlatform::Status started = service.Start();
+    if (!started.IsOk()) {
+        state.SkipWithError(started.Message().c_str());
         return;
     }
     const int fd =

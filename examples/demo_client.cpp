@@ -21,11 +21,9 @@
 // how far that last figure of each item so far is from the first item's
 // ("timing ms: mean M p99 P max X items N"), for the server's web page.
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <chrono>
 #include <cmath>
 #include <cstdio>

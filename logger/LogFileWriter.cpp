@@ -2,13 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <vector>
+
+#include "reference/src/file_io.h"
 
 namespace MulticoreLogService {
 
@@ -47,7 +49,7 @@ bool LogFileWriter::Append(const struct iovec* parts, int count) {
     // Where this append starts: a write that fails part way (a full medium
     // takes what fits) is cut back to here, so the file never ends in a torn
     // record that the records written after recovery would follow.
-    const off_t start = lseek(m_fd, 0, SEEK_END);
+    const off_t start = ReplayPlatform::FileEnd(m_fd);
     std::vector<struct iovec> rest(parts, parts + count);
     size_t next = 0;
     bool partial = false;
@@ -64,7 +66,7 @@ bool LogFileWriter::Append(const struct iovec* parts, int count) {
         if (written <= 0) {
             m_lastError = m_path + ": " + strerror(written < 0 ? errno : ENOSPC);
             if (partial && start >= 0) {
-                (void)!ftruncate(m_fd, start);
+                (void)ReplayPlatform::TruncateFile(m_fd, start);
             }
             Close();
             return false;
@@ -89,7 +91,7 @@ bool LogFileWriter::Append(const struct iovec* parts, int count) {
 
 void LogFileWriter::Sync() {
     if (m_fd >= 0 && m_dirty) {
-        fdatasync(m_fd);
+        (void)ReplayPlatform::SyncFileData(m_fd);
         m_dirty = false;
     }
 }
@@ -97,9 +99,9 @@ void LogFileWriter::Sync() {
 void LogFileWriter::Close() {
     if (m_fd >= 0) {
         if (m_dirty) {
-            fdatasync(m_fd);
+            (void)ReplayPlatform::SyncFileData(m_fd);
         }
-        close(m_fd);
+        ReplayPlatform::CloseDescriptor(m_fd);
     }
     m_fd = -1;
     m_dirty = false;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +17,8 @@
 #include <nlohmann/json.hpp>
 
 #include "logger/LogBatchWriter.h"
+#include "reference/src/child_process.h"
+#include "reference/src/file_io.h"
 #include "logger/LogFileWriter.h"
 
 namespace MulticoreLogService {
@@ -87,45 +88,45 @@ LoggerService::LoggerService(LoggerOptions options)
 LoggerService::~LoggerService() {
     Stop();
     if (m_wakeRead >= 0) {
-        close(m_wakeRead);
+        ReplayPlatform::CloseDescriptor(m_wakeRead);
     }
     if (m_wakeWrite >= 0) {
-        close(m_wakeWrite);
+        ReplayPlatform::CloseDescriptor(m_wakeWrite);
     }
 }
 
-bool LoggerService::CheckDevicePath(const std::string& path) {
+using ReplayPlatform::Status;
+
+Status LoggerService::CheckDevicePath(const std::string& path) {
     struct stat existing;
     if (lstat(path.c_str(), &existing) == 0 && !S_ISFIFO(existing.st_mode)) {
-        m_error = path + ": exists and is not a FIFO";
-        return false;
+        return Status::Failure(path + ": exists and is not a FIFO");
     }
-    return true;
+    return Status::Ok();
 }
 
-bool LoggerService::CreateDevice(Device& device, bool keepOpen) {
+Status LoggerService::CreateDevice(Device& device, bool keepOpen) {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(device.path).parent_path(), ignored);
     // An existing FIFO is reused: a writer that kept it open across our
     // restart still writes into it, and what it wrote meanwhile waits there.
     if (mkfifo(device.path.c_str(), 0666) != 0 && errno != EEXIST) {
-        m_error = device.path + ": cannot create FIFO: " + strerror(errno);
-        return false;
+        return Status::SystemFailure(device.path + ": cannot create FIFO", errno);
     }
-    if (!CheckDevicePath(device.path) || !OpenReadEnd(device)) {
-        return false;
+    Status status = CheckDevicePath(device.path);
+    if (status.IsOk()) {
+        status = OpenReadEnd(device);
     }
-    if (keepOpen) {
+    if (status.IsOk() && keepOpen) {
         device.keepOpenFd = open(device.path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     }
-    return true;
+    return status;
 }
 
-bool LoggerService::OpenReadEnd(Device& device) {
+Status LoggerService::OpenReadEnd(Device& device) {
     device.readFd = open(device.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (device.readFd < 0) {
-        m_error = device.path + ": cannot open: " + strerror(errno);
-        return false;
+        return Status::SystemFailure(device.path + ": cannot open", errno);
     }
     // A large pipe buffer absorbs bursts while this thread is busy: the
     // replay server writes without waiting, so what does not fit is lost.
@@ -138,12 +139,12 @@ bool LoggerService::OpenReadEnd(Device& device) {
                     m_options.pipeSize > 0 && m_options.pipeSize < kOtherPipe ? m_options.pipeSize
                                                                               : kOtherPipe);
     }
-    return true;
+    return Status::Ok();
 }
 
-bool LoggerService::Start() {
+Status LoggerService::Start() {
     if (m_started) {
-        return true;
+        return Status::Ok();
     }
     const char* const paths[kDeviceCount] = {kRecordDevice, kDebugDevice, kConsoleDevice,
                                              kProbeDevice};
@@ -153,26 +154,28 @@ bool LoggerService::Start() {
     }
     // Anything in the way is found before a single device is opened.
     for (const Device& device : m_devices) {
-        if (!CheckDevicePath(device.path)) {
+        Status inTheWay = CheckDevicePath(device.path);
+        if (!inTheWay.IsOk()) {
             m_devices.clear();
-            return false;
+            return inTheWay;
         }
     }
     for (int i = 0; i < kDeviceCount; ++i) {
         // The record channel gets no writer of ours: its hang-up tells that
         // all writers have gone, and the next one re-attaches.
-        if (!CreateDevice(m_devices[i], i != kRecords)) {
+        Status created = CreateDevice(m_devices[i], i != kRecords);
+        if (!created.IsOk()) {
             CloseDevices();
             m_devices.clear();
-            return false;
+            return created;
         }
     }
     int wake[2];
-    if (pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
-        m_error = std::string("cannot create wake-up pipe: ") + strerror(errno);
+    if (!ReplayPlatform::OpenPipe(wake, ReplayPlatform::PipeMode::kStream, true)) {
+        const int pipeError = errno;
         CloseDevices();
         m_devices.clear();
-        return false;
+        return Status::SystemFailure("cannot create wake-up pipe", pipeError);
     }
     m_wakeRead = wake[0];
     m_wakeWrite = wake[1];
@@ -184,11 +187,11 @@ bool LoggerService::Start() {
     if (!m_options.readyFile.empty()) {
         FILE* ready = fopen(m_options.readyFile.c_str(), "w");
         if (ready != nullptr) {
-            fprintf(ready, "%d\n", static_cast<int>(getpid()));
+            fprintf(ready, "%d\n", ReplayPlatform::CurrentProcessId());
             fclose(ready);
         }
     }
-    return true;
+    return Status::Ok();
 }
 
 void LoggerService::Stop() {
@@ -202,24 +205,24 @@ void LoggerService::Stop() {
     // until then.
     m_stopping = true;
     const char wake = 1;
-    (void)!write(m_wakeWrite, &wake, 1);
+    (void)ReplayPlatform::WriteSome(m_wakeWrite, &wake, 1);
     m_pollThread.join();
     m_queue.Close();
     m_writerThread.join();
     CloseDevices();
     WriteStatisticsFile();
     if (!m_options.readyFile.empty()) {
-        unlink(m_options.readyFile.c_str());
+        (void)ReplayPlatform::RemoveFile(m_options.readyFile);
     }
 }
 
 void LoggerService::CloseDevices() {
     for (Device& device : m_devices) {
         if (device.readFd >= 0) {
-            close(device.readFd);
+            ReplayPlatform::CloseDescriptor(device.readFd);
         }
         if (device.keepOpenFd >= 0) {
-            close(device.keepOpenFd);
+            ReplayPlatform::CloseDescriptor(device.keepOpenFd);
         }
         device.readFd = device.keepOpenFd = -1;
     }
@@ -326,15 +329,12 @@ void LoggerService::HandleData(int which, const char* data, size_t length) {
 LoggerService::DrainResult LoggerService::Drain(Device& device, int which) {
     char* buffer = m_readBuffer.data();
     for (int round = 0; round < kReadsPerRound; ++round) {
-        const ssize_t got = read(device.readFd, buffer, m_readBuffer.size());
+        const ssize_t got = ReplayPlatform::ReadSome(device.readFd, buffer, m_readBuffer.size());
         if (got > 0) {
             HandleData(which, buffer, static_cast<size_t>(got));
             // One hand-over per read: the writer starts on it while the
             // next read is parsed.
             m_queue.Commit();
-            continue;
-        }
-        if (got < 0 && errno == EINTR) {
             continue;
         }
         // 0: every writer has closed the FIFO.
@@ -376,10 +376,11 @@ void LoggerService::PollLoop() {
             if (m_recordDataSeen) {
                 m_recordWritersGone = true;
             }
-            close(device.readFd);
+            ReplayPlatform::CloseDescriptor(device.readFd);
             device.readFd = -1;
-            if (!OpenReadEnd(device)) {
-                fprintf(stderr, "replay-logger: %s\n", m_error.c_str());
+            const Status reopened = OpenReadEnd(device);
+            if (!reopened.IsOk()) {
+                fprintf(stderr, "replay-logger: %s\n", reopened.Message().c_str());
             }
         }
     }

@@ -19,6 +19,7 @@
 #include "logger/ChannelParsers.h"
 #include "logger/LoggerStatistics.h"
 #include "logger/RecordQueue.h"
+#include "reference/src/status.h"
 
 namespace MulticoreLogService {
 
@@ -48,14 +49,13 @@ class LoggerService {
     LoggerService& operator=(const LoggerService&) = delete;
 
     // Creates the missing devices, reuses existing FIFOs and starts the
-    // threads; false with Error() set when a device path holds something
-    // other than a FIFO or cannot be created or opened.
-    bool Start();
+    // threads. Fails when a device path holds something other than a FIFO
+    // or cannot be created or opened.
+    ReplayPlatform::Status Start();
     // Reads what writers already put into the devices, writes everything
     // queued, syncs and stops. The FIFOs stay for the next start. Idempotent.
     void Stop();
 
-    const std::string& Error() const { return m_error; }
     const LoggerStatistics& Statistics() const { return m_statistics; }
     // "N records received, N written, N dropped (N queue full, N unwritable
     // at stop), N bytes, N outages".
@@ -79,11 +79,11 @@ class LoggerService {
         int keepOpenFd = -1;  // our own writer, so the FIFO never reports hang-up
     };
 
-    // False (with m_error) when `path` exists and is not a FIFO.
-    bool CheckDevicePath(const std::string& path);
-    bool CreateDevice(Device& device, bool keepOpen);
+    // Fails when `path` exists and is not a FIFO.
+    static ReplayPlatform::Status CheckDevicePath(const std::string& path);
+    ReplayPlatform::Status CreateDevice(Device& device, bool keepOpen);
     void CloseDevices();
-    bool OpenReadEnd(Device& device);
+    ReplayPlatform::Status OpenReadEnd(Device& device);
     void PollLoop();
     enum class DrainResult { kEmpty, kMore, kClosed };
     // Reads what the FIFO holds, up to a fair share per poll round.
@@ -95,7 +95,6 @@ class LoggerService {
 
     LoggerOptions m_options;
     LoggerStatistics m_statistics;
-    std::string m_error;
     std::vector<Device> m_devices;
     RecordQueue m_queue;
     std::vector<char> m_readBuffer;  // poll thread only

@@ -1,7 +1,5 @@
 // replay-logger: the logger service for the multicore device tree on Linux.
 
-#include <signal.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <string>
@@ -9,6 +7,7 @@
 #include "libreplay/ReplayVersion.h"
 #include "logger/LoggerService.h"
 #include "libreplay/server/TargetRoot.h"
+#include "reference/src/process_signals.h"
 
 int main(int argc, char** argv) {
     CLI::App app{
@@ -82,20 +81,16 @@ int main(int argc, char** argv) {
     options.consoleLogFile =
         consoleGiven ? consoleFile : ReplayPlatform::TargetPath("/tmp/ReplayConsole.txt");
 
-    // The threads inherit the blocked signals; only sigwait below sees them.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    // The threads inherit the blocked signals; only the wait below sees them.
+    ReplayPlatform::BlockStopSignals();
     // A log file at the process's file size limit fails the write (EFBIG),
     // reported and counted like a full medium, instead of ending the service.
-    signal(SIGXFSZ, SIG_IGN);
+    ReplayPlatform::IgnoreSignal(SIGXFSZ);
 
     MulticoreLogService::LoggerService service(options);
-    if (!service.Start()) {
-        fprintf(stderr, "replay-logger: %s\n", service.Error().c_str());
+    const ReplayPlatform::Status started = service.Start();
+    if (!started.IsOk()) {
+        fprintf(stderr, "replay-logger: %s\n", started.Message().c_str());
         return 1;
     }
     printf(
@@ -105,8 +100,8 @@ int main(int argc, char** argv) {
         options.queueBytes);
     fflush(stdout);
 
-    int received = 0;
-    sigwait(&stopSignals, &received);
+    while (!ReplayPlatform::WaitForStopSignal(-1)) {
+    }
     service.Stop();
     printf("replay-logger: %s\n", service.Summary().c_str());
     return 0;

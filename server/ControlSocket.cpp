@@ -2,10 +2,11 @@
 
 #include <poll.h>
 #include <pwd.h>
+// The control channel is a local socket of its own, with its peer checks.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
+#include <unistd.h>  // geteuid, unlink and close of the socket
 
 #include <cerrno>
 #include <chrono>

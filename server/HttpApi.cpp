@@ -129,7 +129,8 @@ HttpApi::~HttpApi() {
     Stop();
 }
 
-bool HttpApi::Start(std::string& error) {
+ReplayPlatform::Status HttpApi::Start() {
+    using ReplayPlatform::Status;
     m_http = std::make_unique<httplib::Server>();
     m_http->new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
     m_http->set_keep_alive_timeout(2);
@@ -137,21 +138,19 @@ bool HttpApi::Start(std::string& error) {
     if (m_settings.port == 0) {
         m_port = m_http->bind_to_any_port(m_settings.address);
         if (m_port <= 0) {
-            error = "cannot listen on " + m_settings.address + " for the web page";
-            return false;
+            return Status::Failure("cannot listen on " + m_settings.address + " for the web page");
         }
     } else {
         if (!m_http->bind_to_port(m_settings.address, m_settings.port)) {
-            error = "cannot listen on " + m_settings.address + ":" +
-                    std::to_string(m_settings.port) + " for the web page";
-            return false;
+            return Status::Failure("cannot listen on " + m_settings.address + ":" +
+                                   std::to_string(m_settings.port) + " for the web page");
         }
         m_port = m_settings.port;
     }
     m_policy = std::make_unique<HttpAccessPolicy>(m_token, m_settings.address, m_port);
     AddRoutes();
     m_thread = std::thread([this] { m_http->listen_after_bind(); });
-    return true;
+    return Status::Ok();
 }
 
 void HttpApi::Stop() {

@@ -49,7 +49,7 @@ class HttpApi {
 
     // Binds and starts serving; false with `error` when the address cannot
     // be bound.
-    bool Start(std::string& error);
+    ReplayPlatform::Status Start();
     void Stop();
     // The bound port (the chosen one when asked for 0).
     int Port() const { return m_port; }

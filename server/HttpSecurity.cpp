@@ -3,10 +3,11 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+
+#include "reference/src/file_io.h"
 
 namespace ReplayServer {
 
@@ -35,19 +36,11 @@ std::string HttpAccessPolicy::GenerateToken() {
     if (fd < 0) {
         return "";
     }
-    size_t got = 0;
-    while (got < sizeof bytes) {
-        const ssize_t n = read(fd, bytes + got, sizeof bytes - got);
-        if (n <= 0) {
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            close(fd);
-            return "";
-        }
-        got += static_cast<size_t>(n);
+    const bool filled = ReplayPlatform::ReadUpTo(fd, bytes, sizeof bytes) == sizeof bytes;
+    ReplayPlatform::CloseDescriptor(fd);
+    if (!filled) {
+        return "";
     }
-    close(fd);
     static const char kHex[] = "0123456789abcdef";
     std::string token;
     for (unsigned char byte : bytes) {
@@ -57,27 +50,24 @@ std::string HttpAccessPolicy::GenerateToken() {
     return token;
 }
 
-bool HttpAccessPolicy::WriteTokenFile(const std::string& path, const std::string& token,
-                                      std::string& error) {
+ReplayPlatform::Status HttpAccessPolicy::WriteTokenFile(const std::string& path,
+                                                        const std::string& token) {
+    using ReplayPlatform::Status;
     // A fresh file each start: an old one (perhaps made with a wider mode,
     // or a link placed by someone else) is removed first and never followed.
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        error = path + ": " + std::strerror(errno);
-        return false;
+    if (!ReplayPlatform::RemoveFile(path)) {
+        return Status::SystemFailure(path, errno);
     }
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        error = path + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure(path, errno);
     }
     const std::string line = token + "\n";
-    const bool written = fchmod(fd, 0600) == 0 &&
-                         write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-    if (!written) {
-        error = path + ": " + std::strerror(errno);
-    }
-    close(fd);
-    return written;
+    const bool written =
+        fchmod(fd, 0600) == 0 && ReplayPlatform::WriteAll(fd, line.data(), line.size());
+    const int writeError = errno;
+    ReplayPlatform::CloseDescriptor(fd);
+    return written ? Status::Ok() : Status::SystemFailure(path, writeError);
 }
 
 bool HttpAccessPolicy::IsLoopbackAddress(const std::string& address) {

@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
 class HttpAccessPolicy {
@@ -20,9 +22,8 @@ class HttpAccessPolicy {
     // be read.
     static std::string GenerateToken();
     // Writes `token` to `path` with mode 0600 (replacing an older file, never
-    // through a symbolic link); false with `error` when it cannot.
-    static bool WriteTokenFile(const std::string& path, const std::string& token,
-                               std::string& error);
+    // through a symbolic link).
+    static ReplayPlatform::Status WriteTokenFile(const std::string& path, const std::string& token);
     static bool IsLoopbackAddress(const std::string& address);
 
     const std::string& Token() const { return m_token; }

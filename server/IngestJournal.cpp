@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <algorithm>
 #include <unordered_map>
+
+#include "reference/src/file_io.h"
 
 namespace ReplayServer {
 
@@ -29,23 +30,6 @@ void AppendEntry(std::string& out, char kind, const char* data, size_t size) {
         static_cast<char>((length >> 16) & 0xff), static_cast<char>((length >> 24) & 0xff)};
     out.append(header, kEntryHeader);
     out.append(data, size);
-}
-
-bool ReadWhole(int fd, std::string& contents) {
-    char chunk[65536];
-    for (;;) {
-        const ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            return false;
-        }
-        if (got == 0) {
-            return true;
-        }
-        contents.append(chunk, static_cast<size_t>(got));
-    }
 }
 
 void MakeParentDirectories(const std::string& path) {
@@ -87,10 +71,11 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
     std::string contents;
     const int existing = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (existing >= 0) {
-        const bool read = ReadWhole(existing, contents);
-        ::close(existing);
+        const bool read = ReplayPlatform::ReadToEnd(existing, contents);
+        const int readError = errno;
+        ReplayPlatform::CloseDescriptor(existing);
         if (!read) {
-            error = "cannot read the journal " + m_path + ": " + std::strerror(errno);
+            error = "cannot read the journal " + m_path + ": " + std::strerror(readError);
             return false;
         }
     }
@@ -145,15 +130,15 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
     }
     const int previous = m_fd;
     m_fd = fd;
-    const bool wrote = WriteAll(kept.data(), kept.size()) && ::fdatasync(fd) == 0;
+    const bool wrote = WriteAll(kept.data(), kept.size()) && ReplayPlatform::SyncFileData(fd);
     if (!wrote || ::rename(fresh.c_str(), m_path.c_str()) != 0) {
         error = "cannot write the journal " + m_path + ": " + std::strerror(errno);
-        ::close(fd);
+        ReplayPlatform::CloseDescriptor(fd);
         m_fd = previous;  // a failed compaction keeps the old file going
         return false;
     }
     if (previous >= 0) {
-        ::close(previous);
+        ReplayPlatform::CloseDescriptor(previous);
     }
     m_fileBytes = kept.size();
     // A journal whose unwritten part is large is not rewritten over and over.
@@ -183,7 +168,7 @@ void IngestJournal::Close() {
     if (m_fd >= 0) {
         FlushGathered(Clock::now() + kSyncInterval);
         std::lock_guard<std::mutex> lock(m_fileMutex);
-        ::close(m_fd);
+        ReplayPlatform::CloseDescriptor(m_fd);
         m_fd = -1;
     }
 }
@@ -227,7 +212,7 @@ void IngestJournal::FlushGathered(Clock::time_point now) {
     // out, which can stall every other writer on the medium (a replaying
     // client's own files among them) while nothing here needs it.
     if (m_fd >= 0 && m_unsynced && now - m_lastSync >= kSyncInterval) {
-        ::fdatasync(m_fd);
+        ReplayPlatform::SyncFileData(m_fd);
         m_lastSync = now;
         m_unsynced = false;
     }
@@ -236,8 +221,8 @@ void IngestJournal::FlushGathered(Clock::time_point now) {
 void IngestJournal::Reset() {
     FlushGathered(Clock::now());
     std::lock_guard<std::mutex> lock(m_fileMutex);
-    if (m_fd >= 0 && ::ftruncate(m_fd, 0) == 0) {
-        ::fdatasync(m_fd);
+    if (m_fd >= 0 && ReplayPlatform::TruncateFile(m_fd, 0)) {
+        ReplayPlatform::SyncFileData(m_fd);
         m_fileBytes = 0;
     }
 }
@@ -247,19 +232,12 @@ bool IngestJournal::WriteAll(const char* data, size_t size) {
         m_writeFailures.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
-    while (size > 0) {
-        const ssize_t wrote = ::write(m_fd, data, size);
-        if (wrote < 0 && errno == EINTR) {
-            continue;
-        }
-        if (wrote <= 0) {
-            m_writeFailures.fetch_add(1, std::memory_order_relaxed);
-            return false;
-        }
-        data += wrote;
-        size -= static_cast<size_t>(wrote);
-        m_fileBytes += static_cast<size_t>(wrote);
-        m_unsynced = true;
+    const size_t wrote = ReplayPlatform::WriteUpTo(m_fd, data, size);
+    m_fileBytes += wrote;
+    m_unsynced = m_unsynced || wrote > 0;
+    if (wrote < size) {
+        m_writeFailures.fetch_add(1, std::memory_order_relaxed);
+        return false;
     }
     return true;
 }

@@ -1,32 +1,30 @@
 #include "server/ReplayFileCheck.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+
+#include "reference/src/file_io.h"
 
 namespace ReplayServer {
 
-bool CheckReplayFile(const std::string& path, std::string& error) {
+ReplayPlatform::Status CheckReplayFile(const std::string& path) {
+    using ReplayPlatform::Status;
+    const std::string context = "cannot replay " + path;
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
-        error = "cannot replay " + path + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure(context, errno);
     }
     if (S_ISDIR(status.st_mode)) {
-        error = "cannot replay " + path + ": it is a directory";
-        return false;
+        return Status::Failure(context + ": it is a directory");
     }
     if (!S_ISREG(status.st_mode)) {
-        error = "cannot replay " + path + ": not a regular file";
-        return false;
+        return Status::Failure(context + ": not a regular file");
     }
-    if (access(path.c_str(), R_OK) != 0) {
-        error = "cannot replay " + path + ": " + std::strerror(errno);
-        return false;
+    if (!ReplayPlatform::IsReadable(path)) {
+        return Status::SystemFailure(context, errno);
     }
-    return true;
+    return Status::Ok();
 }
 
 }  // namespace ReplayServer

@@ -3,12 +3,14 @@
 
 #include <string>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
-// True when `path` is a regular file the process can read. Otherwise false
-// with `error` set ("cannot replay PATH: ..."). Never blocks: FIFOs and
+// Succeeds when `path` is a regular file the process can read; otherwise the
+// failure says why ("cannot replay PATH: ..."). Never blocks: FIFOs and
 // devices are refused by their type, before any open.
-bool CheckReplayFile(const std::string& path, std::string& error);
+ReplayPlatform::Status CheckReplayFile(const std::string& path);
 
 }  // namespace ReplayServer
 

@@ -1,7 +1,6 @@
 #include "server/ReplayServer.h"
 
 #include <arpa/inet.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -41,25 +40,24 @@ ReplayServer::~ReplayServer() {
     Shutdown();
 }
 
-bool ReplayServer::Start(std::string& error) {
+ReplayPlatform::Status ReplayServer::Start() {
+    using ReplayPlatform::Status;
     if (m_started) {
-        return true;
+        return Status::Ok();
     }
     // The writer first: records may arrive as soon as the socket is bound.
     m_writer.reset(new LogWriterThread(m_writerState, kWriterStackSize, kWriterPriority));
     m_writer->SetClientDataList(&GetClientDataList());
     if (!m_writer->start()) {
-        error = "cannot start the log writer thread";
         m_writer.reset();
-        return false;
+        return Status::Failure("cannot start the log writer thread");
     }
     for (int waited = 0; !LogWriterThread::PipeOpen() && waited < 2000; ++waited) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     if (!LogWriterThread::PipeOpen()) {
-        error = "the log writer thread did not open its pipe";
         m_writer.reset();
-        return false;
+        return Status::Failure("the log writer thread did not open its pipe");
     }
 
     m_reorder.reset(
@@ -67,13 +65,13 @@ bool ReplayServer::Start(std::string& error) {
                                 [this](const std::string& record) { return PassOn(record); }));
     m_reorder->Start();
     if (!m_settings.journalPath.empty()) {
-        std::string journalError;
-        if (!Recover(journalError)) {
+        const Status recovered = Recover();
+        if (!recovered.IsOk()) {
             // Recording still works; only a crash would cost more.
-            std::printf("\nReplayManager: no crash journal: %s\n", journalError.c_str());
+            std::printf("\nReplayManager: no crash journal: %s\n", recovered.Message().c_str());
             std::fflush(stdout);
             FileLogger::LogToFile(FileLogger::eSeverityError, "ReplayManager: no crash journal: %s",
-                                  journalError.c_str());
+                                  recovered.Message().c_str());
         }
     }
 
@@ -81,27 +79,20 @@ bool ReplayServer::Start(std::string& error) {
         SetBindAddress(m_settings.bindAddress);
     }
     if (Open(m_settings.port, nullptr, static_cast<int>(m_settings.clientLimit)) < 0) {
-        char text[160];
-        std::snprintf(text, sizeof text, "cannot bind UDP port %d on %s: %s", m_settings.port,
-                      m_settings.bindAddress.empty() ? "0.0.0.0" : m_settings.bindAddress.c_str(),
-                      std::strerror(errno));
-        error = text;
+        const int bindError = errno;
         m_reorder.reset();
         m_writer.reset();
-        return false;
+        return Status::SystemFailure(
+            "cannot bind UDP port " + std::to_string(m_settings.port) + " on " +
+                (m_settings.bindAddress.empty() ? "0.0.0.0" : m_settings.bindAddress),
+            bindError);
     }
-    // Linux caps SO_RCVBUF at rmem_max; SO_RCVBUFFORCE passes the cap when
-    // the process may, so try it first.
-    const int wanted = m_settings.receiveBufferBytes;
-    if (setsockopt(Socket(), SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0) {
-        setsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-    }
-    socklen_t size = sizeof m_receiveBufferBytes;
-    getsockopt(Socket(), SOL_SOCKET, SO_RCVBUF, &m_receiveBufferBytes, &size);
+    m_receiveBufferBytes =
+        ReplaySockets::EnlargeReceiveBuffer(Socket(), m_settings.receiveBufferBytes);
     FileLogger::LogToFile(FileLogger::eSeverityInfo, "ReplayManager: receive buffer %d bytes",
                           m_receiveBufferBytes);
     m_started = true;
-    return true;
+    return Status::Ok();
 }
 
 void ReplayServer::Shutdown() {
@@ -134,17 +125,18 @@ void ReplayServer::Shutdown() {
     }
 }
 
-bool ReplayServer::Recover(std::string& error) {
+ReplayPlatform::Status ReplayServer::Recover() {
     m_journal.reset(new IngestJournal(m_settings.journalPath));
     std::vector<std::string> unwritten;
+    std::string error;
     if (!m_journal->Open(unwritten, error)) {
         m_journal.reset();
-        return false;
+        return ReplayPlatform::Status::Failure(error);
     }
     ReplayLogManager::SetWrittenHook(&ReplayServer::RecordWritten, this);
     m_journal->Start();
     if (unwritten.empty()) {
-        return true;
+        return ReplayPlatform::Status::Ok();
     }
     // Already journaled: straight into the hold, which orders them, then a
     // flush writes them out as a segment of their own.
@@ -170,7 +162,7 @@ bool ReplayServer::Recover(std::string& error) {
     if (flushed && refused == 0 && m_journal->WrittenCount() >= unwritten.size()) {
         m_journal->Reset();
     }
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 void ReplayServer::RecordWritten(void* server, const char* record, size_t length) {

@@ -26,6 +26,7 @@
 #include "server/RecordTimeWindow.h"
 #include "server/ReplayDelivery.h"
 #include "server/SourceAllowList.h"
+#include "reference/src/status.h"
 
 namespace ReplayServer {
 
@@ -121,8 +122,8 @@ class ReplayServer : public UDPSocketServer {
     ReplayServer& operator=(const ReplayServer&) = delete;
 
     // Binds the socket, enlarges its receive buffer and starts the log writer
-    // thread. False with `error` when the port cannot be bound.
-    bool Start(std::string& error);
+    // thread. Fails when a thread cannot start or the port cannot be bound.
+    ReplayPlatform::Status Start();
     // Flushes the write queue and ends both threads; idempotent.
     void Shutdown();
 
@@ -194,8 +195,8 @@ class ReplayServer : public UDPSocketServer {
                             size_t bytes);
     bool ConfirmedSince(const std::string& name, int64_t momentMs);
     // Opens the journal and feeds its unwritten records to the writer in
-    // time order; false (and no journal) when the file cannot be used.
-    bool Recover(std::string& error);
+    // time order; fails (and leaves no journal) when the file cannot be used.
+    ReplayPlatform::Status Recover();
     static void RecordWritten(void* server, const char* record, size_t length);
     void ReportRefusedSource(const sockaddr_in& from);
     // Where the hold passes records: block-0 records wait until the log

@@ -1,8 +1,6 @@
 #include "server/ServerMain.h"
 
 #include <poll.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -16,6 +14,8 @@
 #include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayVersion.h"
 #include "libreplay/server/TargetRoot.h"
+#include "reference/src/file_io.h"
+#include "reference/src/process_signals.h"
 #include "server/CommandWords.h"
 #include "server/ControlSocket.h"
 #include "server/HttpApi.h"
@@ -55,11 +55,12 @@ void ReadStandardInput(ServerControl& control, const std::atomic<bool>& stop) {
     std::string pending;
     char buffer[1024];
     while (!stop.load() && !control.QuitRequested()) {
-        pollfd wait = {STDIN_FILENO, POLLIN, 0};
+        pollfd wait = {ReplayPlatform::kStandardInput, POLLIN, 0};
         if (poll(&wait, 1, 200) <= 0) {
             continue;
         }
-        const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
+        const ssize_t n =
+            ReplayPlatform::ReadSome(ReplayPlatform::kStandardInput, buffer, sizeof buffer);
         if (n <= 0) {
             return;  // no more interactive input; the server keeps running
         }
@@ -109,7 +110,7 @@ std::string DefaultWebRoot() {
                                    : self.substr(0, slash) + "/../" + REPLAY_WEB_ROOT_FROM_PREFIX;
     for (const std::string& candidate :
          {besideExecutable, std::string(REPLAY_INSTALLED_WEB_ROOT)}) {
-        if (!candidate.empty() && access((candidate + "/index.html").c_str(), R_OK) == 0) {
+        if (!candidate.empty() && ReplayPlatform::IsReadable(candidate + "/index.html")) {
             return candidate;
         }
     }
@@ -162,17 +163,20 @@ bool StartHttp(const CommonOptions& common, ReplayServer& server, ServerControl&
     }
     const std::string token = HttpAccessPolicy::GenerateToken();
     const std::string tokenPath = controlPath + ".token";
-    std::string error;
-    if (token.empty() || !HttpAccessPolicy::WriteTokenFile(tokenPath, token, error)) {
+    const ReplayPlatform::Status tokenWritten =
+        token.empty() ? ReplayPlatform::Status::Failure("no random source")
+                      : HttpAccessPolicy::WriteTokenFile(tokenPath, token);
+    if (!tokenWritten.IsOk()) {
         std::fprintf(stderr, "ReplayManager: no web page: cannot make its token: %s\n",
-                     token.empty() ? "no random source" : error.c_str());
+                     tokenWritten.Message().c_str());
         return common.http.empty();
     }
     http = std::make_unique<HttpApi>(server, control, settings, token, Print);
-    if (!http->Start(error)) {
+    const ReplayPlatform::Status listening = http->Start();
+    if (!listening.IsOk()) {
         http.reset();
-        unlink(tokenPath.c_str());
-        std::fprintf(stderr, "ReplayManager: %s%s\n", error.c_str(),
+        (void)ReplayPlatform::RemoveFile(tokenPath);
+        std::fprintf(stderr, "ReplayManager: %s%s\n", listening.Message().c_str(),
                      common.http.empty() ? " (going on without it; --http ADDR:PORT)" : "");
         return common.http.empty();
     }
@@ -195,12 +199,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
 
     // Only the main thread takes the stop signals; every thread made from
     // here on inherits the mask.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
+    ReplayPlatform::BlockStopSignals();
 
     ServerSettings settings;
     settings.bindAddress = common.bind;
@@ -218,9 +217,9 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
                                    : common.journal;
     }
     ReplayServer server(settings);
-    std::string error;
-    if (!server.Start(error)) {
-        std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+    const ReplayPlatform::Status started = server.Start();
+    if (!started.IsOk()) {
+        std::fprintf(stderr, "ReplayManager: %s\n", started.Message().c_str());
         return 1;
     }
     ReplaySettings replaySettings;
@@ -239,6 +238,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         [&control](const std::string& line) { return control.Execute(line); });
     const std::string controlPath =
         common.control.empty() ? ReplayPlatform::TargetPath(kDefaultControlPath) : common.control;
+    std::string error;
     if (!controlSocket.Start(controlPath, error)) {
         std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
         return 1;
@@ -275,9 +275,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     const bool endWithJob = mode == Mode::kReplay || (mode == Mode::kRecord && recordSeconds > 0);
     bool signalled = false;
     while (!control.QuitRequested()) {
-        timespec wait = {0, 200 * 1000 * 1000};
-        const int signal = sigtimedwait(&stopSignals, nullptr, &wait);
-        if (signal == SIGINT || signal == SIGTERM) {
+        if (ReplayPlatform::WaitForStopSignal(200)) {
             signalled = true;
             break;
         }
@@ -299,7 +297,7 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     }
     if (http) {
         http->Stop();
-        unlink((controlPath + ".token").c_str());
+        (void)ReplayPlatform::RemoveFile(controlPath + ".token");
     }
     controlSocket.Stop();
     server.Shutdown();
@@ -462,9 +460,9 @@ int ServerMain(int argc, char** argv) {
     if (*replay) {
         // Checked before anything is bound, so that a wrong path costs no
         // client a connection.
-        std::string fileError;
-        if (!CheckReplayFile(replayFile, fileError)) {
-            std::fprintf(stderr, "ReplayManager: %s\n", fileError.c_str());
+        const ReplayPlatform::Status fileCheck = CheckReplayFile(replayFile);
+        if (!fileCheck.IsOk()) {
+            std::fprintf(stderr, "ReplayManager: %s\n", fileCheck.Message().c_str());
             return 1;
         }
         std::string line = "replay " + QuoteCommandWord(replayFile);

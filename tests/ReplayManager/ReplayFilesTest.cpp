@@ -1,6 +1,9 @@
 #include "ReplayManager/ReplayFiles.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 #include <algorithm>
 #include <vector>
@@ -59,6 +62,32 @@ TEST_F(ReplayFilesTest, IteratorYieldsParentThenSubdirectoriesOrMatchingFiles) {
     EXPECT_EQ(Collect(base + "/", ReplayFiles::kTraceFile), (Names{"drive.TRC0", "drive.trc"}));
     EXPECT_EQ(Collect(base + "/", ReplayFiles::kLogFile), (Names{"drive.14XX"}));
     EXPECT_EQ(Collect(base + "/", ReplayFiles::kTraceFile | ReplayFiles::kLogFile).size(), 3u);
+}
+
+// The report's utilities exist only on the target system: stand-ins on PATH
+// show what reaches the report, and without them nothing is written.
+TEST_F(ReplayFilesTest, VersionReportTakesTheUtilitiesOutputAndStaysQuietWithoutThem) {
+    const std::string bin = MakeTargetDirectory("/bin-standins");
+    WriteTargetFile("/bin-standins/use", "#!/bin/sh\necho \"version of $2\"\n");
+    WriteTargetFile("/bin-standins/ifconfig", "#!/bin/sh\necho 'inet address 10'\necho other\n");
+    ASSERT_EQ(chmod((bin + "/use").c_str(), 0755), 0);
+    ASSERT_EQ(chmod((bin + "/ifconfig").c_str(), 0755), 0);
+    const std::string path = getenv("PATH") != nullptr ? getenv("PATH") : "";
+
+    setenv("PATH", bin.c_str(), 1);
+    ReplayFiles::WriteReplayFileVersions(true);
+    setenv("PATH", "/nonexistent", 1);
+    const bool written =
+        ReplayFiles::FileExists((Root() + ReplayFiles::kVersionReportFile).c_str());
+    ReplayFiles::WriteReplayFileVersions(false);  // the report is there: not redone
+    EXPECT_EQ(ReplayFiles::GetCommandLine("anything"), "");
+    setenv("PATH", path.c_str(), 1);
+
+    ASSERT_TRUE(written);
+    EXPECT_EQ(ReadTargetFile(ReplayFiles::kVersionReportFile),
+              "version of ReplayManager\nversion of libreplay.so\nversion of pmx\n"
+              "version of gpsfeed-dev\ninet address 10\n");
+    EXPECT_FALSE(ReplayFiles::FileExists((Root() + ReplayFiles::kCommandLineFile).c_str()));
 }
 
 }  // namespace

@@ -47,7 +47,8 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
 TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIdentical) {
     MakeTargetDirectory("/fs/usb0");
     LoggerService service(Options());
-    ASSERT_TRUE(service.Start()) << service.Error();
+    const ReplayPlatform::Status started = service.Start();
+    ASSERT_TRUE(started.IsOk()) << started.Message();
 
     const std::vector<std::string> payloads = {
         ReplayCore::LogFormat::HeaderPayload(1000),
@@ -104,8 +105,9 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
 TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
     WriteTargetFile("/kfsystem/multicore/navi/q", "not a fifo");
     LoggerService service(Options());
-    EXPECT_FALSE(service.Start());
-    EXPECT_NE(service.Error().find("not a FIFO"), std::string::npos);
+    const ReplayPlatform::Status started = service.Start();
+    EXPECT_FALSE(started.IsOk());
+    EXPECT_NE(started.Message().find("not a FIFO"), std::string::npos);
     // What it had created before the failure is gone again.
     EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
 }

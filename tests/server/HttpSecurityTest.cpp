@@ -71,8 +71,7 @@ TEST_F(HttpTokenFileTest, ReplacesAnyOldFileWithAPrivateOne) {
     const std::string target = Root() + "/elsewhere";
     ReplayTest::WriteFile(target, "keep");
     ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
-    std::string error;
-    ASSERT_TRUE(HttpAccessPolicy::WriteTokenFile(path, "abc", error)) << error;
+    ASSERT_TRUE(HttpAccessPolicy::WriteTokenFile(path, "abc").IsOk());
     EXPECT_EQ(ReplayTest::ReadFile(target), "keep");  // the link was not followed
     EXPECT_EQ(ReplayTest::ReadFile(path), "abc\n");
     struct stat info {};
@@ -80,8 +79,10 @@ TEST_F(HttpTokenFileTest, ReplacesAnyOldFileWithAPrivateOne) {
     EXPECT_TRUE(S_ISREG(info.st_mode));
     EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-    EXPECT_FALSE(HttpAccessPolicy::WriteTokenFile(Root() + "/missing/token", "abc", error));
-    EXPECT_NE(error.find("missing"), std::string::npos);
+    const ReplayPlatform::Status missing =
+        HttpAccessPolicy::WriteTokenFile(Root() + "/missing/token", "abc");
+    EXPECT_FALSE(missing.IsOk());
+    EXPECT_NE(missing.Message().find("missing"), std::string::npos);
 }
 
 }  // namespace

@@ -25,8 +25,7 @@ inline std::unique_ptr<ReplayServer::ReplayServer> StartLoopbackServer(
         settings.port = 4400;
         std::unique_ptr<ReplayServer::ReplayServer> server(
             new ReplayServer::ReplayServer(settings));
-        std::string error;
-        if (server->Start(error)) {
+        if (server->Start().IsOk()) {
             return server;
         }
     }

@@ -4,13 +4,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <set>
 
 #include "libreplay/ReplayCore.h"
+#include "reference/src/file_io.h"
 
 namespace ReplayLogTool {
 
@@ -57,23 +57,12 @@ int CheckLogFile(const std::string& path) {
         return kExitFileError;
     }
     std::string start(kMarkerSearchBytes, '\0');
-    size_t got = 0;
-    while (got < start.size()) {
-        const ssize_t n = read(fd, &start[got], start.size() - got);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    close(fd);
-    start.resize(got);
+    start.resize(ReplayPlatform::ReadUpTo(fd, &start[0], start.size()));
+    ReplayPlatform::CloseDescriptor(fd);
     if (!start.empty() &&
         start.find(ReplayCore::SpecialStrings::kReplayMarker) == std::string::npos) {
         ReportError(path + " is not a replay log: no record marker in its first " +
-                    std::to_string(got) + " bytes");
+                    std::to_string(start.size()) + " bytes");
         return kExitFileError;
     }
     return kExitOk;

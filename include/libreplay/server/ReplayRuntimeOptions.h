@@ -89,10 +89,6 @@ class REPLAY_API ReplayRuntimeOptions {
     std::string GetResultsFilePath(bool preferNetworkShare) const;
     void DisplayOptions();
 
-    std::string GetConfigFilePath() const;
-    bool IsFileOpened() const;
-    std::string GetKey(ReplayOptionsEnum ro) const;
-
   private:
     mutable std::mutex m_mutex;  // guards the table against a concurrent reload
     KeyValPair m_options[eOptionsCount];

@@ -86,4 +86,14 @@ class REPLAY_API UDPSocketClient : public UDPSocket {
     int m_addressFamily = 0;
 };
 
+namespace ReplaySockets {
+
+// Asks for a receive buffer of `wanted` bytes for `socket` (a server's
+// Socket()), past the system's cap where the process may, else up to it;
+// returns the size in force (as the kernel counts it, with its bookkeeping),
+// or 0 when it cannot be read.
+REPLAY_API int EnlargeReceiveBuffer(int socket, int wanted);
+
+}  // namespace ReplaySockets
+
 #endif
