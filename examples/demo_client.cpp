@@ -41,6 +41,7 @@
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayVersion.h"
+#include "support/HexText.h"
 
 namespace {
 
@@ -89,24 +90,6 @@ void OnSignal(int) {
     g_stop.store(true);
 }
 
-std::string Hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
-std::string Unhex(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < text.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
 struct JournalItem {
     int64_t timeMs;
     std::string bytes;
@@ -119,8 +102,11 @@ std::vector<JournalItem> ReadJournal(const std::string& path) {
     int64_t time = 0;
     unsigned int type = 0;
     std::string hex;
+    std::string bytes;
     while (in >> time >> type >> hex) {
-        items.push_back({time, Unhex(hex)});
+        if (ReplaySupport::Unhex(hex, bytes)) {
+            items.push_back({time, bytes});
+        }
     }
     return items;
 }
@@ -183,7 +169,7 @@ void Record(std::ofstream& journal, std::vector<Stream>& streams) {
         if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
                                          false, stream.dataType) >= 0 &&
             ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            journal << itemTime << ' ' << stream.dataType << ' ' << Hex(bytes) << '\n';
+            journal << itemTime << ' ' << stream.dataType << ' ' << ReplaySupport::Hex(bytes) << '\n';
         }
     }
 }
@@ -231,7 +217,7 @@ void WriteReceived(const std::string& path) {
     std::ofstream out(path, std::ios::trunc);
     std::lock_guard<std::mutex> lock(g_receivedMutex);
     for (const Received& item : g_received) {
-        out << item.momentMs << ' ' << Hex(item.bytes) << '\n';
+        out << item.momentMs << ' ' << ReplaySupport::Hex(item.bytes) << '\n';
     }
 }
 

@@ -103,7 +103,7 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
         EXPECT_TRUE(m_server->Running()) << m_server->Output();
         ASSERT_TRUE(m_logger != nullptr && m_logger->Running()) << m_logger->Output();
         // Everything the server passed on has reached the service's file.
-        m_logger->Kill(SIGTERM);
+        m_logger->Signal(SIGTERM);
         EXPECT_EQ(m_logger->Wait(20s), 0) << m_logger->Output();
     }
 
@@ -205,7 +205,7 @@ TEST_F(LogFaultTest, LoggerKilledAndRestartedLosesNothingTheChannelHeld) {
     ASSERT_EQ(Send("record").status, 0);
     ASSERT_TRUE(WaitFor([&] { return FirstBlock(Dump(), "gps") > 0; }, 20s, 100ms));
 
-    m_logger->Kill(SIGKILL);
+    m_logger->Kill();
     // Records keep coming while the service is down; the channel holds them.
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
     ASSERT_NO_FATAL_FAILURE(StartLogger());

@@ -146,7 +146,7 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
                         10s, 20ms));
     // What was received more than a second ago must survive.
     std::this_thread::sleep_for(1200ms);
-    m_server->Kill(SIGKILL);
+    m_server->Kill();
 
     const size_t loggedBeforeRestart = LoggedData().size();
     EXPECT_LT(loggedBeforeRestart, sent.size());

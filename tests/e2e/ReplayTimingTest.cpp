@@ -10,6 +10,7 @@
 
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
+#include "support/HexText.h"
 #include "tests/support/EndToEnd.h"
 
 namespace {
@@ -77,16 +78,6 @@ void AppendBlocks(const std::string& client, const std::vector<Item>& items, std
     flush();
 }
 
-std::string Hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
 // One line of a demo client's replayed-items file.
 struct Replayed {
     long long index;
@@ -115,7 +106,7 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         {
             std::ofstream journal(run + ".journal");
             for (const Item& item : items) {
-                journal << item.timeMs << ' ' << kTextType << ' ' << Hex(item.bytes) << '\n';
+                journal << item.timeMs << ' ' << kTextType << ' ' << ReplaySupport::Hex(item.bytes) << '\n';
             }
         }
         m_itemsPath = run + ".items";
@@ -132,7 +123,7 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         EXPECT_EQ(replay.output.compare(0, 9, "replaying"), 0) << replay.output;
         const CommandResult waited = Send("wait");
         EXPECT_EQ(waited.output, "done\n") << m_server->Output();
-        m_clients.back()->Kill(SIGTERM);
+        m_clients.back()->Signal(SIGTERM);
         EXPECT_EQ(m_clients.back()->Wait(20s), 0) << m_clients.back()->Output();
         std::vector<Replayed> replayed;
         std::ifstream in(m_itemsPath);

@@ -1,18 +1,11 @@
 #include "tests/support/EndToEnd.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <sstream>
-
-extern char** environ;
 
 namespace ReplayTest {
 
@@ -20,77 +13,6 @@ using namespace std::chrono_literals;
 
 std::string BuiltBinary(const std::string& relative) {
     return std::string(REPLAY_BINARY_DIR) + "/" + relative;
-}
-
-Process::Process(const std::vector<std::string>& argv, const std::string& outputPath,
-                 const std::vector<std::string>& environment)
-    : m_outputPath(outputPath) {
-    // Everything the child needs is prepared before the fork: between fork
-    // and exec only async-signal-safe calls are made.
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    std::vector<std::string> variables;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string variable = *entry;
-        const std::string name = variable.substr(0, variable.find('='));
-        const bool replaced =
-            std::any_of(environment.begin(), environment.end(), [&name](const std::string& added) {
-                return added.compare(0, name.size() + 1, name + "=") == 0;
-            });
-        if (!replaced) {
-            variables.push_back(variable);
-        }
-    }
-    variables.insert(variables.end(), environment.begin(), environment.end());
-    std::vector<char*> envp;
-    for (const std::string& variable : variables) {
-        envp.push_back(const_cast<char*>(variable.c_str()));
-    }
-    envp.push_back(nullptr);
-    std::fflush(nullptr);
-    m_pid = fork();
-    if (m_pid == 0) {
-        const int out = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        const int in = open("/dev/null", O_RDONLY);
-        dup2(out, 1);
-        dup2(out, 2);
-        dup2(in, 0);
-        execve(args[0], args.data(), envp.data());
-        _exit(127);
-    }
-}
-
-bool Process::Running() {
-    Reap(false);
-    return !m_reaped;
-}
-
-void Process::Kill(int signal) {
-    if (m_pid > 0 && !m_reaped) {
-        kill(m_pid, signal);
-        if (signal == SIGKILL) {
-            Reap(true);
-        }
-    }
-}
-
-int Process::Wait(std::chrono::milliseconds deadline) {
-    WaitFor([this] { return !Running(); }, deadline, 10ms);
-    return m_reaped ? m_status : -1;
-}
-
-void Process::Reap(bool block) {
-    if (m_pid <= 0 || m_reaped) {
-        return;
-    }
-    int status = 0;
-    if (waitpid(m_pid, &status, block ? 0 : WNOHANG) == m_pid) {
-        m_reaped = true;
-        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
 }
 
 ClientSummary ParseClientSummary(const std::string& output) {
@@ -158,10 +80,7 @@ void EndToEndTest::PrepareTarget() {
     setenv("ENABLE_REPLAY", "1", 1);
     MakeTargetDirectory("/fs/usb0");
     MakeTargetDirectory("/tmp");
-    std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> part(1, 254);
-    m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
-           std::to_string(part(random));
+    m_ip = RandomLoopbackAddress();
     WriteFile("ReplayConfig.txt", "serverIP:" + m_ip +
                                       ";\nexternalConnectWait:0;\n"
                                       "networkingLatency:100;\nserverLeadTime:100;\n"
@@ -283,7 +202,7 @@ void EndToEndTest::Record(double seconds) {
 std::vector<ClientSummary> EndToEndTest::StopClients() {
     std::vector<ClientSummary> summaries;
     for (const std::unique_ptr<Process>& client : m_clients) {
-        client->Kill(SIGTERM);
+        client->Signal(SIGTERM);
         client->Wait(10s);
         summaries.push_back(ParseClientSummary(client->Output()));
     }

@@ -6,7 +6,6 @@
 // their own, with helpers to command the server and read the log back.
 
 #include <signal.h>
-#include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {
@@ -21,34 +21,15 @@ namespace ReplayTest {
 // REPLAY_BINARY_DIR + "/" + relative.
 std::string BuiltBinary(const std::string& relative);
 
-// A child process running a built executable, its output (stdout and
-// stderr) appended to a file. `environment` entries ("NAME=value") are added
-// to the test's own. Killed and reaped on destruction, so a failing case
-// leaves nothing running.
-class Process {
+// A built program run as a child process, its output (stdout and stderr)
+// appended to a file; `environment` entries ("NAME=value") are added to the
+// test's own. Killed and reaped on destruction.
+class Process : public ReplaySupport::ChildProcess {
   public:
     Process(const std::vector<std::string>& argv, const std::string& outputPath,
-            const std::vector<std::string>& environment = {});
-    ~Process() { Kill(SIGKILL); }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-    pid_t Pid() const { return m_pid; }
-    bool Running();
-    // Sends `signal`; SIGKILL also reaps the process.
-    void Kill(int signal);
-    // The exit status (128 + signal when killed), or -1 when the process is
-    // still running at the deadline.
-    int Wait(std::chrono::milliseconds deadline);
-    std::string Output() const { return ReadFile(m_outputPath); }
-
-  private:
-    void Reap(bool block);
-
-    pid_t m_pid = -1;
-    bool m_reaped = false;
-    int m_status = -1;
-    std::string m_outputPath;
+            const std::vector<std::string>& environment = {}) {
+        Start(argv, {"", environment, outputPath});
+    }
 };
 
 struct CommandResult {

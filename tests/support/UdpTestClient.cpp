@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <random>
 
 namespace ReplayTest {
 
@@ -21,13 +20,6 @@ sockaddr_in Ipv4(const std::string& ip, int port) {
 }
 
 }  // namespace
-
-std::string RandomLoopbackAddress() {
-    static thread_local std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> part(1, 254);
-    return "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
-           std::to_string(part(random));
-}
 
 UdpTestClient::UdpTestClient(const std::string& ip, int port) {
     m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
