@@ -44,7 +44,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/HexText.h"
+#include "tests/support/StoredLog.h"
 #include "bench/PipelineSupport.h"
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
@@ -225,43 +225,19 @@ void ReportDistribution(benchmark::State& state, const std::vector<int64_t>& err
 bool WriteBurst(const std::string& client, const std::string& logPath,
                 const std::string& journalPath) {
     constexpr int64_t kStartMs = 50000;
-    std::ofstream journal(journalPath);
-    std::string log;
-    std::string framed;
-    if (!ReplayCore::LogFormat::FrameRecord(ReplayCore::LogFormat::HeaderPayload(kStartMs),
-                                            framed)) {
-        return false;
-    }
-    ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-    std::string block;
-    unsigned int sequence = 0;
-    auto flush = [&] {
-        char trailer[16];
-        std::snprintf(
-            trailer, sizeof trailer, "%8x\n",
-            ReplayCore::ComputeChecksum(block.data(), static_cast<unsigned int>(block.size())));
-        ReplayCore::LogFormat::FrameRecord(block + trailer, framed);
-        ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-        block.clear();
-    };
+    std::vector<ReplayTest::TimedItem> items;
     for (size_t i = 0; i < kBurstItems; ++i) {
-        const int64_t timeMs =
-            kStartMs + static_cast<int64_t>(i) * kBurstSpanMs / static_cast<int64_t>(kBurstItems);
         std::string bytes = "POS " + std::to_string(i) + " ";
         bytes.resize(kBurstItemBytes, 'p');
-        journal << timeMs << " 2 " << ReplaySupport::Hex(bytes) << '\n';
-        const std::string time = ReplayCore::MSTime::MSTimeStruct(0, timeMs).ToString();
-        const std::string item = static_cast<char>(ReplayCore::kItemSeparator) + time + ":" + bytes;
-        if (!block.empty() && block.size() + item.size() >= 2032) {
-            flush();
-        }
-        block += block.empty() ? "\"" + time + ":" + client + ":!1 " + std::to_string(++sequence) +
-                                     ":" + bytes
-                               : item;
+        items.push_back(
+            {kStartMs + static_cast<int64_t>(i) * kBurstSpanMs / static_cast<int64_t>(kBurstItems),
+             bytes});
     }
-    flush();
-    std::ofstream(logPath, std::ios::binary) << log;
-    return static_cast<bool>(journal);
+    std::ofstream journal(journalPath);
+    journal << ReplayTest::DemoJournal(items);
+    std::ofstream log(logPath, std::ios::binary);
+    log << ReplayTest::StoredClientLog(kStartMs, client, items);
+    return static_cast<bool>(journal) && static_cast<bool>(log);
 }
 
 class DemoClients {
@@ -290,9 +266,7 @@ class DemoClients {
             }
         }
         return BenchPipeline::WaitFor(
-            [&] {
-                return m_pipeline.RunningClients() >= m_setups.size();
-            },
+            [&] { return m_pipeline.RunningClients() >= m_setups.size(); },
             std::chrono::seconds(20), std::chrono::milliseconds(100));
     }
 
@@ -517,17 +491,16 @@ bool RunPauseResume(int seconds, double rate, PauseResumeResult& result, std::st
     ChildProcess clients[3];
     for (int c = 0; c < 3; ++c) {
         const std::string name = kPauseClients[c];
-        if (!clients[c].Start({demoClient, name, root / (name + ".journal")},
-                              BenchPipeline::ChildOptions(
-                                  root, root / (name + ".out"),
-                                  {"DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))}))) {
+        if (!clients[c].Start(
+                {demoClient, name, root / (name + ".journal")},
+                BenchPipeline::ChildOptions(root, root / (name + ".out"),
+                                            {"DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))}))) {
             error = "cannot start demo_client";
             return false;
         }
     }
-    if (!BenchPipeline::WaitFor(
-            [&] { return pipeline.RunningClients() >= 3; },
-            std::chrono::seconds(20), std::chrono::milliseconds(100))) {
+    if (!BenchPipeline::WaitFor([&] { return pipeline.RunningClients() >= 3; },
+                                std::chrono::seconds(20), std::chrono::milliseconds(100))) {
         error = "the demo clients did not connect";
         return false;
     }

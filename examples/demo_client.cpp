@@ -169,7 +169,8 @@ void Record(std::ofstream& journal, std::vector<Stream>& streams) {
         if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
                                          false, stream.dataType) >= 0 &&
             ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            journal << itemTime << ' ' << stream.dataType << ' ' << ReplaySupport::Hex(bytes) << '\n';
+            journal << itemTime << ' ' << stream.dataType << ' ' << ReplaySupport::Hex(bytes)
+                    << '\n';
         }
     }
 }

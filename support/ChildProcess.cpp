@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <thread>
@@ -55,8 +56,8 @@ std::vector<std::string> Environment(const std::vector<std::string>& added) {
 }
 
 // In the child, after fork: only async-signal-safe calls until exec.
-[[noreturn]] void ExecChild(char* const* argv, char* const* envp, const char* directory,
-                            int output, pid_t parent, bool endWithParent) {
+[[noreturn]] void ExecChild(char* const* argv, char* const* envp, const char* directory, int output,
+                            pid_t parent, bool endWithParent) {
     if (endWithParent) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) {
@@ -234,6 +235,17 @@ int RunCommand(const std::vector<std::string>& argv, std::chrono::milliseconds d
     }
     close(pipeEnds[0]);
     return DecodeStatus(status);
+}
+
+long ProcessStatusNumber(pid_t pid, const std::string& field) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    const std::string key = field + ":";
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, key.size(), key) == 0) {
+            return std::strtol(line.c_str() + key.size(), nullptr, 10);
+        }
+    }
+    return -1;
 }
 
 int RunInChildProcess(const std::function<int()>& body, std::chrono::milliseconds deadline) {

@@ -80,6 +80,10 @@ class ChildProcess {
 int RunCommand(const std::vector<std::string>& argv, std::chrono::milliseconds deadline,
                std::string& output, const std::atomic<bool>* cancel = nullptr);
 
+// The number in a "Name: value" line of /proc/PID/status (VmRSS, in kB, for
+// one), or -1 when the process or the line is not there.
+long ProcessStatusNumber(pid_t pid, const std::string& field);
+
 // Runs `body` in a child process and waits up to `deadline` for it;
 // ChildProcess::Wait's result (a child still running is killed).
 int RunInChildProcess(const std::function<int()>& body, std::chrono::milliseconds deadline);

@@ -1,23 +1,9 @@
 #include "support/HexText.h"
 
+#include <cctype>
+#include <cstdlib>
+
 namespace ReplaySupport {
-
-namespace {
-
-int DigitValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
 
 std::string Hex(const std::string& bytes) {
     static const char digits[] = "0123456789abcdef";
@@ -37,12 +23,12 @@ bool Unhex(const std::string& text, std::string& bytes) {
     bytes.clear();
     bytes.reserve(text.size() / 2);
     for (size_t i = 0; i < text.size(); i += 2) {
-        const int high = DigitValue(text[i]);
-        const int low = DigitValue(text[i + 1]);
-        if (high < 0 || low < 0) {
+        const char pair[3] = {text[i], text[i + 1], '\0'};
+        if (std::isxdigit(static_cast<unsigned char>(pair[0])) == 0 ||
+            std::isxdigit(static_cast<unsigned char>(pair[1])) == 0) {
             return false;
         }
-        bytes.push_back(static_cast<char>(high * 16 + low));
+        bytes.push_back(static_cast<char>(std::strtol(pair, nullptr, 16)));
     }
     return true;
 }

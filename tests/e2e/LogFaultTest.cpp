@@ -107,18 +107,6 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
         EXPECT_EQ(m_logger->Wait(20s), 0) << m_logger->Output();
     }
 
-    // `verify` reads the log: nothing damaged, nothing skipped, nothing out
-    // of order (lost blocks show as sequence gaps, which are allowed).
-    std::string ExpectReadableLog() {
-        const CommandResult verify = Verify();
-        EXPECT_TRUE(verify.status == 0 || verify.status == 1) << verify.output;
-        EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
-        EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
-        EXPECT_NE(verify.output.find(" 0 time order violations"), std::string::npos)
-            << verify.output;
-        return verify.output;
-    }
-
     // Starts the logger service with its statistics file and `options`.
     void StartCountingLogger(const std::string& options = "") {
         // The launcher adds the options behind those the fixture passes.

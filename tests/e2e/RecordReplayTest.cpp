@@ -83,9 +83,7 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     // What the service wrote stays as it was, and what it stores of the
     // channel after the kill is whole records: the server writes each record
     // at once, so a kill cannot tear one.
-    const CommandResult afterKill = Verify();
-    EXPECT_NE(afterKill.output.find(" 0 checksum failures"), std::string::npos) << afterKill.output;
-    EXPECT_NE(afterKill.output.find(" 0 skipped regions"), std::string::npos) << afterKill.output;
+    ExpectReadableLog(false);
 
     StartServer();
     ASSERT_TRUE(WaitFor(
@@ -100,9 +98,7 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     EXPECT_GE(LatestPosition(dump, "can"), 0) << dump;
     EXPECT_EQ(
         ReplayTest::ReadFile(LogPath()).compare(0, writtenBeforeKill.size(), writtenBeforeKill), 0);
-    const CommandResult verify = Verify();
-    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
-    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    ExpectReadableLog(false);
 }
 
 TEST_F(RecordReplayTest, DamagedRecordIsSkippedAndTheRestReplays) {

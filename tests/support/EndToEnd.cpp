@@ -35,6 +35,16 @@ ClientSummary ParseClientSummary(const std::string& output) {
     return summary;
 }
 
+std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
+    std::vector<ReplayedItem> items;
+    std::istringstream in(ReadFile(path));
+    ReplayedItem item;
+    while (in >> item.index >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
+        items.push_back(item);
+    }
+    return items;
+}
+
 long NumberAfter(const std::string& text, const std::string& key) {
     const size_t at = text.rfind(key);
     return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
@@ -103,9 +113,12 @@ void EndToEndTest::StartServer(int reorderMs) {
     // The demo clients send every block within about two seconds of its
     // time, so a short reorder hold keeps their records in order and lets
     // them reach the log while the cases record only a few seconds.
-    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
-                                std::to_string(reorderMs)},
-                               Root() + "/server.out", m_environment));
+    m_server.reset(new Process(
+        {BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
+         std::to_string(reorderMs)},
+        // Each start writes a file of its own.
+        Root() + "/server" + (m_serverStarts++ > 0 ? std::to_string(m_serverStarts) : "") + ".out",
+        m_environment));
     ASSERT_TRUE(
         WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
     ASSERT_TRUE(m_server->Running()) << m_server->Output();
@@ -141,15 +154,29 @@ void EndToEndTest::ExpectLogIntact(const std::string& path) {
     }
 }
 
+std::string EndToEndTest::ExpectReadableLog(bool inTimeOrder) {
+    const CommandResult verify = Verify();
+    EXPECT_TRUE(verify.status == 0 || verify.status == 1) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    if (inTimeOrder) {
+        EXPECT_NE(verify.output.find(" 0 time order violations"), std::string::npos)
+            << verify.output;
+    }
+    return verify.output;
+}
+
 std::string EndToEndTest::Dump(const std::string& path) {
     return Run({"tools/replaylog/replaylog", "dump", path.empty() ? LogPath() : path}).output;
 }
 
-Process& EndToEndTest::StartClient(const std::string& name) {
+Process& EndToEndTest::StartClient(const std::string& name,
+                                   const std::vector<std::string>& options) {
     const std::string run = Root() + "/" + name + "." + std::to_string(m_clients.size());
-    m_clients.emplace_back(
-        new Process({BuiltBinary("examples/demo_client"), name, run + ".journal"}, run + ".out",
-                    m_environment));
+    std::vector<std::string> argv = {BuiltBinary("examples/demo_client"), name, run + ".journal"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    m_clientRuns.push_back(run);
+    m_clients.emplace_back(new Process(argv, run + ".out", m_environment));
     return *m_clients.back();
 }
 

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,6 +56,15 @@ long NumberAfter(const std::string& text, const std::string& key);
 // The highest position number of `client` in a log dump, or -1.
 long LatestPosition(const std::string& dump, const std::string& client);
 
+// One line of a demo client's replayed-items file (DEMO_CLIENT_ITEMS).
+struct ReplayedItem {
+    long long index = -1;  // in the client's journal; -1: not there
+    int64_t recordedMs = 0;
+    int64_t momentUs = 0;  // the callback, monotonic clock
+    int clockLeadMs = 0;   // the callback less the item's time, client's clock
+};
+std::vector<ReplayedItem> ReadReplayedItems(const std::string& path);
+
 // A block is sent once it is a second old; the demo client produces 60 items
 // a second, so its last, unsent block holds at most about that many.
 constexpr size_t kLastBlockItems = 64;
@@ -88,9 +98,16 @@ class EndToEndTest : public TargetRootTest {
     // intact: exit status 0. When it does not and REPLAY_FAILED_LOG_DIR is
     // set, the log is copied there for a closer look.
     void ExpectLogIntact(const std::string& path = "");
+    // Expects `replaylog verify` to read the live log with nothing damaged or
+    // skipped and, when asked, nothing out of time order (lost blocks, shown
+    // as sequence gaps, are allowed); its report.
+    std::string ExpectReadableLog(bool inTimeOrder = true);
 
-    // Starts a demo client; each start has its own journal and output file.
-    Process& StartClient(const std::string& name);
+    // Starts a demo client with `options` added to its command line; each
+    // start has its own journal and output file.
+    Process& StartClient(const std::string& name, const std::vector<std::string>& options = {});
+    // The journal of the client started `index`th.
+    std::string ClientJournal(size_t index) const { return m_clientRuns.at(index) + ".journal"; }
 
     // Lines of `send clients` naming the client, and whether it is running.
     int ClientEntries(const std::string& name, bool runningOnly = true);
@@ -119,6 +136,8 @@ class EndToEndTest : public TargetRootTest {
     std::vector<std::unique_ptr<Process>> m_clients;
 
   private:
+    std::vector<std::string> m_clientRuns;
+    int m_serverStarts = 0;
     std::string m_ip;
     int m_commands = 0;
 };

@@ -21,9 +21,8 @@ namespace {
 
 // A fresh temporary root with the working directory and the target's /tmp.
 std::unique_ptr<ReplaySupport::TemporaryRoot> MakeTemporaryRoot() {
-    return std::make_unique<ReplaySupport::TemporaryRoot>("libreplay-test",
-                                                          std::initializer_list<const char*>{
-                                                              "work", "tmp"});
+    return std::make_unique<ReplaySupport::TemporaryRoot>(
+        "libreplay-test", std::initializer_list<const char*>{"work", "tmp"});
 }
 
 // Points the target root (and the environment, for child processes) at

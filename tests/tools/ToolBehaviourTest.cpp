@@ -42,8 +42,8 @@ class ToolBehaviourTest : public ReplayTest::TargetRootTest {
     // which then fails the status check.
     Result Run(const std::string& program, const std::string& arguments) {
         const std::string errFile = Root() + "/stderr.txt";
-        const std::string command = "timeout 20 " + std::string(REPLAY_BINARY_DIR) + "/" +
-                                    program + " " + arguments + " 2>" + errFile + " </dev/null";
+        const std::string command = "timeout 20 " + std::string(REPLAY_BINARY_DIR) + "/" + program +
+                                    " " + arguments + " 2>" + errFile + " </dev/null";
         Result result;
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr) {
@@ -155,8 +155,8 @@ TEST_F(ToolBehaviourTest, VerifyFindsEachProblemAndOnlyIt) {
         for (const char* key : {"file", "records", "problem_count"}) {
             EXPECT_TRUE(report.contains(key)) << key;
         }
-        for (const char* kind : {"checksum", "sequence_gap", "time_order", "skipped",
-                                 "block_order", "duplicate", "unreadable", "header", "empty"}) {
+        for (const char* kind : {"checksum", "sequence_gap", "time_order", "skipped", "block_order",
+                                 "duplicate", "unreadable", "header", "empty"}) {
             EXPECT_EQ(report["counts"][kind], std::string(kind) == c.kind ? 1 : 0)
                 << log << ": " << kind;
         }
@@ -166,8 +166,7 @@ TEST_F(ToolBehaviourTest, VerifyFindsEachProblemAndOnlyIt) {
         std::replace(shownKind.begin(), shownKind.end(), '_', ' ');
         EXPECT_EQ(report["problems"][0]["kind"], shownKind);
         EXPECT_EQ(report["problems"][0]["offset"], c.offset) << log;
-        EXPECT_NE(report["problems"][0]["text"].get<std::string>().find(c.text),
-                  std::string::npos)
+        EXPECT_NE(report["problems"][0]["text"].get<std::string>().find(c.text), std::string::npos)
             << result.out;
     }
     const Result truncated = Replaylog("verify " + Golden("truncated_tail.dat"));

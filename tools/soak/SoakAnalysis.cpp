@@ -77,7 +77,8 @@ LogContents ReadLog(const std::string& path, const std::string& initialisationPr
             record.payload, fields, [&](int64_t timeMs, const char* data, size_t length) {
                 LoggedItem item;
                 item.timeMs = timeMs;
-                item.bytes = binary ? ReplayLogTool::DecodeBinaryItem(data, length) : std::string(data, length);
+                item.bytes = binary ? ReplayLogTool::DecodeBinaryItem(data, length)
+                                    : std::string(data, length);
                 if (item.bytes.compare(0, initialisationPrefix.size(), initialisationPrefix) != 0) {
                     items.push_back(std::move(item));
                 }

@@ -15,12 +15,15 @@
 #include <thread>
 
 #include "libreplay/server/ReplayLogStatistics.h"
+#include "support/ChildProcess.h"
 #include "support/LoopbackAddress.h"
 #include "support/TemporaryRoot.h"
-#include "tools/soak/SoakProcess.h"
 #include "tools/soak/SoakReport.h"
 
 namespace ReplaySoak {
+
+using ReplaySupport::ChildProcess;
+using ReplaySupport::RunCommand;
 
 std::atomic<bool> g_soakInterrupted{false};
 
@@ -202,7 +205,7 @@ bool SoakRun::StartProcesses() {
 
 void SoakRun::SampleMemory(double minutes, bool recording) {
     auto add = [&](const std::string& name, pid_t pid) {
-        const long kb = ResidentKb(pid);
+        const long kb = ReplaySupport::ProcessStatusNumber(pid, "VmRSS");
         if (kb >= 0) {
             m_report.AddMemorySample(name, {minutes, kb}, recording);
         }
