@@ -41,6 +41,7 @@
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayVersion.h"
+#include "support/DemoJournal.h"
 #include "support/HexText.h"
 
 namespace {
@@ -90,26 +91,7 @@ void OnSignal(int) {
     g_stop.store(true);
 }
 
-struct JournalItem {
-    int64_t timeMs;
-    std::string bytes;
-};
-
-// Journal lines: "<item time> <data type> <hex bytes>".
-std::vector<JournalItem> ReadJournal(const std::string& path) {
-    std::vector<JournalItem> items;
-    std::ifstream in(path);
-    int64_t time = 0;
-    unsigned int type = 0;
-    std::string hex;
-    std::string bytes;
-    while (in >> time >> type >> hex) {
-        if (ReplaySupport::Unhex(hex, bytes)) {
-            items.push_back({time, bytes});
-        }
-    }
-    return items;
-}
+using ReplaySupport::JournalItem;
 
 // Position text: changes every item, so a reordered or repeated item shows.
 std::string PositionText(unsigned int count) {
@@ -169,8 +151,7 @@ void Record(std::ofstream& journal, std::vector<Stream>& streams) {
         if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
                                          false, stream.dataType) >= 0 &&
             ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            journal << itemTime << ' ' << stream.dataType << ' ' << ReplaySupport::Hex(bytes)
-                    << '\n';
+            journal << ReplaySupport::JournalLine({itemTime, stream.dataType, bytes});
         }
     }
 }
@@ -238,7 +219,7 @@ void WriteItems(const char* path, const std::vector<JournalItem>& journal,
 }
 
 int Summarise(const std::string& name, const std::string& journalPath) {
-    const std::vector<JournalItem> journal = ReadJournal(journalPath);
+    const std::vector<JournalItem> journal = ReplaySupport::ReadJournal(journalPath);
     std::vector<Received> received;
     {
         std::lock_guard<std::mutex> lock(g_receivedMutex);

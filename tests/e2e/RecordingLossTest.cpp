@@ -87,7 +87,7 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
     const auto logged = ReadExtractedItems(Root() + "/items");
     for (const auto& client : {std::make_pair(std::string("slow"), ClientJournal(0)),
                                std::make_pair(std::string("fast"), ClientJournal(1))}) {
-        const std::vector<HandedItem> handed = ReadClientJournal(client.second);
+        const std::vector<HandedItem> handed = ReadJournal(client.second);
         const auto found = logged.find(client.first);
         ASSERT_NE(found, logged.end()) << client.first;
         // The journal's time is read just before the item is handed over;

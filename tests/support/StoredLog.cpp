@@ -4,7 +4,7 @@
 
 #include "ReplayManager/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "support/HexText.h"
+#include "support/DemoJournal.h"
 
 namespace ReplayTest {
 
@@ -66,8 +66,7 @@ std::string StoredClientLog(int64_t startMs, const std::string& client,
 std::string DemoJournal(const std::vector<TimedItem>& items) {
     std::string journal;
     for (const TimedItem& item : items) {
-        journal += std::to_string(item.timeMs) + ' ' + std::to_string(kTextDataType) + ' ' +
-                   ReplaySupport::Hex(item.bytes) + '\n';
+        journal += ReplaySupport::JournalLine({item.timeMs, kTextDataType, item.bytes});
     }
     return journal;
 }

@@ -16,21 +16,6 @@ namespace ReplaySoak {
 
 using ReplaySupport::Unhex;
 
-std::vector<SentItem> ReadJournal(const std::string& path) {
-    std::vector<SentItem> items;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        SentItem item;
-        std::string hex;
-        if (fields >> item.timeMs >> item.dataType >> hex && Unhex(hex, item.bytes)) {
-            items.push_back(std::move(item));
-        }
-    }
-    return items;
-}
-
 std::vector<ReplayedItem> ReadReplayed(const std::string& path) {
     std::vector<ReplayedItem> items;
     std::ifstream in(path);
