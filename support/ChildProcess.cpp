@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -176,7 +177,10 @@ void ChildProcess::Reap(bool block) {
         return;
     }
     int status = 0;
-    const pid_t done = waitpid(m_pid, &status, block ? 0 : WNOHANG);
+    pid_t done;
+    do {
+        done = waitpid(m_pid, &status, block ? 0 : WNOHANG);
+    } while (done < 0 && errno == EINTR);
     if (done == m_pid) {
         m_reaped = true;
         m_status = DecodeStatus(status);
