@@ -12,6 +12,7 @@
 #include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogStatistics.h"
+#include "support/TemporaryRoot.h"
 
 namespace {
 
@@ -28,9 +29,7 @@ std::string Checksummed(const std::string& body) {
 class GeneratedLog {
   public:
     GeneratedLog() {
-        char pattern[] = "/tmp/replay-logbench-XXXXXX";
-        m_directory = mkdtemp(pattern);
-        m_path = m_directory + "/LOGFILE.DAT";
+        m_path = m_directory / "LOGFILE.DAT";
         FILE* out = fopen(m_path.c_str(), "wb");
         std::string framed;
         std::string stored;
@@ -61,12 +60,11 @@ class GeneratedLog {
         fclose(out);
         m_size = std::filesystem::file_size(m_path);
     }
-    ~GeneratedLog() { std::filesystem::remove_all(m_directory); }
     const std::string& Path() const { return m_path; }
     size_t Size() const { return m_size; }
 
   private:
-    std::string m_directory;
+    ReplaySupport::TemporaryRoot m_directory{"replay-logbench"};
     std::string m_path;
     size_t m_size = 0;
 };

@@ -27,6 +27,7 @@
 
 #include "libreplay/server/ReplayLogReader.h"
 #include "logger/LoggerService.h"
+#include "support/TemporaryRoot.h"
 
 namespace {
 
@@ -35,23 +36,17 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kRecordsPerIteration = 20000;
 constexpr double kPacedSeconds = 2.0;
 
-class BenchDirectory {
+class BenchDirectory : public ReplaySupport::TemporaryRoot {
   public:
-    BenchDirectory() {
-        char path[] = "/tmp/logger-bench-XXXXXX";
-        if (mkdtemp(path) != nullptr) {
-            m_path = path;
-        }
-    }
-    ~BenchDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    const std::string& Path() const { return m_path; }
-
-  private:
-    std::string m_path;
+    BenchDirectory() : TemporaryRoot("logger-bench") {}
 };
+
+// Each benchmark runs unpaced (as fast as the producer goes) and paced at
+// 40,000 records a second.
+void UnpacedAndPaced(benchmark::internal::Benchmark* benchmark) {
+    benchmark->ArgName("rate")->Arg(0)->Arg(40000)->Iterations(3)->UseRealTime()->Unit(
+        benchmark::kMillisecond);
+}
 
 // One framed record of the largest size, a client record whose line breaks
 // the server has already escaped: its only line feed is its last byte.
@@ -191,13 +186,7 @@ void BM_LoggerService(benchmark::State& state) {
     close(fd);
     service.Stop();
 }
-BENCHMARK(BM_LoggerService)
-    ->ArgName("rate")
-    ->Arg(0)
-    ->Arg(40000)
-    ->Iterations(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoggerService)->Apply(UnpacedAndPaced);
 
 // Baseline: read 64 KB, write it, nothing else.
 void BM_PlainCopyLoop(benchmark::State& state) {
@@ -254,13 +243,7 @@ void BM_PlainCopyLoop(benchmark::State& state) {
     close(writeFd);
     close(fileFd);
 }
-BENCHMARK(BM_PlainCopyLoop)
-    ->ArgName("rate")
-    ->Arg(0)
-    ->Arg(40000)
-    ->Iterations(3)
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PlainCopyLoop)->Apply(UnpacedAndPaced);
 
 }  // namespace
 

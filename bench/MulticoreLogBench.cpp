@@ -11,6 +11,7 @@
 #include <string>
 
 #include "libreplay/multicore.h"
+#include "support/TemporaryRoot.h"
 
 namespace {
 
@@ -20,31 +21,18 @@ constexpr char kFormat[] = "position %d,%d speed %d.%02d km/h heading %d";
 class DeviceRoot {
   public:
     DeviceRoot() {
-        char pattern[] = "/tmp/mcbench-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) {
-            std::perror("mkdtemp");
-            std::exit(1);
-        }
-        m_root = pattern;
-        const std::string navi = m_root + "/navi";
-        if (mkdir(navi.c_str(), 0700) != 0 ||
-            symlink("/dev/null", (navi + "/multi").c_str()) != 0) {
+        if (!m_root.Valid() || symlink("/dev/null", (m_root / "navi/multi").c_str()) != 0) {
             std::perror("device root");
             std::exit(1);
         }
-        mi_setLogFileName(m_root.c_str());
+        mi_setLogFileName(m_root.Path().c_str());
         mi_setConsoleFlags('p', MI_PREFIX_BOOT_TIME | MI_PREFIX_PROCESS_NAME | MI_PREFIX_THREAD);
         mi_setLogProcessName("bench");
     }
-    ~DeviceRoot() {
-        mi_flushBuffer();
-        unlink((m_root + "/navi/multi").c_str());
-        rmdir((m_root + "/navi").c_str());
-        rmdir(m_root.c_str());
-    }
+    ~DeviceRoot() { mi_flushBuffer(); }
 
   private:
-    std::string m_root;
+    ReplaySupport::TemporaryRoot m_root{"mcbench", {"navi"}};
 };
 
 void UseDevice() {

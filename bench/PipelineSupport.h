@@ -2,19 +2,14 @@
 #define BENCH_PIPELINESUPPORT_H
 
 // Helpers for the benchmarks that run the real processes (logger service,
-// replay server, demo clients): a private target root, child processes that
-// are always ended, the server's control socket and a random loopback
-// address. Header-only; the benchmark programs link only the static library.
+// replay server, demo clients): a private target root, the server's control
+// socket and its web page's event stream, on top of the shared process
+// helpers.
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,30 +19,22 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "support/ChildProcess.h"
+#include "support/LoopbackAddress.h"
+#include "support/TemporaryRoot.h"
+#include "support/WaitFor.h"
 
 namespace BenchPipeline {
 
 using SteadyClock = std::chrono::steady_clock;
 
-// Polls `condition` every `interval` until it holds or `timeout` passes.
-inline bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
-                    std::chrono::milliseconds interval = std::chrono::milliseconds(20)) {
-    const auto deadline = SteadyClock::now() + timeout;
-    while (!condition()) {
-        if (SteadyClock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(interval);
-    }
-    return true;
-}
+using ReplaySupport::ChildProcess;
+using ReplaySupport::RandomLoopbackAddress;
+using ReplaySupport::WaitFor;
 
 // An integer from the environment, or `fallback` when unset or not a number.
 inline long EnvironmentNumber(const char* name, long fallback) {
@@ -83,167 +70,33 @@ inline std::string BuiltProgram(const std::string& relativePath) {
     return path;
 }
 
-// 127.a.b.c with a random a, b and c, so that runs on a shared machine do
-// not meet each other's servers. `hostBase` leaves room for c + hosts.
-inline std::string RandomLoopbackAddress(int hostBase = 1, int hosts = 1) {
-    std::random_device device;
-    std::mt19937 generator(device());
-    std::uniform_int_distribution<int> octet(1, 254);
-    const int last = std::uniform_int_distribution<int>(hostBase, 254 - hosts)(generator);
-    return "127." + std::to_string(octet(generator)) + "." + std::to_string(octet(generator)) +
-           "." + std::to_string(last);
+// A private target root with the directories the processes expect; kept
+// on disk when BENCH_KEEP_ROOT is set.
+class TargetRoot : public ReplaySupport::TemporaryRoot {
+  public:
+    TargetRoot() : TemporaryRoot("replay-bench", {"fs/usb0", "fs/etfs", "tmp", "work"}) {
+        if (std::getenv("BENCH_KEEP_ROOT") != nullptr && Valid()) {
+            std::fprintf(stderr, "keeping %s\n", Path().c_str());
+            Keep();
+        }
+    }
+};
+
+// A benchmark's child: in the root's working directory, with the root and
+// replay enabled in its environment (and `extraEnvironment`), its output in
+// `outputFile`, ended with this program.
+inline ChildProcess::Options ChildOptions(const TargetRoot& root, const std::string& outputFile,
+                                          const std::vector<std::string>& extraEnvironment = {}) {
+    ChildProcess::Options options;
+    options.directory = root / "work";
+    options.environment = {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1"};
+    options.environment.insert(options.environment.end(), extraEnvironment.begin(),
+                               extraEnvironment.end());
+    options.outputPath = outputFile;
+    options.truncateOutput = true;
+    options.endWithParent = true;
+    return options;
 }
-
-// A private target root with the directories the processes expect; removed
-// when it goes out of scope unless BENCH_KEEP_ROOT is set.
-class TargetRoot {
-  public:
-    TargetRoot() {
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/replay-bench-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (mkdtemp(buffer.data()) == nullptr) {
-            return;
-        }
-        m_path = buffer.data();
-        for (const char* directory : {"/fs/usb0", "/fs/etfs", "/tmp", "/work"}) {
-            std::filesystem::create_directories(m_path + directory);
-        }
-    }
-    ~TargetRoot() {
-        if (m_path.empty()) {
-            return;
-        }
-        if (std::getenv("BENCH_KEEP_ROOT") != nullptr) {
-            std::fprintf(stderr, "kept %s\n", m_path.c_str());
-            return;
-        }
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TargetRoot(const TargetRoot&) = delete;
-    TargetRoot& operator=(const TargetRoot&) = delete;
-
-    bool Valid() const { return !m_path.empty(); }
-    const std::string& Path() const { return m_path; }
-    std::string operator/(const std::string& relative) const { return m_path + "/" + relative; }
-
-  private:
-    std::string m_path;
-};
-
-// A child process; ended (SIGTERM, then SIGKILL)
-// when it goes out of scope, so no process outlives a failed run.
-class ChildProcess {
-  public:
-    ChildProcess() = default;
-    ~ChildProcess() { Stop(std::chrono::milliseconds(3000)); }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    // Starts `arguments[0]` in `workingDirectory` with `extraEnvironment`
-    // ("NAME=value") added, standard output and error to `outputFile`.
-    bool Start(const std::vector<std::string>& arguments, const std::string& workingDirectory,
-               const std::vector<std::string>& extraEnvironment, const std::string& outputFile) {
-        std::vector<std::string> environment = extraEnvironment;
-        for (char** entry = environ; *entry != nullptr; ++entry) {
-            environment.emplace_back(*entry);
-        }
-        std::vector<char*> argv;
-        for (const std::string& argument : arguments) {
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-        std::vector<char*> envp;
-        for (const std::string& entry : environment) {
-            envp.push_back(const_cast<char*>(entry.c_str()));
-        }
-        envp.push_back(nullptr);
-
-        // Everything the child needs is prepared before fork: between fork
-        // and exec only async-signal-safe calls are made.
-        const int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        if (output < 0 || input < 0) {
-            std::fprintf(stderr, "cannot open %s: %s\n", outputFile.c_str(), std::strerror(errno));
-            close(output);
-            close(input);
-            return false;
-        }
-        const pid_t parent = getpid();
-        m_pid = fork();
-        if (m_pid == 0) {
-            // Ended with this program, however it ends.
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (getppid() != parent) {
-                _exit(127);
-            }
-            sigset_t none;
-            sigemptyset(&none);
-            sigprocmask(SIG_SETMASK, &none, nullptr);
-            dup2(input, STDIN_FILENO);
-            dup2(output, STDOUT_FILENO);
-            dup2(output, STDERR_FILENO);
-            if (chdir(workingDirectory.c_str()) != 0) {
-                _exit(127);
-            }
-            execve(argv[0], argv.data(), envp.data());
-            _exit(127);
-        }
-        close(output);
-        close(input);
-        if (m_pid < 0) {
-            std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(errno));
-            return false;
-        }
-        m_outputFile = outputFile;
-        return true;
-    }
-
-    bool Running() {
-        if (m_pid <= 0) {
-            return false;
-        }
-        int status = 0;
-        const pid_t result = waitpid(m_pid, &status, WNOHANG);
-        if (result == m_pid) {
-            m_pid = -1;
-            m_exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return false;
-        }
-        return result == 0;
-    }
-
-    // Sends SIGTERM and waits up to `grace` for the exit, then kills it.
-    // Returns the exit status (128 + signal for a signal), -1 if never run.
-    int Stop(std::chrono::milliseconds grace) {
-        if (m_pid > 0 && Running()) {
-            kill(m_pid, SIGTERM);
-            if (!WaitFor([this] { return !Running(); }, grace, std::chrono::milliseconds(5))) {
-                kill(m_pid, SIGKILL);
-                WaitFor([this] { return !Running(); }, std::chrono::milliseconds(5000));
-            }
-        }
-        return m_exitStatus;
-    }
-
-    // Waits up to `timeout` for the process to end by itself.
-    bool WaitExit(std::chrono::milliseconds timeout) {
-        return WaitFor([this] { return !Running(); }, timeout, std::chrono::milliseconds(5));
-    }
-
-    int ExitStatus() const { return m_exitStatus; }
-    std::string Output() const {
-        std::ifstream in(m_outputFile);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-  private:
-    pid_t m_pid = -1;
-    int m_exitStatus = -1;
-    std::string m_outputFile;
-};
 
 // Sends one command line to the server's control socket; the reply, or
 // empty when the server cannot be reached.
@@ -346,13 +199,11 @@ class RecordingPipeline {
             return false;
         }
         std::ofstream(m_root / "work/ReplayConfig.txt") << config;
-        const std::vector<std::string> environment = {"REPLAY_TARGET_ROOT=" + m_root.Path(),
-                                                      "ENABLE_REPLAY=1"};
         const std::string ready = m_root / "logger.ready";
         if (!m_logger.Start({logger, "--root", m_root.Path(), "--ready-file", ready},
-                            m_root / "work", environment, m_root / "logger.out") ||
+                            ChildOptions(m_root, m_root / "logger.out")) ||
             !WaitFor([&ready] { return access(ready.c_str(), F_OK) == 0; },
-                     std::chrono::seconds(10))) {
+                     std::chrono::seconds(10), kStartPoll)) {
             std::fprintf(stderr, "the logger service did not start:\n%s\n",
                          m_logger.Output().c_str());
             return false;
@@ -360,8 +211,9 @@ class RecordingPipeline {
         std::vector<std::string> serverArgv = {server,        "--bind",    m_address,    "--root",
                                                m_root.Path(), "--control", ControlPath()};
         serverArgv.insert(serverArgv.end(), serverOptions.begin(), serverOptions.end());
-        if (!m_server.Start(serverArgv, m_root / "work", environment, m_root / "server.out") ||
-            !WaitFor([this] { return !Command("status").empty(); }, std::chrono::seconds(10))) {
+        if (!m_server.Start(serverArgv, ChildOptions(m_root, m_root / "server.out")) ||
+            !WaitFor([this] { return !Command("status").empty(); }, std::chrono::seconds(10),
+                     kStartPoll)) {
             std::fprintf(stderr, "the replay server did not start:\n%s\n",
                          m_server.Output().c_str());
             return false;
@@ -384,12 +236,22 @@ class RecordingPipeline {
                 port = at == std::string::npos ? 0 : std::atoi(output.c_str() + at + key.size());
                 return port > 0;
             },
-            std::chrono::seconds(10));
+            std::chrono::seconds(10), kStartPoll);
         return port > 0 && events.Start(m_address, port);
     }
 
     std::string Command(const std::string& line) const {
         return ControlCommand(ControlPath(), line);
+    }
+    // Clients the server's table lists as running.
+    size_t RunningClients() const {
+        const std::string table = Command("clients");
+        size_t running = 0;
+        for (size_t at = table.find("Running"); at != std::string::npos;
+             at = table.find("Running", at + 1)) {
+            ++running;
+        }
+        return running;
     }
     std::string ControlPath() const { return m_root / "control.sock"; }
     std::string LogFile() const { return m_root / "fs/usb0/LOGFILE.DAT"; }
@@ -405,6 +267,8 @@ class RecordingPipeline {
     ~RecordingPipeline() { Stop(); }
 
   private:
+    static constexpr std::chrono::milliseconds kStartPoll{20};
+
     const TargetRoot& m_root;
     std::string m_address;
     ChildProcess m_logger;

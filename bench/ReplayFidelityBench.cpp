@@ -44,6 +44,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/StoredLog.h"
 #include "bench/PipelineSupport.h"
 #include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
@@ -219,58 +220,24 @@ void ReportDistribution(benchmark::State& state, const std::vector<int64_t>& err
     state.counters["max_abs_ms"] = d.maxMs;
 }
 
-std::string Hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
 // A log holding one client's burst, stored as that client sends it (blocks
 // of at most 2032 bytes), and the client's journal of the same items.
 bool WriteBurst(const std::string& client, const std::string& logPath,
                 const std::string& journalPath) {
     constexpr int64_t kStartMs = 50000;
-    std::ofstream journal(journalPath);
-    std::string log;
-    std::string framed;
-    if (!ReplayCore::LogFormat::FrameRecord(ReplayCore::LogFormat::HeaderPayload(kStartMs),
-                                            framed)) {
-        return false;
-    }
-    ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-    std::string block;
-    unsigned int sequence = 0;
-    auto flush = [&] {
-        char trailer[16];
-        std::snprintf(
-            trailer, sizeof trailer, "%8x\n",
-            ReplayCore::ComputeChecksum(block.data(), static_cast<unsigned int>(block.size())));
-        ReplayCore::LogFormat::FrameRecord(block + trailer, framed);
-        ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-        block.clear();
-    };
+    std::vector<ReplayTest::TimedItem> items;
     for (size_t i = 0; i < kBurstItems; ++i) {
-        const int64_t timeMs =
-            kStartMs + static_cast<int64_t>(i) * kBurstSpanMs / static_cast<int64_t>(kBurstItems);
         std::string bytes = "POS " + std::to_string(i) + " ";
         bytes.resize(kBurstItemBytes, 'p');
-        journal << timeMs << " 2 " << Hex(bytes) << '\n';
-        const std::string time = ReplayCore::MSTime::MSTimeStruct(0, timeMs).ToString();
-        const std::string item = static_cast<char>(ReplayCore::kItemSeparator) + time + ":" + bytes;
-        if (!block.empty() && block.size() + item.size() >= 2032) {
-            flush();
-        }
-        block += block.empty() ? "\"" + time + ":" + client + ":!1 " + std::to_string(++sequence) +
-                                     ":" + bytes
-                               : item;
+        items.push_back(
+            {kStartMs + static_cast<int64_t>(i) * kBurstSpanMs / static_cast<int64_t>(kBurstItems),
+             bytes});
     }
-    flush();
-    std::ofstream(logPath, std::ios::binary) << log;
-    return static_cast<bool>(journal);
+    std::ofstream journal(journalPath);
+    journal << ReplayTest::DemoJournal(items);
+    std::ofstream log(logPath, std::ios::binary);
+    log << ReplayTest::StoredClientLog(kStartMs, client, items);
+    return static_cast<bool>(journal) && static_cast<bool>(log);
 }
 
 class DemoClients {
@@ -291,23 +258,15 @@ class DemoClients {
             arguments.insert(arguments.end(), setup.options.begin(), setup.options.end());
             m_processes.emplace_back(new ChildProcess);
             if (!m_processes.back()->Start(
-                    arguments, m_root / "work",
-                    {"REPLAY_TARGET_ROOT=" + m_root.Path(), "ENABLE_REPLAY=1",
-                     "DEMO_CLIENT_ITEMS=" + (m_root / (name + "." + run + ".items"))},
-                    m_root / (name + "." + run + ".out"))) {
+                    arguments,
+                    BenchPipeline::ChildOptions(
+                        m_root, m_root / (name + "." + run + ".out"),
+                        {"DEMO_CLIENT_ITEMS=" + (m_root / (name + "." + run + ".items"))}))) {
                 return false;
             }
         }
         return BenchPipeline::WaitFor(
-            [&] {
-                const std::string table = m_pipeline.Command("clients");
-                size_t running = 0;
-                for (size_t at = table.find("Running"); at != std::string::npos;
-                     at = table.find("Running", at + 1)) {
-                    ++running;
-                }
-                return running >= m_setups.size();
-            },
+            [&] { return m_pipeline.RunningClients() >= m_setups.size(); },
             std::chrono::seconds(20), std::chrono::milliseconds(100));
     }
 
@@ -532,25 +491,16 @@ bool RunPauseResume(int seconds, double rate, PauseResumeResult& result, std::st
     ChildProcess clients[3];
     for (int c = 0; c < 3; ++c) {
         const std::string name = kPauseClients[c];
-        if (!clients[c].Start({demoClient, name, root / (name + ".journal")}, root / "work",
-                              {"REPLAY_TARGET_ROOT=" + root.Path(), "ENABLE_REPLAY=1",
-                               "DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))},
-                              root / (name + ".out"))) {
+        if (!clients[c].Start(
+                {demoClient, name, root / (name + ".journal")},
+                BenchPipeline::ChildOptions(root, root / (name + ".out"),
+                                            {"DEMO_CLIENT_ITEMS=" + (root / (name + ".items"))}))) {
             error = "cannot start demo_client";
             return false;
         }
     }
-    if (!BenchPipeline::WaitFor(
-            [&] {
-                const std::string table = pipeline.Command("clients");
-                size_t running = 0;
-                for (size_t at = table.find("Running"); at != std::string::npos;
-                     at = table.find("Running", at + 1)) {
-                    ++running;
-                }
-                return running >= 3;
-            },
-            std::chrono::seconds(20), std::chrono::milliseconds(100))) {
+    if (!BenchPipeline::WaitFor([&] { return pipeline.RunningClients() >= 3; },
+                                std::chrono::seconds(20), std::chrono::milliseconds(100))) {
         error = "the demo clients did not connect";
         return false;
     }

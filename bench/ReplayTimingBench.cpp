@@ -35,6 +35,7 @@
 #include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/server/ReplayRuntimeOptions.h"
+#include "support/TemporaryRoot.h"
 
 namespace {
 
@@ -198,13 +199,11 @@ int main(int argc, char** argv) {
     const int records = seconds * 1000 / kRecordIntervalMs;
 
     // The children's file logs and output go to a private target root.
-    char rootPattern[] = "/tmp/replay-timing-XXXXXX";
-    const char* root = mkdtemp(rootPattern);
-    if (root == nullptr) {
+    const ReplaySupport::TemporaryRoot root("replay-timing", {"tmp"});
+    if (!root.Valid()) {
         return 1;
     }
-    setenv("REPLAY_TARGET_ROOT", root, 1);
-    std::filesystem::create_directories(std::string(root) + "/tmp");
+    setenv("REPLAY_TARGET_ROOT", root.Path().c_str(), 1);
 
     const int server = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in address{};
@@ -332,7 +331,6 @@ int main(int argc, char** argv) {
     }
     Report("all", all, expected * kClients);
     std::printf("targets: mean|e| <= 1.5 ms, p99 <= 3 ms, max <= 10 ms, none out of order\n");
-    std::filesystem::remove_all(root);
     close(server);
     return failures == 0 ? 0 : 1;
 }

@@ -39,6 +39,8 @@
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/ReplayVersion.h"
+#include "support/DemoJournal.h"
+#include "support/HexText.h"
 
 namespace {
 
@@ -87,41 +89,7 @@ void OnSignal(int) {
     g_stop.store(true);
 }
 
-std::string Hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
-std::string Unhex(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < text.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
-struct JournalItem {
-    int64_t timeMs;
-    std::string bytes;
-};
-
-// Journal lines: "<item time> <data type> <hex bytes>".
-std::vector<JournalItem> ReadJournal(const std::string& path) {
-    std::vector<JournalItem> items;
-    std::ifstream in(path);
-    int64_t time = 0;
-    unsigned int type = 0;
-    std::string hex;
-    while (in >> time >> type >> hex) {
-        items.push_back({time, Unhex(hex)});
-    }
-    return items;
-}
+using ReplaySupport::JournalItem;
 
 // Position text: changes every item, so a reordered or repeated item shows.
 std::string PositionText(unsigned int count) {
@@ -181,7 +149,7 @@ void Record(std::ofstream& journal, std::vector<Stream>& streams) {
         if (ReplayClient::SendClientData(bytes.data(), static_cast<unsigned int>(bytes.size()),
                                          false, stream.dataType) >= 0 &&
             ReplayClient::GetReplayState() == ReplayCore::eStateRecord) {
-            journal << itemTime << ' ' << stream.dataType << ' ' << Hex(bytes) << '\n';
+            journal << ReplaySupport::JournalLine({itemTime, stream.dataType, bytes});
         }
     }
 }
@@ -229,7 +197,7 @@ void WriteReceived(const std::string& path) {
     std::ofstream out(path, std::ios::trunc);
     std::lock_guard<std::mutex> lock(g_receivedMutex);
     for (const Received& item : g_received) {
-        out << item.momentMs << ' ' << Hex(item.bytes) << '\n';
+        out << item.momentMs << ' ' << ReplaySupport::Hex(item.bytes) << '\n';
     }
 }
 
@@ -249,7 +217,7 @@ void WriteItems(const char* path, const std::vector<JournalItem>& journal,
 }
 
 int Summarise(const std::string& name, const std::string& journalPath) {
-    const std::vector<JournalItem> journal = ReadJournal(journalPath);
+    const std::vector<JournalItem> journal = ReplaySupport::ReadJournal(journalPath);
     std::vector<Received> received;
     {
         std::lock_guard<std::mutex> lock(g_receivedMutex);

@@ -145,7 +145,7 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     EXPECT_EQ(application.Wait(10s), 0);
 }
 
-// The server's counters and resident memory, from its status and /proc.
+// The count of datagrams the server has handled, from its status.
 uint64_t DatagramsHandled(const std::string& status) {
     const size_t at = status.find("datagrams ");
     unsigned long long count = 0;
@@ -153,17 +153,6 @@ uint64_t DatagramsHandled(const std::string& status) {
         std::sscanf(status.c_str() + at, "datagrams %llu", &count);
     }
     return count;
-}
-
-// A "Name: value" field of /proc/PID/status.
-long ProcessStatus(pid_t pid, const std::string& field) {
-    const std::string status = ReplayTest::ReadFile("/proc/" + std::to_string(pid) + "/status");
-    const size_t at = status.find(field + ":");
-    long value = -1;
-    if (at != std::string::npos) {
-        std::sscanf(status.c_str() + at + field.size() + 1, "%ld", &value);
-    }
-    return value;
 }
 
 // Refusal lines of the server's output, per client name.
@@ -219,7 +208,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         << "the server no longer takes datagrams";
     // Measured once recording and the log are under way, so that what the
     // flood below adds stands out.
-    const long residentBefore = ProcessStatus(m_server->Pid(), "VmRSS");
+    const long residentBefore = ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS");
 
     size_t sent = 0;
     for (size_t chunk = 0; chunk < kFloodChunks; ++chunk) {
@@ -267,10 +256,10 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     // Sanitizer builds keep shadow memory and allocation history of their
     // own, so only the plain build's resident size says anything.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    const long residentAfter = ProcessStatus(m_server->Pid(), "VmRSS");
+    const long residentAfter = ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS");
     EXPECT_LT(residentAfter - residentBefore, 16 * 1024)
         << residentBefore << " kB before, " << residentAfter << " kB after, "
-        << ProcessStatus(m_server->Pid(), "Threads") << " threads";
+        << ReplaySupport::ProcessStatusNumber(m_server->Pid(), "Threads") << " threads";
 #else
     (void)residentBefore;
 #endif
@@ -280,9 +269,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     for (const std::string& name : real) {
         EXPECT_GE(ReplayTest::LatestPosition(dump, name), 10) << name;
     }
-    const ReplayTest::CommandResult verify = Verify();
-    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
-    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    ExpectReadableLog(false);
     for (const ReplayTest::ClientSummary& summary : StopClients()) {
         EXPECT_TRUE(summary.found);
         EXPECT_GT(summary.recorded, 0u);
@@ -316,7 +303,7 @@ TEST_F(HostileServerTest, LongFloodLeavesTheServersMemoryFlat) {
                        handledBefore + datagrams.size() * 9 / 10;
             },
             20s, 50ms);
-        resident.push_back(ProcessStatus(m_server->Pid(), "VmRSS"));
+        resident.push_back(ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS"));
     }
     ASSERT_TRUE(m_server->Running()) << m_server->Output();
     std::ostringstream curve;

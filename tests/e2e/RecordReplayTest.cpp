@@ -37,7 +37,7 @@ TEST_F(RecordReplayTest, RecordedItemsReplayIdenticallyToEveryClient) {
     for (size_t i = 0; i < m_clients.size(); ++i) {
         // Replayed items reach the client before the server reports the
         // job done, except what is still in flight.
-        m_clients[i]->Kill(SIGTERM);
+        m_clients[i]->Signal(SIGTERM);
         EXPECT_EQ(m_clients[i]->Wait(10s), 0) << m_clients[i]->Output();
         const ClientSummary summary = ReplayTest::ParseClientSummary(m_clients[i]->Output());
         ASSERT_TRUE(summary.found) << names[i] << ": " << m_clients[i]->Output();
@@ -55,7 +55,7 @@ TEST_F(RecordReplayTest, ClientRestartedWhileRecordingReplacesItsEntry) {
     ASSERT_EQ(Send("record 4").status, 0);
     // Let the first run reach the log before it is killed.
     ASSERT_TRUE(WaitFor([&] { return Occurrences(Dump(), ":gps:!1 ") >= 2; }, 10s, 100ms));
-    m_clients[0]->Kill(SIGKILL);
+    m_clients[0]->Kill();
     StartClient("gps");
     ASSERT_EQ(Send("wait").status, 0) << m_server->Output();
 
@@ -78,14 +78,12 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     ASSERT_EQ(Send("record 10").status, 0);
     ASSERT_TRUE(WaitFor([&] { return LatestPosition(Dump(), "gps") >= 2; }, 10s, 100ms));
     const std::string writtenBeforeKill = ReplayTest::ReadFile(LogPath());
-    m_server->Kill(SIGKILL);
+    m_server->Kill();
     const long beforeRestart = LatestPosition(Dump(), "gps");
     // What the service wrote stays as it was, and what it stores of the
     // channel after the kill is whole records: the server writes each record
     // at once, so a kill cannot tear one.
-    const CommandResult afterKill = Verify();
-    EXPECT_NE(afterKill.output.find(" 0 checksum failures"), std::string::npos) << afterKill.output;
-    EXPECT_NE(afterKill.output.find(" 0 skipped regions"), std::string::npos) << afterKill.output;
+    ExpectReadableLog(false);
 
     StartServer();
     ASSERT_TRUE(WaitFor(
@@ -100,9 +98,7 @@ TEST_F(RecordReplayTest, ClientsReconnectToRestartedServerAndRecordingGoesOn) {
     EXPECT_GE(LatestPosition(dump, "can"), 0) << dump;
     EXPECT_EQ(
         ReplayTest::ReadFile(LogPath()).compare(0, writtenBeforeKill.size(), writtenBeforeKill), 0);
-    const CommandResult verify = Verify();
-    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
-    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    ExpectReadableLog(false);
 }
 
 TEST_F(RecordReplayTest, DamagedRecordIsSkippedAndTheRestReplays) {

@@ -31,26 +31,6 @@ int64_t NowMs() {
 
 class RecordingLossTest : public EndToEndTest {
   protected:
-    // A demo client with its own stream rates; returns its journal path.
-    std::string StartDemoClient(const std::string& name, const std::vector<std::string>& rates) {
-        const std::string run = Root() + "/" + name;
-        std::vector<std::string> argv = {BuiltBinary("examples/demo_client"), name,
-                                         run + ".journal"};
-        argv.insert(argv.end(), rates.begin(), rates.end());
-        m_clients.emplace_back(new Process(argv, run + ".out", m_environment));
-        return run + ".journal";
-    }
-    // The server with a reorder hold that keeps records in memory for a
-    // while, so that a crash has something to lose.
-    void RestartServerWithHold(int holdMs) {
-        m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", Address(),
-                                    "--reorder-ms", std::to_string(holdMs)},
-                                   Root() + "/server" + std::to_string(++m_serverRuns) + ".out",
-                                   m_environment));
-        ASSERT_TRUE(
-            WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
-        ASSERT_TRUE(m_server->Running()) << m_server->Output();
-    }
     // A fake client registered with the server.
     std::unique_ptr<UdpTestClient> Register(const std::string& name) {
         std::unique_ptr<UdpTestClient> client(new UdpTestClient(Address()));
@@ -74,17 +54,15 @@ class RecordingLossTest : public EndToEndTest {
         }
         return data;
     }
-
-    int m_serverRuns = 0;
 };
 
 TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
     // A 10 Hz client's block can leave it up to about 4 s after its first
     // item (its ping sends it): only the server's default hold keeps such a
     // block ahead of the writer's one-second limit for late records.
-    RestartServerWithHold(5000);
-    const std::string slow = StartDemoClient("slow", {"--frame-hz", "0", "--position-hz", "10"});
-    const std::string fast = StartDemoClient("fast", {"--frame-hz", "200", "--position-hz", "10"});
+    StartServer(5000);
+    StartClient("slow", {"--frame-hz", "0", "--position-hz", "10"});
+    StartClient("fast", {"--frame-hz", "200", "--position-hz", "10"});
     ASSERT_TRUE(WaitFor([&] { return AllRunning({"slow", "fast"}); }, 20s, 50ms));
     ASSERT_EQ(Send("record").status, 0);
     std::this_thread::sleep_for(3s);
@@ -107,9 +85,9 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
             .status,
         0);
     const auto logged = ReadExtractedItems(Root() + "/items");
-    for (const auto& client :
-         {std::make_pair(std::string("slow"), slow), std::make_pair(std::string("fast"), fast)}) {
-        const std::vector<HandedItem> handed = ReadClientJournal(client.second);
+    for (const auto& client : {std::make_pair(std::string("slow"), ClientJournal(0)),
+                               std::make_pair(std::string("fast"), ClientJournal(1))}) {
+        const std::vector<HandedItem> handed = ReadJournal(client.second);
         const auto found = logged.find(client.first);
         ASSERT_NE(found, logged.end()) << client.first;
         // The journal's time is read just before the item is handed over;
@@ -130,7 +108,7 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
 }
 
 TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
-    RestartServerWithHold(5000);
+    StartServer(5000);
     std::unique_ptr<UdpTestClient> client = Register("crashy");
     ASSERT_EQ(Send("record").status, 0);
     // 60 blocks over 3 s: at the kill some are written, some wait in the
@@ -146,12 +124,12 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
                         10s, 20ms));
     // What was received more than a second ago must survive.
     std::this_thread::sleep_for(1200ms);
-    m_server->Kill(SIGKILL);
+    m_server->Kill();
 
     const size_t loggedBeforeRestart = LoggedData().size();
     EXPECT_LT(loggedBeforeRestart, sent.size());
 
-    RestartServerWithHold(5000);
+    StartServer(5000);
     const std::string status = Send("status").output;
     EXPECT_GE(NumberAfter(status, "records recovered at start "),
               static_cast<long>(sent.size() - loggedBeforeRestart))

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,11 +22,7 @@ using ReplayTest::CommandResult;
 using ReplayTest::kLastBlockItems;
 using ReplayTest::WaitFor;
 
-struct Item {
-    long index;  // in the client's journal
-    int64_t recordedMs;
-    int64_t momentUs;  // the callback, monotonic clock
-};
+using Item = ReplayTest::ReplayedItem;
 
 int64_t NowUs() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
@@ -58,15 +53,8 @@ class ReplayControlTest : public ReplayTest::EndToEndTest {
         Record(seconds);
     }
     std::string ItemsPath(const std::string& name) const { return Root() + "/" + name + ".items"; }
-    static std::vector<Item> Items(const std::string& path) {
-        std::vector<Item> items;
-        std::ifstream in(path);
-        Item item{};
-        int64_t clockLead = 0;
-        while (in >> item.index >> item.recordedMs >> item.momentUs >> clockLead) {
-            items.push_back(item);
-        }
-        return items;
+    std::vector<Item> Items(const std::string& name) const {
+        return ReplayTest::ReadReplayedItems(ItemsPath(name));
     }
     // Runs a command that must succeed; its reply.
     std::string Ok(const std::string& command) {
@@ -132,7 +120,7 @@ TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHa
 
         // Before and after the pause every item lies on one line with the
         // recorded times; the line moves by the time spent paused.
-        const std::vector<Item> items = Items(ItemsPath(names[c]));
+        const std::vector<Item> items = Items(names[c]);
         ASSERT_EQ(items.size(), summaries[c].replayed) << names[c];
         const auto firstAfter = std::find_if(items.begin(), items.end(), [&](const Item& item) {
             return item.momentUs >= resumeSent;
@@ -185,7 +173,7 @@ TEST_F(ReplayControlTest, SeekAndStepWhilePausedThenRateTwo) {
 
     const std::vector<ClientSummary> summaries = StopClients();
     ASSERT_TRUE(summaries[0].found) << m_clients[0]->Output();
-    const std::vector<Item> items = Items(ItemsPath("gps"));
+    const std::vector<Item> items = Items("gps");
     ASSERT_GT(items.size(), 20u);
     // Journal order with exactly one jump forward (the seek): nothing
     // repeated, and from the seek on nothing missing up to the log's end.
@@ -244,7 +232,7 @@ TEST_F(ReplayControlTest, SomeClientsOnlyAndLoopUntilTurnedOff) {
     const std::vector<ClientSummary> summaries = StopClients();
     ASSERT_TRUE(summaries[0].found && summaries[1].found);
     EXPECT_EQ(summaries[1].replayed, 0u) << m_clients[1]->Output();
-    const std::vector<Item> items = Items(ItemsPath("gps"));
+    const std::vector<Item> items = Items("gps");
     const size_t once =
         std::count_if(items.begin(), items.end(), [](const Item& item) { return item.index == 0; });
     EXPECT_GE(once, 2u);

@@ -8,25 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/server/ClientRecord.h"
-#include "libreplay/server/ReplayLogReader.h"
 #include "tests/support/EndToEnd.h"
+#include "tests/support/StoredLog.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using ReplayTest::CommandResult;
-namespace LogFormat = ReplayCore::LogFormat;
 
-constexpr unsigned int kTextType = 2;  // the journal's data type of a text item
 constexpr int64_t kLogStartMs = 50000;
 // The clients add this to their replay clock (the test options file's).
 constexpr int kNetworkingLatencyMs = 100;
 
-struct Item {
-    int64_t timeMs;
-    std::string bytes;
-};
+using Item = ReplayTest::TimedItem;
 
 // `count` position texts of `size` bytes (at least 12), `periodUs` apart.
 std::vector<Item> Items(size_t count, int64_t periodUs, size_t size = 24) {
@@ -39,72 +33,14 @@ std::vector<Item> Items(size_t count, int64_t periodUs, size_t size = 24) {
     return items;
 }
 
-// A client's items as it sends them: blocks of at most 2032 bytes that span
-// at most a second, each stored as a framed record.
-void AppendBlocks(const std::string& client, const std::vector<Item>& items, std::string& log) {
-    unsigned int sequence = 0;
-    std::string block;
-    int64_t blockStart = 0;
-    auto flush = [&] {
-        if (block.empty()) {
-            return;
-        }
-        char trailer[16];
-        std::snprintf(
-            trailer, sizeof trailer, "%8x\n",
-            ReplayCore::ComputeChecksum(block.data(), static_cast<unsigned int>(block.size())));
-        std::string framed;
-        ASSERT_TRUE(LogFormat::FrameRecord(block + trailer, framed));
-        LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-        block.clear();
-    };
-    for (const Item& item : items) {
-        const std::string time = ReplayCore::MSTime::MSTimeStruct(0, item.timeMs).ToString();
-        const std::string separated =
-            static_cast<char>(ReplayCore::kItemSeparator) + time + ":" + item.bytes;
-        if (!block.empty() &&
-            (block.size() + separated.size() >= 2032 || item.timeMs - blockStart >= 1000)) {
-            flush();
-        }
-        if (block.empty()) {
-            blockStart = item.timeMs;
-            block =
-                "\"" + time + ":" + client + ":!1 " + std::to_string(++sequence) + ":" + item.bytes;
-        } else {
-            block += separated;
-        }
-    }
-    flush();
-}
-
-std::string Hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned char c : bytes) {
-        text += digits[c >> 4];
-        text += digits[c & 15];
-    }
-    return text;
-}
-
-// One line of a demo client's replayed-items file.
-struct Replayed {
-    long long index;
-    int64_t recordedMs;
-    int64_t momentUs;
-    int clockLeadMs;
-};
+using Replayed = ReplayTest::ReplayedItem;
 
 class ReplayTimingTest : public ReplayTest::EndToEndTest {
   protected:
     std::string WriteLog(const std::string& client, const std::vector<Item>& items) {
-        std::string log;
         const std::string path = Root() + "/" + client + ".dat";
-        std::string framed;
-        EXPECT_TRUE(LogFormat::FrameRecord(LogFormat::HeaderPayload(kLogStartMs), framed));
-        LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
-        AppendBlocks(client, items, log);
-        std::ofstream(path, std::ios::binary) << log;
+        std::ofstream(path, std::ios::binary)
+            << ReplayTest::StoredClientLog(kLogStartMs, client, items);
         return path;
     }
 
@@ -112,12 +48,7 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
     // them; it writes each item it is replayed to its items file.
     void StartReplayClient(const std::string& name, const std::vector<Item>& items) {
         const std::string run = Root() + "/" + name + "." + std::to_string(m_clients.size());
-        {
-            std::ofstream journal(run + ".journal");
-            for (const Item& item : items) {
-                journal << item.timeMs << ' ' << kTextType << ' ' << Hex(item.bytes) << '\n';
-            }
-        }
+        std::ofstream(run + ".journal") << ReplayTest::DemoJournal(items);
         m_itemsPath = run + ".items";
         m_environment.push_back("DEMO_CLIENT_ITEMS=" + m_itemsPath);
         StartClient(name);
@@ -132,15 +63,9 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         EXPECT_EQ(replay.output.compare(0, 9, "replaying"), 0) << replay.output;
         const CommandResult waited = Send("wait");
         EXPECT_EQ(waited.output, "done\n") << m_server->Output();
-        m_clients.back()->Kill(SIGTERM);
+        m_clients.back()->Signal(SIGTERM);
         EXPECT_EQ(m_clients.back()->Wait(20s), 0) << m_clients.back()->Output();
-        std::vector<Replayed> replayed;
-        std::ifstream in(m_itemsPath);
-        Replayed item{};
-        while (in >> item.index >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
-            replayed.push_back(item);
-        }
-        return replayed;
+        return ReplayTest::ReadReplayedItems(m_itemsPath);
     }
 
     static std::vector<long long> Indexes(const std::vector<Replayed>& replayed) {

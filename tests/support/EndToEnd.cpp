@@ -1,18 +1,11 @@
 #include "tests/support/EndToEnd.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <sstream>
-
-extern char** environ;
 
 namespace ReplayTest {
 
@@ -20,77 +13,6 @@ using namespace std::chrono_literals;
 
 std::string BuiltBinary(const std::string& relative) {
     return std::string(REPLAY_BINARY_DIR) + "/" + relative;
-}
-
-Process::Process(const std::vector<std::string>& argv, const std::string& outputPath,
-                 const std::vector<std::string>& environment)
-    : m_outputPath(outputPath) {
-    // Everything the child needs is prepared before the fork: between fork
-    // and exec only async-signal-safe calls are made.
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    std::vector<std::string> variables;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string variable = *entry;
-        const std::string name = variable.substr(0, variable.find('='));
-        const bool replaced =
-            std::any_of(environment.begin(), environment.end(), [&name](const std::string& added) {
-                return added.compare(0, name.size() + 1, name + "=") == 0;
-            });
-        if (!replaced) {
-            variables.push_back(variable);
-        }
-    }
-    variables.insert(variables.end(), environment.begin(), environment.end());
-    std::vector<char*> envp;
-    for (const std::string& variable : variables) {
-        envp.push_back(const_cast<char*>(variable.c_str()));
-    }
-    envp.push_back(nullptr);
-    std::fflush(nullptr);
-    m_pid = fork();
-    if (m_pid == 0) {
-        const int out = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        const int in = open("/dev/null", O_RDONLY);
-        dup2(out, 1);
-        dup2(out, 2);
-        dup2(in, 0);
-        execve(args[0], args.data(), envp.data());
-        _exit(127);
-    }
-}
-
-bool Process::Running() {
-    Reap(false);
-    return !m_reaped;
-}
-
-void Process::Kill(int signal) {
-    if (m_pid > 0 && !m_reaped) {
-        kill(m_pid, signal);
-        if (signal == SIGKILL) {
-            Reap(true);
-        }
-    }
-}
-
-int Process::Wait(std::chrono::milliseconds deadline) {
-    WaitFor([this] { return !Running(); }, deadline, 10ms);
-    return m_reaped ? m_status : -1;
-}
-
-void Process::Reap(bool block) {
-    if (m_pid <= 0 || m_reaped) {
-        return;
-    }
-    int status = 0;
-    if (waitpid(m_pid, &status, block ? 0 : WNOHANG) == m_pid) {
-        m_reaped = true;
-        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
 }
 
 ClientSummary ParseClientSummary(const std::string& output) {
@@ -111,6 +33,16 @@ ClientSummary ParseClientSummary(const std::string& output) {
         }
     }
     return summary;
+}
+
+std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
+    std::vector<ReplayedItem> items;
+    std::istringstream in(ReadFile(path));
+    ReplayedItem item;
+    while (in >> item.index >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
+        items.push_back(item);
+    }
+    return items;
 }
 
 long NumberAfter(const std::string& text, const std::string& key) {
@@ -158,10 +90,7 @@ void EndToEndTest::PrepareTarget() {
     setenv("ENABLE_REPLAY", "1", 1);
     MakeTargetDirectory("/fs/usb0");
     MakeTargetDirectory("/tmp");
-    std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> part(1, 254);
-    m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
-           std::to_string(part(random));
+    m_ip = RandomLoopbackAddress();
     WriteFile("ReplayConfig.txt", "serverIP:" + m_ip +
                                       ";\nexternalConnectWait:0;\n"
                                       "networkingLatency:100;\nserverLeadTime:100;\n"
@@ -184,9 +113,12 @@ void EndToEndTest::StartServer(int reorderMs) {
     // The demo clients send every block within about two seconds of its
     // time, so a short reorder hold keeps their records in order and lets
     // them reach the log while the cases record only a few seconds.
-    m_server.reset(new Process({BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
-                                std::to_string(reorderMs)},
-                               Root() + "/server.out", m_environment));
+    m_server.reset(new Process(
+        {BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
+         std::to_string(reorderMs)},
+        // Each start writes a file of its own.
+        Root() + "/server" + (m_serverStarts++ > 0 ? std::to_string(m_serverStarts) : "") + ".out",
+        m_environment));
     ASSERT_TRUE(
         WaitFor([&] { return Send("status").status == 0 || !m_server->Running(); }, 20s, 20ms));
     ASSERT_TRUE(m_server->Running()) << m_server->Output();
@@ -222,15 +154,29 @@ void EndToEndTest::ExpectLogIntact(const std::string& path) {
     }
 }
 
+std::string EndToEndTest::ExpectReadableLog(bool inTimeOrder) {
+    const CommandResult verify = Verify();
+    EXPECT_TRUE(verify.status == 0 || verify.status == 1) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
+    EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
+    if (inTimeOrder) {
+        EXPECT_NE(verify.output.find(" 0 time order violations"), std::string::npos)
+            << verify.output;
+    }
+    return verify.output;
+}
+
 std::string EndToEndTest::Dump(const std::string& path) {
     return Run({"tools/replaylog/replaylog", "dump", path.empty() ? LogPath() : path}).output;
 }
 
-Process& EndToEndTest::StartClient(const std::string& name) {
+Process& EndToEndTest::StartClient(const std::string& name,
+                                   const std::vector<std::string>& options) {
     const std::string run = Root() + "/" + name + "." + std::to_string(m_clients.size());
-    m_clients.emplace_back(
-        new Process({BuiltBinary("examples/demo_client"), name, run + ".journal"}, run + ".out",
-                    m_environment));
+    std::vector<std::string> argv = {BuiltBinary("examples/demo_client"), name, run + ".journal"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    m_clientRuns.push_back(run);
+    m_clients.emplace_back(new Process(argv, run + ".out", m_environment));
     return *m_clients.back();
 }
 
@@ -283,7 +229,7 @@ void EndToEndTest::Record(double seconds) {
 std::vector<ClientSummary> EndToEndTest::StopClients() {
     std::vector<ClientSummary> summaries;
     for (const std::unique_ptr<Process>& client : m_clients) {
-        client->Kill(SIGTERM);
+        client->Signal(SIGTERM);
         client->Wait(10s);
         summaries.push_back(ParseClientSummary(client->Output()));
     }

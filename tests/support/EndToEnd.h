@@ -6,14 +6,15 @@
 // their own, with helpers to command the server and read the log back.
 
 #include <signal.h>
-#include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {
@@ -21,34 +22,15 @@ namespace ReplayTest {
 // REPLAY_BINARY_DIR + "/" + relative.
 std::string BuiltBinary(const std::string& relative);
 
-// A child process running a built executable, its output (stdout and
-// stderr) appended to a file. `environment` entries ("NAME=value") are added
-// to the test's own. Killed and reaped on destruction, so a failing case
-// leaves nothing running.
-class Process {
+// A built program run as a child process, its output (stdout and stderr)
+// appended to a file; `environment` entries ("NAME=value") are added to the
+// test's own. Killed and reaped on destruction.
+class Process : public ReplaySupport::ChildProcess {
   public:
     Process(const std::vector<std::string>& argv, const std::string& outputPath,
-            const std::vector<std::string>& environment = {});
-    ~Process() { Kill(SIGKILL); }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-    pid_t Pid() const { return m_pid; }
-    bool Running();
-    // Sends `signal`; SIGKILL also reaps the process.
-    void Kill(int signal);
-    // The exit status (128 + signal when killed), or -1 when the process is
-    // still running at the deadline.
-    int Wait(std::chrono::milliseconds deadline);
-    std::string Output() const { return ReadFile(m_outputPath); }
-
-  private:
-    void Reap(bool block);
-
-    pid_t m_pid = -1;
-    bool m_reaped = false;
-    int m_status = -1;
-    std::string m_outputPath;
+            const std::vector<std::string>& environment = {}) {
+        Start(argv, {"", environment, outputPath});
+    }
 };
 
 struct CommandResult {
@@ -73,6 +55,15 @@ long NumberAfter(const std::string& text, const std::string& key);
 
 // The highest position number of `client` in a log dump, or -1.
 long LatestPosition(const std::string& dump, const std::string& client);
+
+// One line of a demo client's replayed-items file (DEMO_CLIENT_ITEMS).
+struct ReplayedItem {
+    long long index = -1;  // in the client's journal; -1: not there
+    int64_t recordedMs = 0;
+    int64_t momentUs = 0;  // the callback, monotonic clock
+    int clockLeadMs = 0;   // the callback less the item's time, client's clock
+};
+std::vector<ReplayedItem> ReadReplayedItems(const std::string& path);
 
 // A block is sent once it is a second old; the demo client produces 60 items
 // a second, so its last, unsent block holds at most about that many.
@@ -107,9 +98,16 @@ class EndToEndTest : public TargetRootTest {
     // intact: exit status 0. When it does not and REPLAY_FAILED_LOG_DIR is
     // set, the log is copied there for a closer look.
     void ExpectLogIntact(const std::string& path = "");
+    // Expects `replaylog verify` to read the live log with nothing damaged or
+    // skipped and, when asked, nothing out of time order (lost blocks, shown
+    // as sequence gaps, are allowed); its report.
+    std::string ExpectReadableLog(bool inTimeOrder = true);
 
-    // Starts a demo client; each start has its own journal and output file.
-    Process& StartClient(const std::string& name);
+    // Starts a demo client with `options` added to its command line; each
+    // start has its own journal and output file.
+    Process& StartClient(const std::string& name, const std::vector<std::string>& options = {});
+    // The journal of the client started `index`th.
+    std::string ClientJournal(size_t index) const { return m_clientRuns.at(index) + ".journal"; }
 
     // Lines of `send clients` naming the client, and whether it is running.
     int ClientEntries(const std::string& name, bool runningOnly = true);
@@ -138,6 +136,8 @@ class EndToEndTest : public TargetRootTest {
     std::vector<std::unique_ptr<Process>> m_clients;
 
   private:
+    std::vector<std::string> m_clientRuns;
+    int m_serverStarts = 0;
     std::string m_ip;
     int m_commands = 0;
 };

@@ -8,28 +8,22 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <random>
+
+#include "tests/support/TestSupport.h"
 
 namespace ReplayTest {
 
 FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
-    std::random_device seed;
-    std::mt19937 random(seed());
-    // 127.0.0.1 is left to real servers; the rest of 127/8 is ours.
-    std::uniform_int_distribution<int> middle(1, 254);
-    std::uniform_int_distribution<int> any(0, 255);
     for (int attempt = 0; attempt < 200 && m_socket < 0; ++attempt) {
         const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         if (fd < 0) {
             return;
         }
-        char address[INET_ADDRSTRLEN];
-        std::snprintf(address, sizeof address, "127.%d.%d.%d", middle(random), any(random),
-                      middle(random));
+        const std::string address = RandomLoopbackAddress();
         sockaddr_in local{};
         local.sin_family = AF_INET;
         local.sin_port = htons(static_cast<uint16_t>(port));
-        inet_pton(AF_INET, address, &local.sin_addr);
+        inet_pton(AF_INET, address.c_str(), &local.sin_addr);
         if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0) {
             m_socket = fd;
             m_address = address;

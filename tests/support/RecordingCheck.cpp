@@ -3,40 +3,10 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {
-
-namespace {
-
-std::string Unhex(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i + 1 < text.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
-}
-
-}  // namespace
-
-std::vector<HandedItem> ReadClientJournal(const std::string& path) {
-    std::vector<HandedItem> items;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream fields(line);
-        HandedItem item;
-        unsigned int type = 0;
-        std::string hex;
-        if (fields >> item.timeMs >> type >> hex) {
-            item.bytes = Unhex(hex);
-            items.push_back(item);
-        }
-    }
-    return items;
-}
 
 std::map<std::string, std::vector<std::string>> ReadExtractedItems(const std::string& directory) {
     std::vector<std::string> names;

@@ -10,15 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "support/DemoJournal.h"
+
 namespace ReplayTest {
 
-struct HandedItem {
-    int64_t timeMs = 0;  // when it was handed to SendClientData
-    std::string bytes;
-};
-
-// The items a demo client journaled ("<ms> <type> <hex>" a line).
-std::vector<HandedItem> ReadClientJournal(const std::string& path);
+using HandedItem = ReplaySupport::JournalItem;
+using ReplaySupport::ReadJournal;
 
 // The items of each client in a directory written by `replaylog extract
 // --out-dir` (files "<n>_<client>_<time>.<ext>"), in log order.

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
@@ -20,19 +19,10 @@ namespace ReplayTest {
 
 namespace {
 
-std::string MakeTemporaryDirectory() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/libreplay-test-XXXXXX";
-    std::vector<char> path(pattern.begin(), pattern.end());
-    path.push_back('\0');
-    if (mkdtemp(path.data()) == nullptr) {
-        return std::string();
-    }
-    const std::string root = path.data();
-    std::filesystem::create_directories(root + "/work");
-    std::filesystem::create_directories(root + "/tmp");
-    return root;
+// A fresh temporary root with the working directory and the target's /tmp.
+std::unique_ptr<ReplaySupport::TemporaryRoot> MakeTemporaryRoot() {
+    return std::make_unique<ReplaySupport::TemporaryRoot>(
+        "libreplay-test", std::initializer_list<const char*>{"work", "tmp"});
 }
 
 // Points the target root (and the environment, for child processes) at
@@ -42,30 +32,29 @@ void UseTargetRoot(const std::string& root) {
     setenv("REPLAY_TARGET_ROOT", root.c_str(), 1);
 }
 
-std::string g_processRoot;
+std::unique_ptr<ReplaySupport::TemporaryRoot> g_processRoot;
 
 }  // namespace
 
 ProcessTargetRoot::ProcessTargetRoot() {
-    g_processRoot = MakeTemporaryDirectory();
-    if (!g_processRoot.empty()) {
-        UseTargetRoot(g_processRoot);
+    g_processRoot = MakeTemporaryRoot();
+    if (g_processRoot->Valid()) {
+        UseTargetRoot(g_processRoot->Path());
     }
 }
 
 ProcessTargetRoot::~ProcessTargetRoot() {
-    std::error_code ignored;
-    if (!g_processRoot.empty()) {
-        std::filesystem::remove_all(g_processRoot, ignored);
-    }
+    g_processRoot.reset();
 }
 
 const std::string& ProcessTargetRoot::Path() {
-    return g_processRoot;
+    static const std::string none;
+    return g_processRoot ? g_processRoot->Path() : none;
 }
 
 void TargetRootTest::SetUp() {
-    m_root = MakeTemporaryDirectory();
+    m_temporary = MakeTemporaryRoot();
+    m_root = m_temporary->Path();
     ASSERT_FALSE(m_root.empty()) << "cannot create a temporary root";
     char current[4096];
     m_previousDirectory = getcwd(current, sizeof current) != nullptr ? current : "/";
@@ -80,10 +69,7 @@ void TargetRootTest::TearDown() {
     if (!m_previousDirectory.empty()) {
         (void)chdir(m_previousDirectory.c_str());
     }
-    std::error_code ignored;
-    if (!m_root.empty()) {
-        std::filesystem::remove_all(m_root, ignored);
-    }
+    m_temporary.reset();
 }
 
 std::string TargetRootTest::MakeTargetDirectory(const std::string& absolutePath) const {
@@ -130,18 +116,6 @@ void ManualClock::Advance(int64_t ms) {
 
 int64_t ManualClock::Get() const {
     return g_manualNow.load();
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
-             std::chrono::milliseconds poll) {
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return condition();
-        }
-        std::this_thread::sleep_for(poll);
-    }
-    return true;
 }
 
 int Occurrences(const std::string& text, const std::string& fragment) {

@@ -6,9 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include "support/LoopbackAddress.h"
+#include "support/TemporaryRoot.h"
+#include "support/WaitFor.h"
+
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -46,6 +49,7 @@ class TargetRootTest : public ::testing::Test {
     std::string ReadTargetFile(const std::string& absolutePath) const;
 
   private:
+    std::unique_ptr<ReplaySupport::TemporaryRoot> m_temporary;
     std::string m_root;
     std::string m_previousDirectory;
 };
@@ -64,10 +68,8 @@ class ManualClock {
     int64_t Get() const;
 };
 
-// Polls `condition` every `poll` until it holds or `deadline` has passed;
-// returns its last value.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds deadline,
-             std::chrono::milliseconds poll = std::chrono::milliseconds(1));
+using ReplaySupport::RandomLoopbackAddress;
+using ReplaySupport::WaitFor;
 
 std::string ReadFile(const std::string& path);
 // How often `fragment` occurs in `text`, overlapping occurrences included.

@@ -6,32 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <random>
+#include "tests/support/HostileTraffic.h"
 
 namespace ReplayTest {
 
-namespace {
-
-sockaddr_in Ipv4(const std::string& ip, int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
-    return address;
-}
-
-}  // namespace
-
-std::string RandomLoopbackAddress() {
-    static thread_local std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> part(1, 254);
-    return "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
-           std::to_string(part(random));
-}
-
 UdpTestClient::UdpTestClient(const std::string& ip, int port) {
     m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local = Ipv4(ip, port);
+    sockaddr_in local = LoopbackAddress(ip, port);
     if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
         if (m_fd >= 0) {
             close(m_fd);
@@ -51,7 +32,7 @@ UdpTestClient::~UdpTestClient() {
 }
 
 bool UdpTestClient::Send(const std::string& ip, int port, const std::string& text) const {
-    const sockaddr_in to = Ipv4(ip, port);
+    const sockaddr_in to = LoopbackAddress(ip, port);
     return sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                   sizeof to) == static_cast<ssize_t>(text.size());
 }

@@ -6,11 +6,9 @@
 
 #include <string>
 
-namespace ReplayTest {
+#include "tests/support/TestSupport.h"
 
-// A random address of 127/8 other than 127.0.0.1, so that tests running in
-// parallel each bind a server address of their own.
-std::string RandomLoopbackAddress();
+namespace ReplayTest {
 
 class UdpTestClient {
   public:

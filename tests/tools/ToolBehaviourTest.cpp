@@ -1,6 +1,7 @@
 // The installed programs as a user meets them: --version, the exit-status
 // convention (0 success, 1 problems found or the operation failed, 2 usage
-// error) with a one-line message on standard error, and replaylog export.
+// error) with a one-line message on standard error, and what replaylog's
+// subcommands make of the golden logs.
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -21,28 +23,6 @@ struct Result {
     std::string out;  // standard output
     std::string err;  // standard error
 };
-
-// Runs a program of the build tree; `timeout` kills one that blocks, which
-// then fails the status check.
-Result RunProgram(const std::string& program, const std::string& arguments,
-                  const std::string& errFile) {
-    const std::string command = "timeout 20 " + std::string(REPLAY_BINARY_DIR) + "/" + program +
-                                " " + arguments + " 2>" + errFile + " </dev/null";
-    Result result;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.out.append(buffer, got);
-    }
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.err = ReplayTest::ReadFile(errFile);
-    return result;
-}
 
 std::string Golden(const char* name) {
     return std::string(REPLAY_TEST_DATA_DIR) + "/logs/" + name;
@@ -58,12 +38,31 @@ int Lines(const std::string& text) {
 
 class ToolBehaviourTest : public ReplayTest::TargetRootTest {
   protected:
+    // Runs a program of the build tree; `timeout` kills one that blocks,
+    // which then fails the status check.
+    Result Run(const std::string& program, const std::string& arguments) {
+        const std::string errFile = Root() + "/stderr.txt";
+        const std::string command = "timeout 20 " + std::string(REPLAY_BINARY_DIR) + "/" + program +
+                                    " " + arguments + " 2>" + errFile + " </dev/null";
+        Result result;
+        FILE* pipe = popen(command.c_str(), "r");
+        if (pipe == nullptr) {
+            return result;
+        }
+        char buffer[4096];
+        size_t got;
+        while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+            result.out.append(buffer, got);
+        }
+        const int status = pclose(pipe);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.err = ReplayTest::ReadFile(errFile);
+        return result;
+    }
     Result Replaylog(const std::string& arguments) {
-        return RunProgram("tools/replaylog/replaylog", arguments, Root() + "/stderr.txt");
+        return Run("tools/replaylog/replaylog", arguments);
     }
-    Result Server(const std::string& arguments) {
-        return RunProgram("server/ReplayManager", arguments, Root() + "/stderr.txt");
-    }
+    Result Server(const std::string& arguments) { return Run("server/ReplayManager", arguments); }
     // A mistake: the status, nothing on standard output, one line on
     // standard error that contains `phrase`.
     void ExpectMistake(const Result& result, int status, const std::string& phrase) {
@@ -78,7 +77,7 @@ TEST_F(ToolBehaviourTest, EveryProgramAnswersVersionWithTheProjectVersion) {
     for (const char* program :
          {"server/ReplayManager", "tools/replaylog/replaylog", "logger/replay-logger",
           "tools/soak/replay-soak", "examples/demo_client", "examples/replay_tour"}) {
-        const Result result = RunProgram(program, "--version", Root() + "/stderr.txt");
+        const Result result = Run(program, "--version");
         EXPECT_EQ(result.status, 0) << program;
         EXPECT_NE(result.out.find(LIBREPLAY_VERSION), std::string::npos)
             << program << ": " << result.out;
@@ -86,7 +85,10 @@ TEST_F(ToolBehaviourTest, EveryProgramAnswersVersionWithTheProjectVersion) {
 }
 
 TEST_F(ToolBehaviourTest, ReplaylogRefusesWhatIsNotALogAtOnce) {
-    ExpectMistake(Replaylog("info " + Root() + "/missing.dat"), 1, "No such file");
+    const Result missing = Replaylog("info " + Root() + "/missing.dat");
+    ExpectMistake(missing, 1, "No such file");
+    EXPECT_EQ(missing.err,
+              "replaylog: cannot read " + Root() + "/missing.dat: No such file or directory\n");
     ExpectMistake(Replaylog("dump " + Root()), 1, "directory");
     // A FIFO nobody writes to would block a reader for ever.
     const std::string fifo = Root() + "/fifo";
@@ -104,18 +106,15 @@ TEST_F(ToolBehaviourTest, ReplaylogNamesAClientOrSegmentTheLogDoesNotHave) {
     ExpectMistake(Replaylog("dump -c compass " + Golden("clean.dat")), 2, "compass");
     ExpectMistake(Replaylog("extract -s 7 " + Golden("two_segments.dat")), 2, "segment 7");
     ExpectMistake(Replaylog("export -c gps -c nobody " + Golden("clean.dat")), 2, "nobody");
-    // Names that exist still select.
-    const Result gps = Replaylog("dump -c gps " + Golden("clean.dat"));
-    EXPECT_EQ(gps.status, 0) << gps.err;
-    EXPECT_EQ(Lines(gps.out), 2) << gps.out;
 }
 
 TEST_F(ToolBehaviourTest, BadOptionsAreUsageErrors) {
+    EXPECT_EQ(Replaylog("frobnicate x").status, 2);
     EXPECT_EQ(Replaylog("info --frobnicate " + Golden("clean.dat")).status, 2);
+    EXPECT_EQ(Replaylog("dump --from soon " + Golden("clean.dat")).status, 2);
     EXPECT_EQ(Replaylog("export --format xml " + Golden("clean.dat")).status, 2);
     EXPECT_EQ(Server("--port 0").status, 2);
-    EXPECT_EQ(
-        RunProgram("logger/replay-logger", "--queue-records 0", Root() + "/stderr.txt").status, 2);
+    EXPECT_EQ(Run("logger/replay-logger", "--queue-records 0").status, 2);
 }
 
 TEST_F(ToolBehaviourTest, ServerChecksTheReplayFileBeforeServing) {
@@ -126,6 +125,90 @@ TEST_F(ToolBehaviourTest, ServerChecksTheReplayFileBeforeServing) {
     const std::string fifo = Root() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ExpectMistake(Server("--port 1 replay " + fifo), 1, "not a regular file");
+}
+
+// Each damaged log fails with exactly its problem, at its offset; the JSON
+// report counts every problem kind whether it occurred or not, and an empty
+// file is a problem, not a clean log.
+TEST_F(ToolBehaviourTest, VerifyFindsEachProblemAndOnlyIt) {
+    struct Case {
+        const char* log;
+        const char* kind;
+        int offset;
+        const char* text;
+    };
+    const Case cases[] = {
+        {"truncated_tail.dat", "skipped", 386, "truncated record"},
+        {"garbage_reconnect.dat", "skipped", 153, ""},
+        {"repeated_block.dat", "duplicate", 212, "client gps: block 1 stored a second time"},
+        {"backward_block.dat", "block_order", 238, "client gps: block 1 stored after block 2"},
+        {"", "empty", 0, ""},
+    };
+    const std::string empty = WriteTargetFile("/fs/usb0/EMPTY.DAT", "");
+    for (const Case& c : cases) {
+        const std::string log = *c.log != '\0' ? Golden(c.log) : empty;
+        const Result result = Replaylog("verify --json " + log);
+        EXPECT_EQ(result.status, 1) << log << result.err;
+        const nlohmann::json report = nlohmann::json::parse(result.out, nullptr, false);
+        ASSERT_FALSE(report.is_discarded()) << result.out;
+        EXPECT_FALSE(report["clean"].get<bool>()) << log;
+        for (const char* key : {"file", "records", "problem_count"}) {
+            EXPECT_TRUE(report.contains(key)) << key;
+        }
+        for (const char* kind : {"checksum", "sequence_gap", "time_order", "skipped", "block_order",
+                                 "duplicate", "unreadable", "header", "empty"}) {
+            EXPECT_EQ(report["counts"][kind], std::string(kind) == c.kind ? 1 : 0)
+                << log << ": " << kind;
+        }
+        ASSERT_EQ(report["problems"].size(), 1u) << result.out;
+        // Problems name their kind as the text report does ("block order").
+        std::string shownKind = c.kind;
+        std::replace(shownKind.begin(), shownKind.end(), '_', ' ');
+        EXPECT_EQ(report["problems"][0]["kind"], shownKind);
+        EXPECT_EQ(report["problems"][0]["offset"], c.offset) << log;
+        EXPECT_NE(report["problems"][0]["text"].get<std::string>().find(c.text), std::string::npos)
+            << result.out;
+    }
+    const Result truncated = Replaylog("verify " + Golden("truncated_tail.dat"));
+    EXPECT_NE(truncated.out.find("offset 386: skipped: truncated record"), std::string::npos)
+        << truncated.out;
+    const Result clean = Replaylog("verify --json " + Golden("clean.dat"));
+    EXPECT_EQ(clean.status, 0) << clean.out;
+    EXPECT_TRUE(nlohmann::json::parse(clean.out)["clean"].get<bool>());
+}
+
+TEST_F(ToolBehaviourTest, DumpFiltersByClientAndSegment) {
+    const Result all = Replaylog("dump " + Golden("clean.dat"));
+    EXPECT_EQ(all.status, 0);
+    EXPECT_EQ(Lines(all.out), 7);
+    // Restored line breaks are shown escaped, one record per line.
+    EXPECT_NE(all.out.find("line one\\nline two"), std::string::npos) << all.out;
+    EXPECT_EQ(Lines(Replaylog("dump -c gps " + Golden("clean.dat")).out), 2);
+
+    const Result gps = Replaylog("dump -c gps -s 2 " + Golden("two_segments.dat"));
+    EXPECT_EQ(Lines(gps.out), 2) << gps.out;
+    EXPECT_NE(gps.out.find("lat=49.1"), std::string::npos);
+}
+
+TEST_F(ToolBehaviourTest, CutWritesAReadableLogWithAHeaderAndExtractWritesItems) {
+    const std::string cut = Root() + "/tmp/cut.dat";
+    const Result result =
+        Replaylog("cut -c gps --from 100.200 -o " + cut + " " + Golden("two_segments.dat"));
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE((result.out + result.err).find("3 records written"), std::string::npos);
+
+    EXPECT_EQ(Replaylog("verify " + cut).status, 0);
+    const Result dump = Replaylog("dump " + cut);
+    // Both segments keep their header, and only gps records remain.
+    EXPECT_NE(dump.out.find("[1] header !100.000:multicore:"), std::string::npos) << dump.out;
+    EXPECT_NE(dump.out.find("[2] header !200.000:multicore:"), std::string::npos);
+    EXPECT_EQ(dump.out.find(" can "), std::string::npos);
+    EXPECT_EQ(Lines(dump.out), 5);
+
+    const std::string files = Root() + "/tmp/items";
+    const Result extract = Replaylog("extract -c can -o " + files + " " + Golden("clean.dat"));
+    ASSERT_EQ(extract.status, 0) << extract.err;
+    EXPECT_EQ(ReplayTest::ReadFile(files + "/000003_can_100.500.bin"), "hello");
 }
 
 TEST_F(ToolBehaviourTest, ExportWritesOneRowPerItemAsCsvOrJsonLines) {
@@ -140,10 +223,10 @@ TEST_F(ToolBehaviourTest, ExportWritesOneRowPerItemAsCsvOrJsonLines) {
     EXPECT_NE(csv.out.find(",ui,2,1,text,\"line one\nline two\"\n"), std::string::npos) << csv.out;
     EXPECT_NE(csv.out.find("100.500,can,4,2,base64,aGVsbG8=\n"), std::string::npos) << csv.out;
     EXPECT_EQ(csv.out.find("#stop"), std::string::npos);
+    EXPECT_EQ(Lines(csv.out), 1 + 7 + 2);
 
     const Result jsonl = Replaylog("export --format jsonl -c can " + Golden("clean.dat"));
     ASSERT_EQ(jsonl.status, 0) << jsonl.err;
-    EXPECT_EQ(Lines(csv.out), 1 + 7 + 2);
     ASSERT_EQ(Lines(jsonl.out), 3) << jsonl.out;
     const nlohmann::json last =
         nlohmann::json::parse(jsonl.out.substr(jsonl.out.rfind('\n', jsonl.out.size() - 2) + 1));

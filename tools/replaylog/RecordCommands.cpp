@@ -8,6 +8,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "support/HexText.h"
 #include "tools/replaylog/ToolSupport.h"
 
 namespace ReplayLogTool {
@@ -145,7 +146,7 @@ int RunExtract(const CommonOptions& options, const RecordFilter& filter,
                 j["segment"] = record.segment;
                 j["sequence"] = fields.sequenceNumber;
                 if (IsBinary(fields)) {
-                    j["hex"] = HexBytes(bytes);
+                    j["hex"] = ReplaySupport::Hex(bytes);
                 } else {
                     j["text"] = bytes;
                 }

@@ -10,6 +10,7 @@
 
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogRecord.h"
+#include "tools/replaylog/BinaryItem.h"
 
 namespace ReplayLogTool {
 
@@ -52,12 +53,6 @@ struct RecordFilter {
 // The payload with bytes outside printable ASCII shown as \n, \r, \t or \xNN.
 std::string Printable(const std::string& bytes);
 std::string Printable(const char* data, size_t length);
-
-std::string HexBytes(const std::string& bytes);
-
-// The bytes of a binary item's Ascii7 text; decoding stops at the first
-// character outside the code.
-std::string DecodeBinaryItem(const char* text, size_t length);
 
 const char* KindName(ReplayCore::LogRecordKind kind);
 

@@ -6,71 +6,15 @@
 #include <sstream>
 #include <unordered_map>
 
-#include "libreplay/ReplayClientC.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogRecord.h"
+#include "support/HexText.h"
+#include "tools/replaylog/BinaryItem.h"
 
 namespace ReplaySoak {
 
-namespace {
-
-bool Unhex(const std::string& text, std::string& bytes) {
-    if (text.size() % 2 != 0) {
-        return false;
-    }
-    bytes.clear();
-    bytes.reserve(text.size() / 2);
-    for (size_t i = 0; i < text.size(); i += 2) {
-        char pair[3] = {text[i], text[i + 1], '\0'};
-        char* end = nullptr;
-        const long value = std::strtol(pair, &end, 16);
-        if (end != pair + 2) {
-            return false;
-        }
-        bytes += static_cast<char>(value);
-    }
-    return true;
-}
-
-// The bytes of a binary item's Ascii7 text. n characters carry at most
-// 7n / 8 whole bytes, so the decoder stays inside the item; an item whose
-// first characters carry no bits is not handed to the decoder at all,
-// which would report the empty result on standard output.
-std::string DecodeAscii7Item(const char* text, size_t length) {
-    const size_t capacity = length * 7 / 8;
-    auto carriesBits = [](char c) {
-        const unsigned char value = static_cast<unsigned char>(c);
-        return value >= 37 && value - 37 <= 127;
-    };
-    if (capacity == 0 || !carriesBits(text[0]) || !carriesBits(text[1])) {
-        return std::string();
-    }
-    // The decoder reads zero-terminated text; an item inside a record is not.
-    const std::string terminated(text, length);
-    std::string out(capacity, '\0');
-    const int decoded =
-        CDecodeAscii7(terminated.c_str(), &out[0], static_cast<unsigned int>(capacity));
-    out.resize(decoded > 0 ? static_cast<size_t>(decoded) : 0);
-    return out;
-}
-
-}  // namespace
-
-std::vector<SentItem> ReadJournal(const std::string& path) {
-    std::vector<SentItem> items;
-    std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        SentItem item;
-        std::string hex;
-        if (fields >> item.timeMs >> item.dataType >> hex && Unhex(hex, item.bytes)) {
-            items.push_back(std::move(item));
-        }
-    }
-    return items;
-}
+using ReplaySupport::Unhex;
 
 std::vector<ReplayedItem> ReadReplayed(const std::string& path) {
     std::vector<ReplayedItem> items;
@@ -118,7 +62,8 @@ LogContents ReadLog(const std::string& path, const std::string& initialisationPr
             record.payload, fields, [&](int64_t timeMs, const char* data, size_t length) {
                 LoggedItem item;
                 item.timeMs = timeMs;
-                item.bytes = binary ? DecodeAscii7Item(data, length) : std::string(data, length);
+                item.bytes = binary ? ReplayLogTool::DecodeBinaryItem(data, length)
+                                    : std::string(data, length);
                 if (item.bytes.compare(0, initialisationPrefix.size(), initialisationPrefix) != 0) {
                     items.push_back(std::move(item));
                 }

@@ -13,13 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "support/DemoJournal.h"
+
 namespace ReplaySoak {
 
-struct SentItem {
-    int64_t timeMs = 0;  // the client's clock when it handed the item over
-    unsigned int dataType = 0;
-    std::string bytes;
-};
+using SentItem = ReplaySupport::JournalItem;
 
 struct LoggedItem {
     int64_t timeMs = 0;  // the item's time in the log
@@ -31,8 +29,7 @@ struct ReplayedItem {
     std::string bytes;
 };
 
-// "<time> <type> <hex>" lines; unreadable lines are skipped.
-std::vector<SentItem> ReadJournal(const std::string& path);
+using ReplaySupport::ReadJournal;
 // "<moment> <hex>" lines.
 std::vector<ReplayedItem> ReadReplayed(const std::string& path);
 

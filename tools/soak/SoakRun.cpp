@@ -11,15 +11,19 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <random>
 #include <sstream>
 #include <thread>
 
 #include "libreplay/server/ReplayLogStatistics.h"
-#include "tools/soak/SoakProcess.h"
+#include "support/ChildProcess.h"
+#include "support/LoopbackAddress.h"
+#include "support/TemporaryRoot.h"
 #include "tools/soak/SoakReport.h"
 
 namespace ReplaySoak {
+
+using ReplaySupport::ChildProcess;
+using ReplaySupport::RunCommand;
 
 std::atomic<bool> g_soakInterrupted{false};
 
@@ -69,6 +73,15 @@ class SoakRun {
     bool Send(const std::string& command, std::string& reply,
               std::chrono::milliseconds deadline = 20s);
     bool AllClientsRunning();
+    // In the working directory, output appended to `outputPath`, ended with
+    // the soak program.
+    ChildProcess::Options ChildOptions(const std::string& outputPath) const {
+        ChildProcess::Options options;
+        options.directory = m_work;
+        options.outputPath = outputPath;
+        options.endWithParent = true;
+        return options;
+    }
     void SampleMemory(double minutes, bool recording);
     bool Fail(const std::string& text) {
         std::fprintf(stderr, "replay-soak: %s\n", text.c_str());
@@ -77,6 +90,7 @@ class SoakRun {
 
     SoakSettings m_settings;
     std::vector<ClientProfile> m_profiles;
+    std::unique_ptr<ReplaySupport::TemporaryRoot> m_temporary;
     std::string m_root;
     std::string m_work;
     std::string m_ip;
@@ -87,22 +101,17 @@ class SoakRun {
 };
 
 bool SoakRun::Prepare() {
-    const char* temporary = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(temporary != nullptr ? temporary : "/tmp") + "/replay-soak.XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) {
+    m_temporary = std::make_unique<ReplaySupport::TemporaryRoot>(
+        "replay-soak", std::initializer_list<const char*>{"fs/usb0", "tmp", "work", "clients"});
+    if (!m_temporary->Valid()) {
         return Fail("cannot make a temporary directory");
     }
-    m_root = pattern;
-    m_work = m_root + "/work";
-    std::error_code error;
-    for (const char* directory : {"/fs/usb0", "/tmp", "/work", "/clients"}) {
-        std::filesystem::create_directories(m_root + directory, error);
+    if (m_settings.keepRoot) {
+        m_temporary->Keep();
     }
-    std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> part(1, 254);
-    m_ip = "127." + std::to_string(part(random)) + "." + std::to_string(part(random)) + "." +
-           std::to_string(part(random));
+    m_root = m_temporary->Path();
+    m_work = m_root + "/work";
+    m_ip = ReplaySupport::RandomLoopbackAddress();
     std::ofstream config(m_work + "/ReplayConfig.txt");
     config << "serverIP:" << m_ip << ";\nexternalConnectWait:0;\n"
            << "networkingLatency:100;\nserverLeadTime:100;\n";
@@ -116,8 +125,8 @@ bool SoakRun::Prepare() {
 
 bool SoakRun::Send(const std::string& command, std::string& reply,
                    std::chrono::milliseconds deadline) {
-    return RunCommand({Binary("server/ReplayManager"), "send", command}, deadline,
-                      g_soakInterrupted, reply) == 0;
+    return RunCommand({Binary("server/ReplayManager"), "send", command}, deadline, reply,
+                      &g_soakInterrupted) == 0;
 }
 
 bool SoakRun::AllClientsRunning() {
@@ -144,8 +153,8 @@ bool SoakRun::AllClientsRunning() {
 
 bool SoakRun::StartProcesses() {
     const std::string ready = m_root + "/logger.ready";
-    if (!m_logger.Start({Binary("logger/replay-logger"), "--ready-file", ready}, m_work,
-                        m_root + "/logger.out")) {
+    if (!m_logger.Start({Binary("logger/replay-logger"), "--ready-file", ready},
+                        ChildOptions(m_root + "/logger.out"))) {
         return Fail("cannot start the logger service");
     }
     const Clock::time_point start = Clock::now();
@@ -155,7 +164,7 @@ bool SoakRun::StartProcesses() {
         }
     }
     if (!m_server.Start({Binary("server/ReplayManager"), "--bind", m_ip, "--client-wait", "60"},
-                        m_work, m_root + "/server.out")) {
+                        ChildOptions(m_root + "/server.out"))) {
         return Fail("cannot start the replay server");
     }
     std::string reply;
@@ -180,7 +189,7 @@ bool SoakRun::StartProcesses() {
                                          "--received",
                                          base + ".replayed"};
         m_clients.emplace_back(new ChildProcess);
-        if (!m_clients.back()->Start(argv, m_work, base + ".out")) {
+        if (!m_clients.back()->Start(argv, ChildOptions(base + ".out"))) {
             return Fail("cannot start client " + profile.name);
         }
     }
@@ -196,7 +205,7 @@ bool SoakRun::StartProcesses() {
 
 void SoakRun::SampleMemory(double minutes, bool recording) {
     auto add = [&](const std::string& name, pid_t pid) {
-        const long kb = ResidentKb(pid);
+        const long kb = ReplaySupport::ProcessStatusNumber(pid, "VmRSS");
         if (kb >= 0) {
             m_report.AddMemorySample(name, {minutes, kb}, recording);
         }
@@ -290,11 +299,7 @@ void SoakRun::Cleanup() {
     }
     m_server.Stop(10s);
     m_logger.Stop(10s);
-    if (!m_root.empty() && !m_settings.keepRoot) {
-        std::error_code error;
-        std::filesystem::remove_all(m_root, error);
-        m_root.clear();
-    }
+    m_temporary.reset();
 }
 
 // The same checks as `replaylog verify`: every block of every client there
