@@ -274,8 +274,8 @@ std::mutex LogWriterThread::s_errorStatusMutex;
 
 class LogWriterThread::Runner : public CThread {
   public:
-    Runner(LogWriterThread& owner, int stackSize, int priority)
-        : CThread(stackSize, priority, nullptr), m_owner(owner) {}
+    Runner(LogWriterThread& owner, int threadStackSize, int threadPriority)
+        : CThread(threadStackSize, threadPriority, nullptr), m_owner(owner) {}
 
   protected:
     void execute() override { m_owner.execute(); }

@@ -17,8 +17,8 @@ namespace ReplayCore {
 namespace {
 
 // "Q\t[-M-] \t" and "multicore".
-const char* const& kMarker = SpecialStrings::kReplayMarker;
-const char* const& kLoggingSystemName = SpecialStrings::kLoggingSystem;
+const char* const kMarker = SpecialStrings::kReplayMarker;
+const char* const kLoggingSystemName = SpecialStrings::kLoggingSystem;
 const char kReconnectText[] = "reconnecting";
 
 const unsigned char kEscapedCarriageReturn = ReplayLogger::kEscapedCarriageReturn;

@@ -90,9 +90,9 @@ void SynchronousReadThread::SetSleepForTesting(SleepFunction sleep) {
 
 bool SynchronousReadThread::WaitForItem(unsigned int milliseconds) {
     auto interrupted = [this] { return Ending() || !IsReplaying(); };
-    const SleepFunction sleep = g_sleepFunction.load(std::memory_order_relaxed);
-    if (sleep != nullptr) {
-        sleep(milliseconds);
+    const SleepFunction injectedSleep = g_sleepFunction.load(std::memory_order_relaxed);
+    if (injectedSleep != nullptr) {
+        injectedSleep(milliseconds);
     } else {
         std::unique_lock<std::mutex> lock(m_waitMutex);
         m_waitWake.wait_for(lock, std::chrono::milliseconds(milliseconds), interrupted);

@@ -2,7 +2,7 @@
 
 # Warnings for our own code only; third-party headers come in as SYSTEM.
 add_library(replay_warnings INTERFACE)
-target_compile_options(replay_warnings INTERFACE -Wall -Wextra -Werror)
+target_compile_options(replay_warnings INTERFACE -Wall -Wextra -Werror -pedantic -Wshadow)
 
 if(REPLAY_SANITIZE)
   if(NOT REPLAY_SANITIZE MATCHES "^(address,undefined|address|undefined|thread)$")

@@ -11,15 +11,15 @@ scripts/install-deps.sh
 seconds=${1:-30}
 shift || true
 jobs=${JOBS:-$(nproc)}
-CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DREPLAY_BUILD_FUZZ=ON -DREPLAY_BUILD_TESTS=OFF -DREPLAY_SANITIZE=address,undefined >/dev/null
+# clang, ASan+UBSan, tests off: the fuzz preset of CMakePresets.json.
+cmake --preset fuzz >/dev/null
 
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   for source in fuzz/*Fuzz.cpp; do targets+=("$(basename "$source" .cpp)"); done
 fi
 # Only the fuzz targets: the rest of the tree is built and tested elsewhere.
-cmake --build build/fuzz -j "$jobs" --target "${targets[@]}"
+cmake --build --preset fuzz -j "$jobs" --target "${targets[@]}"
 
 for target in "${targets[@]}"; do
   work=$(mktemp -d)

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-dev
+  cmake ninja-build g++ clang clang-tidy libclang-rt-dev
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev
   libcli11-dev nlohmann-json3-dev libcpp-httplib-dev
   help2man pkgconf dpkg-dev

@@ -30,7 +30,7 @@ double ParseSeconds(const std::string& text) {
     return value;
 }
 
-const char* kHelp =
+const char* const kHelp =
     "commands:\n"
     "  record [SECONDS]              record (until stop, or for SECONDS)\n"
     "  replay FILE [--segment N] [--from S] [--to S] [--no-state] [--clients A,B]\n"
@@ -54,7 +54,7 @@ const char* kHelp =
     "                                until every client reported its last record)\n"
     "  quit                          stop everything and exit\n";
 
-const char* kReplayUsage =
+const char* const kReplayUsage =
     "usage: replay FILE [--segment N] [--from SECONDS] [--to SECONDS] [--no-state] "
     "[--clients A,B] [--loop] [--report FILE.json]";
 

@@ -24,7 +24,11 @@ typedef int (*InitializationCallbackFunction)(void* data, unsigned int nBytes);
 // library.
 class REPLAY_API ReplayMessageHandlerBase {
   public:
+    // The constructor's argument and the field it sets share their name.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
     explicit ReplayMessageHandlerBase(bool hasInitializer) : hasInitializer(hasInitializer) {}
+#pragma GCC diagnostic pop
 
     // Each replayed item: its bytes, their count and the item's time on the
     // client's own clock.

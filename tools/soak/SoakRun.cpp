@@ -352,7 +352,10 @@ int SoakRun::Run() {
                                          found != log.items.end() ? found->second : none,
                                          ReadReplayed(base + ".replayed"), m_settings.loss));
     }
-    const bool passed = m_report.Print(m_settings, stdout) & VerifyLog(logPath);
+    // Both run, so that each prints its findings.
+    const bool reportPassed = m_report.Print(m_settings, stdout);
+    const bool logVerified = VerifyLog(logPath);
+    const bool passed = reportPassed && logVerified;
     if (m_settings.keepRoot) {
         std::printf("kept %s\n", m_root.c_str());
     }
