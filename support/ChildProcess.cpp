@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+// Starting, signalling and reaping processes is what this file is for; the
+// helpers' one place for these calls.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>

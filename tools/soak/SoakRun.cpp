@@ -1,13 +1,12 @@
 #include "tools/soak/SoakRun.h"
 
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -158,7 +157,7 @@ bool SoakRun::StartProcesses() {
         return Fail("cannot start the logger service");
     }
     const Clock::time_point start = Clock::now();
-    while (access(ready.c_str(), F_OK) != 0) {
+    while (!std::filesystem::exists(ready)) {
         if (!m_logger.Running() || SecondsSince(start) > 20 || !SleepFor(20ms)) {
             return Fail("the logger service did not come up; see " + m_root + "/logger.out");
         }

@@ -3,8 +3,9 @@
 // records, replay timing and the memory growth of every process.
 
 #include <limits.h>
+// The soak supervises its processes: its own SIGINT/SIGTERM handler stops
+// the run and with it every child.
 #include <signal.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
