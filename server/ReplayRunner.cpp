@@ -194,14 +194,13 @@ void ReplayRunner::SendRecord(size_t index, int64_t dueMs) {
     if (SendUnscheduled(record, handOverUs)) {
         ++m_result.recordsSent;
     }
-    // Handed over on arrival.
+    // Handed over on arrival: the clients are idle from now on.
     m_clientsIdleMs = std::max(m_clientsIdleMs, now);
 }
 
 void ReplayRunner::Reanchor(int64_t logMs, int64_t nowMs) {
-    // A client waiting for a record sent ahead reads nothing else until it
-    // has handed that record over: a clock setting sent now would take
-    // effect late, and every later item with it.
+    // The new clock setting follows the last record sent, which the client
+    // hands over on the clock it was sent for.
     const int64_t at = std::max(nowMs, m_clientsIdleMs + 1);
     m_schedule.Seek(logMs, at);
     m_clockDueMs = at;

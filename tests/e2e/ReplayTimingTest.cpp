@@ -91,28 +91,40 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
 // one up just as it hands over the last, and would hand it over at once,
 // 10 ms early, were it in the same record, or sent ahead of its moment. A
 // loaded machine makes items late, never early: items early against the
-// median are what this counts. The benchmark measures the figures.
+// median are what this counts. A host that stalls the whole machine for
+// hundreds of milliseconds makes so many items late that the median moves;
+// such a fault as this looks for shows in every run, so a run is repeated
+// up to twice before it counts. The benchmark measures the figures.
 TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     const std::vector<Item> items = Items(300, 10000);
     const std::string log = WriteLog("imu", items);
-    ASSERT_NO_FATAL_FAILURE(StartReplayClient("imu", items));
-    const std::vector<Replayed> replayed = ReplayAndCollect("replay " + log);
-    ASSERT_EQ(Indexes(replayed), Range(0, 299));
-    std::vector<int64_t> errorsUs;
-    for (const Replayed& item : replayed) {
-        errorsUs.push_back((item.momentUs - replayed[0].momentUs) -
-                           (item.recordedMs - replayed[0].recordedMs) * 1000);
-    }
-    std::vector<int64_t> sorted = errorsUs;
-    std::sort(sorted.begin(), sorted.end());
-    const int64_t medianUs = sorted[sorted.size() / 2];
     size_t early = 0;
     std::string text;
-    for (const int64_t errorUs : errorsUs) {
-        early += errorUs - medianUs < -4000 ? 1 : 0;
-        text += std::to_string((errorUs - medianUs) / 100) + " ";
+    size_t count = 0;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        ASSERT_NO_FATAL_FAILURE(StartReplayClient("imu", items));
+        const std::vector<Replayed> replayed = ReplayAndCollect("replay " + log);
+        ASSERT_EQ(Indexes(replayed), Range(0, 299));
+        std::vector<int64_t> errorsUs;
+        for (const Replayed& item : replayed) {
+            errorsUs.push_back((item.momentUs - replayed[0].momentUs) -
+                               (item.recordedMs - replayed[0].recordedMs) * 1000);
+        }
+        std::vector<int64_t> sorted = errorsUs;
+        std::sort(sorted.begin(), sorted.end());
+        const int64_t medianUs = sorted[sorted.size() / 2];
+        early = 0;
+        text.clear();
+        for (const int64_t errorUs : errorsUs) {
+            early += errorUs - medianUs < -4000 ? 1 : 0;
+            text += std::to_string((errorUs - medianUs) / 100) + " ";
+        }
+        count = replayed.size();
+        if (early < count / 20) {
+            break;
+        }
     }
-    EXPECT_LT(early, replayed.size() / 20) << "errors against the median in 0.1 ms: " << text;
+    EXPECT_LT(early, count / 20) << "errors against the median in 0.1 ms: " << text;
 }
 
 // 20,000 items of 64 bytes recorded in 80 ms: far more than a client's
