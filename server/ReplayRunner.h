@@ -146,9 +146,9 @@ class ReplayRunner {
     // Counts the block numbers a client will find missing because a seek
     // jumped over them.
     void NoteSequence(const PlannedRecord& record);
-    // Re-anchors after a change while playing: the clients may still hold
-    // records sent ahead, so their clocks are set (and the new line starts)
-    // once those have been handed over. Caller holds m_mutex.
+    // Re-anchors after a change while playing: the clients' clocks are set
+    // (and the new line starts) after the last record sent. Caller holds
+    // m_mutex.
     void Reanchor(int64_t logMs, int64_t nowMs);
     // The first record at or after `logMs`.
     size_t RecordAt(int64_t logMs) const;

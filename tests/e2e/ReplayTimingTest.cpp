@@ -154,8 +154,11 @@ TEST_F(ReplayTimingTest, ARangeReplaysItsItemsAfterTheStateBeforeIt) {
     std::vector<Replayed> replayed = ReplayAndCollect("replay " + log + " --from 1.5");
     ASSERT_EQ(Indexes(replayed), Range(299, 599));
     // Due when the client's clock, less its latency, reads the item's time.
+    // The server's schedule times the item; the client's clock was set by a
+    // command whose trip (slow under a sanitizer) leaves it a little behind
+    // that schedule, so the item can look that much early.
     const int lateMs = replayed[1].clockLeadMs + kNetworkingLatencyMs;
-    EXPECT_GE(lateMs, -2) << "first item early";
+    EXPECT_GE(lateMs, -5) << "first item early";
     // A sanitizer build on a loaded machine wakes late; the benchmark
     // measures the real figure.
     EXPECT_LT(lateMs, 100) << "first item late";

@@ -96,8 +96,8 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
     plan.clients = {"gps", "can"};
     plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
     // 80 records 4 ms apart from 20 ms after the start (as in a replay from
-    // an offset): even the first goes out a lead time ahead of its moment,
-    // and the rest keep to the schedule without drifting.
+    // an offset): each goes out at its moment, and they keep to the
+    // schedule without drifting.
     constexpr int kRecords = 80;
     plan.startMs = 10000;
     for (int i = 0; i < kRecords; ++i) {
