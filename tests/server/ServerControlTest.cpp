@@ -130,11 +130,13 @@ TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
 
 class ReplayControlCommandTest : public ServerControlTest {
   protected:
-    // The reply, and that it came within 100 ms.
+    // The reply, and that it came well within the log's 1 s record spacing:
+    // a command that waited for the replay's next record would take longer.
+    // The bound leaves room for a host that stalls the machine for a while.
     std::string Timed(const std::string& command) {
         const auto started = std::chrono::steady_clock::now();
         const std::string reply = m_control->Execute(command);
-        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(100))
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(400))
             << command;
         return reply;
     }
@@ -179,9 +181,12 @@ TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceAndReportsItsState) {
     EXPECT_EQ(Timed("step"), "error: step works while paused; pause first\n");
     EXPECT_EQ(Timed("seek 61"), "error: the replay lasts 60.000 s; cannot seek to 61.000 s\n");
     EXPECT_EQ(Timed("rate 11"), "error: the rate goes from 0.1 to 10, or max\n");
-    EXPECT_EQ(Timed("seek 30").compare(0, 18, "moved at 30.000 s "), 0);
+    // While running, the reply's position has moved on by the time it is
+    // written; paused, it is exact, so the positions below are checked there.
+    EXPECT_EQ(Timed("seek 20").compare(0, 9, "moved at "), 0);
     EXPECT_EQ(Timed("pause").compare(0, 10, "paused at "), 0);
     EXPECT_EQ(Timed("pause"), "error: already paused\n");
+    EXPECT_EQ(Timed("seek 30").compare(0, 18, "moved at 30.000 s "), 0);
     // To the second record's time; then up to 1.5 s on, one more record.
     EXPECT_EQ(Timed("step 2"), "stepped at 31.000 s (record 32 of 61)\n");
     EXPECT_EQ(Timed("step 1500 ms"), "stepped at 32.500 s (record 33 of 61)\n");
