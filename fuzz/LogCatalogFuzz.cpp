@@ -36,8 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ReplayServer::LogCatalog catalog(Directory());
     ReplayServer::LogCatalog::Json detail;
     ReplayServer::LogCatalog::Json verify;
-    std::string error;
-    if (!catalog.Detail("log.dat", detail, error) || !catalog.Verify("log.dat", verify, error)) {
+    if (!catalog.Detail("log.dat", detail).IsOk() || !catalog.Verify("log.dat", verify).IsOk()) {
         __builtin_trap();
     }
     if (detail["clean"] != verify["clean"] || catalog.List().size() != 1) {

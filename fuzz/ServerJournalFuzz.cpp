@@ -19,15 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     std::vector<std::string> first;
     std::vector<std::string> second;
-    std::string error;
     {
         ReplayServer::IngestJournal journal(path);
-        if (!journal.Open(first, error)) {
+        if (!journal.Open(first).IsOk()) {
             return 0;
         }
     }
     ReplayServer::IngestJournal again(path);
-    if (!again.Open(second, error) || first != second) {
+    if (!again.Open(second).IsOk() || first != second) {
         __builtin_trap();
     }
     size_t total = 0;

@@ -20,21 +20,22 @@ namespace ReplayServer {
 
 namespace {
 
+using ReplayPlatform::Status;
+
 constexpr int kPollMs = 200;
 constexpr int kBacklog = 8;
 constexpr size_t kMaxCommandLength = 4096;
 constexpr size_t kMaxConnections = 16;
 constexpr std::chrono::seconds kCommandTimeout(10);
 
-bool FillAddress(const std::string& path, sockaddr_un& address, std::string& error) {
+Status FillAddress(const std::string& path, sockaddr_un& address) {
     std::memset(&address, 0, sizeof address);
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) {
-        error = "control socket path too long: " + path;
-        return false;
+        return Status::Failure("control socket path too long: " + path);
     }
     std::memcpy(address.sun_path, path.c_str(), path.size());
-    return true;
+    return Status::Ok();
 }
 
 // "name (uid N)" for messages; the number alone when the user has no name.
@@ -84,52 +85,47 @@ bool PeerMayControl(int connection, std::string& refusal) {
 // that others may write to must be sticky (as /tmp is), so that nobody else
 // can remove or replace the socket once it exists. A socket that someone
 // else placed first is caught by the ownership checks of Start and Send.
-bool DirectoryIsSafe(const std::string& path, std::string& error) {
+Status DirectoryIsSafe(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string directory =
         slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
     struct stat status;
     if (stat(directory.c_str(), &status) != 0) {
-        error = "cannot examine the directory " + directory + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure("cannot examine the directory " + directory, errno);
     }
     if (!S_ISDIR(status.st_mode)) {
-        error = directory + " is not a directory";
-        return false;
+        return Status::Failure(directory + " is not a directory");
     }
     if (!Trusted(status.st_uid)) {
-        error = "the directory " + directory + " of the control socket belongs to " +
-                DescribeUser(status.st_uid) + "; it must belong to this user or root";
-        return false;
+        return Status::Failure("the directory " + directory + " of the control socket belongs to " +
+                               DescribeUser(status.st_uid) +
+                               "; it must belong to this user or root");
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0) {
-        error = "the directory " + directory +
-                " of the control socket may be written by other users and is not sticky";
-        return false;
+        return Status::Failure(
+            "the directory " + directory +
+            " of the control socket may be written by other users and is not sticky");
     }
-    return true;
+    return Status::Ok();
 }
 
 // Makes room at `path` for the new socket. Only a socket file that nobody
 // listens on is removed: a live one belongs to a running server, and any
 // other file is not ours to delete.
-bool ClearStaleSocket(const std::string& path, const sockaddr_un& address, std::string& error) {
+Status ClearStaleSocket(const std::string& path, const sockaddr_un& address) {
     struct stat existing;
     if (lstat(path.c_str(), &existing) != 0) {
         if (errno == ENOENT) {
-            return true;
+            return Status::Ok();
         }
-        error = "cannot examine " + path + ": " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure("cannot examine " + path, errno);
     }
     if (!S_ISSOCK(existing.st_mode)) {
-        error = path + " exists and is not a socket; it is left alone";
-        return false;
+        return Status::Failure(path + " exists and is not a socket; it is left alone");
     }
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (probe < 0) {
-        error = std::string("socket: ") + std::strerror(errno);
-        return false;
+        return Status::SystemFailure("socket", errno);
     }
     const int connected =
         connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -138,8 +134,8 @@ bool ClearStaleSocket(const std::string& path, const sockaddr_un& address, std::
         ucred peer{};
         const bool known = PeerCredentials(probe, peer);
         close(probe);
-        error = "another server is listening on " + path + " (socket file owned by " +
-                DescribeUser(existing.st_uid);
+        std::string error = "another server is listening on " + path + " (socket file owned by " +
+                            DescribeUser(existing.st_uid);
         if (known) {
             error +=
                 "; listening process " + std::to_string(peer.pid) + " of " + DescribeUser(peer.uid);
@@ -148,19 +144,18 @@ bool ClearStaleSocket(const std::string& path, const sockaddr_un& address, std::
         if (!Trusted(existing.st_uid) || (known && !Trusted(peer.uid))) {
             error += ": not this user's; remove it or choose another --control path";
         }
-        return false;
+        return Status::Failure(error);
     }
     close(probe);
     if (connectError != ECONNREFUSED) {
-        error = "cannot examine " + path + ": " + std::strerror(connectError);
-        return false;
+        return Status::SystemFailure("cannot examine " + path, connectError);
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        error = "cannot remove the stale socket " + path + " (owned by " +
-                DescribeUser(existing.st_uid) + "): " + std::strerror(errno);
-        return false;
+        return Status::SystemFailure("cannot remove the stale socket " + path + " (owned by " +
+                                         DescribeUser(existing.st_uid) + ")",
+                                     errno);
     }
-    return true;
+    return Status::Ok();
 }
 
 bool WriteAll(int fd, const std::string& text) {
@@ -186,16 +181,21 @@ ControlSocket::~ControlSocket() {
     Stop();
 }
 
-bool ControlSocket::Start(const std::string& path, std::string& error) {
+Status ControlSocket::Start(const std::string& path) {
     sockaddr_un address;
-    if (!FillAddress(path, address, error) || !DirectoryIsSafe(path, error) ||
-        !ClearStaleSocket(path, address, error)) {
-        return false;
+    Status ready = FillAddress(path, address);
+    if (ready.IsOk()) {
+        ready = DirectoryIsSafe(path);
+    }
+    if (ready.IsOk()) {
+        ready = ClearStaleSocket(path, address);
+    }
+    if (!ready.IsOk()) {
+        return ready;
     }
     m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_fd < 0) {
-        error = std::string("socket: ") + std::strerror(errno);
-        return false;
+        return Status::SystemFailure("socket", errno);
     }
     // Nobody else may steer the server: the file is private from its
     // creation. Linux gives the file the socket's own mode; where that cannot
@@ -210,18 +210,18 @@ bool ControlSocket::Start(const std::string& path, std::string& error) {
         umask(previous);
     }
     if (bound != 0 || listen(m_fd, kBacklog) != 0) {
-        error = "cannot listen on " + path + ": " + std::strerror(errno);
+        const Status failed = Status::SystemFailure("cannot listen on " + path, errno);
         if (bound == 0) {
             unlink(path.c_str());
         }
         close(m_fd);
         m_fd = -1;
-        return false;
+        return failed;
     }
     m_path = path;
     m_stop.store(false);
     m_acceptThread = std::thread(&ControlSocket::AcceptLoop, this);
-    return true;
+    return Status::Ok();
 }
 
 void ControlSocket::Stop() {
@@ -320,27 +320,29 @@ void ControlSocket::Serve(int connection, std::atomic<bool>& finished) {
     finished.store(true);
 }
 
-bool ControlSocket::Send(const std::string& path, const std::string& command, std::string& reply,
-                         std::string& error) {
+Status ControlSocket::Send(const std::string& path, const std::string& command,
+                           std::string& reply) {
     sockaddr_un address;
-    if (!FillAddress(path, address, error)) {
-        return false;
+    Status filled = FillAddress(path, address);
+    if (!filled.IsOk()) {
+        return filled;
     }
     // connect() would follow a link: only a socket at the path itself is
     // used. Whoever listens is checked below, so the lstat needs no lock.
     struct stat file;
     if (lstat(path.c_str(), &file) == 0 && !S_ISSOCK(file.st_mode)) {
-        error = path + (S_ISLNK(file.st_mode) ? " is a symbolic link" : " is not a socket") +
-                "; it is not followed";
-        return false;
+        return Status::Failure(
+            path + (S_ISLNK(file.st_mode) ? " is a symbolic link" : " is not a socket") +
+            "; it is not followed");
     }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        error = "cannot reach the server at " + path + ": " + std::strerror(errno);
+        const Status unreachable =
+            Status::SystemFailure("cannot reach the server at " + path, errno);
         if (fd >= 0) {
             close(fd);
         }
-        return false;
+        return unreachable;
     }
     // Anyone could have bound the path before the server started: commands
     // go only to a server run by this user or root, and nothing another
@@ -348,12 +350,12 @@ bool ControlSocket::Send(const std::string& path, const std::string& command, st
     ucred peer{};
     const bool known = PeerCredentials(fd, peer);
     if (!known || !Trusted(peer.uid)) {
-        error = "refusing to use " + path + ": it is served by " +
-                (known ? DescribeUser(peer.uid) + ", process " + std::to_string(peer.pid)
-                       : std::string("an unknown user")) +
-                ", not by this user or root";
         close(fd);
-        return false;
+        return Status::Failure(
+            "refusing to use " + path + ": it is served by " +
+            (known ? DescribeUser(peer.uid) + ", process " + std::to_string(peer.pid)
+                   : std::string("an unknown user")) +
+            ", not by this user or root");
     }
     // The server may answer and close before it reads the command (a
     // refusal, or busy): its reply is still worth reading then.
@@ -371,13 +373,11 @@ bool ControlSocket::Send(const std::string& path, const std::string& command, st
         }
         reply.append(buffer, static_cast<size_t>(n));
     }
-    if (!sent && reply.empty()) {
-        error = std::string("cannot send the command: ") + std::strerror(sendError);
-        close(fd);
-        return false;
-    }
     close(fd);
-    return true;
+    if (!sent && reply.empty()) {
+        return Status::SystemFailure("cannot send the command", sendError);
+    }
+    return Status::Ok();
 }
 
 }  // namespace ReplayServer

@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
 class ControlSocket {
@@ -25,12 +27,12 @@ class ControlSocket {
     ControlSocket(const ControlSocket&) = delete;
     ControlSocket& operator=(const ControlSocket&) = delete;
 
-    // Binds `path` and starts accepting; false with `error` on failure. A
+    // Binds `path` and starts accepting. A
     // socket file there that nobody listens on is replaced; a live socket or
     // any other kind of file is left alone and is an error that names its
     // owner. The directory must belong to this user or root and be sticky
     // if others may write to it.
-    bool Start(const std::string& path, std::string& error);
+    ReplayPlatform::Status Start(const std::string& path);
     // Stops accepting, waits for connections in progress, removes the file.
     void Stop();
 
@@ -40,11 +42,11 @@ class ControlSocket {
         return m_connections.size();
     }
 
-    // Sends `command` to the server at `path`; the reply, or false with
-    // `error`. A link at `path` is not followed, and a socket served by any
-    // user but this one or root is refused before anything is sent.
-    static bool Send(const std::string& path, const std::string& command, std::string& reply,
-                     std::string& error);
+    // Sends `command` to the server at `path` and reads the reply. A link at
+    // `path` is not followed, and a socket served by any user but this one
+    // or root is refused before anything is sent.
+    static ReplayPlatform::Status Send(const std::string& path, const std::string& command,
+                                       std::string& reply);
 
   private:
     struct Connection {

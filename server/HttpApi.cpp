@@ -376,9 +376,9 @@ void HttpApi::AddRoutes() {
     http.Get(R"(/api/logs/([^/]+))",
              [this](const httplib::Request& request, httplib::Response& response) {
                  Json detail;
-                 std::string error;
-                 if (!m_catalog.Detail(request.matches[1], detail, error)) {
-                     SendError(response, 404, error);
+                 const ReplayPlatform::Status found = m_catalog.Detail(request.matches[1], detail);
+                 if (!found.IsOk()) {
+                     SendError(response, 404, found.Message());
                      return;
                  }
                  SendJson(response, 200, detail);
@@ -386,9 +386,9 @@ void HttpApi::AddRoutes() {
     http.Get(R"(/api/logs/([^/]+)/verify)",
              [this](const httplib::Request& request, httplib::Response& response) {
                  Json result;
-                 std::string error;
-                 if (!m_catalog.Verify(request.matches[1], result, error)) {
-                     SendError(response, 404, error);
+                 const ReplayPlatform::Status found = m_catalog.Verify(request.matches[1], result);
+                 if (!found.IsOk()) {
+                     SendError(response, 404, found.Message());
                      return;
                  }
                  SendJson(response, 200, result);

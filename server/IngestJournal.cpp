@@ -57,17 +57,17 @@ uint64_t IngestJournal::Hash(const char* data, size_t size) {
     return hash;
 }
 
-bool IngestJournal::Open(std::vector<std::string>& unwritten, std::string& error) {
+ReplayPlatform::Status IngestJournal::Open(std::vector<std::string>& unwritten) {
     std::lock_guard<std::mutex> lock(m_fileMutex);
     MakeParentDirectories(m_path);
-    if (!Rewrite(&unwritten, error)) {
-        return false;
+    ReplayPlatform::Status status = Rewrite(&unwritten);
+    if (status.IsOk()) {
+        m_lastSync = Clock::now();
     }
-    m_lastSync = Clock::now();
-    return true;
+    return status;
 }
 
-bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& error) {
+ReplayPlatform::Status IngestJournal::Rewrite(std::vector<std::string>* unwritten) {
     std::string contents;
     const int existing = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (existing >= 0) {
@@ -75,8 +75,8 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
         const int readError = errno;
         ReplayPlatform::CloseDescriptor(existing);
         if (!read) {
-            error = "cannot read the journal " + m_path + ": " + std::strerror(readError);
-            return false;
+            return ReplayPlatform::Status::SystemFailure("cannot read the journal " + m_path,
+                                                         readError);
         }
     }
     // Received entries in order, less one for each written mark of the same
@@ -105,7 +105,6 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
         at = start + length;
     }
     std::string kept;
-    size_t keptRecords = 0;
     for (const auto& entry : received) {
         const char* data = &contents[entry.first];
         auto mark = written.find(Hash(data, entry.second));
@@ -117,7 +116,6 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
             unwritten->emplace_back(data, entry.second);
         }
         AppendEntry(kept, kReceived, data, entry.second);
-        ++keptRecords;
     }
 
     // The file is replaced by one holding only the unwritten records, so
@@ -125,17 +123,17 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
     const std::string fresh = m_path + ".new";
     const int fd = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
-        error = "cannot create the journal " + fresh + ": " + std::strerror(errno);
-        return false;
+        return ReplayPlatform::Status::SystemFailure("cannot create the journal " + fresh, errno);
     }
     const int previous = m_fd;
     m_fd = fd;
     const bool wrote = WriteAll(kept.data(), kept.size()) && ReplayPlatform::SyncFileData(fd);
     if (!wrote || ::rename(fresh.c_str(), m_path.c_str()) != 0) {
-        error = "cannot write the journal " + m_path + ": " + std::strerror(errno);
+        const int writeError = errno;
         ReplayPlatform::CloseDescriptor(fd);
         m_fd = previous;  // a failed compaction keeps the old file going
-        return false;
+        return ReplayPlatform::Status::SystemFailure("cannot write the journal " + m_path,
+                                                     writeError);
     }
     if (previous >= 0) {
         ReplayPlatform::CloseDescriptor(previous);
@@ -143,8 +141,7 @@ bool IngestJournal::Rewrite(std::vector<std::string>* unwritten, std::string& er
     m_fileBytes = kept.size();
     // A journal whose unwritten part is large is not rewritten over and over.
     m_compactAt = std::max(m_compactBytes, 2 * kept.size());
-    (void)keptRecords;
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 void IngestJournal::Start() {
@@ -199,9 +196,9 @@ void IngestJournal::FlushGathered(Clock::time_point now) {
         WriteAll(batch.data(), batch.size());
     }
     if (m_fd >= 0 && m_fileBytes > m_compactAt) {
-        // A long recording: drop the records already written.
-        std::string error;
-        if (Rewrite(nullptr, error)) {
+        // A long recording: drop the records already written. A failure
+        // keeps the old file and counts as a write failure in the status.
+        if (Rewrite(nullptr).IsOk()) {
             m_lastSync = now;
         } else {
             m_writeFailures.fetch_add(1, std::memory_order_relaxed);

@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
 class IngestJournal {
@@ -39,9 +41,9 @@ class IngestJournal {
     IngestJournal& operator=(const IngestJournal&) = delete;
 
     // Opens or creates the file. `unwritten` receives the records the file
-    // holds that were never marked written, in the order received. False
-    // with `error` when the file cannot be opened.
-    bool Open(std::vector<std::string>& unwritten, std::string& error);
+    // holds that were never marked written, in the order received. Fails
+    // when the file cannot be read or replaced.
+    ReplayPlatform::Status Open(std::vector<std::string>& unwritten);
     // Starts the thread that writes received entries and syncs the file.
     void Start();
     void Close();
@@ -69,7 +71,7 @@ class IngestJournal {
     bool WriteAll(const char* data, size_t size);
     // Replaces the file by one holding only the records never marked
     // written (handed to `unwritten` when given). Caller holds m_fileMutex.
-    bool Rewrite(std::vector<std::string>* unwritten, std::string& error);
+    ReplayPlatform::Status Rewrite(std::vector<std::string>* unwritten);
 
     const std::string m_path;
     const size_t m_compactBytes;

@@ -61,13 +61,12 @@ std::string LogCatalog::PathOf(const std::string& name) const {
     return path;
 }
 
-std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& name,
-                                                          std::string& error) {
+ReplayPlatform::Status LogCatalog::Load(const std::string& name,
+                                        std::shared_ptr<const Entry>& loaded) {
     const std::string path = PathOf(name);
     struct stat info {};
     if (path.empty() || stat(path.c_str(), &info) != 0) {
-        error = "no log named '" + name + "' in " + m_directory;
-        return nullptr;
+        return ReplayPlatform::Status::Failure("no log named '" + name + "' in " + m_directory);
     }
     const int64_t modifiedNs =
         static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
@@ -76,7 +75,8 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
         const auto found = m_entries.find(name);
         if (found != m_entries.end() && found->second->size == info.st_size &&
             found->second->modifiedNs == modifiedNs) {
-            return found->second;
+            loaded = found->second;
+            return ReplayPlatform::Status::Ok();
         }
     }
     // Read outside the lock: other logs stay available meanwhile.
@@ -85,8 +85,7 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
     entry->modifiedNs = modifiedNs;
     ReplayCore::ReplayLogReader reader;
     if (!reader.Open(path)) {
-        error = reader.LastError();
-        return nullptr;
+        return ReplayPlatform::Status::Failure(reader.LastError());
     }
     struct Place {
         uint64_t offset;
@@ -158,8 +157,7 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
     }
     entry->statistics.Finish(reader);
     if (reader.ReadFailed()) {
-        error = path + ": " + reader.LastError();
-        return nullptr;
+        return ReplayPlatform::Status::Failure(path + ": " + reader.LastError());
     }
     // Each gap or damaged record is marked at the client record it was found at.
     for (const LogProblem& problem : entry->statistics.Problems()) {
@@ -178,7 +176,8 @@ std::shared_ptr<const LogCatalog::Entry> LogCatalog::Load(const std::string& nam
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     m_entries[name] = entry;
-    return entry;
+    loaded = entry;
+    return ReplayPlatform::Status::Ok();
 }
 
 LogCatalog::Json LogCatalog::Summary(const std::string& name, const Entry& entry) {
@@ -211,15 +210,15 @@ LogCatalog::Json LogCatalog::List() {
     }
     Json logs = Json::array();
     for (const std::string& name : names) {
-        std::string error;
         if (PathOf(name).empty()) {
             continue;
         }
-        const std::shared_ptr<const Entry> entry = Load(name, error);
-        if (entry) {
+        std::shared_ptr<const Entry> entry;
+        const ReplayPlatform::Status loaded = Load(name, entry);
+        if (loaded.IsOk()) {
             logs.push_back(Summary(name, *entry));
         } else {
-            logs.push_back({{"name", name}, {"error", error}});
+            logs.push_back({{"name", name}, {"error", loaded.Message()}});
         }
     }
     std::stable_sort(logs.begin(), logs.end(), [](const Json& a, const Json& b) {
@@ -228,10 +227,11 @@ LogCatalog::Json LogCatalog::List() {
     return logs;
 }
 
-bool LogCatalog::Detail(const std::string& name, Json& out, std::string& error) {
-    const std::shared_ptr<const Entry> entry = Load(name, error);
-    if (!entry) {
-        return false;
+ReplayPlatform::Status LogCatalog::Detail(const std::string& name, Json& out) {
+    std::shared_ptr<const Entry> entry;
+    ReplayPlatform::Status loaded = Load(name, entry);
+    if (!loaded.IsOk()) {
+        return loaded;
     }
     out = Summary(name, *entry);
     Json segments = Json::array();
@@ -268,13 +268,14 @@ bool LogCatalog::Detail(const std::string& name, Json& out, std::string& error) 
                            {"kind", marker.kind}});
     }
     out["markers"] = markers;
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
-bool LogCatalog::Verify(const std::string& name, Json& out, std::string& error) {
-    const std::shared_ptr<const Entry> entry = Load(name, error);
-    if (!entry) {
-        return false;
+ReplayPlatform::Status LogCatalog::Verify(const std::string& name, Json& out) {
+    std::shared_ptr<const Entry> entry;
+    ReplayPlatform::Status loaded = Load(name, entry);
+    if (!loaded.IsOk()) {
+        return loaded;
     }
     const LogStatistics& statistics = entry->statistics;
     Json counts = Json::object();
@@ -294,7 +295,7 @@ bool LogCatalog::Verify(const std::string& name, Json& out, std::string& error) 
            {"problem_count", statistics.ProblemCount()},
            {"counts", counts},
            {"problems", problems}};
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 }  // namespace ReplayServer

@@ -19,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "libreplay/server/ReplayLogStatistics.h"
+#include "reference/src/status.h"
 
 namespace ReplayServer {
 
@@ -36,10 +37,10 @@ class LogCatalog {
     //   "duration_ms", "problems", "clean"}, ...], newest first.
     Json List();
     // The summary plus "segments" (with their clients) and "timeline".
-    // False when the log cannot be read.
-    bool Detail(const std::string& name, Json& out, std::string& error);
+    // Fails when the log cannot be read.
+    ReplayPlatform::Status Detail(const std::string& name, Json& out);
     // {"clean", "problem_count", "counts", "problems"}.
-    bool Verify(const std::string& name, Json& out, std::string& error);
+    ReplayPlatform::Status Verify(const std::string& name, Json& out);
 
   private:
     struct TimelineSegment {
@@ -62,7 +63,7 @@ class LogCatalog {
         std::vector<Marker> markers;
     };
     // The entry for a path, worked out again when the file changed.
-    std::shared_ptr<const Entry> Load(const std::string& name, std::string& error);
+    ReplayPlatform::Status Load(const std::string& name, std::shared_ptr<const Entry>& loaded);
     static Json Summary(const std::string& name, const Entry& entry);
 
     std::string m_directory;

@@ -128,10 +128,10 @@ void ReplayServer::Shutdown() {
 ReplayPlatform::Status ReplayServer::Recover() {
     m_journal.reset(new IngestJournal(m_settings.journalPath));
     std::vector<std::string> unwritten;
-    std::string error;
-    if (!m_journal->Open(unwritten, error)) {
+    ReplayPlatform::Status opened = m_journal->Open(unwritten);
+    if (!opened.IsOk()) {
         m_journal.reset();
-        return ReplayPlatform::Status::Failure(error);
+        return opened;
     }
     ReplayLogManager::SetWrittenHook(&ReplayServer::RecordWritten, this);
     m_journal->Start();

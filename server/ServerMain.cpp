@@ -206,8 +206,8 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
     settings.port = common.port;
     settings.clientLimit = common.maxClients;
     if (!common.allow.empty()) {
-        std::string parseError;
-        settings.allowedSources.Parse(common.allow, parseError);  // checked with the options
+        // Checked with the options already.
+        static_cast<void>(settings.allowedSources.Parse(common.allow));
     }
     settings.reorderHoldMs = common.reorderMs;
     settings.recordWindowMs = common.recordWindow * 1000;
@@ -238,9 +238,9 @@ int Run(const CommonOptions& common, Mode mode, double recordSeconds,
         [&control](const std::string& line) { return control.Execute(line); });
     const std::string controlPath =
         common.control.empty() ? ReplayPlatform::TargetPath(kDefaultControlPath) : common.control;
-    std::string error;
-    if (!controlSocket.Start(controlPath, error)) {
-        std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+    const ReplayPlatform::Status listening = controlSocket.Start(controlPath);
+    if (!listening.IsOk()) {
+        std::fprintf(stderr, "ReplayManager: %s\n", listening.Message().c_str());
         return 1;
     }
     Print("ReplayManager: control socket " + controlPath + "\n");
@@ -333,8 +333,7 @@ int ServerMain(int argc, char** argv) {
         ->check(
             [](const std::string& text) {
                 SourceAllowList list;
-                std::string error;
-                return list.Parse(text, error) ? std::string() : error;
+                return list.Parse(text).Message();
             },
             "NETWORKS");
     app.add_option("--port", common.port, "UDP port")
@@ -445,8 +444,9 @@ int ServerMain(int argc, char** argv) {
             return 2;
         }
         std::string reply;
-        if (!ControlSocket::Send(path, command, reply, error)) {
-            std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+        const ReplayPlatform::Status sent = ControlSocket::Send(path, command, reply);
+        if (!sent.IsOk()) {
+            std::fprintf(stderr, "ReplayManager: %s\n", sent.Message().c_str());
             return 1;
         }
         std::fputs(reply.c_str(), stdout);

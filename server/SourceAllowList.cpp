@@ -32,7 +32,7 @@ int PrefixLength(const std::string& text) {
 
 }  // namespace
 
-bool SourceAllowList::Parse(const std::string& text, std::string& error) {
+ReplayPlatform::Status SourceAllowList::Parse(const std::string& text) {
     std::vector<Network> networks;
     size_t start = 0;
     for (;;) {
@@ -40,24 +40,23 @@ bool SourceAllowList::Parse(const std::string& text, std::string& error) {
         const std::string entry = Trimmed(
             text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
         if (entry.empty()) {
-            error = "empty network in '" + text + "'";
-            return false;
+            return ReplayPlatform::Status::Failure("empty network in '" + text + "'");
         }
         const size_t slash = entry.find('/');
         const std::string host = entry.substr(0, slash);
         const int prefix = slash == std::string::npos ? 32 : PrefixLength(entry.substr(slash + 1));
         in_addr address;
         if (prefix < 0 || inet_pton(AF_INET, host.c_str(), &address) != 1) {
-            error = "'" + entry + "' is not an IPv4 network (a.b.c.d/prefix, prefix 0 to 32)";
-            return false;
+            return ReplayPlatform::Status::Failure(
+                "'" + entry + "' is not an IPv4 network (a.b.c.d/prefix, prefix 0 to 32)");
         }
         // Shifting a 32-bit value by 32 is undefined: prefix 0 is handled apart.
         const uint32_t hostMask = prefix == 0 ? 0 : ~uint32_t{0} << (32 - prefix);
         const uint32_t mask = htonl(hostMask);
         if ((address.s_addr & ~mask) != 0) {
             // 10.1.2.3/16 is more likely a typing slip than a wish for 10.1/16.
-            error = "'" + entry + "' has bits set beyond its prefix";
-            return false;
+            return ReplayPlatform::Status::Failure("'" + entry +
+                                                   "' has bits set beyond its prefix");
         }
         networks.push_back(Network{address.s_addr, mask});
         if (comma == std::string::npos) {
@@ -66,7 +65,7 @@ bool SourceAllowList::Parse(const std::string& text, std::string& error) {
         start = comma + 1;
     }
     m_networks.swap(networks);
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 std::string SourceAllowList::ToString() const {

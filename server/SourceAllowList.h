@@ -11,14 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
 class SourceAllowList {
   public:
     // Reads a comma-separated list of networks, each "a.b.c.d/prefix" or a
     // single address "a.b.c.d" (prefix 32), e.g. "127.0.0.0/8,10.1.0.0/16".
-    // False with `error` on any bad entry; the list is then left as it was.
-    bool Parse(const std::string& text, std::string& error);
+    // Fails on any bad entry, naming it; the list is then left as it was.
+    ReplayPlatform::Status Parse(const std::string& text);
 
     bool Allows(const in_addr& address) const {
         if (m_networks.empty()) {

@@ -30,8 +30,8 @@ ControlSocket::Handler Echo(std::atomic<int>& calls) {
 
 std::string Ask(const std::string& path, const std::string& command) {
     std::string reply;
-    std::string error;
-    return ControlSocket::Send(path, command, reply, error) ? reply : "failed: " + error;
+    const ReplayPlatform::Status sent = ControlSocket::Send(path, command, reply);
+    return sent.IsOk() ? reply : "failed: " + sent.Message();
 }
 
 sockaddr_un UnixAddress(const std::string& path) {
@@ -69,10 +69,9 @@ class ControlSocketTest : public ReplayTest::TargetRootTest {
 TEST_F(ControlSocketTest, SocketFileIsPrivateWhateverTheUmask) {
     const mode_t previous = umask(0);
     ControlSocket control(Echo(m_calls));
-    std::string error;
-    const bool started = control.Start(Path(), error);
+    const ReplayPlatform::Status started = control.Start(Path());
     EXPECT_EQ(umask(previous), 0) << "the process's umask was changed";
-    ASSERT_TRUE(started) << error;
+    ASSERT_TRUE(started.IsOk()) << started.Message();
 
     struct stat file;
     ASSERT_EQ(lstat(Path().c_str(), &file), 0);
@@ -84,17 +83,16 @@ TEST_F(ControlSocketTest, SocketFileIsPrivateWhateverTheUmask) {
 }
 
 TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
-    std::string error;
     // A file that is not a socket, or a link to one, is never removed.
     WriteTargetFile("/control.sock", "keep me");
     ControlSocket first(Echo(m_calls));
-    EXPECT_FALSE(first.Start(Path(), error));
+    std::string error = first.Start(Path()).Message();
     EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
     EXPECT_EQ(ReadTargetFile("/control.sock"), "keep me");
     ASSERT_EQ(unlink(Path().c_str()), 0);
     WriteTargetFile("/target.txt", "keep me too");
     ASSERT_EQ(symlink((Root() + "/target.txt").c_str(), Path().c_str()), 0);
-    EXPECT_FALSE(first.Start(Path(), error));
+    EXPECT_FALSE(first.Start(Path()).IsOk());
     EXPECT_EQ(ReadTargetFile("/target.txt"), "keep me too");
     ASSERT_EQ(unlink(Path().c_str()), 0);
 
@@ -105,12 +103,12 @@ TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
         ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         close(stale);
     }
-    ASSERT_TRUE(first.Start(Path(), error)) << error;
+    ASSERT_TRUE(first.Start(Path()).IsOk());
 
     // A live server's socket is not taken over.
     std::atomic<int> secondCalls{0};
     ControlSocket second(Echo(secondCalls));
-    EXPECT_FALSE(second.Start(Path(), error));
+    error = second.Start(Path()).Message();
     EXPECT_NE(error.find("another server"), std::string::npos) << error;
     second.Stop();
     EXPECT_EQ(Ask(Path(), "ping"), "did ping\n");
@@ -156,8 +154,7 @@ TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
     close(result[1]);
 
     ControlSocket control(Echo(m_calls));
-    std::string error;
-    ASSERT_TRUE(control.Start(path, error)) << error;
+    ASSERT_TRUE(control.Start(path).IsOk());
     // Someone widened the directory and the file: the credentials still count.
     ASSERT_EQ(chmod(Root().c_str(), 0711), 0);
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
@@ -257,12 +254,11 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
     const bool squatting = read(ready[0], &signal, 1) == 1;
     close(ready[0]);
 
-    std::string error;
     ControlSocket control(Echo(m_calls));
-    const bool started = squatting && control.Start(path, error);
+    const ReplayPlatform::Status started =
+        squatting ? control.Start(path) : ReplayPlatform::Status::Failure("not tried");
     std::string reply;
-    std::string sendError;
-    const bool sent = ControlSocket::Send(path, "record 5", reply, sendError);
+    const ReplayPlatform::Status sent = ControlSocket::Send(path, "record 5", reply);
     const std::string command = std::string(REPLAY_BINARY_DIR) +
                                 "/server/ReplayManager --control " + path +
                                 " send status >/dev/null 2>&1";
@@ -271,30 +267,30 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
     waitpid(child, nullptr, 0);
 
     ASSERT_TRUE(squatting) << "the squatter could not bind " << path;
-    EXPECT_FALSE(started);
+    const std::string& error = started.Message();
+    EXPECT_FALSE(started.IsOk());
     EXPECT_NE(error.find(path), std::string::npos) << error;
     EXPECT_NE(error.find(squatter.Name()), std::string::npos) << error;
-    EXPECT_FALSE(sent) << reply;
-    EXPECT_NE(sendError.find(squatter.Name()), std::string::npos) << sendError;
+    EXPECT_FALSE(sent.IsOk()) << reply;
+    EXPECT_NE(sent.Message().find(squatter.Name()), std::string::npos) << sent.Message();
     EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) != 0) << exitStatus;
 }
 
 // Who may put a file at the socket's path is decided by its directory; a
 // link at the path is never followed by either end.
 TEST_F(ControlSocketTest, UnsafeDirectoryAndLinksAreRefused) {
-    std::string error;
     ControlSocket control(Echo(m_calls));
     ASSERT_EQ(chmod(Root().c_str(), 0777), 0);
-    EXPECT_FALSE(control.Start(Path(), error));
+    std::string error = control.Start(Path()).Message();
     EXPECT_NE(error.find("not sticky"), std::string::npos) << error;
     ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
     const std::string real = Root() + "/real.sock";
-    ASSERT_TRUE(control.Start(real, error)) << error;
+    ASSERT_TRUE(control.Start(real).IsOk());
     EXPECT_EQ(Ask(real, "status"), "did status\n");
 
     ASSERT_EQ(symlink(real.c_str(), Path().c_str()), 0);
     std::string reply;
-    EXPECT_FALSE(ControlSocket::Send(Path(), "status", reply, error)) << reply;
+    error = ControlSocket::Send(Path(), "status", reply).Message();
     EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
     EXPECT_EQ(m_calls, 1);
     control.Stop();
@@ -302,8 +298,7 @@ TEST_F(ControlSocketTest, UnsafeDirectoryAndLinksAreRefused) {
 
 TEST_F(ControlSocketTest, ConnectionsAreBoundedAndReleased) {
     ControlSocket control(Echo(m_calls));
-    std::string error;
-    ASSERT_TRUE(control.Start(Path(), error)) << error;
+    ASSERT_TRUE(control.Start(Path()).IsOk());
     // A script polling the server: every connection's thread is released.
     for (int i = 0; i < 30; ++i) {
         ASSERT_EQ(Ask(Path(), "status"), "did status\n");

@@ -22,18 +22,17 @@ class IngestJournalTest : public ReplayTest::TargetRootTest {
         WriteTargetFile("/restart/journal", ReadTargetFile("/var/lib/replay/journal"));
         IngestJournal after(Root() + "/restart/journal");
         std::vector<std::string> unwritten;
-        std::string error;
-        EXPECT_TRUE(after.Open(unwritten, error)) << error;
+        const ReplayPlatform::Status opened = after.Open(unwritten);
+        EXPECT_TRUE(opened.IsOk()) << opened.Message();
         return unwritten;
     }
     // Opens `journal` on a file with nothing to recover.
     static bool Opened(IngestJournal& journal) {
         std::vector<std::string> unwritten;
-        std::string error;
-        const bool opened = journal.Open(unwritten, error);
-        EXPECT_TRUE(opened) << error;
+        const ReplayPlatform::Status opened = journal.Open(unwritten);
+        EXPECT_TRUE(opened.IsOk()) << opened.Message();
         EXPECT_TRUE(unwritten.empty());
-        return opened;
+        return opened.IsOk();
     }
     static void Receive(IngestJournal& journal, const std::string& record) {
         journal.Received(record.data(), record.size());
@@ -65,8 +64,7 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
     // without any writing in between finds the same.
     IngestJournal restarted(Path());
     std::vector<std::string> unwritten;
-    std::string error;
-    ASSERT_TRUE(restarted.Open(unwritten, error)) << error;
+    ASSERT_TRUE(restarted.Open(unwritten).IsOk());
     EXPECT_EQ(unwritten, (std::vector<std::string>{a, c}));
     EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
 }
@@ -114,9 +112,9 @@ TEST_F(IngestJournalTest, OpenFailsWhereNoFileCanBeMade) {
     WriteTargetFile("/var/lib/replay", "a file where the directory should be");
     IngestJournal journal(Path());
     std::vector<std::string> unwritten;
-    std::string error;
-    EXPECT_FALSE(journal.Open(unwritten, error));
-    EXPECT_NE(error.find("journal"), std::string::npos);
+    const ReplayPlatform::Status opened = journal.Open(unwritten);
+    EXPECT_FALSE(opened.IsOk());
+    EXPECT_NE(opened.Message().find("journal"), std::string::npos);
     Receive(journal, DataRecord("a", 1000, 1));
     journal.FlushGathered(Clock::now());
     EXPECT_GE(journal.WriteFailures(), 1u);  // counted, never silent

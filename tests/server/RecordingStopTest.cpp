@@ -146,8 +146,7 @@ TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
         // What a killed server left: three records received, one written.
         srv::IngestJournal journal(path);
         std::vector<std::string> unwritten;
-        std::string error;
-        ASSERT_TRUE(journal.Open(unwritten, error)) << error;
+        ASSERT_TRUE(journal.Open(unwritten).IsOk());
         journal.Received(written.data(), written.size());
         journal.Received(later.data(), later.size());
         journal.Received(early.data(), early.size());

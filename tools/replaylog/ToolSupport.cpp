@@ -5,22 +5,22 @@
 
 namespace ReplayLogTool {
 
-bool RecordFilter::Prepare(std::string& error) {
+ReplayPlatform::Status RecordFilter::Prepare() {
     if (!fromText.empty()) {
         if (!ReplayCore::LogFormat::ParseRecordTime(fromText.data(), fromText.size(), fromMs)) {
-            error = "--from: not a time in seconds (like 12.345): " + fromText;
-            return false;
+            return ReplayPlatform::Status::Failure("--from: not a time in seconds (like 12.345): " +
+                                                   fromText);
         }
         hasFrom = true;
     }
     if (!toText.empty()) {
         if (!ReplayCore::LogFormat::ParseRecordTime(toText.data(), toText.size(), toMs)) {
-            error = "--to: not a time in seconds (like 12.345): " + toText;
-            return false;
+            return ReplayPlatform::Status::Failure("--to: not a time in seconds (like 12.345): " +
+                                                   toText);
         }
         hasTo = true;
     }
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 bool RecordFilter::SegmentSelected(uint32_t segment) const {

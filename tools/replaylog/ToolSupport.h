@@ -10,6 +10,7 @@
 
 #include "libreplay/server/ReplayLogReader.h"
 #include "libreplay/server/ReplayLogRecord.h"
+#include "reference/src/status.h"
 #include "tools/replaylog/BinaryItem.h"
 
 namespace ReplayLogTool {
@@ -40,8 +41,9 @@ struct RecordFilter {
     int64_t fromMs = 0;
     int64_t toMs = 0;
 
-    // False with `error` set when a time does not parse.
-    bool Prepare(std::string& error);
+    // Parses the --from and --to times; fails naming the one that does not
+    // parse.
+    ReplayPlatform::Status Prepare();
     bool Active() const { return !clients.empty() || hasFrom || hasTo; }
     bool SegmentSelected(uint32_t segment) const;
     // A client record passes when its client and block time are selected;

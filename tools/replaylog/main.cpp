@@ -92,9 +92,9 @@ int main(int argc, char** argv) {
         return status == 0 ? kExitOk : kExitUsage;
     }
 
-    std::string error;
-    if (!filter.Prepare(error)) {
-        ReportError(error);
+    const ReplayPlatform::Status prepared = filter.Prepare();
+    if (!prepared.IsOk()) {
+        ReportError(prepared.Message());
         return kExitUsage;
     }
     int status = CheckLogFile(options.logFile);
