@@ -66,16 +66,14 @@ std::string QuoteCommandWord(const std::string& word) {
     return quoted + "\"";
 }
 
-bool SenderCommandLine(const std::vector<std::string>& arguments, std::string& line,
-                       std::string& error) {
+ReplayPlatform::Status SenderCommandLine(const std::vector<std::string>& arguments,
+                                         std::string& line) {
     std::vector<std::string> words = arguments;
     if (arguments.size() == 1 && !SplitCommandWords(arguments[0], words)) {
-        error = "unclosed quote in the command";
-        return false;
+        return ReplayPlatform::Status::Failure("unclosed quote in the command");
     }
     if (words.empty()) {
-        error = "no command given";
-        return false;
+        return ReplayPlatform::Status::Failure("no command given");
     }
     if (words[0] == "replay") {
         // The file, and the report to write, are the sender's paths; other
@@ -104,7 +102,7 @@ bool SenderCommandLine(const std::vector<std::string>& arguments, std::string& l
     for (const std::string& word : words) {
         line += (line.empty() ? "" : " ") + QuoteCommandWord(word);
     }
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 }  // namespace ReplayServer

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "reference/src/status.h"
+
 namespace ReplayServer {
 
 // False (and `words` incomplete) when a quote is not closed.
@@ -20,9 +22,9 @@ std::string QuoteCommandWord(const std::string& word);
 // The line `ReplayManager send` passes on. One argument is a whole command
 // line (split as above); several are its words. The file of a replay command
 // is made absolute against the sender's working directory, since the server
-// runs elsewhere. False with `error` set for an unclosed quote or no command.
-bool SenderCommandLine(const std::vector<std::string>& arguments, std::string& line,
-                       std::string& error);
+// runs elsewhere. Fails for an unclosed quote or no command.
+ReplayPlatform::Status SenderCommandLine(const std::vector<std::string>& arguments,
+                                         std::string& line);
 
 }  // namespace ReplayServer
 

@@ -29,11 +29,11 @@ void ReportDamage(ReplayPlan& plan, uint64_t offset, const char* what) {
     }
 }
 
-bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& options,
-               ReplayPlan& plan, std::string& error);
+ReplayPlatform::Status PlanItems(const std::vector<PlannedRecord>& stored,
+                                 const PlanOptions& options, ReplayPlan& plan);
 
-bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& options,
-                     ReplayPlan& plan, std::string& error) {
+ReplayPlatform::Status BuildFromReader(ReplayCore::ReplayLogReader& reader,
+                                       const PlanOptions& options, ReplayPlan& plan) {
     plan = ReplayPlan();
     ReplayCore::LogRecord record;
     ReplayCore::LogClientRecord fields;
@@ -87,19 +87,17 @@ bool BuildFromReader(ReplayCore::ReplayLogReader& reader, const PlanOptions& opt
         }
     }
     if (reader.ReadFailed()) {
-        error = "cannot read the log: " + reader.LastError();
-        return false;
+        return ReplayPlatform::Status::Failure("cannot read the log: " + reader.LastError());
     }
     if (plan.records.empty()) {
-        error = "the log holds no data records to replay";
-        return false;
+        return ReplayPlatform::Status::Failure("the log holds no data records to replay");
     }
     std::vector<PlannedRecord> stored;
     stored.swap(plan.records);
     std::stable_sort(
         stored.begin(), stored.end(),
         [](const PlannedRecord& a, const PlannedRecord& b) { return a.timeMs < b.timeMs; });
-    return PlanItems(stored, options, plan, error);
+    return PlanItems(stored, options, plan);
 }
 
 struct CutItem {
@@ -113,8 +111,8 @@ struct CutItem {
     std::string data;
 };
 
-bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& options,
-               ReplayPlan& plan, std::string& error) {
+ReplayPlatform::Status PlanItems(const std::vector<PlannedRecord>& stored,
+                                 const PlanOptions& options, ReplayPlan& plan) {
     std::vector<CutItem> items;
     std::map<std::string, int64_t> latest;
     ItemCut cut;
@@ -138,8 +136,7 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         }
     }
     if (items.empty()) {
-        error = "the log holds no items to replay";
-        return false;
+        return ReplayPlatform::Status::Failure("the log holds no items to replay");
     }
     std::stable_sort(items.begin(), items.end(),
                      [](const CutItem& a, const CutItem& b) { return a.dueMs < b.dueMs; });
@@ -148,8 +145,8 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
     plan.startMs = first + std::max<int64_t>(0, options.fromOffsetMs);
     const int64_t end = options.toOffsetMs >= 0 ? first + options.toOffsetMs : INT64_MAX;
     if (end <= plan.startMs) {
-        error = "nothing to replay: the end of the range is not after its start";
-        return false;
+        return ReplayPlatform::Status::Failure(
+            "nothing to replay: the end of the range is not after its start");
     }
     // Each client's last item before the range.
     std::map<std::string, size_t> lastBefore;
@@ -187,41 +184,38 @@ bool PlanItems(const std::vector<PlannedRecord>& stored, const PlanOptions& opti
         add(items[i], plan.records);
     }
     if (plan.records.empty()) {
-        error = rangeBegin == items.size() ? "the offset lies beyond the last record"
-                                           : "no item to replay in the range";
-        return false;
+        return ReplayPlatform::Status::Failure(rangeBegin == items.size()
+                                                   ? "the offset lies beyond the last record"
+                                                   : "no item to replay in the range");
     }
     plan.endMs = plan.records.back().timeMs;
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 }  // namespace
 
-bool LoadReplayPlan(const std::string& path, const PlanOptions& options, ReplayPlan& plan,
-                    std::string& error) {
+ReplayPlatform::Status LoadReplayPlan(const std::string& path, const PlanOptions& options,
+                                      ReplayPlan& plan) {
     // A FIFO or device would block the command that names it, or never end.
     struct stat file;
     if (stat(path.c_str(), &file) != 0) {
-        error = "cannot open " + path + ": " + std::strerror(errno);
-        return false;
+        return ReplayPlatform::Status::SystemFailure("cannot open " + path, errno);
     }
     if (!S_ISREG(file.st_mode)) {
-        error = path + " is not a regular file";
-        return false;
+        return ReplayPlatform::Status::Failure(path + " is not a regular file");
     }
     ReplayCore::ReplayLogReader reader;
     if (!reader.Open(path)) {
-        error = "cannot open " + path + ": " + reader.LastError();
-        return false;
+        return ReplayPlatform::Status::Failure("cannot open " + path + ": " + reader.LastError());
     }
-    return BuildFromReader(reader, options, plan, error);
+    return BuildFromReader(reader, options, plan);
 }
 
-bool BuildReplayPlan(const char* data, size_t size, const PlanOptions& options, ReplayPlan& plan,
-                     std::string& error) {
+ReplayPlatform::Status BuildReplayPlan(const char* data, size_t size, const PlanOptions& options,
+                                       ReplayPlan& plan) {
     ReplayCore::ReplayLogReader reader;
     reader.OpenMemory(data, size);
-    return BuildFromReader(reader, options, plan, error);
+    return BuildFromReader(reader, options, plan);
 }
 
 }  // namespace ReplayServer

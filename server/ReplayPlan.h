@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <vector>
+#include "reference/src/status.h"
 
 namespace ReplayServer {
 
@@ -65,14 +66,14 @@ struct ReplayPlan {
     int64_t DurationMs() const { return records.empty() ? 0 : endMs - startMs; }
 };
 
-// Reads `path` into `plan`; false with `error` when the file cannot be read
-// or holds nothing to replay. Damaged records are skipped and reported.
+// Reads `path` into `plan`; fails when the file cannot be read or holds
+// nothing to replay. Damaged records are skipped and reported.
 // Either can be called again with other options to plan from another point.
-bool LoadReplayPlan(const std::string& path, const PlanOptions& options, ReplayPlan& plan,
-                    std::string& error);
+ReplayPlatform::Status LoadReplayPlan(const std::string& path, const PlanOptions& options,
+                                      ReplayPlan& plan);
 // The same over a log held in memory.
-bool BuildReplayPlan(const char* data, size_t size, const PlanOptions& options, ReplayPlan& plan,
-                     std::string& error);
+ReplayPlatform::Status BuildReplayPlan(const char* data, size_t size, const PlanOptions& options,
+                                       ReplayPlan& plan);
 
 }  // namespace ReplayServer
 

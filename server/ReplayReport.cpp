@@ -1,16 +1,15 @@
 #include "server/ReplayReport.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 
 #include "server/ServerStatusJson.h"
 
 namespace ReplayServer {
 
-bool WriteReplayReport(const std::string& path, ReplayServer& server,
-                       const ReplayPosition& position, const ReplayResult& result,
-                       std::string& error) {
+ReplayPlatform::Status WriteReplayReport(const std::string& path, ReplayServer& server,
+                                         const ReplayPosition& position,
+                                         const ReplayResult& result) {
     // Written beside and renamed: a reader never sees half a report.
     const std::string partial = path + ".partial";
     {
@@ -18,15 +17,14 @@ bool WriteReplayReport(const std::string& path, ReplayServer& server,
         file << ReplayJson(position, server.Deliveries().Snapshot(), &result);
         file.flush();
         if (!file) {
-            error = "cannot write " + partial + ": " + std::strerror(errno);
-            return false;
+            return ReplayPlatform::Status::SystemFailure("cannot write " + partial, errno);
         }
     }
     if (std::rename(partial.c_str(), path.c_str()) != 0) {
-        error = "cannot rename " + partial + " to " + path + ": " + std::strerror(errno);
-        return false;
+        return ReplayPlatform::Status::SystemFailure("cannot rename " + partial + " to " + path,
+                                                     errno);
     }
-    return true;
+    return ReplayPlatform::Status::Ok();
 }
 
 }  // namespace ReplayServer

@@ -6,15 +6,16 @@
 
 #include <string>
 
+#include "reference/src/status.h"
 #include "server/ReplayRunner.h"
 #include "server/ReplayServer.h"
 
 namespace ReplayServer {
 
-// False with `error` when the file cannot be written.
-bool WriteReplayReport(const std::string& path, ReplayServer& server,
-                       const ReplayPosition& position, const ReplayResult& result,
-                       std::string& error);
+// Writes the report of a replay to `path`; fails when it cannot be written.
+ReplayPlatform::Status WriteReplayReport(const std::string& path, ReplayServer& server,
+                                         const ReplayPosition& position,
+                                         const ReplayResult& result);
 
 }  // namespace ReplayServer
 

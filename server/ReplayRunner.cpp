@@ -10,6 +10,8 @@ using ReplayCore::MSTime;
 
 namespace ReplayServer {
 
+using ReplayPlatform::Status;
+
 namespace {
 
 constexpr int kClientPollMs = 50;
@@ -356,52 +358,52 @@ ReplayResult ReplayRunner::Run() {
     return result;
 }
 
-std::string ReplayRunner::CheckStarted() const {
+Status ReplayRunner::CheckStarted() const {
     if (m_cancelled || m_ended) {
-        return "the replay is ending";
+        return Status::Failure("the replay is ending");
     }
     if (!m_started) {
-        return "the replay is still waiting for its clients";
+        return Status::Failure("the replay is still waiting for its clients");
     }
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::Pause() {
+Status ReplayRunner::Pause() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string error = CheckStarted();
-    if (!error.empty()) {
-        return error;
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
     }
     if (!m_schedule.Pause(NowMs())) {
-        return "already paused";
+        return Status::Failure("already paused");
     }
     m_wake.notify_all();
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::Resume() {
+Status ReplayRunner::Resume() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string error = CheckStarted();
-    if (!error.empty()) {
-        return error;
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
     }
     const int64_t now = NowMs();
     if (!m_schedule.Resume(now)) {
-        return "not paused";
+        return Status::Failure("not paused");
     }
     Reanchor(m_schedule.LogTimeAt(now), now);
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::Seek(int64_t offsetMs) {
+Status ReplayRunner::Seek(int64_t offsetMs) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string error = CheckStarted();
-    if (!error.empty()) {
-        return error;
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
     }
     if (offsetMs < 0 || offsetMs > m_plan.DurationMs()) {
-        return "the replay lasts " + Seconds(m_plan.DurationMs()) + "; cannot seek to " +
-               Seconds(offsetMs);
+        return Status::Failure("the replay lasts " + Seconds(m_plan.DurationMs()) +
+                               "; cannot seek to " + Seconds(offsetMs));
     }
     const int64_t target = m_plan.startMs + offsetMs;
     const int64_t now = NowMs();
@@ -411,19 +413,19 @@ std::string ReplayRunner::Seek(int64_t offsetMs) {
     SetClientClocks(target);
     SendStateBefore(target);
     Reanchor(target, now);
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::StepRecords(size_t count) {
+Status ReplayRunner::StepRecords(size_t count) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    std::string error = CheckStarted();
-    if (error.empty() && !m_schedule.Paused()) {
-        error = "step works while paused; pause first";
+    Status error = CheckStarted();
+    if (error.IsOk() && !m_schedule.Paused()) {
+        error = Status::Failure("step works while paused; pause first");
     }
-    if (error.empty() && m_next >= m_plan.records.size()) {
-        error = "at the end of the replay";
+    if (error.IsOk() && m_next >= m_plan.records.size()) {
+        error = Status::Failure("at the end of the replay");
     }
-    if (!error.empty()) {
+    if (!error.IsOk()) {
         return error;
     }
     const size_t end = std::min(m_plan.records.size(), m_next + count);
@@ -434,19 +436,19 @@ std::string ReplayRunner::StepRecords(size_t count) {
         SendRecord(m_next, now);
     }
     m_schedule.Seek(last, now);
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::StepTime(int64_t ms) {
+Status ReplayRunner::StepTime(int64_t ms) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    std::string error = CheckStarted();
-    if (error.empty() && !m_schedule.Paused()) {
-        error = "step works while paused; pause first";
+    Status error = CheckStarted();
+    if (error.IsOk() && !m_schedule.Paused()) {
+        error = Status::Failure("step works while paused; pause first");
     }
-    if (error.empty() && m_schedule.LogTimeAt(0) >= m_plan.endMs) {
-        error = "at the end of the replay";
+    if (error.IsOk() && m_schedule.LogTimeAt(0) >= m_plan.endMs) {
+        error = Status::Failure("at the end of the replay");
     }
-    if (!error.empty()) {
+    if (!error.IsOk()) {
         return error;
     }
     const int64_t target = std::min(m_plan.endMs, m_schedule.LogTimeAt(0) + ms);
@@ -456,14 +458,14 @@ std::string ReplayRunner::StepTime(int64_t ms) {
         SendRecord(m_next, now);
     }
     m_schedule.Seek(target, now);
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::SetRate(double rate) {
+Status ReplayRunner::SetRate(double rate) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string error = CheckStarted();
-    if (!error.empty()) {
-        return error;
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
     }
     const int64_t now = NowMs();
     const int64_t position = m_schedule.LogTimeAt(now);
@@ -471,32 +473,31 @@ std::string ReplayRunner::SetRate(double rate) {
         char text[96];
         std::snprintf(text, sizeof text, "the rate goes from %g to %g, or max",
                       ReplaySchedule::kMinimumRate, ReplaySchedule::kMaximumRate);
-        return text;
+        return Status::Failure(text);
     }
     const bool wasMax = m_maxRate;
     m_maxRate = false;
     if (!m_schedule.Paused()) {
         Reanchor(wasMax && m_next > 0 ? m_plan.records[m_next - 1].timeMs : position, now);
     }
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::SetMaxRate() {
+Status ReplayRunner::SetMaxRate() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    const std::string error = CheckStarted();
-    if (!error.empty()) {
-        return error;
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
     }
     m_maxRate = true;
     m_wake.notify_all();
-    return "";
+    return Status::Ok();
 }
 
-std::string ReplayRunner::SetLoop(bool loop) {
+void ReplayRunner::SetLoop(bool loop) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_loop = loop;
     m_wake.notify_all();
-    return "";
 }
 
 ReplayPosition ReplayRunner::Position() const {

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "reference/src/status.h"
 #include "server/ReplayPacer.h"
 #include "server/ReplayPlan.h"
 #include "server/ReplaySchedule.h"
@@ -106,20 +107,20 @@ class ReplayRunner {
     // Ends a running replay early (from any thread): the clients are stopped.
     void Cancel();
 
-    std::string Pause();
-    std::string Resume();
+    ReplayPlatform::Status Pause();
+    ReplayPlatform::Status Resume();
     // To `offsetMs` after the plan's start; each client first gets its last
     // record before that point, so it starts from the state it had there.
-    std::string Seek(int64_t offsetMs);
+    ReplayPlatform::Status Seek(int64_t offsetMs);
     // While paused: the next `count` records, or those within `ms` of the
     // position, handed over at once; the position moves past them.
-    std::string StepRecords(size_t count);
-    std::string StepTime(int64_t ms);
+    ReplayPlatform::Status StepRecords(size_t count);
+    ReplayPlatform::Status StepTime(int64_t ms);
     // 0.1 to 10 times as fast as recorded.
-    std::string SetRate(double rate);
+    ReplayPlatform::Status SetRate(double rate);
     // As fast as the clients report handling what they were sent.
-    std::string SetMaxRate();
-    std::string SetLoop(bool loop);
+    ReplayPlatform::Status SetMaxRate();
+    void SetLoop(bool loop);
     ReplayPosition Position() const;
 
   private:
@@ -152,7 +153,7 @@ class ReplayRunner {
     void Reanchor(int64_t logMs, int64_t nowMs);
     // The first record at or after `logMs`.
     size_t RecordAt(int64_t logMs) const;
-    std::string CheckStarted() const;
+    ReplayPlatform::Status CheckStarted() const;
 
     ReplayServer& m_server;
     const ReplayPlan& m_plan;

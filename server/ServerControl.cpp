@@ -303,9 +303,9 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
         return {false, "busy; stop first"};
     }
     std::unique_ptr<ReplayPlan> plan(new ReplayPlan);
-    std::string error;
-    if (!LoadReplayPlan(request.path, request.options, *plan, error)) {
-        return {false, error};
+    const ReplayPlatform::Status loaded = LoadReplayPlan(request.path, request.options, *plan);
+    if (!loaded.IsOk()) {
+        return {false, loaded.Message()};
     }
     if (!request.clients.empty()) {
         std::string unknown;
@@ -371,9 +371,10 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
             }
         }
         if (!reportPath.empty()) {
-            std::string reportError;
-            if (!WriteReplayReport(reportPath, m_server, position, result, reportError)) {
-                text << "\nreplay report not written: " << reportError;
+            const ReplayPlatform::Status written =
+                WriteReplayReport(reportPath, m_server, position, result);
+            if (!written.IsOk()) {
+                text << "\nreplay report not written: " << written.Message();
             }
         }
         const bool ok =
@@ -389,15 +390,16 @@ ControlReply ServerControl::StartReplay(const ReplayRequest& request) {
     return {true, reply.str()};
 }
 
-ControlReply ServerControl::OnRunner(const std::function<std::string(ReplayRunner&)>& operation,
-                                     const std::string& done) {
+ControlReply ServerControl::OnRunner(
+    const std::function<ReplayPlatform::Status(ReplayRunner&)>& operation,
+    const std::string& done) {
     std::lock_guard<std::mutex> lock(m_jobMutex);
     if (m_runner == nullptr) {
         return {false, "no replay is running"};
     }
-    const std::string error = operation(*m_runner);
-    if (!error.empty()) {
-        return {false, error};
+    const ReplayPlatform::Status applied = operation(*m_runner);
+    if (!applied.IsOk()) {
+        return {false, applied.Message()};
     }
     const ReplayPosition position = m_runner->Position();
     return {true, done + " at " + SecondsText(position.logMs - position.startMs) + " (record " +
@@ -437,8 +439,12 @@ ControlReply ServerControl::SetRate(double rate) {
 }
 
 ControlReply ServerControl::SetLoop(bool loop) {
-    return OnRunner([loop](ReplayRunner& runner) { return runner.SetLoop(loop); },
-                    loop ? "loop on" : "loop off");
+    return OnRunner(
+        [loop](ReplayRunner& runner) {
+            runner.SetLoop(loop);
+            return ReplayPlatform::Status::Ok();
+        },
+        loop ? "loop on" : "loop off");
 }
 
 ReplayPosition ServerControl::Position() {

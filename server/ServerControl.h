@@ -83,7 +83,7 @@ class ServerControl {
     std::string Step(const std::vector<std::string>& words);
     std::string Stop();
     // Runs `operation` on the running replay's runner.
-    ControlReply OnRunner(const std::function<std::string(ReplayRunner&)>& operation,
+    ControlReply OnRunner(const std::function<ReplayPlatform::Status(ReplayRunner&)>& operation,
                           const std::string& done);
     std::string ReplayStatusText();
     // Starts `body` as the job; false when one is running.

@@ -438,9 +438,9 @@ int ServerMain(int argc, char** argv) {
                                      ? ReplayPlatform::TargetPath(kDefaultControlPath)
                                      : common.control;
         std::string command;
-        std::string error;
-        if (!SenderCommandLine(send->remaining(), command, error)) {
-            std::fprintf(stderr, "ReplayManager: %s\n", error.c_str());
+        const ReplayPlatform::Status formed = SenderCommandLine(send->remaining(), command);
+        if (!formed.IsOk()) {
+            std::fprintf(stderr, "ReplayManager: %s\n", formed.Message().c_str());
             return 2;
         }
         std::string reply;

@@ -40,24 +40,24 @@ TEST(CommandWordsTest, TheSenderMakesTheReplayFileAbsolute) {
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     const std::string cwd = here;
     std::string line;
-    std::string error;
-    ASSERT_TRUE(SenderCommandLine({"replay", "logs/my drive.dat", "--segment", "2"}, line, error));
+    ASSERT_TRUE(SenderCommandLine({"replay", "logs/my drive.dat", "--segment", "2"}, line).IsOk());
     EXPECT_EQ(Split(line), (Words{"replay", cwd + "/logs/my drive.dat", "--segment", "2"}));
     // One argument is a whole command line; options before the file are
     // skipped with their values.
-    ASSERT_TRUE(SenderCommandLine({"replay --from 5 \"a b.dat\""}, line, error));
+    ASSERT_TRUE(SenderCommandLine({"replay --from 5 \"a b.dat\""}, line).IsOk());
     EXPECT_EQ(Split(line), (Words{"replay", "--from", "5", cwd + "/a b.dat"}));
     // The report is written by the server: its path is made absolute too;
     // the values of the other options are not paths.
-    ASSERT_TRUE(SenderCommandLine(
-        {"replay", "--clients", "gps,can", "--to", "9", "d.dat", "--report", "out/r.json"}, line,
-        error));
+    ASSERT_TRUE(SenderCommandLine({"replay", "--clients", "gps,can", "--to", "9", "d.dat",
+                                   "--report", "out/r.json"},
+                                  line)
+                    .IsOk());
     EXPECT_EQ(Split(line), (Words{"replay", "--clients", "gps,can", "--to", "9", cwd + "/d.dat",
                                   "--report", cwd + "/out/r.json"}));
-    ASSERT_TRUE(SenderCommandLine({"status --json"}, line, error));
+    ASSERT_TRUE(SenderCommandLine({"status --json"}, line).IsOk());
     EXPECT_EQ(line, "status --json");
-    EXPECT_FALSE(SenderCommandLine({"replay \"open"}, line, error));
-    EXPECT_FALSE(SenderCommandLine({}, line, error));
+    EXPECT_FALSE(SenderCommandLine({"replay \"open"}, line).IsOk());
+    EXPECT_FALSE(SenderCommandLine({}, line).IsOk());
 }
 
 }  // namespace

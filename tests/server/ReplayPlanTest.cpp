@@ -33,8 +33,7 @@ TEST(ReplayPlanTest, OrdersByTimeKeepsInitialisationApartAndSkipsDamage) {
     Store(log, ServerTest::DataRecord("gps", 1250, 1, "cc"));
 
     ReplayPlan plan;
-    std::string error;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
     ASSERT_EQ(plan.records.size(), 3u);
     EXPECT_EQ(plan.records[0].timeMs, 1100);
     EXPECT_EQ(plan.records[1].timeMs, 1250);
@@ -63,21 +62,21 @@ TEST(ReplayPlanTest, SegmentAndOffsetSelectRecords) {
         Store(log, ServerTest::DataRecord("gps", 5000 + 1000 * i, i + 1));
     }
     ReplayPlan plan;
-    std::string error;
     PlanOptions options;
     options.segment = 2;
     options.fromOffsetMs = 2500;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
     ASSERT_EQ(plan.records.size(), 2u);
     EXPECT_EQ(plan.startMs, 7500);
     EXPECT_EQ(plan.records[0].timeMs, 8000);
 
     options.fromOffsetMs = 10000;
-    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
-    EXPECT_FALSE(error.empty());
+    const ReplayPlatform::Status beyond = BuildReplayPlan(log.data(), log.size(), options, plan);
+    EXPECT_FALSE(beyond.IsOk());
+    EXPECT_FALSE(beyond.Message().empty());
     options = PlanOptions();
     options.segment = 7;
-    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan, error));
+    EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
 }
 
 // A block of items "<time>:<data>" after the first, as a client sends it.
@@ -133,8 +132,7 @@ std::string TwoClientLog() {
 TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     const std::string log = TwoClientLog();
     ReplayPlan plan;
-    std::string error;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
     EXPECT_EQ(ItemData(plan.records),
               (std::vector<std::string>{"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}));
     EXPECT_EQ(Sent(plan.records[7]).sequence, 6u);  // gps's sixth item
@@ -143,7 +141,7 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     PlanOptions options;
     options.fromOffsetMs = 15;  // 1015
     options.toOffsetMs = 45;    // up to 1045, not included
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
     EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
     EXPECT_EQ(plan.startMs, 1015);
     EXPECT_EQ(ItemData(plan.state), (std::vector<std::string>{"c0", "g1"}));
@@ -155,7 +153,7 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     ASSERT_EQ(plan.initialisation.size(), 1u);
 
     options.withState = false;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
     EXPECT_TRUE(plan.state.empty());
     EXPECT_EQ(Sent(plan.records[0]).sequence, 1u);
 }
@@ -183,10 +181,10 @@ TEST(ReplayPlanTest, RangeIncludesItsStartAndExcludesItsEnd) {
         options.fromOffsetMs = c.from;
         options.toOffsetMs = c.to;
         ReplayPlan plan;
-        std::string error;
-        const bool built = BuildReplayPlan(log.data(), log.size(), options, plan, error);
-        ASSERT_EQ(built, !c.records.empty()) << c.from << " to " << c.to << ": " << error;
-        if (built) {
+        const ReplayPlatform::Status built = BuildReplayPlan(log.data(), log.size(), options, plan);
+        ASSERT_EQ(built.IsOk(), !c.records.empty())
+            << c.from << " to " << c.to << ": " << built.Message();
+        if (built.IsOk()) {
             EXPECT_EQ(ItemData(plan.records), c.records) << c.from << " to " << c.to;
             EXPECT_EQ(ItemData(plan.state), c.state) << c.from << " to " << c.to;
             EXPECT_EQ(plan.startMs, 1000 + c.from);
@@ -203,8 +201,7 @@ TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
     Store(log, Block("gps", 2, {{1050, "g2"}}));
     Store(log, Block("can", 1, {{1060, "c0"}}));
     ReplayPlan plan;
-    std::string error;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan, error)) << error;
+    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
     // g2 (1050) follows g1 (1100), as the client handed them over.
     EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
     EXPECT_EQ(plan.records[3].timeMs, 1100);

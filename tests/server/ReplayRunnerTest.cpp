@@ -212,7 +212,7 @@ TEST_F(ReplayRunnerTest, CancelEndsTheReplayAndStopsTheClients) {
     plan.clients = {"gps", "nav"};
     m_settings.clientWaitMs = 60000;
     srv::ReplayRunner waiting(*m_server, plan, m_settings);
-    EXPECT_EQ(waiting.Pause(), "the replay is still waiting for its clients");
+    EXPECT_EQ(waiting.Pause().Message(), "the replay is still waiting for its clients");
     finished = false;
     std::thread wait([&] {
         result = waiting.Run();
@@ -305,8 +305,8 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
     auto can = Connect("can");
     Plan({"gps", "can"}, 40, 100);  // gps at 0, 200, ...; can at 100, 300, ...
     Start();
-    EXPECT_EQ(m_runner->Resume(), "not paused");
-    ASSERT_EQ(m_runner->Pause(), "");
+    EXPECT_EQ(m_runner->Resume().Message(), "not paused");
+    ASSERT_EQ(m_runner->Pause().Message(), "");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const size_t gpsBefore = gps->Received().size();
     const size_t canBefore = can->Received().size();
@@ -315,7 +315,7 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
 
     // Three records at once: each client's clock moves to the last of them
     // first, so that it hands them over without waiting.
-    ASSERT_EQ(m_runner->StepRecords(3), "");
+    ASSERT_EQ(m_runner->StepRecords(3).Message(), "");
     const int64_t last = m_plan.records[next + 2].timeMs;
     EXPECT_EQ(m_runner->Position().logMs, last);
     EXPECT_EQ(m_runner->Position().nextRecord, next + 3);
@@ -339,18 +339,19 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
 
     // A step of time takes the records up to and including its end.
     const size_t gpsBeforeTime = gps->Received().size();
-    ASSERT_EQ(m_runner->StepTime(200), "");
+    ASSERT_EQ(m_runner->StepTime(200).Message(), "");
     EXPECT_EQ(m_runner->Position().logMs, last + 200);
     EXPECT_EQ(m_runner->Position().nextRecord, next + 5);
 
     // A seek past the end is refused; one inside sends each client its last
     // record before the point, after a clock setting at the point.
-    EXPECT_NE(m_runner->Seek(m_plan.DurationMs() + 1).find("lasts 3.900 s"), std::string::npos);
-    EXPECT_EQ(m_runner->Seek(m_plan.DurationMs()), "");
+    EXPECT_NE(m_runner->Seek(m_plan.DurationMs() + 1).Message().find("lasts 3.900 s"),
+              std::string::npos);
+    EXPECT_EQ(m_runner->Seek(m_plan.DurationMs()).Message(), "");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const size_t gpsBeforeSeek = gps->Received().size();
     EXPECT_GT(gpsBeforeSeek, gpsBeforeTime);
-    ASSERT_EQ(m_runner->Seek(3050), "");
+    ASSERT_EQ(m_runner->Seek(3050).Message(), "");
     EXPECT_EQ(m_runner->Position().logMs, kStart + 3050);
     EXPECT_TRUE(m_runner->Position().paused);
     ASSERT_TRUE(gps->WaitFor(gpsBeforeSeek + 2, kDeadline));
@@ -363,21 +364,21 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
 
     // From there on: the clock once more at the resume, then records from
     // the point on, and nothing before it again.
-    ASSERT_EQ(m_runner->Resume(), "");
+    ASSERT_EQ(m_runner->Resume().Message(), "");
     m_thread.join();
     got = After(*gps, gpsBeforeSeek + 2);
     ASSERT_GE(got.size(), 2u);
     EXPECT_GE(ClockArgument(got[0].bytes), kStart + 3050 - m_settings.networkingLatencyMs);
     EXPECT_LE(ClockArgument(got[0].bytes), kStart + 3100 - m_settings.networkingLatencyMs);
     EXPECT_EQ(got[1].bytes, m_plan.records[32].record);
-    EXPECT_EQ(m_runner->StepRecords(1), "the replay is ending");
+    EXPECT_EQ(m_runner->StepRecords(1).Message(), "the replay is ending");
 }
 
 TEST_F(ReplayRunnerControlTest, MaxRateSendsEachRecordOnceTheClientReportsThePrevious) {
     auto gps = Connect("gps");
     Plan({"gps"}, 4, 5000);  // 15 s at the recorded pace
     Start();
-    ASSERT_EQ(m_runner->SetMaxRate(), "");
+    ASSERT_EQ(m_runner->SetMaxRate().Message(), "");
     ASSERT_TRUE(gps->WaitFor(3, kDeadline));  // replay command, clock, first record
     for (int record = 1; record < 4; ++record) {
         // Unreported, the next record waits.
