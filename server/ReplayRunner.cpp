@@ -368,6 +368,20 @@ Status ReplayRunner::CheckStarted() const {
     return Status::Ok();
 }
 
+Status ReplayRunner::CheckSteppable(bool atEnd) const {
+    Status started = CheckStarted();
+    if (!started.IsOk()) {
+        return started;
+    }
+    if (!m_schedule.Paused()) {
+        return Status::Failure("step works while paused; pause first");
+    }
+    if (atEnd) {
+        return Status::Failure("at the end of the replay");
+    }
+    return Status::Ok();
+}
+
 Status ReplayRunner::Pause() {
     std::lock_guard<std::mutex> lock(m_mutex);
     Status started = CheckStarted();
@@ -418,15 +432,9 @@ Status ReplayRunner::Seek(int64_t offsetMs) {
 
 Status ReplayRunner::StepRecords(size_t count) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Status error = CheckStarted();
-    if (error.IsOk() && !m_schedule.Paused()) {
-        error = Status::Failure("step works while paused; pause first");
-    }
-    if (error.IsOk() && m_next >= m_plan.records.size()) {
-        error = Status::Failure("at the end of the replay");
-    }
-    if (!error.IsOk()) {
-        return error;
+    Status steppable = CheckSteppable(m_next >= m_plan.records.size());
+    if (!steppable.IsOk()) {
+        return steppable;
     }
     const size_t end = std::min(m_plan.records.size(), m_next + count);
     const int64_t last = m_plan.records[end - 1].timeMs;
@@ -441,15 +449,9 @@ Status ReplayRunner::StepRecords(size_t count) {
 
 Status ReplayRunner::StepTime(int64_t ms) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Status error = CheckStarted();
-    if (error.IsOk() && !m_schedule.Paused()) {
-        error = Status::Failure("step works while paused; pause first");
-    }
-    if (error.IsOk() && m_schedule.LogTimeAt(0) >= m_plan.endMs) {
-        error = Status::Failure("at the end of the replay");
-    }
-    if (!error.IsOk()) {
-        return error;
+    Status steppable = CheckSteppable(m_schedule.LogTimeAt(0) >= m_plan.endMs);
+    if (!steppable.IsOk()) {
+        return steppable;
     }
     const int64_t target = std::min(m_plan.endMs, m_schedule.LogTimeAt(0) + ms);
     SetClientClocks(target);

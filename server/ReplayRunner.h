@@ -154,6 +154,8 @@ class ReplayRunner {
     // The first record at or after `logMs`.
     size_t RecordAt(int64_t logMs) const;
     ReplayPlatform::Status CheckStarted() const;
+    // Paused, and with something left to step to.
+    ReplayPlatform::Status CheckSteppable(bool atEnd) const;
 
     ReplayServer& m_server;
     const ReplayPlan& m_plan;
