@@ -42,12 +42,29 @@ int64_t SteadyNowUs() {
 
 }  // namespace
 
+size_t DeliveryTiming::BucketOf(int64_t magnitudeUs) {
+    const int64_t fineEndUs = static_cast<int64_t>(kFineBuckets) * kFineBucketUs;
+    if (magnitudeUs < fineEndUs) {
+        return static_cast<size_t>(magnitudeUs / kFineBucketUs);
+    }
+    const size_t coarse = static_cast<size_t>((magnitudeUs - fineEndUs) / kCoarseBucketUs);
+    return kFineBuckets + std::min(coarse, kCoarseBuckets - 1);
+}
+
+int64_t DeliveryTiming::BucketEndUs(size_t bucket) {
+    if (bucket < kFineBuckets) {
+        return static_cast<int64_t>(bucket + 1) * kFineBucketUs;
+    }
+    return static_cast<int64_t>(kFineBuckets) * kFineBucketUs +
+           static_cast<int64_t>(bucket - kFineBuckets + 1) * kCoarseBucketUs;
+}
+
 void DeliveryTiming::Add(int64_t logMs, int64_t errorUs) {
     const int64_t magnitude = std::llabs(errorUs);
     ++items;
     sumAbsUs += magnitude;
     maxAbsUs = std::max(maxAbsUs, magnitude);
-    ++histogram[std::min<size_t>(static_cast<size_t>(magnitude / kBucketUs), kBuckets - 1)];
+    ++histogram[BucketOf(magnitude)];
     recent.emplace_back(logMs, errorUs);
     if (recent.size() > kRecent) {
         recent.pop_front();
@@ -60,7 +77,10 @@ double DeliveryTiming::PercentileMs(double fraction) const {
     for (size_t bucket = 0; bucket < kBuckets; ++bucket) {
         seen += histogram[bucket];
         if (items > 0 && static_cast<double>(seen) >= wanted) {
-            return std::min(static_cast<double>((bucket + 1) * kBucketUs) / 1000.0, MaxMs());
+            // The last bucket has no upper edge: the maximum bounds it.
+            return bucket == kBuckets - 1
+                       ? MaxMs()
+                       : std::min(static_cast<double>(BucketEndUs(bucket)) / 1000.0, MaxMs());
         }
     }
     return MaxMs();

@@ -81,14 +81,26 @@ TEST(ReplayDeliveryTracker, ReportsAreTimedAgainstTheirRecordsMomentsAndEarlyPin
 
 TEST(DeliveryTiming, PercentilesComeFromTheBucketsAndTheTailFromTheMaximum) {
     srv::DeliveryTiming timing;
-    for (int i = 0; i < 99; ++i) {
+    for (int i = 0; i < 98; ++i) {
         timing.Add(i, i % 2 == 0 ? 400 : -400);  // within the second bucket
     }
-    timing.Add(99, 250000);  // beyond the last bucket
-    EXPECT_DOUBLE_EQ(timing.PercentileMs(0.99), 0.5);
-    EXPECT_DOUBLE_EQ(timing.PercentileMs(1.0), 100.0);
-    EXPECT_DOUBLE_EQ(timing.MaxMs(), 250.0);
-    EXPECT_NEAR(timing.MeanMs(), (99 * 0.4 + 250.0) / 100, 1e-9);
+    timing.Add(98, 150000);    // past the fine buckets: a stalled run keeps its tail
+    timing.Add(99, 20000000);  // past the last bucket
+    EXPECT_DOUBLE_EQ(timing.PercentileMs(0.98), 0.5);
+    EXPECT_DOUBLE_EQ(timing.PercentileMs(0.99), 160.0);
+    EXPECT_DOUBLE_EQ(timing.PercentileMs(1.0), 20000.0);
+    EXPECT_NEAR(timing.MeanMs(), (98 * 0.4 + 150.0 + 20000.0) / 100, 1e-9);
+}
+
+TEST(DeliveryTiming, BucketEdgesAtTheSwitchToCoarseBuckets) {
+    using Timing = srv::DeliveryTiming;
+    EXPECT_EQ(Timing::BucketOf(99999), Timing::kFineBuckets - 1);
+    EXPECT_EQ(Timing::BucketOf(100000), Timing::kFineBuckets);
+    EXPECT_EQ(Timing::BucketEndUs(Timing::kFineBuckets - 1), 100000);
+    EXPECT_EQ(Timing::BucketEndUs(Timing::kFineBuckets), 110000);
+    EXPECT_EQ(Timing::BucketOf(9989999), Timing::kBuckets - 2);
+    EXPECT_EQ(Timing::BucketOf(9990000), Timing::kBuckets - 1);
+    EXPECT_EQ(Timing::BucketOf(INT64_MAX / 2), Timing::kBuckets - 1);
 }
 
 TEST(ReplayDeliveryTracker, WaitsEndOnTheReportTheDeadlineOrAWake) {
