@@ -12,12 +12,6 @@ using ServerTest::ManualClock;
 
 class ClientDataListTest : public ReplayTest::TargetRootTest {};
 
-ClientData Named(const std::string& name, int port) {
-    ClientData client(Address("127.0.0.1", port));
-    client.SetClientName(name);
-    return client;
-}
-
 TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
     ManualClock clock(1000);
     ClientData client(Address("127.0.0.1", 5000));
@@ -93,7 +87,7 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestar
 TEST_F(ClientDataListTest, OperationsInsideTheLockPassFalse) {
     ManualClock clock(1000);
     ClientDataList list;
-    list.Append(Named("nav", 5000));
+    list.Append(ClientData(Address("127.0.0.1", 5000))).SetClientName("nav");
     ClientDataLock held(true);
     // Would deadlock if any of these took the non-recursive lock again.
     list.UpdateClientStatus(false);

@@ -11,8 +11,6 @@
 
 namespace {
 
-using ReplayTest::CapturedDebug;
-
 class ReplayErrorTest : public ReplayTest::TargetRootTest {
   protected:
     void SetUp() override {

@@ -13,8 +13,6 @@
 
 namespace {
 
-using ReplayTest::CapturedDebug;
-
 std::string Golden(const std::string& name) {
     return ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/framing/" + name);
 }
