@@ -71,7 +71,7 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestar
         {3, 1, 5},  // one step back is a distance of one, like one forward
         {2, 1, 5},  // 2 is still compared
         {1, 1, 0},  // 1 and 0 start the count afresh
-        {2, 1, 0},
+        {3, 2, 1},  // the number after 1 is compared
         {0, 1, 0},
         {7, 1, 0},  // after a restart at 0 the next number is not compared
         // Wild jumps from a corrupted sender wrap the dropped count, no more.
