@@ -18,10 +18,6 @@ class ReplayErrorTest : public ReplayTest::TargetRootTest {
         Manager().ResetForTesting();
         errno = 0;
     }
-    void TearDown() override {
-        Manager().ResetForTesting();
-        TargetRootTest::TearDown();
-    }
     static ReplayErrorManager& Manager() { return ReplayErrorManager::Get(); }
 };
 
