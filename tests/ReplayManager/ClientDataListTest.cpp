@@ -12,12 +12,6 @@ using ServerTest::ManualClock;
 
 class ClientDataListTest : public ReplayTest::TargetRootTest {};
 
-ClientData Named(const std::string& name, int port) {
-    ClientData client(Address("127.0.0.1", port));
-    client.SetClientName(name);
-    return client;
-}
-
 TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
     ManualClock clock(1000);
     ClientData client(Address("127.0.0.1", 5000));
@@ -77,7 +71,7 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestar
         {3, 1, 5},  // one step back is a distance of one, like one forward
         {2, 1, 5},  // 2 is still compared
         {1, 1, 0},  // 1 and 0 start the count afresh
-        {2, 1, 0},
+        {3, 2, 1},  // the number after 1 is compared
         {0, 1, 0},
         {7, 1, 0},  // after a restart at 0 the next number is not compared
         // Wild jumps from a corrupted sender wrap the dropped count, no more.
@@ -93,7 +87,7 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestar
 TEST_F(ClientDataListTest, OperationsInsideTheLockPassFalse) {
     ManualClock clock(1000);
     ClientDataList list;
-    list.Append(Named("nav", 5000));
+    list.Append(ClientData(Address("127.0.0.1", 5000))).SetClientName("nav");
     ClientDataLock held(true);
     // Would deadlock if any of these took the non-recursive lock again.
     list.UpdateClientStatus(false);

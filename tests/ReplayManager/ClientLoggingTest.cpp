@@ -8,7 +8,6 @@
 #include <string>
 
 #include "ReplayManager/ClientGlobals.h"
-#include "libreplay/server/FileLogger.h"
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
 #include "tests/support/ChildProcess.h"
@@ -17,12 +16,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using ReplayCore::FileLogger;
 using ReplayTest::CapturedDebug;
 
 constexpr int kConsoleQ = 'q';
-
-using ReplayTest::Occurrences;
 
 class ClientLoggingTest : public ReplayTest::TargetRootTest {
   protected:
@@ -54,7 +50,6 @@ class ClientLoggingTest : public ReplayTest::TargetRootTest {
         }
         return out;
     }
-    std::string Log() const { return ReadTargetFile(FileLogger::kLogFileLocation); }
 };
 
 TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeTexts) {

@@ -11,8 +11,7 @@ class ClientStateTest : public ClientFixture {};
 
 // The message text of a status record, without time, name and trailer.
 std::string StatusText(const std::string& datagram) {
-    const size_t second = datagram.find(':', datagram.find(':') + 1);
-    return datagram.substr(second + 1, datagram.size() - 9 - second - 1);
+    return SplitBlock(datagram).items.at(0);
 }
 
 class ClosingHandler : public ReplayClient::ReplayMessageHandlerBase {
@@ -59,7 +58,6 @@ TEST_F(ClientStateTest, EndOfReplaySendsTheClosingTextBeforeTheStateReport) {
     ASSERT_EQ(datagrams.size(), 2u);
     EXPECT_EQ(StatusText(datagrams[0]), "#replay w=all done;");
     EXPECT_EQ(StatusText(datagrams[1]), "#stop");
-    EXPECT_TRUE(ChecksumValid(datagrams[1]));
 }
 
 TEST_F(ClientStateTest, PingWhileRecordingSendsAnOldBlockInsteadOfAReport) {

@@ -16,6 +16,8 @@
 
 #include "ReplayManager/ReplayClientInternal.h"
 #include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/ReplayLogReader.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "tests/support/ClientSetup.h"
 #include "tests/support/FakeServer.h"
@@ -30,38 +32,25 @@ inline int64_t InjectedClock() {
     return g_nowMs.load(std::memory_order_relaxed);
 }
 
-// The text between the header's last ':' and the trailer, cut at the 0xDE
-// separators, with the item times dropped from all but the first item.
+// A block cut as the log reader cuts it: the header up to and including
+// "!1 <sequence>:", the items, and the times of the items after the first.
 struct Block {
-    std::string header;  // up to and including "!1 <sequence>:"
+    std::string header;
     std::vector<std::string> items;
-    std::vector<std::string> itemTimes;  // of the second item on
+    std::vector<std::string> itemTimes;
 };
 
 inline Block SplitBlock(const std::string& datagram) {
     Block block;
-    const std::string body = datagram.substr(0, datagram.size() - ReplayCore::kChecksumFieldLength);
-    const size_t marker = body.find(":!1 ");
-    const size_t start = body.find(':', marker + 1) + 1;
-    block.header = body.substr(0, start);
-    size_t position = start;
-    bool first = true;
-    while (true) {
-        const size_t next = body.find(static_cast<char>(ReplayCore::kItemSeparator), position);
-        std::string item =
-            body.substr(position, next == std::string::npos ? std::string::npos : next - position);
-        if (!first) {
-            const size_t colon = item.find(':');
-            block.itemTimes.push_back(item.substr(0, colon));
-            item = item.substr(colon + 1);
+    ReplayCore::LogClientRecord fields;
+    EXPECT_TRUE(ReplayCore::ParseLogClientRecord(datagram, fields)) << datagram;
+    block.header = datagram.substr(0, fields.payloadStart);
+    ReplayCore::ForEachLogItem(datagram, fields, [&](int64_t timeMs, const char* data, size_t n) {
+        if (!block.items.empty()) {
+            block.itemTimes.push_back(ReplayCore::LogFormat::FormatRecordTime(timeMs));
         }
-        block.items.push_back(item);
-        first = false;
-        if (next == std::string::npos) {
-            break;
-        }
-        position = next + 1;
-    }
+        block.items.emplace_back(data, n);
+    });
     return block;
 }
 
@@ -103,29 +92,33 @@ class ClientFixture : public ReplayTest::TargetRootTest {
     // last and waited for (one socket's datagrams arrive in order on
     // loopback).
     std::vector<std::string> Received() {
-        const std::string marker = ":sync" + std::to_string(++m_syncs);
-        EXPECT_GT(ReplayClient::SendClientMessage(marker.c_str() + 1,
-                                                  static_cast<unsigned int>(marker.size() - 1)),
+        const std::string marker = "sync" + std::to_string(++m_syncs);
+        EXPECT_GT(ReplayClient::SendClientMessage(marker.c_str(),
+                                                  static_cast<unsigned int>(marker.size())),
                   0);
-        std::vector<ReplayTest::Datagram> datagrams;
+        std::vector<std::string> texts;
         EXPECT_TRUE(ReplayTest::WaitFor(
             [&] {
-                datagrams = m_server.Datagrams();
-                for (const ReplayTest::Datagram& datagram : datagrams) {
-                    if (datagram.bytes.find(marker) != std::string::npos) {
+                texts.clear();
+                for (const ReplayTest::Datagram& datagram : m_server.Datagrams()) {
+                    if (datagram.bytes.find(":" + marker) != std::string::npos) {
                         return true;
+                    }
+                    if (datagram.bytes.find(":sync") == std::string::npos) {
+                        texts.push_back(datagram.bytes);
                     }
                 }
                 return false;
             },
             5s));
-        std::vector<std::string> texts;
-        for (const ReplayTest::Datagram& datagram : datagrams) {
-            if (datagram.bytes.find(":sync") == std::string::npos) {
-                texts.push_back(datagram.bytes);
-            }
-        }
         return texts;
+    }
+
+    // Hands `datagram` to the read thread's handler, on the test's thread.
+    void Handle(const std::string& datagram) {
+        clientReadThread.udpClientMessageHandler(
+            reinterpret_cast<const unsigned char*>(datagram.data()),
+            static_cast<int>(datagram.size()));
     }
 
     int FlushBlock() {

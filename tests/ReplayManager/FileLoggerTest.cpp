@@ -13,7 +13,6 @@
 namespace {
 
 using ReplayCore::FileLogger;
-using ReplayTest::CapturedDebug;
 
 // A private target root, a fixed clock (so that lines carry a known time) and
 // a logger back at its initial state for every test.

@@ -27,6 +27,18 @@ inline std::string Ascii7(const std::string& bytes) {
     return text != nullptr ? std::string(text, length) : std::string();
 }
 
+// A data block's text before its checksum field: `type` '"' for text, '$'
+// for binary; the items after the first are joined with Item().
+inline std::string BlockBody(char type, const std::string& time, const std::string& client,
+                             unsigned int sequence, const std::string& items) {
+    return type + time + ":" + client + ":!1 " + std::to_string(sequence) + ":" + items;
+}
+
+// A further item of a block: the 0xDE separator, the item's time and data.
+inline std::string Item(const std::string& time, const std::string& data) {
+    return '\xDE' + time + ":" + data;
+}
+
 // `payload` framed and with the channel prefix, as the log file holds it.
 inline std::string Stored(const std::string& payload) {
     std::string framed;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libreplay/server/FileLogger.h"
@@ -58,21 +59,21 @@ TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWays) {
 }
 
 TEST_F(ReplayCoreTest, ArgumentsEndAtTheLastSemicolon) {
+    // In turn on one parser. A semicolon right after the separator position
+    // gives no arguments, and the parser keeps what it held; the character
+    // after the word is skipped whatever it is.
+    const std::tuple<const char*, ReplayState, const char*> commands[] = {
+        {"recordX;", ReplayCore::eStateRecord, "previous"},
+        {"#replay c=1;s=2", ReplayCore::eStateReplay, "c=1"},
+        {"#replay c=1;s=2;", ReplayCore::eStateReplay, "c=1;s=2"},
+        {"#stop_t=4;", ReplayCore::eStateStopped, "t=4"},
+    };
     Parser parser;
     parser.SetArgs("previous");
-    // The semicolon sits right after the separator position: no arguments,
-    // and the parser keeps what it held.
-    EXPECT_EQ(ReplayStateManager::GetStateFromCommand("recordX;", parser),
-              ReplayCore::eStateRecord);
-    EXPECT_EQ(parser.GetArgs(), "previous");
-    ReplayStateManager::GetStateFromCommand("#replay c=1;s=2", parser);
-    EXPECT_EQ(parser.GetArgs(), "c=1");
-    ReplayStateManager::GetStateFromCommand("#replay c=1;s=2;", parser);
-    EXPECT_EQ(parser.GetArgs(), "c=1;s=2");
-    // The character after the word is skipped whatever it is.
-    EXPECT_EQ(ReplayStateManager::GetStateFromCommand("#stop_t=4;", parser),
-              ReplayCore::eStateStopped);
-    EXPECT_EQ(parser.GetArgs(), "t=4");
+    for (const auto& [command, state, args] : commands) {
+        EXPECT_EQ(ReplayStateManager::GetStateFromCommand(command, parser), state) << command;
+        EXPECT_EQ(parser.GetArgs(), args) << command;
+    }
 }
 
 TEST_F(ReplayCoreTest, OverlongFieldsFailWithAnAssertion) {

@@ -11,18 +11,12 @@
 
 namespace {
 
-using ReplayTest::CapturedDebug;
-
 class ReplayErrorTest : public ReplayTest::TargetRootTest {
   protected:
     void SetUp() override {
         TargetRootTest::SetUp();
         Manager().ResetForTesting();
         errno = 0;
-    }
-    void TearDown() override {
-        Manager().ResetForTesting();
-        TargetRootTest::TearDown();
     }
     static ReplayErrorManager& Manager() { return ReplayErrorManager::Get(); }
 };

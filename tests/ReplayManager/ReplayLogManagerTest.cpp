@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/server/ClientRecord.h"
+#include "libreplay/server/ReplayLogRecord.h"
 #include "libreplay/server/FileLogger.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
@@ -23,13 +23,8 @@ const std::chrono::milliseconds kDeadline(10000);
 
 // The time field of a stored client record, in milliseconds.
 int64_t RecordTime(const std::string& payload) {
-    std::string name;
-    MSTime::MSTimeStruct time;
-    unsigned int type = 0, first = 0, sequence = 0, length = 0, start = 0;
-    if (!ParseClientRecord(payload, name, time, type, first, sequence, length, start)) {
-        return -1;
-    }
-    return time.m_timeMilliseconds;
+    ReplayCore::LogClientRecord fields;
+    return ReplayCore::ParseLogClientRecord(payload, fields) ? fields.blockTimeMs : -1;
 }
 
 class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
@@ -69,6 +64,13 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
                                         kDeadline));
     }
     void Send(const std::string& record) { Send(std::vector<std::string>{record}); }
+    // Hands `manager` a text record of `name` stamped `ms`.
+    static ReplayError Write(ReplayLogManager& manager, const std::string& name, int64_t ms,
+                             unsigned int sequence, bool flush = false,
+                             ClientDataList* clients = nullptr) {
+        return manager.WriteClientDataToLog(name, MSTime::MSTimeStruct(0, ms), 2, sequence,
+                                            DataRecord(name, ms, sequence), clients, flush);
+    }
 
     ReplayCore::ReplayState m_state = ReplayCore::eStateRecord;
     ClientDataList m_clients;
@@ -107,11 +109,7 @@ TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSeconds) {
     ReplayLogManager manager;
     const int64_t start = 200000;
     for (unsigned int k = 0; k <= 10; ++k) {
-        EXPECT_FALSE(manager
-                         .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 1000 * k), 2,
-                                               k + 1, DataRecord("nav", start + 1000 * k, k + 1),
-                                               &m_clients, false)
-                         .IsError());
+        EXPECT_FALSE(Write(manager, "nav", start + 1000 * k, k + 1, false, &m_clients).IsError());
     }
     // Spans of 10 s down to exactly 6 s are written; 5 s is kept.
     EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{start, start + 1000, start + 2000, start + 3000,
@@ -148,8 +146,7 @@ TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedFromOneMillisecondPastOneSecon
     ReplayLogManager manager;
     const int64_t start = 400000;
     for (unsigned int k = 0; k <= 10; ++k) {
-        manager.WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 1000 * k), 2, k + 1,
-                                     DataRecord("nav", start + 1000 * k, k + 1), nullptr, false);
+        Write(manager, "nav", start + 1000 * k, k + 1);
     }
     const int64_t last = manager.GetLastBlockTimestamp().m_timeMilliseconds;
     ASSERT_GE(last, start + 4000);
@@ -158,10 +155,7 @@ TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedFromOneMillisecondPastOneSecon
     CapturedDebug debug;
     const uint64_t droppedBefore = ReplayLogManager::LateRecordsDropped();
     const int64_t tooLate = last - 1001;
-    EXPECT_FALSE(manager
-                     .WriteClientDataToLog("gps", MSTime::MSTimeStruct(0, tooLate), 2, 1,
-                                           DataRecord("gps", tooLate, 1), nullptr, false)
-                     .IsError());
+    EXPECT_FALSE(Write(manager, "gps", tooLate, 1).IsError());
     EXPECT_EQ(manager.GetBufferCount(), buffered);
     EXPECT_EQ(ReplayLogManager::LateRecordsDropped(), droppedBefore + 1);
     EXPECT_EQ(debug.Count(
@@ -170,11 +164,9 @@ TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedFromOneMillisecondPastOneSecon
               2);  // the warning record and the manager's own message
 
     const int64_t slightlyLate = last - 1000;  // exactly at the limit: kept
-    manager.WriteClientDataToLog("gps", MSTime::MSTimeStruct(0, slightlyLate), 2, 2,
-                                 DataRecord("gps", slightlyLate, 2), nullptr, false);
+    Write(manager, "gps", slightlyLate, 2);
     EXPECT_EQ(manager.GetBufferCount(), buffered + 1);
-    manager.WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, start + 20000), 2, 30,
-                                 DataRecord("nav", start + 20000, 30), nullptr, true);
+    Write(manager, "nav", start + 20000, 30, true);
     const std::vector<std::string> stored = Stored();
     EXPECT_EQ(std::count(stored.begin(), stored.end(), DataRecord("gps", slightlyLate, 2)), 1);
     EXPECT_EQ(std::count(stored.begin(), stored.end(), DataRecord("gps", tooLate, 1)), 0);
@@ -207,28 +199,19 @@ TEST_F(ReplayLogManagerTest, StatusRecordWithMessageFlushesAndForgetsClients) {
 TEST_F(ReplayLogManagerTest, CalibrationRecordsWaitForTheMedium) {
     ReplayLogManager manager;
     // Calibration records are buffered without opening the log.
-    EXPECT_FALSE(manager
-                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1100), 2, 0,
-                                           DataRecord("nav", 1100, 0), nullptr, false)
-                     .IsError());
+    EXPECT_FALSE(Write(manager, "nav", 1100, 0).IsError());
     EXPECT_EQ(manager.GetBufferCount(), 1u);
     EXPECT_FALSE(ReplayLogger::Get().IsConnected());
 
     // A flush without the medium keeps the record buffered and reports.
-    EXPECT_TRUE(manager
-                    .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1200), 2, 0,
-                                          DataRecord("nav", 1200, 0), nullptr, true)
-                    .IsError());
+    EXPECT_TRUE(Write(manager, "nav", 1200, 0, true).IsError());
     EXPECT_EQ(manager.GetBufferCount(), 2u);
 
     // Once the medium is there the flush writes both, oldest first, and
     // nothing twice.
     MakeMediumAndChannel();
-    EXPECT_FALSE(manager
-                     .WriteClientDataToLog("nav", MSTime::MSTimeStruct(0, 1300), 2, 0,
-                                           DataRecord("nav", 1300, 0), nullptr, true)
-                     .IsError());
-    EXPECT_EQ(SplitFramedRecords(ReadTargetFile(kChannel)).size(), 3u);
+    EXPECT_FALSE(Write(manager, "nav", 1300, 0, true).IsError());
+    EXPECT_EQ(Stored().size(), 3u);
     EXPECT_EQ(manager.GetBufferCount(), 0u);
 }
 
@@ -237,8 +220,7 @@ TEST_F(ReplayLogManagerTest, EqualTimesAreWrittenInArrivalOrder) {
     ReplayLogManager manager;
     for (unsigned int k = 0; k < 5; ++k) {
         const std::string name = "c" + std::to_string(k);
-        manager.WriteClientDataToLog(name, MSTime::MSTimeStruct(0, 9000), 2, 1,
-                                     DataRecord(name, 9000, 1), nullptr, k == 4);
+        Write(manager, name, 9000, 1, k == 4);
     }
     const std::vector<std::string> stored = Stored();
     ASSERT_EQ(stored.size(), 6u);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iterator>
 #include <string>
 
 #include "libreplay/server/FileLogger.h"
@@ -13,8 +14,6 @@
 
 namespace {
 
-using ReplayTest::CapturedDebug;
-
 std::string Golden(const std::string& name) {
     return ReplayTest::ReadFile(std::string(REPLAY_TEST_DATA_DIR) + "/framing/" + name);
 }
@@ -22,12 +21,8 @@ std::string Golden(const std::string& name) {
 using ReplayTest::Occurrences;
 
 int OpenDescriptorCount() {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                          std::filesystem::directory_iterator()));
 }
 
 class ReplayLoggerTest : public ServerTest::LoggerChannelTest {

@@ -9,13 +9,7 @@ namespace {
 
 using ReplayTest::CapturedDebug;
 
-class ReplayOutputFilerTest : public ReplayTest::TargetRootTest {
-  protected:
-    void SetUp() override {
-        TargetRootTest::SetUp();
-        MakeTargetDirectory("/tmp");
-    }
-};
+class ReplayOutputFilerTest : public ReplayTest::TargetRootTest {};
 
 TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillIt) {
     ReplayOutputFiler& filer = ReplayOutputFiler::Get();

@@ -13,6 +13,7 @@ namespace {
 
 using namespace ClientTest;
 using RecordText::Ascii7;
+using RecordText::Item;
 using ReplayTest::CapturedDebug;
 
 struct Delivery {
@@ -56,31 +57,16 @@ inline void AdvanceClock(unsigned int milliseconds) {
     g_nowMs += milliseconds;
 }
 
-struct Item {
-    std::string time;  // ignored for the first item
-    std::string data;
-};
-
-// `body` and its checksum field, without the final newline, as the server
-// sends records back.
-std::string Checksummed(const std::string& body) {
+// A block as the server sends it back: checksummed, without the final
+// newline.
+std::string Sent(const std::string& body) {
     const std::string record = RecordText::WithChecksum(body);
     return record.substr(0, record.size() - 1);
 }
 
-const std::string kSeparator(1, static_cast<char>(ReplayCore::kItemSeparator));
-
 std::string MakeRecord(char type, const std::string& blockTime, const std::string& name,
-                       unsigned int sequence, const std::vector<Item>& items) {
-    std::string text =
-        std::string(1, type) + blockTime + ":" + name + ":!1 " + std::to_string(sequence) + ":";
-    for (size_t index = 0; index < items.size(); ++index) {
-        if (index > 0) {
-            text += kSeparator + items[index].time + ":";
-        }
-        text += items[index].data;
-    }
-    return Checksummed(text);
+                       unsigned int sequence, const std::string& items) {
+    return Sent(RecordText::BlockBody(type, blockTime, name, sequence, items));
 }
 
 class ReplayRecordProcessingTest : public ClientFixture {
@@ -107,11 +93,6 @@ class ReplayRecordProcessingTest : public ClientFixture {
         Handle("#replay l=" + logTime + ";");
         ASSERT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
     }
-    void Handle(const std::string& datagram) {
-        clientReadThread.udpClientMessageHandler(
-            reinterpret_cast<const unsigned char*>(datagram.data()),
-            static_cast<int>(datagram.size()));
-    }
     int Process(std::string record) {
         return clientReadThread.ProcessReplayRecord(&record[0], static_cast<int>(record.size()));
     }
@@ -132,9 +113,9 @@ class ReplayRecordProcessingTest : public ClientFixture {
 TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClock) {
     StartReplay();
     CapturedDebug debug;
-    const std::string record =
-        MakeRecord('"', "500.000", "Tester", 1,
-                   {{"", "alpha"}, {"500.010", "near"}, {"500.200", "later"}, {"500.250", "last"}});
+    const std::string record = MakeRecord(
+        '"', "500.000", "Tester", 1,
+        "alpha" + Item("500.010", "near") + Item("500.200", "later") + Item("500.250", "last"));
     EXPECT_EQ(Process(record), 4);
 
     // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
@@ -158,7 +139,7 @@ TEST_F(ReplayRecordProcessingTest, WithoutClockCommandTheFirstItemSetsTheClock) 
     Connect(ReplayCore::eStateReplay);
     ASSERT_FALSE(clientReadThread.ClockIsSet());
     const int buffered = ReplayOutputFiler::Get().BufferedLength();
-    EXPECT_EQ(Process(MakeRecord('"', "700.000", "Tester", 1, {{"", "first"}})), 1);
+    EXPECT_EQ(Process(MakeRecord('"', "700.000", "Tester", 1, "first")), 1);
     EXPECT_TRUE(clientReadThread.ClockIsSet());
     EXPECT_EQ(ReplayNow(), 700000);
     EXPECT_TRUE(g_sleeps.empty());
@@ -172,12 +153,12 @@ TEST_F(ReplayRecordProcessingTest, ItemMoreThanAMinuteAheadDropsTheRestOfItsReco
     StartReplay();
     CapturedDebug debug;
     // 60000 ms ahead is still waited for.
-    EXPECT_EQ(
-        Process(MakeRecord('"', "500.000", "Tester", 1, {{"", "now"}, {"560.000", "minute"}})), 2);
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 1, "now" + Item("560.000", "minute"))),
+              2);
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{59999}));
     // The clock now reads 559.999: 620.000 is 60001 ms ahead.
     EXPECT_EQ(Process(MakeRecord('"', "560.000", "Tester", 2,
-                                 {{"", "soon"}, {"620.000", "far"}, {"560.001", "after"}})),
+                                 "soon" + Item("620.000", "far") + Item("560.001", "after"))),
               1);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"now", "minute", "soon"}));
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Sleep time = 60.001, Ignoring"), 1);
@@ -188,7 +169,7 @@ TEST_F(ReplayRecordProcessingTest, SequenceGapsAreCountedCumulativelyAndReported
     StartReplay();
     CapturedDebug debug;
     for (unsigned int sequence : {5u, 6u, 9u, 3u, 12u}) {
-        EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", sequence, {{"", "item"}})), 1);
+        EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", sequence, "item")), 1);
     }
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Sequence Number of 9 Unexpected Following 6"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Unexpected"), 2);
@@ -199,22 +180,22 @@ TEST_F(ReplayRecordProcessingTest, SequenceGapsAreCountedCumulativelyAndReported
 
 TEST_F(ReplayRecordProcessingTest, DamagedOrForeignRecordsDeliverNothing) {
     StartReplay();
-    std::string damaged = MakeRecord('"', "500.000", "Tester", 1, {{"", "data"}});
+    std::string damaged = MakeRecord('"', "500.000", "Tester", 1, "data");
     damaged[damaged.find("data")] = 'D';
     EXPECT_EQ(Process(damaged), 0);
     EXPECT_EQ(ReportsContaining("#replay w=Checksum Error;"), 1);
 
-    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, {{"", "data"}})), 0);
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, "data")), 0);
     // A name that only starts like ours is someone else's too.
-    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, {{"", "data"}})), 0);
-    EXPECT_EQ(Process(Checksummed("\"500.000 Tester !1 1 data")), 0);
+    EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, "data")), 0);
+    EXPECT_EQ(Process(Sent("\"500.000 Tester !1 1 data")), 0);
     EXPECT_TRUE(m_handler.Deliveries().empty());
     // None of these touched the sequence tracking.
     EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
 }
 
 TEST_F(ReplayRecordProcessingTest, RecordsOutsideReplayAreDroppedAndAnEmptyOneStopsTheClient) {
-    const std::string record = MakeRecord('"', "500.000", "Tester", 1, {{"", "data"}});
+    const std::string record = MakeRecord('"', "500.000", "Tester", 1, "data");
     Connect(ReplayCore::eStateStopped);
     for (ReplayCore::ReplayState state : {ReplayCore::eStateRecord, ReplayCore::eStateStopped}) {
         g_clientStateManager.SetStateForTesting(state);
@@ -234,7 +215,7 @@ TEST_F(ReplayRecordProcessingTest, RecordsOutsideReplayAreDroppedAndAnEmptyOneSt
 
 TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByteForByte) {
     StartReplay();
-    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, {{"", Ascii7("setup bytes")}})), 1);
+    EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, Ascii7("setup bytes"))), 1);
     ASSERT_EQ(m_handler.Deliveries().size(), 1u);
     EXPECT_TRUE(m_handler.Deliveries()[0].initialisation);
     EXPECT_EQ(m_handler.Deliveries()[0].data, "setup bytes");
@@ -244,7 +225,7 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
         bytes += static_cast<char>(value);
     }
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 1,
-                                 {{"", Ascii7(bytes)}, {"500.002", Ascii7("x")}})),
+                                 Ascii7(bytes) + Item("500.002", Ascii7("x")))),
               2);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"setup bytes", bytes, "x"}));
     EXPECT_FALSE(m_handler.Deliveries()[1].initialisation);
@@ -252,7 +233,7 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
     // A binary item that is no Ascii7 text ends its record.
     CapturedDebug debug;
     EXPECT_EQ(Process(MakeRecord('$', "500.010", "Tester", 2,
-                                 {{"", "  not encoded"}, {"500.011", Ascii7("x")}})),
+                                 "  not encoded" + Item("500.011", Ascii7("x")))),
               0);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Decoding Ascii7 Data Buffer"), 1);
 }
@@ -261,8 +242,9 @@ TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
     StartReplay();
     CapturedDebug debug;
     const std::string mangled = RecordText::WithChecksum(
-        "\"500.000:Tester:!1 1:x" + kSeparator + "500.001:kept" + kSeparator + "no colon here" +
-        kSeparator + "junk:zero time" + kSeparator + "500.002:tail");
+        RecordText::BlockBody('"', "500.000", "Tester", 1,
+                              "x" + Item("500.001", "kept") + '\xDE' + "no colon here" +
+                                  Item("junk", "zero time") + Item("500.002", "tail")));
     EXPECT_EQ(Process(mangled), 3);
     const std::vector<std::string> data = m_handler.Data();
     ASSERT_EQ(data.size(), 3u);

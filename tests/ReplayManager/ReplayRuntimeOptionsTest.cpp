@@ -21,10 +21,6 @@ class ReplayRuntimeOptionsTest : public ReplayTest::TargetRootTest {
         unsetenv("ENABLE_REPLAY");
         MakeTargetDirectory("/fs/etfs");  // "/tmp" exists under every test root
     }
-    void TearDown() override {
-        unsetenv("ENABLE_REPLAY");
-        TargetRootTest::TearDown();
-    }
     // An options file in the working directory.
     std::string Options(const std::string& content, const std::string& name = "opts.txt") {
         return WriteTargetFile("/work/" + name, content);

@@ -5,13 +5,9 @@
 // IPv4 loopback addresses, records as clients send them and the logger
 // channel's fixture.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -25,14 +21,8 @@ namespace ServerTest {
 
 using ManualClock = ReplayTest::ManualClock;
 
-inline sockaddr_in Address(const std::string& ip, int port) {
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, ip.c_str(), &address.sin_addr);
-    return address;
-}
+// The IPv4 address `ip`:`port`.
+inline constexpr auto& Address = ReplayTest::LoopbackAddress;
 
 using ReplayTest::WithChecksum;  // appends the "%8x\n" checksum field
 

@@ -6,14 +6,7 @@ namespace {
 using namespace ClientTest;
 using ReplayTest::CapturedDebug;
 
-class SynchronousReadThreadTest : public ClientFixture {
-  protected:
-    void Handle(const std::string& datagram) {
-        clientReadThread.udpClientMessageHandler(
-            reinterpret_cast<const unsigned char*>(datagram.data()),
-            static_cast<int>(datagram.size()));
-    }
-};
+class SynchronousReadThreadTest : public ClientFixture {};
 
 TEST_F(SynchronousReadThreadTest, CommandSetsStateSlotClockAndLatencyInKeyOrder) {
     Connect(ReplayCore::eStateStopped);

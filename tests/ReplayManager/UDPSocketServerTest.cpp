@@ -75,10 +75,6 @@ class UDPSocketServerTest : public ReplayTest::TargetRootTest {
         ASSERT_TRUE(WaitFor([&] { return m_server->Handled() >= target; }, kDeadline));
     }
     std::vector<ClientData> Table() { return m_server->GetClientDataList().Snapshot(true); }
-    ClientData::ClientStatus StatusOf(const std::string& name) {
-        ClientDataLock lock(true);
-        return m_server->GetClientDataList().FindByName(name)->GetStatus();
-    }
 
     std::unique_ptr<TestServer> m_server;
     std::string m_ip;

@@ -30,11 +30,6 @@ void RecordingHandler(const unsigned char* data, int length) {
         length);
 }
 
-bool CloseOnExec(int fd) {
-    const int flags = fcntl(fd, F_GETFD);
-    return flags >= 0 && (flags & FD_CLOEXEC) != 0;
-}
-
 class UDPSocketsTest : public ReplayTest::TargetRootTest {
   protected:
     void SetUp() override {
@@ -73,7 +68,7 @@ TEST_F(UDPSocketsTest, ConnectedTrafficOnCloseOnExecSockets) {
     ASSERT_TRUE(server.IsBound());
     UDPSocketClient& client = UDPSocketClient::Get();
     ASSERT_GT(client.Open(server.Address().c_str(), server.Port()), 0);
-    EXPECT_TRUE(CloseOnExec(client.Socket()));
+    EXPECT_EQ(fcntl(client.Socket(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     EXPECT_EQ(client.Send("record-1", 8), 8);
     ASSERT_TRUE(server.WaitForDatagrams(1, 5s));
     const ReplayTest::Datagram first = server.Datagrams()[0];

@@ -5,6 +5,7 @@
 // target root per test, an injected clock, the output device as a regular
 // file, and capture of the interface's system log.
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -38,52 +39,42 @@ inline std::vector<Record> ParseRecords(const std::string& device) {
     return records;
 }
 
+// Collects the interface's system log lines while it lives.
 class SystemLogCapture {
   public:
-    SystemLogCapture() {
-        Clear();
-        m_previous = ReplayPlatform::SetSystemLogSink(&Record);
+    SystemLogCapture() : m_previous(ReplayPlatform::SetSystemLogSink(&Record)) {
+        std::lock_guard<std::mutex> lock(Mutex());
+        Lines().clear();
     }
     ~SystemLogCapture() { ReplayPlatform::SetSystemLogSink(m_previous); }
-    SystemLogCapture(const SystemLogCapture&) = delete;
-    SystemLogCapture& operator=(const SystemLogCapture&) = delete;
 
     int Count(const std::string& fragment) const {
-        std::lock_guard<std::mutex> lock(State().mutex);
-        int count = 0;
-        for (const std::string& line : State().lines) {
-            count += line.find(fragment) != std::string::npos ? 1 : 0;
-        }
-        return count;
-    }
-    void Clear() {
-        std::lock_guard<std::mutex> lock(State().mutex);
-        State().lines.clear();
+        std::lock_guard<std::mutex> lock(Mutex());
+        return static_cast<int>(std::count_if(
+            Lines().begin(), Lines().end(),
+            [&](const auto& line) { return line.find(fragment) != std::string::npos; }));
     }
 
   private:
-    struct Lines {
-        std::mutex mutex;
-        std::vector<std::string> lines;
-    };
-    static Lines& State() {
-        static Lines lines;
+    static std::mutex& Mutex() {
+        static std::mutex mutex;
+        return mutex;
+    }
+    static std::vector<std::string>& Lines() {
+        static std::vector<std::string> lines;
         return lines;
     }
     static void Record(const char* text) {
-        std::lock_guard<std::mutex> lock(State().mutex);
-        State().lines.push_back(text);
+        std::lock_guard<std::mutex> lock(Mutex());
+        Lines().push_back(text);
     }
-    ReplayPlatform::SystemLogSink m_previous = nullptr;
+    ReplayPlatform::SystemLogSink m_previous;
 };
 
+// The boot clock of the interface, moved by the tests.
 inline std::atomic<unsigned long long>& FakeNow() {
     static std::atomic<unsigned long long> now{0};
     return now;
-}
-
-inline unsigned long long FakeClock() {
-    return FakeNow().load();
 }
 
 // Default device root under the test's target root; the output device exists
@@ -96,7 +87,7 @@ class Fixture : public ReplayTest::TargetRootTest {
         ReplayTest::TargetRootTest::SetUp();
         miInternal_resetForTesting();
         FakeNow() = 1000 * 1000;
-        miInternal_setTimeSourceForTesting(&FakeClock);
+        miInternal_setTimeSourceForTesting([] { return FakeNow().load(); });
         WriteTargetFile(kDevice, "");
     }
     void TearDown() override {
