@@ -32,13 +32,13 @@ inline std::unique_ptr<ReplayServer::ReplayServer> StartLoopbackServer(
     return nullptr;
 }
 
-// A test with a private target root and a server started on demand, stopped
-// before the root goes.
-class LoopbackServerTest : public ReplayTest::TargetRootTest {
+// A test with a private target root, the logger channel reset, and a server
+// started on demand, stopped before the root goes.
+class LoopbackServerTest : public LoggerChannelTest {
   protected:
     void TearDown() override {
         m_server.reset();
-        TargetRootTest::TearDown();
+        LoggerChannelTest::TearDown();
     }
     void StartServer(const ReplayServer::ServerSettings& settings = {}) {
         m_server = StartLoopbackServer(settings, m_ip);

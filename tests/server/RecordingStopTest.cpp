@@ -23,7 +23,6 @@ using ServerTest::FakeClient;
 using ServerTest::StatusRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
-const char* const kChannel = "/kfsystem/multicore/navi/Q";
 
 // A data record of one item per time ("i0", "i1", ...), the first time the
 // block's.
@@ -43,14 +42,7 @@ class RecordingStopTest : public ServerTest::LoopbackServerTest {
   protected:
     void SetUp() override {
         LoopbackServerTest::SetUp();
-        ReplayLogger::Get().ResetForTesting();
-        MakeTargetDirectory("/fs/usb0");
-        WriteTargetFile(kChannel, "");
-    }
-    void TearDown() override {
-        m_server.reset();
-        ReplayLogger::Get().ResetForTesting();
-        LoopbackServerTest::TearDown();
+        MakeMediumAndChannel();
     }
     void Start(srv::ServerSettings settings = srv::ServerSettings()) {
         settings.stopSettleMs = 0;
