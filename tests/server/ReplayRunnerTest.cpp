@@ -128,26 +128,19 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordInOrderNoneEarlyFromTheStartTime) {
     auto gps = Connect("gps");
     auto can = Connect("can");
 
-    srv::ReplayPlan plan;
-    plan.clients = {"gps", "can"};
-    plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
     // Records 4 ms apart from 20 ms after the start, as in a replay from an
     // offset.
     constexpr int kRecords = 40;
-    plan.startMs = 10000;
-    for (int i = 0; i < kRecords; ++i) {
-        const std::string client = i % 2 == 0 ? "gps" : "can";
-        plan.records.push_back(Planned(client, plan.startMs + 20 + 4 * i, 1 + i / 2));
-    }
-    plan.endMs = plan.records.back().timeMs;
-
-    srv::ReplayRunner runner(*m_server, plan, m_settings);
-    const srv::ReplayResult result = runner.Run();
-    ASSERT_TRUE(result.completed) << result.error;
-    EXPECT_FALSE(result.cancelled);
-    EXPECT_EQ(result.initialisationSent, 2u);
-    EXPECT_EQ(result.recordsSent, static_cast<size_t>(kRecords));
-    EXPECT_EQ(result.sendFailures, 0u);
+    Plan({"gps", "can"}, kRecords, 4);
+    m_plan.startMs = kStart - 20;
+    m_plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
+    Launch();
+    m_thread.join();
+    ASSERT_TRUE(m_result.completed) << m_result.error;
+    EXPECT_FALSE(m_result.cancelled);
+    EXPECT_EQ(m_result.initialisationSent, 2u);
+    EXPECT_EQ(m_result.recordsSent, static_cast<size_t>(kRecords));
+    EXPECT_EQ(m_result.sendFailures, 0u);
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
 
     const size_t perClient = 1 + 1 + 1 + kRecords / 2 + 1;
@@ -164,21 +157,21 @@ TEST_F(ReplayRunnerTest, SendsEveryRecordInOrderNoneEarlyFromTheStartTime) {
         // The client's clock plus its latency reads the start time.
         EXPECT_EQ(got[0].bytes, "#replay " + slot + ";");
         EXPECT_EQ(ClockArgument(got[1].bytes),
-                  plan.startMs - m_settings.serverLeadTimeMs - m_settings.networkingLatencyMs);
-        EXPECT_EQ(got[2].bytes, plan.initialisation[c].record);
+                  m_plan.startMs - m_settings.serverLeadTimeMs - m_settings.networkingLatencyMs);
+        EXPECT_EQ(got[2].bytes, m_plan.initialisation[c].record);
         size_t next = c;  // this client's records in the plan: c, c + 2, ...
         for (size_t i = 3; i + 1 < got.size(); ++i, next += 2) {
-            const srv::PlannedRecord& planned = plan.records[next];
+            const srv::PlannedRecord& planned = m_plan.records[next];
             ASSERT_EQ(got[i].bytes, planned.record) << "datagram " << i;
             // The clock's origin is a lead time before the start; the clock
             // command itself takes a moment to arrive.
-            const int64_t due = planned.timeMs - plan.startMs + m_settings.serverLeadTimeMs;
+            const int64_t due = planned.timeMs - m_plan.startMs + m_settings.serverLeadTimeMs;
             EXPECT_GE(Ms(got[i].arrival - anchor), due - 3) << "record at " << planned.timeMs;
         }
         EXPECT_EQ(got.back().bytes, "#stop " + slot + ";");
-        EXPECT_GE(Ms(got.back().arrival - anchor), plan.DurationMs() + m_settings.serverLeadTimeMs +
-                                                       m_settings.networkingLatencyMs +
-                                                       m_settings.endGraceMs - 3);
+        EXPECT_GE(Ms(got.back().arrival - anchor),
+                  m_plan.DurationMs() + m_settings.serverLeadTimeMs +
+                      m_settings.networkingLatencyMs + m_settings.endGraceMs - 3);
     }
 }
 
