@@ -8,13 +8,12 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "libreplay/server/ReplayLogReader.h"
 #include "tests/server/LoopbackServer.h"
+#include "tests/support/StoredLog.h"
 
 namespace {
 
 namespace srv = ReplayServer;
-using ServerTest::DataRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 
@@ -40,16 +39,13 @@ class ServerControlTest : public ServerTest::LoopbackServerTest {
         std::lock_guard<std::mutex> lock(m_outputMutex);
         return m_output;
     }
-    // A log of gps records `stepMs` apart from 1000 ms, `steps` steps long.
-    std::string WriteLog(int steps, int64_t stepMs = 1000) {
-        std::string log;
-        for (int i = 0; i <= steps; ++i) {
-            std::string framed;
-            EXPECT_TRUE(ReplayCore::LogFormat::FrameRecord(
-                DataRecord("gps", 1000 + stepMs * i, static_cast<unsigned int>(i + 1)), framed));
-            ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+    // A log of gps items a second apart from 1000 ms, `seconds` long.
+    std::string WriteLog(int seconds) {
+        std::vector<ReplayTest::TimedItem> items;
+        for (int i = 0; i <= seconds; ++i) {
+            items.push_back({1000 + 1000 * i, "item"});
         }
-        return WriteTargetFile("/drive.dat", log);
+        return WriteTargetFile("/drive.dat", ReplayTest::StoredClientLog(1000, "gps", items));
     }
 
     std::unique_ptr<srv::ServerControl> m_control;
