@@ -39,20 +39,21 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
         // whose inlined code trips a false uninitialised-use warning in
         // optimised sanitizer builds.
         const std::string marker = "web page http://" + Address() + ":";
+        std::string output;
         ASSERT_TRUE(WaitFor(
             [&] {
-                m_output = m_server->Output();
-                return m_output.find(" (token ", m_output.find(marker)) != std::string::npos ||
+                output = m_server->Output();
+                return output.find(" (token ", output.find(marker)) != std::string::npos ||
                        !m_server->Running();
             },
             20s, 20ms))
             << m_server->Output();
         ASSERT_TRUE(m_server->Running()) << m_server->Output();
-        const size_t portAt = m_output.find(marker) + marker.size();
-        m_port = std::stoi(m_output.substr(portAt));
-        const size_t tokenAt = m_output.find(" (token ", portAt) + 8;
-        m_token = m_output.substr(
-            tokenAt, m_output.find_first_not_of("0123456789abcdef", tokenAt) - tokenAt);
+        const size_t portAt = output.find(marker) + marker.size();
+        m_port = std::stoi(output.substr(portAt));
+        const size_t tokenAt = output.find(" (token ", portAt) + 8;
+        m_token =
+            output.substr(tokenAt, output.find_first_not_of("0123456789abcdef", tokenAt) - tokenAt);
         m_origin = "http://" + Address() + ":" + std::to_string(m_port);
     }
 
@@ -61,15 +62,10 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
         return {{"X-Replay-Token", m_token}, {name, value}};
     }
     static Reply Read(const httplib::Result& result) {
-        Reply reply;
         if (!result) {
-            reply.status = -1;
-            return reply;
+            return {-1, nullptr, ""};
         }
-        reply.status = result->status;
-        reply.text = result->body;
-        reply.body = Json::parse(result->body, nullptr, false);
-        return reply;
+        return {result->status, Json::parse(result->body, nullptr, false), result->body};
     }
     Reply Get(const std::string& path, const httplib::Headers& headers = {}) {
         httplib::Client client(Address(), m_port);
@@ -90,7 +86,6 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
                                    Root() + "/fs/usb0/" + name);
     }
 
-    std::string m_output;
     int m_port = 0;
     std::string m_token;
     std::string m_origin;
