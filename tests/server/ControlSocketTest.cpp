@@ -139,7 +139,7 @@ TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
     ASSERT_EQ(chmod(Root().c_str(), 0711), 0);
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     ASSERT_EQ(write(go[1], "x", 1), 1);
-    EXPECT_EQ(other.Wait(kDeadline), 0) << "2: cannot act as another user, 3: not refused";
+    EXPECT_EQ(other.Wait(kDeadline), 0) << "2: cannot act as another user, 3: no refusal read";
     close(go[0]);
     close(go[1]);
     EXPECT_EQ(m_calls, 0);
