@@ -21,21 +21,6 @@
 
 namespace ServerTest {
 
-inline std::unique_ptr<ReplayServer::ReplayServer> StartLoopbackServer(
-    ReplayServer::ServerSettings settings, std::string& ip) {
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        ip = ReplayTest::RandomLoopbackAddress();
-        settings.bindAddress = ip;
-        settings.port = 4400;
-        std::unique_ptr<ReplayServer::ReplayServer> server(
-            new ReplayServer::ReplayServer(settings));
-        if (server->Start().IsOk()) {
-            return server;
-        }
-    }
-    return nullptr;
-}
-
 // A block of items "<time>:<data>" after the first, as a client sends it.
 inline std::string Block(const std::string& client, unsigned int sequence,
                          const std::vector<std::pair<int64_t, std::string>>& items) {
@@ -56,8 +41,15 @@ class LoopbackServerTest : public LoggerChannelTest {
         m_server.reset();
         LoggerChannelTest::TearDown();
     }
-    void StartServer(const ReplayServer::ServerSettings& settings = {}) {
-        m_server = StartLoopbackServer(settings, m_ip);
+    void StartServer(ReplayServer::ServerSettings settings = {}) {
+        settings.port = 4400;
+        for (int attempt = 0; attempt < 50 && m_server == nullptr; ++attempt) {
+            m_ip = settings.bindAddress = ReplayTest::RandomLoopbackAddress();
+            m_server.reset(new ReplayServer::ReplayServer(settings));
+            if (!m_server->Start().IsOk()) {
+                m_server.reset();
+            }
+        }
         ASSERT_NE(m_server, nullptr) << "no free loopback address";
     }
 
