@@ -42,7 +42,8 @@ void RecordReorderBuffer::Stop() {
     Drain();
 }
 
-bool RecordReorderBuffer::Add(int64_t recordTimeMs, const char* data, size_t size) {
+bool RecordReorderBuffer::Add(int64_t recordTimeMs, const char* data, size_t size,
+                              Clock::time_point arrival) {
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -50,8 +51,7 @@ bool RecordReorderBuffer::Add(int64_t recordTimeMs, const char* data, size_t siz
             m_refused.fetch_add(1, std::memory_order_relaxed);
             return false;
         }
-        m_held.push_back(
-            {recordTimeMs, m_arrivals++, Clock::now() + m_hold, std::string(data, size)});
+        m_held.push_back({recordTimeMs, m_arrivals++, arrival + m_hold, std::string(data, size)});
         std::push_heap(m_held.begin(), m_held.end(), Later());
         m_heldBytes += size;
         wake = m_heldBytes > m_highWater;

@@ -44,8 +44,11 @@ class RecordReorderBuffer {
     // Hands on everything held, then ends the thread.
     void Stop();
 
-    // Takes a copy of the record; false when the byte limit refuses it.
-    bool Add(int64_t recordTimeMs, const char* data, size_t size);
+    // Takes a copy of the record, held until `arrival` plus the hold; false
+    // when the byte limit refuses it. The receive path passes the present;
+    // tests pass their own times.
+    bool Add(int64_t recordTimeMs, const char* data, size_t size,
+             Clock::time_point arrival = Clock::now());
     // Hands on everything held now, in record-time order, before returning.
     void Drain();
     // While frozen, no record leaves because its hold has ended (only the

@@ -54,8 +54,6 @@ class LogBatchWriterTest : public ReplayTest::TargetRootTest {
         }
         return names;
     }
-    void RemoveMedium() { std::filesystem::rename(m_medium, m_medium + ".away"); }
-    void ReturnMedium() { std::filesystem::rename(m_medium + ".away", m_medium); }
 
     std::string m_medium;
     RecordQueue m_queue{1024 * 1024};
@@ -71,12 +69,12 @@ TEST_F(LogBatchWriterTest, OutageHoldsRecordsAndWritesThemInOrderWhenTheMediumRe
     m_writer->WriteDue(m_t0);
     ASSERT_EQ(Logged(), (std::vector<std::string>{"a", "b"}));
 
-    RemoveMedium();
+    std::filesystem::rename(m_medium, m_medium + ".away");
     ASSERT_NO_FATAL_FAILURE(Arrive({"c"}));
     m_writer->WriteDue(m_t0 + 1ms);
     EXPECT_TRUE(m_writer->Failing());
     ASSERT_NO_FATAL_FAILURE(Arrive({"d", "e"}));
-    ReturnMedium();
+    std::filesystem::rename(m_medium + ".away", m_medium);
     // The retry falls due 100 ms after the failure: one clock tick before,
     // nothing is tried, nothing is reported.
     m_writer->WriteDue(m_t0 + 101ms - LogBatchWriter::Clock::duration(1));

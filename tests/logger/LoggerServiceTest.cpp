@@ -33,15 +33,6 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
         return options;
     }
     std::string Device(const char* device) const { return Root() + "/kfsystem/multicore" + device; }
-
-    // Opens the record channel as the library does (read-write).
-    int OpenChannel() const { return open(Device(LoggerService::kRecordDevice).c_str(), O_RDWR); }
-
-    static void WriteRecord(int fd, const std::string& payload) {
-        std::string framed;
-        ASSERT_TRUE(ReplayCore::LogFormat::FrameRecord(payload, framed));
-        ASSERT_EQ(write(fd, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
-    }
 };
 
 TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIdentical) {
@@ -57,10 +48,14 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
         std::string(2043, 'x'),
         "",
     };
-    const int channel = OpenChannel();
+    // The record channel opened as the library opens it (read-write).
+    const int channel = open(Device(LoggerService::kRecordDevice).c_str(), O_RDWR);
     ASSERT_GE(channel, 0);
     for (const std::string& payload : payloads) {
-        WriteRecord(channel, payload);
+        std::string framed;
+        ASSERT_TRUE(ReplayCore::LogFormat::FrameRecord(payload, framed));
+        ASSERT_EQ(write(channel, framed.data(), framed.size()),
+                  static_cast<ssize_t>(framed.size()));
     }
     const int debug = open(Device(LoggerService::kDebugDevice).c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_GE(debug, 0);

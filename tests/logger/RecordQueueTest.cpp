@@ -17,14 +17,9 @@ using MulticoreLogService::RecordBatch;
 using MulticoreLogService::RecordQueue;
 using RecordText::Stored;
 
-std::string Framed(const std::string& payload) {
+bool Add(RecordQueue& queue, const std::string& payload) {
     std::string framed;
     ReplayCore::LogFormat::FrameRecord(payload, framed);
-    return framed;
-}
-
-bool Add(RecordQueue& queue, const std::string& payload) {
-    const std::string framed = Framed(payload);
     return queue.AddRecord(framed.data(), framed.size());
 }
 

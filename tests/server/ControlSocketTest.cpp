@@ -1,8 +1,6 @@
 #include "server/ControlSocket.h"
 
-#include <grp.h>
 #include <pwd.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -34,31 +33,26 @@ std::string Ask(const std::string& path, const std::string& command) {
     return sent.IsOk() ? reply : "failed: " + sent.Message();
 }
 
-sockaddr_un UnixAddress(const std::string& path) {
+// A stream socket connected to, or (`listening`) bound and listening at,
+// `path`; -1 on failure.
+int UnixSocket(const std::string& path, bool listening = false) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    return address;
+    const sockaddr* at = reinterpret_cast<const sockaddr*>(&address);
+    const bool ok = listening ? bind(fd, at, sizeof address) == 0 && ::listen(fd, 8) == 0
+                              : connect(fd, at, sizeof address) == 0;
+    if (!ok) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
-// Connects and sends nothing; the connection stays open until destroyed.
-class IdleConnection {
-  public:
-    explicit IdleConnection(const std::string& path) {
-        m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address = UnixAddress(path);
-        connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-    ~IdleConnection() { close(m_fd); }
-    std::string Read() const {
-        char buffer[256];
-        const ssize_t n = recv(m_fd, buffer, sizeof buffer, 0);
-        return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
-    }
-
-  private:
-    int m_fd = -1;
-};
+// The user that plays someone else on this machine (tests that need it run
+// as root only).
+constexpr uid_t kOtherUser = 65534;
 
 class ControlSocketTest : public ReplayTest::TargetRootTest {
   protected:
@@ -97,12 +91,9 @@ TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
     ASSERT_EQ(unlink(Path().c_str()), 0);
 
     // A socket left behind by a server that died is replaced.
-    {
-        const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address = UnixAddress(Path());
-        ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        close(stale);
-    }
+    const int stale = UnixSocket(Path(), true);
+    ASSERT_GE(stale, 0);
+    close(stale);
     ASSERT_TRUE(first.Start(Path()).IsOk());
 
     // A live server's socket is not taken over.
@@ -119,127 +110,60 @@ TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to act as another user";
     }
-    const uid_t kOther = 65534;
     int go[2];
-    int result[2];
     ASSERT_EQ(pipe(go), 0);
-    ASSERT_EQ(pipe(result), 0);
     const std::string path = Path();
     // The child is made before any thread exists, then waits for the socket.
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(go[1]);
-        close(result[0]);
+    ReplayTest::ChildProcess other([&] {
         char signal;
-        if (setgid(kOther) != 0 || setuid(kOther) != 0 || read(go[0], &signal, 1) != 1) {
-            _exit(2);
+        if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0 || read(go[0], &signal, 1) != 1) {
+            return 2;
         }
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address = UnixAddress(path);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            _exit(3);
-        }
-        const char command[] = "quit\n";
+        const int fd = UnixSocket(path);
         // The server may refuse and close first: no SIGPIPE, read its answer.
-        (void)!send(fd, command, sizeof command - 1, MSG_NOSIGNAL);
-        char reply[256];
+        (void)!send(fd, "quit\n", 5, MSG_NOSIGNAL);
+        char reply[64] = {};
+        size_t got = 0;
         ssize_t n;
-        while ((n = read(fd, reply, sizeof reply)) > 0) {
-            (void)!write(result[1], reply, static_cast<size_t>(n));
+        while (got < sizeof reply - 1 && (n = read(fd, reply + got, sizeof reply - 1 - got)) > 0) {
+            got += static_cast<size_t>(n);
         }
-        _exit(0);
-    }
-    close(go[0]);
-    close(result[1]);
-
+        return std::strncmp(reply, "error: permission denied", 24) == 0 ? 0 : 3;
+    });
     ControlSocket control(Echo(m_calls));
     ASSERT_TRUE(control.Start(path).IsOk());
     // Someone widened the directory and the file: the credentials still count.
     ASSERT_EQ(chmod(Root().c_str(), 0711), 0);
     ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     ASSERT_EQ(write(go[1], "x", 1), 1);
-    std::string reply;
-    char buffer[256];
-    ssize_t n;
-    while ((n = read(result[0], buffer, sizeof buffer)) > 0) {
-        reply.append(buffer, static_cast<size_t>(n));
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(other.Wait(kDeadline), 0) << "2: cannot act as another user, 3: no refusal read";
+    close(go[0]);
     close(go[1]);
-    close(result[0]);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(reply.compare(0, 24, "error: permission denied"), 0) << reply;
     EXPECT_EQ(m_calls, 0);
     // The server's own user (root here) is served.
     EXPECT_EQ(Ask(path, "status"), "did status\n");
 }
-
-// A user of its own for the duration of one test, removed again after it.
-class TemporaryUser {
-  public:
-    TemporaryUser() : m_name("rpsq" + std::to_string(getpid() % 100000)) {
-        const std::string add = "useradd --system --no-create-home --shell /usr/sbin/nologin " +
-                                m_name + " >/dev/null 2>&1";
-        if (std::system(add.c_str()) != 0) {
-            return;
-        }
-        const passwd* entry = getpwnam(m_name.c_str());
-        if (entry != nullptr) {
-            m_uid = entry->pw_uid;
-            m_gid = entry->pw_gid;
-            m_created = true;
-        }
-    }
-    ~TemporaryUser() {
-        if (m_created) {
-            (void)!std::system(("userdel " + m_name + " >/dev/null 2>&1").c_str());
-        }
-    }
-    bool Created() const { return m_created; }
-    const std::string& Name() const { return m_name; }
-    // Drops every privilege of this process for the user's; false on failure.
-    bool Become() const {
-        return setgroups(0, nullptr) == 0 && setgid(m_gid) == 0 && setuid(m_uid) == 0;
-    }
-
-  private:
-    std::string m_name;
-    uid_t m_uid = 0;
-    gid_t m_gid = 0;
-    bool m_created = false;
-};
 
 // Another local user binds the control socket's path first, in a shared
 // sticky directory like /tmp, and answers every command with an invented
 // reply. The server must not start, naming the path and the squatter, and
 // the sending side must refuse to believe the squatter.
 TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to create a second user and act as it";
+    const passwd* squatter = getpwuid(kOtherUser);
+    if (geteuid() != 0 || squatter == nullptr) {
+        GTEST_SKIP() << "needs root and a user " << kOtherUser << " to act as";
     }
-    TemporaryUser squatter;
-    if (!squatter.Created()) {
-        GTEST_SKIP() << "useradd could not create a second user";
-    }
+    const std::string squatterName = squatter->pw_name;
     ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
     const std::string path = Path();
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     // Forked before this process has any thread.
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(ready[0]);
-        if (!squatter.Become()) {
-            _exit(2);
-        }
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address = UnixAddress(path);
-        if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            chmod(path.c_str(), 0666) != 0 || listen(fd, 8) != 0) {
-            _exit(3);
+    ReplayTest::ChildProcess child([&] {
+        const bool other = setgid(kOtherUser) == 0 && setuid(kOtherUser) == 0;
+        const int fd = other ? UnixSocket(path, true) : -1;
+        if (fd < 0 || chmod(path.c_str(), 0666) != 0) {
+            return 3;
         }
         (void)!write(ready[1], "x", 1);
         for (;;) {
@@ -248,31 +172,23 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
             (void)!send(connection, invented, sizeof invented - 1, MSG_NOSIGNAL);
             close(connection);
         }
-    }
+    });
     close(ready[1]);
     char signal = 0;
-    const bool squatting = read(ready[0], &signal, 1) == 1;
+    ASSERT_EQ(read(ready[0], &signal, 1), 1) << "the squatter could not bind " << path;
     close(ready[0]);
 
     ControlSocket control(Echo(m_calls));
-    const ReplayPlatform::Status started =
-        squatting ? control.Start(path) : ReplayPlatform::Status::Failure("not tried");
+    std::string error = control.Start(path).Message();
+    EXPECT_NE(error.find(path), std::string::npos) << error;
+    EXPECT_NE(error.find(squatterName), std::string::npos) << error;
     std::string reply;
-    const ReplayPlatform::Status sent = ControlSocket::Send(path, "record 5", reply);
+    error = ControlSocket::Send(path, "record 5", reply).Message();
+    EXPECT_NE(error.find(squatterName), std::string::npos) << error << reply;
     const std::string command = std::string(REPLAY_BINARY_DIR) +
                                 "/server/ReplayManager --control " + path +
                                 " send status >/dev/null 2>&1";
     const int exitStatus = std::system(command.c_str());
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-
-    ASSERT_TRUE(squatting) << "the squatter could not bind " << path;
-    const std::string& error = started.Message();
-    EXPECT_FALSE(started.IsOk());
-    EXPECT_NE(error.find(path), std::string::npos) << error;
-    EXPECT_NE(error.find(squatter.Name()), std::string::npos) << error;
-    EXPECT_FALSE(sent.IsOk()) << reply;
-    EXPECT_NE(sent.Message().find(squatter.Name()), std::string::npos) << sent.Message();
     EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) != 0) << exitStatus;
 }
 
@@ -307,14 +223,16 @@ TEST_F(ControlSocketTest, ConnectionsAreBoundedAndReleased) {
 
     // Clients that connect and say nothing take a slot each; past the limit
     // the server answers busy at once.
-    std::vector<std::unique_ptr<IdleConnection>> idle;
+    std::vector<int> idle;
     for (int i = 0; i < 16; ++i) {
-        idle.emplace_back(new IdleConnection(Path()));
+        idle.push_back(UnixSocket(Path()));
     }
     ASSERT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 16; }, kDeadline));
     const std::string busy = Ask(Path(), "status");
     EXPECT_EQ(busy.compare(0, 11, "error: busy"), 0) << busy;
-    idle.clear();
+    for (const int fd : idle) {
+        close(fd);
+    }
     EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
     EXPECT_EQ(Ask(Path(), "status"), "did status\n");
     control.Stop();

@@ -2,13 +2,17 @@
 #define TESTS_SERVER_LOOPBACKSERVER_H
 
 // A replay server on port 4400 of a loopback address of its own (so tests
-// running side by side never share an endpoint), and fake clients: UDP
-// sockets that register with it and record what it sends them.
+// running side by side never share an endpoint), fake clients (UDP sockets
+// that register with it and record what it sends them) and the blocks of
+// items such clients send.
 
 #include <chrono>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "libreplay/server/ClientRecord.h"
 #include "server/ReplayServer.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/FakeServer.h"
@@ -17,31 +21,35 @@
 
 namespace ServerTest {
 
-inline std::unique_ptr<ReplayServer::ReplayServer> StartLoopbackServer(
-    ReplayServer::ServerSettings settings, std::string& ip) {
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        ip = ReplayTest::RandomLoopbackAddress();
-        settings.bindAddress = ip;
-        settings.port = 4400;
-        std::unique_ptr<ReplayServer::ReplayServer> server(
-            new ReplayServer::ReplayServer(settings));
-        if (server->Start().IsOk()) {
-            return server;
-        }
+// A block of items "<time>:<data>" after the first, as a client sends it.
+inline std::string Block(const std::string& client, unsigned int sequence,
+                         const std::vector<std::pair<int64_t, std::string>>& items) {
+    std::string payload = items[0].second;
+    for (size_t i = 1; i < items.size(); ++i) {
+        payload += static_cast<char>(ReplayCore::kItemSeparator) +
+                   ReplayCore::MSTime::MSTimeStruct(0, items[i].first).ToString() + ":" +
+                   items[i].second;
     }
-    return nullptr;
+    return DataRecord(client, items[0].first, sequence, payload);
 }
 
-// A test with a private target root and a server started on demand, stopped
-// before the root goes.
-class LoopbackServerTest : public ReplayTest::TargetRootTest {
+// A test with a private target root, the logger channel reset, and a server
+// started on demand, stopped before the root goes.
+class LoopbackServerTest : public LoggerChannelTest {
   protected:
     void TearDown() override {
         m_server.reset();
-        TargetRootTest::TearDown();
+        LoggerChannelTest::TearDown();
     }
-    void StartServer(const ReplayServer::ServerSettings& settings = {}) {
-        m_server = StartLoopbackServer(settings, m_ip);
+    void StartServer(ReplayServer::ServerSettings settings = {}) {
+        settings.port = 4400;
+        for (int attempt = 0; attempt < 50 && m_server == nullptr; ++attempt) {
+            m_ip = settings.bindAddress = ReplayTest::RandomLoopbackAddress();
+            m_server.reset(new ReplayServer::ReplayServer(settings));
+            if (!m_server->Start().IsOk()) {
+                m_server.reset();
+            }
+        }
         ASSERT_NE(m_server, nullptr) << "no free loopback address";
     }
 

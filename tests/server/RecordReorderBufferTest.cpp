@@ -34,36 +34,34 @@ class Collected {
     std::vector<std::string> m_records;
 };
 
-void Add(RecordReorderBuffer& buffer, int64_t timeMs, const std::string& text) {
-    ASSERT_TRUE(buffer.Add(timeMs, text.data(), text.size()));
+const Clock::time_point kT0 = Clock::now();
+
+void Add(RecordReorderBuffer& buffer, int64_t timeMs, const std::string& text,
+         Clock::time_point arrival = kT0) {
+    ASSERT_TRUE(buffer.Add(timeMs, text.data(), text.size(), arrival));
 }
 
-// Without Start() nothing passes records on but the calls the test makes.
-// Add() stamps the arrival with the clock itself, so the due time is only
-// known to lie between the readings taken around it: a tick before the
-// earliest it can be, the record stays; at the latest, it leaves. An older
-// record arriving later goes ahead of it and holds it back until its own
-// hold ends; records leave in record-time order.
-TEST(RecordReorderBufferTest, HoldEndsAtItsDueTimeAndRecordsLeaveInRecordTimeOrder) {
+// Without Start() nothing passes records on but the calls the test makes. A
+// record leaves exactly when its hold ends. An older record arriving later
+// goes ahead of it and holds it back until its own hold ends; records leave
+// in record-time order.
+TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecordTimeOrder) {
     Collected sink;
     RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
-    const Clock::time_point before = Clock::now();
     Add(buffer, 9000, "recent");
-    const Clock::time_point after = Clock::now();
-    buffer.ReleaseDue(before + milliseconds(1000) - Clock::duration(1));
+    buffer.ReleaseDue(kT0 + milliseconds(999));
     EXPECT_TRUE(sink.Records().empty());
-    buffer.ReleaseDue(after + milliseconds(1000));
+    buffer.ReleaseDue(kT0 + milliseconds(1000));
     EXPECT_EQ(sink.Records(), std::vector<std::string>{"recent"});
 
-    Add(buffer, 7000, "b");
-    const Clock::time_point afterB = Clock::now();
-    Add(buffer, 6000, "a");
-    Add(buffer, 7000, "c");  // same time as "b": arrival order holds
-    Add(buffer, 5000, "slow client, sent late");
+    Add(buffer, 7000, "b", kT0 + milliseconds(2000));
+    Add(buffer, 6000, "a", kT0 + milliseconds(2000));
+    Add(buffer, 7000, "c", kT0 + milliseconds(2000));  // same time as "b": arrival order holds
+    Add(buffer, 5000, "slow client, sent late", kT0 + milliseconds(2500));
     // Until the hold of the oldest, which arrived last, ends, none leaves.
-    buffer.ReleaseDue(afterB + milliseconds(999));
+    buffer.ReleaseDue(kT0 + milliseconds(3499));
     EXPECT_EQ(buffer.HeldRecords(), 4u);
-    buffer.ReleaseDue(Clock::now() + milliseconds(1000));
+    buffer.ReleaseDue(kT0 + milliseconds(3500));
     EXPECT_EQ(sink.Records(),
               (std::vector<std::string>{"recent", "slow client, sent late", "a", "b", "c"}));
     EXPECT_EQ(buffer.HeldRecords(), 0u);
@@ -72,47 +70,38 @@ TEST(RecordReorderBufferTest, HoldEndsAtItsDueTimeAndRecordsLeaveInRecordTimeOrd
 TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
     Collected sink;
     RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
-    const Clock::time_point start = Clock::now();
     Add(buffer, 9000, "held past its hold");
     buffer.Freeze(true);
-    buffer.ReleaseDue(start + milliseconds(5000));
+    buffer.ReleaseDue(kT0 + milliseconds(5000));
     EXPECT_TRUE(sink.Records().empty());
     Add(buffer, 7000, "late block");
     buffer.Freeze(false);
-    buffer.ReleaseDue(start + milliseconds(5000));
+    buffer.ReleaseDue(kT0 + milliseconds(5000));
     EXPECT_EQ(sink.Records(), (std::vector<std::string>{"late block", "held past its hold"}));
 }
 
-TEST(RecordReorderBufferTest, RefusesRecordsBeyondItsByteLimitAndCountsThem) {
-    Collected sink;
-    RecordReorderBuffer buffer(60000, 10, sink.Sink());
-    EXPECT_TRUE(buffer.Add(1, "123456", 6));
-    EXPECT_FALSE(buffer.Add(2, "123456", 6));
-    EXPECT_TRUE(buffer.Add(3, "1234", 4));
-    EXPECT_EQ(buffer.Refused(), 1u);
-    buffer.Drain();
-    // Passing records on frees their room.
-    EXPECT_TRUE(buffer.Add(4, "123456", 6));
-}
-
-TEST(RecordReorderBufferTest, AboveThreeQuartersFullTheOldestLeaveEarly) {
+// Above three quarters of the limit the oldest leave early; a record is
+// refused only when it would pass the limit itself, and passing records on
+// frees their room.
+TEST(RecordReorderBufferTest,
+     AboveThreeQuartersFullTheOldestLeaveEarlyAndOnlyThePastTheLimitIsRefused) {
     Collected sink;
     RecordReorderBuffer buffer(60000, 40, sink.Sink());  // high water: 30 bytes
-    const Clock::time_point start = Clock::now();
     Add(buffer, 300, "third-----");
     Add(buffer, 100, "first-----");
     Add(buffer, 200, "second----");
-    buffer.ReleaseDue(start);  // 30 bytes held: nothing is due yet
+    buffer.ReleaseDue(kT0);  // 30 bytes held: nothing is due yet
     EXPECT_TRUE(sink.Records().empty());
     Add(buffer, 400, "fourth----");
-    buffer.ReleaseDue(start);
+    buffer.ReleaseDue(kT0);
     EXPECT_EQ(sink.Records(), std::vector<std::string>{"first-----"});
     EXPECT_EQ(buffer.ReleasedEarly(), 1u);
-    EXPECT_EQ(buffer.Refused(), 0u);
-    // Room is refused only at the limit itself.
-    Add(buffer, 500, "fifth-----");
-    EXPECT_FALSE(buffer.Add(600, "sixth-----", 10));
+
+    Add(buffer, 500, "fifth-----");  // 40 bytes: exactly the limit
+    EXPECT_FALSE(buffer.Add(600, "x", 1, kT0));
     EXPECT_EQ(buffer.Refused(), 1u);
+    buffer.Drain();
+    EXPECT_TRUE(buffer.Add(600, "sixth-----", 10, kT0));
 }
 
 TEST(RecordReorderBufferTest, StopPassesOnEverythingHeldAndSinkFailuresAreCounted) {

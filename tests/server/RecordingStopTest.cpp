@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "libreplay/server/ReplayLogger.h"
-#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayCore.h"
 #include "server/IngestJournal.h"
 #include "server/ReplayServer.h"
@@ -23,34 +22,12 @@ using ServerTest::FakeClient;
 using ServerTest::StatusRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
-const char* const kChannel = "/kfsystem/multicore/navi/Q";
-
-// A data record of one item per time ("i0", "i1", ...), the first time the
-// block's.
-std::string Items(const std::string& name, unsigned int sequence, std::vector<int64_t> times) {
-    std::string text = "\"" + ReplayCore::MSTime::MSTimeStruct(0, times[0]).ToString() + ":" +
-                       name + ":!1 " + std::to_string(sequence) + ":i0";
-    for (size_t i = 1; i < times.size(); ++i) {
-        char separator[32];
-        const unsigned int length = ReplayCore::WriteItemSeparator(
-            separator, sizeof separator, ReplayCore::MSTime::MSTimeStruct(0, times[i]));
-        text += std::string(separator, length) + "i" + std::to_string(i);
-    }
-    return ServerTest::WithChecksum(text);
-}
 
 class RecordingStopTest : public ServerTest::LoopbackServerTest {
   protected:
     void SetUp() override {
         LoopbackServerTest::SetUp();
-        ReplayLogger::Get().ResetForTesting();
-        MakeTargetDirectory("/fs/usb0");
-        WriteTargetFile(kChannel, "");
-    }
-    void TearDown() override {
-        m_server.reset();
-        ReplayLogger::Get().ResetForTesting();
-        LoopbackServerTest::TearDown();
+        MakeMediumAndChannel();
     }
     void Start(srv::ServerSettings settings = srv::ServerSettings()) {
         settings.stopSettleMs = 0;
@@ -96,7 +73,9 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
 
     // A block from before the moment is no evidence: the client may still
     // hold items from before it. Its items from after the moment are cut.
-    fast.Send(Items("fast", 1, {moment - 300, moment - 1, moment, moment + 40}));
+    fast.Send(ServerTest::Block(
+        "fast", 1,
+        {{moment - 300, "i0"}, {moment - 1, "i1"}, {moment, "i2"}, {moment + 40, "i3"}}));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(GotStop(fast));
     // A block starting at the moment shows the earlier one has left; its
@@ -106,7 +85,10 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
     // A recording client reports its state only with an empty block.
     quiet.Send(StatusRecord("quiet", moment + 5, ""));
     ASSERT_TRUE(WaitFor([&] { return GotStop(quiet); }, kDeadline));
-    EXPECT_EQ(m_server->Stopping().waitingFor, std::vector<std::string>{"silent"});
+    // The list of clients waited for is updated just after their stop.
+    EXPECT_TRUE(WaitFor(
+        [&] { return m_server->Stopping().waitingFor == std::vector<std::string>{"silent"}; },
+        kDeadline));
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateRecord);
 
     // The client that never confirms is named when the wait ends, and
@@ -120,7 +102,8 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
     EXPECT_GE(last.lastDurationMs, 6900);
     EXPECT_EQ(m_server->Counters().blocksAfterStop, 1u);
     EXPECT_EQ(m_server->Counters().itemsAfterStop, 3u);
-    EXPECT_EQ(StoredData(), std::vector<std::string>{Items("fast", 1, {moment - 300, moment - 1})});
+    EXPECT_EQ(StoredData(), std::vector<std::string>{ServerTest::Block(
+                                "fast", 1, {{moment - 300, "i0"}, {moment - 1, "i1"}})});
 }
 
 TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {

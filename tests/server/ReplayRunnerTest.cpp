@@ -49,6 +49,8 @@ int64_t ClockArgument(const std::string& command) {
     return ReplayCore::MSTime::MSTimeStruct(value).m_timeMilliseconds;
 }
 
+constexpr int64_t kStart = 10000;
+
 class ReplayRunnerTest : public ServerTest::LoopbackServerTest {
   protected:
     void SetUp() override {
@@ -63,199 +65,6 @@ class ReplayRunnerTest : public ServerTest::LoopbackServerTest {
         m_settings.pacing.window = 1000000;
         m_settings.deliveryWaitMs = 0;
     }
-    std::unique_ptr<FakeClient> Connect(const std::string& name) {
-        std::unique_ptr<FakeClient> client(new FakeClient(m_ip));
-        EXPECT_TRUE(client->Register(name)) << name;
-        return client;
-    }
-
-    srv::ReplaySettings m_settings;
-};
-
-// One client's view of a completed replay: the state command, its
-// initialisation records, the clock, the data records and the stop.
-struct ClientView {
-    std::vector<ReplayTest::Datagram> received;
-    size_t clockIndex = 0;
-
-    explicit ClientView(const FakeClient& client) : received(client.Received()) {
-        for (size_t i = 0; i < received.size(); ++i) {
-            if (ClockArgument(received[i].bytes) >= 0) {
-                clockIndex = i;
-                break;
-            }
-        }
-    }
-};
-
-TEST_F(ReplayRunnerTest, SendsEveryRecordOnScheduleFromTheStartTime) {
-    auto gps = Connect("gps");
-    auto can = Connect("can");
-
-    srv::ReplayPlan plan;
-    plan.clients = {"gps", "can"};
-    plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
-    // 80 records 4 ms apart from 20 ms after the start (as in a replay from
-    // an offset): each goes out at its moment, and they keep to the
-    // schedule without drifting.
-    constexpr int kRecords = 80;
-    plan.startMs = 10000;
-    for (int i = 0; i < kRecords; ++i) {
-        const std::string client = i % 2 == 0 ? "gps" : "can";
-        plan.records.push_back(Planned(client, plan.startMs + 20 + 4 * i, 1 + i / 2));
-    }
-    plan.endMs = plan.records.back().timeMs;
-
-    srv::ReplayRunner runner(*m_server, plan, m_settings);
-    const srv::ReplayResult result = runner.Run();
-    ASSERT_TRUE(result.completed) << result.error;
-    EXPECT_FALSE(result.cancelled);
-    EXPECT_EQ(result.initialisationSent, 2u);
-    EXPECT_EQ(result.recordsSent, static_cast<size_t>(kRecords));
-    EXPECT_EQ(result.sendFailures, 0u);
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
-
-    const size_t perClient = 1 + 1 + 1 + kRecords / 2 + 1;
-    ASSERT_TRUE(gps->WaitFor(perClient, kDeadline));
-    ASSERT_TRUE(can->WaitFor(perClient, kDeadline));
-    const ClientView views[] = {ClientView(*gps), ClientView(*can)};
-    const unsigned int slots[] = {m_server->SlotOf("gps"), m_server->SlotOf("can")};
-
-    // The anchor lies just before the first clock command went out.
-    Clock::time_point anchor = Clock::time_point::max();
-    for (const ClientView& view : views) {
-        anchor = std::min(anchor, view.received[view.clockIndex].arrival);
-    }
-
-    std::vector<std::pair<int64_t, int64_t>> lateness;  // (record time, late ms)
-    for (size_t c = 0; c < 2; ++c) {
-        const ClientView& view = views[c];
-        const std::string slot = "s=" + std::to_string(slots[c]);
-        ASSERT_EQ(view.received.size(), perClient);
-        // Into the replay state, then the clock (the client's clock plus its
-        // latency reads the start time), then the initialisation record,
-        // which the client then hands over at once.
-        EXPECT_EQ(view.received[0].bytes, "#replay " + slot + ";");
-        ASSERT_EQ(view.clockIndex, 1u);
-        EXPECT_EQ(ClockArgument(view.received[1].bytes),
-                  plan.startMs - m_settings.serverLeadTimeMs - m_settings.networkingLatencyMs);
-        EXPECT_EQ(view.received[2].bytes, plan.initialisation[c].record);
-
-        size_t next = c;  // this client's records in the plan: c, c + 2, ...
-        for (size_t i = 3; i + 1 < view.received.size(); ++i, next += 2) {
-            const srv::PlannedRecord& planned = plan.records[next];
-            ASSERT_EQ(view.received[i].bytes, planned.record) << "datagram " << i;
-            // The clock's origin is a lead time before the start; each
-            // record goes out at its moment.
-            const int64_t due = planned.timeMs - plan.startMs + m_settings.serverLeadTimeMs;
-            const int64_t late = Ms(view.received[i].arrival - anchor) - due;
-            // Never early (the clock command itself takes a moment to arrive).
-            EXPECT_GE(late, -3) << "record at " << planned.timeMs;
-            lateness.emplace_back(planned.timeMs, late);
-        }
-        // Stop only once the clients have had time to play the last record.
-        const ReplayTest::Datagram& stop = view.received.back();
-        EXPECT_EQ(stop.bytes, "#stop " + slot + ";");
-        EXPECT_GE(Ms(stop.arrival - anchor), plan.DurationMs() + m_settings.serverLeadTimeMs +
-                                                 m_settings.networkingLatencyMs +
-                                                 m_settings.endGraceMs - 3);
-    }
-    // Each record is scheduled from the anchor, not from the previous send:
-    // the last records are no later than the first (errors do not add up).
-    // Medians, so that a loaded machine's stall under one record does not
-    // decide.
-    std::sort(lateness.begin(), lateness.end());
-    const size_t quarter = lateness.size() / 4;
-    auto medianLateness = [&](size_t from) {
-        std::vector<int64_t> late;
-        for (size_t i = from; i < from + quarter; ++i) {
-            late.push_back(lateness[i].second);
-        }
-        std::sort(late.begin(), late.end());
-        return late[late.size() / 2];
-    };
-    const int64_t first = medianLateness(0);
-    const int64_t last = medianLateness(lateness.size() - quarter);
-    EXPECT_LE(first, 40) << "median lateness of the first quarter";
-    EXPECT_LE(last - first, 20) << "the last quarter against the first";
-}
-
-TEST_F(ReplayRunnerTest, CancelEndsTheReplayAndStopsTheClients) {
-    auto gps = Connect("gps");
-    srv::ReplayPlan plan;
-    plan.clients = {"gps"};
-    plan.startMs = 5000;
-    plan.records = {Planned("gps", 5000, 1), Planned("gps", 65000, 2)};
-    plan.endMs = 65000;
-
-    srv::ReplayRunner runner(*m_server, plan, m_settings);
-    srv::ReplayResult result;
-    std::atomic<bool> finished{false};
-    std::thread replay([&] {
-        result = runner.Run();
-        finished = true;
-    });
-    // State command, clock, first record: then the runner waits a minute.
-    ASSERT_TRUE(gps->WaitFor(3, kDeadline));
-    runner.Cancel();
-    EXPECT_TRUE(ReplayTest::WaitFor([&] { return finished.load(); }, kDeadline));
-    replay.join();
-    EXPECT_TRUE(result.cancelled);
-    EXPECT_FALSE(result.completed);
-    EXPECT_EQ(result.recordsSent, 1u);
-    ASSERT_TRUE(gps->WaitFor(4, kDeadline));
-    EXPECT_EQ(gps->Received().back().bytes.compare(0, 6, "#stop "), 0);
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
-
-    // A replay still waiting for its clients ends on cancel too, without an
-    // error and without commanding anyone.
-    plan.clients = {"gps", "nav"};
-    m_settings.clientWaitMs = 60000;
-    srv::ReplayRunner waiting(*m_server, plan, m_settings);
-    EXPECT_EQ(waiting.Pause().Message(), "the replay is still waiting for its clients");
-    finished = false;
-    std::thread wait([&] {
-        result = waiting.Run();
-        finished = true;
-    });
-    EXPECT_TRUE(ReplayTest::WaitFor(
-        [&] { return m_server->GetState() == ReplayCore::eStateReplay; }, kDeadline));
-    waiting.Cancel();
-    EXPECT_TRUE(ReplayTest::WaitFor([&] { return finished.load(); }, kDeadline));
-    wait.join();
-    EXPECT_TRUE(result.cancelled);
-    EXPECT_TRUE(result.error.empty()) << result.error;
-    EXPECT_EQ(gps->Received().size(), 4u);
-}
-
-TEST_F(ReplayRunnerTest, MissingClientsEndTheReplayWithTheirNames) {
-    auto gps = Connect("gps");
-    srv::ReplayPlan plan;
-    plan.clients = {"can", "gps", "nav"};
-    plan.startMs = 5000;
-    plan.records = {Planned("gps", 5000, 1)};
-    plan.endMs = 5000;
-    m_settings.clientWaitMs = 100;
-
-    const auto started = Clock::now();
-    srv::ReplayRunner runner(*m_server, plan, m_settings);
-    const srv::ReplayResult result = runner.Run();
-    EXPECT_GE(Ms(Clock::now() - started), 100);
-    EXPECT_FALSE(result.completed);
-    EXPECT_FALSE(result.cancelled);
-    EXPECT_EQ(result.missingClients, (std::vector<std::string>{"can", "nav"}));
-    EXPECT_NE(result.error.find("can, nav"), std::string::npos) << result.error;
-    EXPECT_NE(result.error.find("0.1 s"), std::string::npos) << result.error;
-    EXPECT_EQ(result.error.find("gps"), std::string::npos) << result.error;
-    // Nobody was told to replay, and the server takes records again.
-    EXPECT_TRUE(gps->Received().empty());
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
-}
-
-constexpr int64_t kStart = 10000;
-
-class ReplayRunnerControlTest : public ReplayRunnerTest {
-  protected:
     void TearDown() override {
         if (m_runner != nullptr) {
             m_runner->Cancel();
@@ -264,7 +73,12 @@ class ReplayRunnerControlTest : public ReplayRunnerTest {
             m_thread.join();
         }
         m_runner.reset();
-        ReplayRunnerTest::TearDown();
+        LoopbackServerTest::TearDown();
+    }
+    std::unique_ptr<FakeClient> Connect(const std::string& name) {
+        std::unique_ptr<FakeClient> client(new FakeClient(m_ip));
+        EXPECT_TRUE(client->Register(name)) << name;
+        return client;
     }
     // Records of `clients` in turn, `stepMs` apart from the start.
     void Plan(const std::vector<std::string>& clients, int count, int64_t stepMs) {
@@ -276,12 +90,17 @@ class ReplayRunnerControlTest : public ReplayRunnerTest {
         }
         m_plan.endMs = m_plan.records.back().timeMs;
     }
-    void Start() {
+    // Runs the plan on a thread of its own.
+    void Launch() {
         m_runner.reset(new srv::ReplayRunner(*m_server, m_plan, m_settings));
         m_thread = std::thread([this] {
             m_result = m_runner->Run();
             m_finished = true;
         });
+    }
+    // Launches and waits until the clients have been commanded.
+    void Start() {
+        Launch();
         ASSERT_TRUE(
             ReplayTest::WaitFor([this] { return m_runner->Position().started; }, kDeadline));
     }
@@ -293,6 +112,7 @@ class ReplayRunnerControlTest : public ReplayRunnerTest {
         return all;
     }
 
+    srv::ReplaySettings m_settings;
     srv::ReplayPlan m_plan;
     std::unique_ptr<srv::ReplayRunner> m_runner;
     std::thread m_thread;
@@ -300,7 +120,111 @@ class ReplayRunnerControlTest : public ReplayRunnerTest {
     std::atomic<bool> m_finished{false};
 };
 
-TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords) {
+// Each client is put into the replay state, its clock set, its
+// initialisation record sent, then its records in order, none before its
+// moment, and the stop once the last has had time to play. (Timing against
+// the real clock is the end-to-end replay timing test's.)
+TEST_F(ReplayRunnerTest, SendsEveryRecordInOrderNoneEarlyFromTheStartTime) {
+    auto gps = Connect("gps");
+    auto can = Connect("can");
+
+    // Records 4 ms apart from 20 ms after the start, as in a replay from an
+    // offset.
+    constexpr int kRecords = 40;
+    Plan({"gps", "can"}, kRecords, 4);
+    m_plan.startMs = kStart - 20;
+    m_plan.initialisation = {Planned("gps", 9000, 0), Planned("can", 9000, 0)};
+    Launch();
+    m_thread.join();
+    ASSERT_TRUE(m_result.completed) << m_result.error;
+    EXPECT_FALSE(m_result.cancelled);
+    EXPECT_EQ(m_result.initialisationSent, 2u);
+    EXPECT_EQ(m_result.recordsSent, static_cast<size_t>(kRecords));
+    EXPECT_EQ(m_result.sendFailures, 0u);
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+
+    const size_t perClient = 1 + 1 + 1 + kRecords / 2 + 1;
+    ASSERT_TRUE(gps->WaitFor(perClient, kDeadline));
+    ASSERT_TRUE(can->WaitFor(perClient, kDeadline));
+    const std::vector<ReplayTest::Datagram> received[] = {gps->Received(), can->Received()};
+    const char* const names[] = {"gps", "can"};
+    // The anchor lies just before the first clock command went out.
+    const Clock::time_point anchor = std::min(received[0][1].arrival, received[1][1].arrival);
+    for (size_t c = 0; c < 2; ++c) {
+        const std::vector<ReplayTest::Datagram>& got = received[c];
+        const std::string slot = "s=" + std::to_string(m_server->SlotOf(names[c]));
+        ASSERT_EQ(got.size(), perClient);
+        // The client's clock plus its latency reads the start time.
+        EXPECT_EQ(got[0].bytes, "#replay " + slot + ";");
+        EXPECT_EQ(ClockArgument(got[1].bytes),
+                  m_plan.startMs - m_settings.serverLeadTimeMs - m_settings.networkingLatencyMs);
+        EXPECT_EQ(got[2].bytes, m_plan.initialisation[c].record);
+        size_t next = c;  // this client's records in the plan: c, c + 2, ...
+        for (size_t i = 3; i + 1 < got.size(); ++i, next += 2) {
+            const srv::PlannedRecord& planned = m_plan.records[next];
+            ASSERT_EQ(got[i].bytes, planned.record) << "datagram " << i;
+            // The clock's origin is a lead time before the start; the clock
+            // command itself takes a moment to arrive.
+            const int64_t due = planned.timeMs - m_plan.startMs + m_settings.serverLeadTimeMs;
+            EXPECT_GE(Ms(got[i].arrival - anchor), due - 3) << "record at " << planned.timeMs;
+        }
+        EXPECT_EQ(got.back().bytes, "#stop " + slot + ";");
+        EXPECT_GE(Ms(got.back().arrival - anchor),
+                  m_plan.DurationMs() + m_settings.serverLeadTimeMs +
+                      m_settings.networkingLatencyMs + m_settings.endGraceMs - 3);
+    }
+}
+
+TEST_F(ReplayRunnerTest, CancelEndsTheReplayAndStopsTheClients) {
+    auto gps = Connect("gps");
+    Plan({"gps"}, 2, 60000);
+    Start();
+    // State command, clock, first record: then the runner waits a minute.
+    ASSERT_TRUE(gps->WaitFor(3, kDeadline));
+    m_runner->Cancel();
+    m_thread.join();
+    EXPECT_TRUE(m_result.cancelled);
+    EXPECT_FALSE(m_result.completed);
+    EXPECT_EQ(m_result.recordsSent, 1u);
+    ASSERT_TRUE(gps->WaitFor(4, kDeadline));
+    EXPECT_EQ(gps->Received().back().bytes.compare(0, 6, "#stop "), 0);
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+
+    // A replay still waiting for its clients ends on cancel too, without an
+    // error and without commanding anyone.
+    m_plan.clients.insert("nav");
+    m_settings.clientWaitMs = 60000;
+    Launch();
+    EXPECT_EQ(m_runner->Pause().Message(), "the replay is still waiting for its clients");
+    EXPECT_TRUE(ReplayTest::WaitFor(
+        [&] { return m_server->GetState() == ReplayCore::eStateReplay; }, kDeadline));
+    m_runner->Cancel();
+    m_thread.join();
+    EXPECT_TRUE(m_result.cancelled);
+    EXPECT_TRUE(m_result.error.empty()) << m_result.error;
+    EXPECT_EQ(gps->Received().size(), 4u);
+}
+
+TEST_F(ReplayRunnerTest, MissingClientsEndTheReplayWithTheirNames) {
+    auto gps = Connect("gps");
+    Plan({"can", "gps", "nav"}, 1, 0);
+    m_settings.clientWaitMs = 100;
+    const auto started = Clock::now();
+    Launch();
+    m_thread.join();
+    EXPECT_GE(Ms(Clock::now() - started), 100);
+    EXPECT_FALSE(m_result.completed);
+    EXPECT_FALSE(m_result.cancelled);
+    EXPECT_EQ(m_result.missingClients, (std::vector<std::string>{"can", "nav"}));
+    EXPECT_NE(m_result.error.find("can, nav"), std::string::npos) << m_result.error;
+    EXPECT_NE(m_result.error.find("0.1 s"), std::string::npos) << m_result.error;
+    EXPECT_EQ(m_result.error.find("gps"), std::string::npos) << m_result.error;
+    // Nobody was told to replay, and the server takes records again.
+    EXPECT_TRUE(gps->Received().empty());
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+}
+
+TEST_F(ReplayRunnerTest, StepAndSeekWhilePausedSendTheClockThenTheRecords) {
     auto gps = Connect("gps");
     auto can = Connect("can");
     Plan({"gps", "can"}, 40, 100);  // gps at 0, 200, ...; can at 100, 300, ...
@@ -374,7 +298,7 @@ TEST_F(ReplayRunnerControlTest, StepAndSeekWhilePausedSendTheClockThenTheRecords
     EXPECT_EQ(m_runner->StepRecords(1).Message(), "the replay is ending");
 }
 
-TEST_F(ReplayRunnerControlTest, MaxRateSendsEachRecordOnceTheClientReportsThePrevious) {
+TEST_F(ReplayRunnerTest, MaxRateSendsEachRecordOnceTheClientReportsThePrevious) {
     auto gps = Connect("gps");
     Plan({"gps"}, 4, 5000);  // 15 s at the recorded pace
     Start();

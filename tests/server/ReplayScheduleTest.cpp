@@ -29,8 +29,6 @@ TEST(ReplaySchedule, PauseFreezesThePositionAndResumeGoesOnFromIt) {
     EXPECT_FALSE(schedule.Resume(resumed + 1)) << "not paused";
     EXPECT_EQ(schedule.DueAt(kLogStart + 300), resumed + 50);
     EXPECT_EQ(schedule.LogTimeAt(resumed + 10), kLogStart + 260);
-    EXPECT_EQ(schedule.AnchorLogMs(), kLogStart + 250);
-    EXPECT_EQ(schedule.AnchorNowMs(), resumed);
     // What was played before the pause is due in the past.
     EXPECT_LT(schedule.DueAt(kLogStart + 100), resumed);
 }

@@ -1,7 +1,6 @@
 #include "server/ReplayServer.h"
 
 #include "libreplay/server/FileLogger.h"
-#include "server/ServerControl.h"
 #include "tests/server/LoopbackServer.h"
 
 namespace {
@@ -114,27 +113,6 @@ TEST_F(ReplayServerTest, SilentClientGivesItsEntryToANewcomerWhenTheTableIsFull)
     ASSERT_EQ(table.size(), 1u);
     EXPECT_EQ(table[0].GetClientName(), "gps");
     EXPECT_EQ(m_server->Counters().refusedClients, 0u);
-}
-
-// A timed recording ends by itself; "wait" returns once it has.
-TEST_F(ReplayServerTest, RecordingCommandsAndTheirRefusals) {
-    StartServer();
-    srv::ReplaySettings settings;
-    settings.clientWaitMs = 100;
-    srv::ServerControl control(*m_server, settings, [](const std::string&) {});
-    EXPECT_EQ(control.Execute("record"), "recording\n");
-    EXPECT_EQ(control.Execute("record").compare(0, 6, "error:"), 0);
-    EXPECT_NE(control.Execute("status").find("state Record"), std::string::npos);
-    EXPECT_EQ(control.Execute("stop"), "recording stopped\n");
-
-    for (const char* bad : {"replay /no/such.dat", "replay", "record -3", "bogus"}) {
-        EXPECT_EQ(control.Execute(bad).compare(0, 6, "error:"), 0) << bad;
-    }
-    EXPECT_EQ(control.Execute("record 0.05"), "recording for 0.1 s\n");
-    EXPECT_EQ(control.Execute("wait"), "done\n");
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
-    control.Execute("quit");
-    EXPECT_TRUE(control.QuitRequested());
 }
 
 // Past its last entry the file log keeps a stream open per call; the server

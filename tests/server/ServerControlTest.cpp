@@ -8,13 +8,12 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
-#include "libreplay/server/ReplayLogReader.h"
 #include "tests/server/LoopbackServer.h"
+#include "tests/support/StoredLog.h"
 
 namespace {
 
 namespace srv = ReplayServer;
-using ServerTest::DataRecord;
 
 constexpr auto kDeadline = std::chrono::seconds(10);
 
@@ -40,16 +39,13 @@ class ServerControlTest : public ServerTest::LoopbackServerTest {
         std::lock_guard<std::mutex> lock(m_outputMutex);
         return m_output;
     }
-    // A log of gps records `stepMs` apart from 1000 ms, `steps` steps long.
-    std::string WriteLog(int steps, int64_t stepMs = 1000) {
-        std::string log;
-        for (int i = 0; i <= steps; ++i) {
-            std::string framed;
-            EXPECT_TRUE(ReplayCore::LogFormat::FrameRecord(
-                DataRecord("gps", 1000 + stepMs * i, static_cast<unsigned int>(i + 1)), framed));
-            ReplayCore::LogFormat::AppendStoredRecord(framed.data(), framed.size(), log);
+    // A log of gps items a second apart from 1000 ms, `seconds` long.
+    std::string WriteLog(int seconds) {
+        std::vector<ReplayTest::TimedItem> items;
+        for (int i = 0; i <= seconds; ++i) {
+            items.push_back({1000 + 1000 * i, "item"});
         }
-        return WriteTargetFile("/drive.dat", log);
+        return WriteTargetFile("/drive.dat", ReplayTest::StoredClientLog(1000, "gps", items));
     }
 
     std::unique_ptr<srv::ServerControl> m_control;
@@ -102,30 +98,22 @@ TEST_F(ServerControlTest, ReplayRefusesFilesThatCouldBlockTheCommand) {
     EXPECT_EQ(m_control->Execute("status").compare(0, 13, "state Stopped"), 0);
 }
 
-TEST_F(ServerControlTest, StoppedReplayLeavesTheServerReadyForTheNextJob) {
+// A timed recording ends by itself; "wait" returns once it has.
+TEST_F(ServerControlTest, RecordingCommandsAndTheirRefusals) {
     Start();
-    ServerTest::FakeClient gps(m_ip);
-    ASSERT_TRUE(gps.Register("gps"));
-    // The last record lies a minute in: only a stop ends this replay.
-    const std::string path = WriteLog(2, 30000);
-
-    EXPECT_EQ(m_control->Execute("replay " + path),
-              "replaying 3 records (0 initialisation, 0 state) of 1 clients, 60 s\n");
-    EXPECT_TRUE(m_control->JobRunning());
-    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
-    EXPECT_EQ(m_control->Execute("replay " + path), "error: busy; stop first\n");
-    // The replay command, the clock and the first record.
-    ASSERT_TRUE(gps.WaitFor(3, kDeadline));
-
-    EXPECT_EQ(m_control->Execute("stop"), "stopping\n");
-    EXPECT_EQ(m_control->Execute("wait").compare(0, 16, "done with errors"), 0);
-    EXPECT_NE(Output().find("replay stopped: 1 records sent"), std::string::npos) << Output();
-    ASSERT_TRUE(gps.WaitFor(4, kDeadline));
-    EXPECT_EQ(gps.Received().back().bytes.compare(0, 6, "#stop "), 0);
-
-    // Nothing of the replay is left behind: a recording starts and stops.
     EXPECT_EQ(m_control->Execute("record"), "recording\n");
+    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
+    EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
     EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
+
+    for (const char* bad : {"replay /no/such.dat", "record -3"}) {
+        EXPECT_EQ(m_control->Execute(bad).compare(0, 6, "error:"), 0) << bad;
+    }
+    EXPECT_EQ(m_control->Execute("record 0.05"), "recording for 0.1 s\n");
+    EXPECT_EQ(m_control->Execute("wait"), "done\n");
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+    m_control->Execute("quit");
+    EXPECT_TRUE(m_control->QuitRequested());
 }
 
 class ReplayControlCommandTest : public ServerControlTest {
@@ -169,14 +157,20 @@ TEST_F(ReplayControlCommandTest, CommandsSayWhyTheyDoNotApply) {
     EXPECT_FALSE(m_control->JobRunning());
 }
 
-TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceAndReportsItsState) {
+// A running replay answers every command at once and refuses a second job;
+// once stopped, it leaves its report and the server ready for the next job.
+TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceReportsItsStateAndStopsCleanly) {
     Start();
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
     const std::string report = Root() + "/report.json";
-    ASSERT_EQ(Timed("replay " + WriteLog(60) + " --report " + report).compare(0, 10, "replaying "),
-              0);
+    const std::string path = WriteLog(60);
+    EXPECT_EQ(Timed("replay " + path + " --report " + report),
+              "replaying 61 records (0 initialisation, 0 state) of 1 clients, 60 s\n");
     ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_control->Position().started; }, kDeadline));
+    EXPECT_TRUE(m_control->JobRunning());
+    EXPECT_EQ(Timed("record").compare(0, 11, "error: busy"), 0);
+    EXPECT_EQ(Timed("replay " + path), "error: busy; stop first\n");
 
     EXPECT_EQ(Timed("step"), "error: step works while paused; pause first\n");
     EXPECT_EQ(Timed("seek 61"), "error: the replay lasts 60.000 s; cannot seek to 61.000 s\n");
@@ -206,9 +200,13 @@ TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceAndReportsItsState) {
     EXPECT_EQ(json["replay"]["rate"], 2.5);
     EXPECT_EQ(json["replay"]["clients"][0]["name"], "gps");
     EXPECT_EQ(json["replay"]["clients"][0]["delivered"], 0);
+    const long sent = json["replay"]["records_sent"].get<long>();
 
     EXPECT_EQ(Timed("stop"), "stopping\n");
     EXPECT_EQ(m_control->Execute("wait").compare(0, 16, "done with errors"), 0);
+    EXPECT_NE(Output().find("replay stopped: " + std::to_string(sent) + " records sent"),
+              std::string::npos)
+        << Output();
     EXPECT_EQ(Timed("pause"), "error: no replay is running\n");
     // The report of the stopped replay: where it stood and what was sent.
     const nlohmann::json written = nlohmann::json::parse(ReplayTest::ReadFile(report));
@@ -216,6 +214,10 @@ TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceAndReportsItsState) {
     EXPECT_EQ(written["position_ms"], 32500);
     EXPECT_GE(written["clients"][0]["sent"].get<int>(), 4);
     EXPECT_NE(Timed("status").find("replay ended at 32.500 s"), std::string::npos);
+
+    // Nothing of the replay is left behind: a recording starts and stops.
+    EXPECT_EQ(m_control->Execute("record"), "recording\n");
+    EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
 }
 
 }  // namespace
