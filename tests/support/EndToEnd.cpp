@@ -170,22 +170,16 @@ std::vector<ReplayedItem> EndToEndTest::ClientItems(size_t index) const {
     return items;
 }
 
-int EndToEndTest::ClientEntries(const std::string& name) {
-    const std::string table = Send("clients").output;
-    int entries = 0;
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.compare(0, name.size() + 1, name + " ") == 0 &&
-            line.find("Running") != std::string::npos) {
-            ++entries;
-        }
-    }
-    return entries;
-}
-
 bool EndToEndTest::AllRunning(const std::vector<std::string>& names) {
+    const std::string table = Send("clients").output;
     for (const std::string& name : names) {
-        if (ClientEntries(name) != 1) {
+        int entries = 0;
+        std::istringstream lines(table);
+        for (std::string line; std::getline(lines, line);) {
+            entries += line.compare(0, name.size() + 1, name + " ") == 0 &&
+                       line.find("Running") != std::string::npos;
+        }
+        if (entries != 1) {
             return false;
         }
     }
