@@ -1,10 +1,10 @@
 // Hostile network input, bounded in count and time and on loopback only:
-// a recording client answered by a "server" that sends garbage and absurd
-// commands, and the replay server flooded from thousands of source ports
-// while real clients record through it. What each parser makes of a
-// datagram is the fuzz targets' business; these cases show that the running
-// processes stay up and keep working, and that the server bounds its state
-// and counts and reports what it refuses.
+// a recording client answered by a "server" that sends it absurd commands,
+// and the replay server flooded from thousands of source ports while real
+// clients record through it. What each parser makes of a datagram is the
+// fuzz targets' business; these cases show that the running processes stay
+// up and keep working, and that the server bounds its state and counts and
+// reports what it refuses.
 
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -65,18 +66,15 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
     }
 
     static std::vector<long long> Indexes(const std::vector<Replayed>& replayed) {
-        std::vector<long long> indexes;
-        for (const Replayed& item : replayed) {
-            indexes.push_back(item.index);
-        }
+        std::vector<long long> indexes(replayed.size());
+        std::transform(replayed.begin(), replayed.end(), indexes.begin(),
+                       [](const Replayed& item) { return item.index; });
         return indexes;
     }
 
     static std::vector<long long> Range(long long first, long long last) {
-        std::vector<long long> range;
-        for (long long i = first; i <= last; ++i) {
-            range.push_back(i);
-        }
+        std::vector<long long> range(static_cast<size_t>(last - first + 1));
+        std::iota(range.begin(), range.end(), first);
         return range;
     }
 };
