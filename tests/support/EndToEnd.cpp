@@ -1,6 +1,5 @@
 #include "tests/support/EndToEnd.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -41,19 +40,6 @@ ClientSummary ParseClientSummary(const std::string& output) {
 long NumberAfter(const std::string& text, const std::string& key) {
     const size_t at = text.rfind(key);
     return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
-}
-
-long LatestPosition(const std::string& dump, const std::string& client) {
-    const std::string key = ":" + client + ":!1 ";
-    long latest = -1;
-    for (size_t at = dump.find(key); at != std::string::npos; at = dump.find(key, at + 1)) {
-        const size_t position = dump.find(":POS ", at + key.size());
-        if (position != std::string::npos &&
-            dump.find_first_not_of("0123456789", at + key.size()) == position) {
-            latest = std::max(latest, std::strtol(dump.c_str() + position + 5, nullptr, 10));
-        }
-    }
-    return latest;
 }
 
 void EndToEndTest::SetUp() {

@@ -50,9 +50,6 @@ struct ClientSummary {
 // The number after the last occurrence of `key` in `text`, or -1.
 long NumberAfter(const std::string& text, const std::string& key);
 
-// The highest position number of `client` in a log dump, or -1.
-long LatestPosition(const std::string& dump, const std::string& client);
-
 // One line of a demo client's replayed-items file (DEMO_CLIENT_ITEMS).
 struct ReplayedItem {
     long long index = -1;  // in the client's journal; -1: not there
