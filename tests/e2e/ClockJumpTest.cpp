@@ -53,14 +53,15 @@ class ClockJumpTest : public ReplayTest::EndToEndTest {
 
     // The wall clock in seconds as a process under the shim reads it.
     long ShimmedWallClock() {
-        const std::string output = Root() + "/date" + std::to_string(m_dates++) + ".out";
-        ReplayTest::Process date({"/bin/date", "+%s"}, output, m_environment);
-        date.Wait(10s);
-        return std::strtol(date.Output().c_str(), nullptr, 10);
+        std::vector<std::string> argv = {"/usr/bin/env"};
+        argv.insert(argv.end(), m_environment.begin(), m_environment.end());
+        argv.insert(argv.end(), {"/bin/date", "+%s"});
+        std::string output;
+        ReplaySupport::RunCommand(argv, 10s, output);
+        return std::strtol(output.c_str(), nullptr, 10);
     }
 
     std::string m_offsetFile;
-    int m_dates = 0;
 };
 
 TEST_F(ClockJumpTest, WallClockJumpsDisturbNeitherRecordingNorReplayTiming) {

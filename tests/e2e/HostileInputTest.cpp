@@ -1,8 +1,12 @@
 // Hostile network input, bounded in count and time and on loopback only:
-// a recording client answered by a "server" that sends garbage and absurd
-// commands, and the replay server flooded from thousands of source ports
-// while real clients record through it.
+// a recording client answered by a "server" that sends it absurd commands,
+// and the replay server flooded from thousands of source ports while real
+// clients record through it. What each parser makes of a datagram is the
+// fuzz targets' business; these cases show that the running processes stay
+// up and keep working, and that the server bounds its state and counts and
+// reports what it refuses.
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,32 +14,124 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "libreplay/server/ClientRecord.h"
 #include "libreplay/ReplayClient.h"
 #include "libreplay/ReplayCore.h"
+#include "libreplay/server/ClientRecord.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ClientSetup.h"
 #include "tests/support/EndToEnd.h"
 #include "tests/support/FakeServer.h"
 #include "tests/support/HostileTraffic.h"
-#include "tests/support/TestSupport.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using ReplayTest::ChildProcess;
 using ReplayTest::Datagram;
 using ReplayTest::FakeServer;
-using ReplayTest::HostileMix;
+using ReplayTest::NumberAfter;
 using ReplayTest::WaitFor;
+using ReplayTest::WithChecksum;
+using ServerTest::StatusRecord;
 
 constexpr uint32_t kSeed = 20240611;
-constexpr int kClientDatagrams = 3000;
+constexpr size_t kLargestDatagram = 9000;
+
+// Datagrams for the server, from a seed so that a failing run can be
+// repeated: garbage, records cut short, cut by the socket or with a wrong
+// checksum, invalid names, and valid records of clients "f<n>" with n below
+// `names`, so the flood offers that many would-be clients.
+class HostileMix {
+  public:
+    explicit HostileMix(uint32_t seed) : m_random(seed) {}
+
+    std::string ForServer(unsigned int names) {
+        const std::string name = "f" + std::to_string(Below(names));
+        const std::string record = DataRecord(name);
+        switch (Below(7)) {
+            case 0:
+                return RandomBytes(Below(2100));
+            case 1: {
+                // Cut by the socket to 2048 bytes, so the checksum is lost.
+                const std::string oversized = DataRecord(name, kLargestDatagram);
+                return oversized.substr(0, 2049 + Below(oversized.size() - 2049));
+            }
+            case 2:
+                return record.substr(0, Below(record.size()));
+            case 3:
+                return WithChecksum(record.substr(0, record.size() - 9), true);
+            case 4:
+                return StatusRecord(Below(2) ? std::string(21, 'a') : "bad name", 1000000, "");
+            case 5:
+                return StatusRecord(name, 1000000, "");
+            default:
+                return record;
+        }
+    }
+
+    // A data record of `name` with a valid checksum, random payload bytes
+    // (line ends, NULs and item separators among them) and a time within the
+    // last second of the clock real clients stamp their records with: the
+    // log drops records that come after later ones, so this traffic stays
+    // beside theirs.
+    std::string DataRecord(const std::string& name, size_t padding = 0) {
+        return ServerTest::DataRecord(
+            name, ReplayCore::MSTime::CurrentTimeMS().m_timeMilliseconds - Below(1000),
+            static_cast<unsigned int>(1 + Below(50)),
+            RandomBytes(Below(200)) + std::string(padding, 'x'));
+    }
+
+  private:
+    std::string RandomBytes(size_t length) {
+        std::string bytes(length, '\0');
+        for (char& byte : bytes) {
+            byte = static_cast<char>(Below(256));
+        }
+        return bytes;
+    }
+    int64_t Below(size_t bound) {
+        return static_cast<int64_t>(std::uniform_int_distribution<size_t>(0, bound - 1)(m_random));
+    }
+
+    std::mt19937 m_random;
+};
+
+// Sends `datagrams` to `destination` round robin over `sourcePorts` distinct
+// UDP sockets, opened and closed in groups so that few descriptors are held
+// at once. Returns how many were sent whole.
+size_t SendFromManyPorts(const sockaddr_in& destination, const std::vector<std::string>& datagrams,
+                         size_t sourcePorts) {
+    constexpr size_t kSocketsAtOnce = 200;
+    size_t sent = 0;
+    for (size_t first = 0; first < sourcePorts; first += kSocketsAtOnce) {
+        std::vector<int> sockets;
+        for (size_t i = 0; i < std::min(kSocketsAtOnce, sourcePorts - first); ++i) {
+            const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            if (fd >= 0) {
+                sockets.push_back(fd);
+            }
+        }
+        for (size_t index = first; index < datagrams.size(); index += sourcePorts) {
+            for (size_t i = 0; i < sockets.size() && index + i < datagrams.size(); ++i) {
+                const std::string& datagram = datagrams[index + i];
+                sent += sendto(sockets[i], datagram.data(), datagram.size(), MSG_NOSIGNAL,
+                               reinterpret_cast<const sockaddr*>(&destination),
+                               sizeof destination) == static_cast<ssize_t>(datagram.size());
+            }
+        }
+        for (const int fd : sockets) {
+            close(fd);
+        }
+    }
+    return sent;
+}
+
 const char kClientName[] = "victim";
 
 int IgnoreReplay(void*, unsigned int, unsigned int) {
@@ -75,29 +171,31 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     FakeServer server(false);
     ASSERT_TRUE(server.IsBound());
     ReplayTest::PrepareReplayClient(server.Address());
-    ChildProcess application(RecordingApplication);
+    ReplayTest::ChildProcess application(RecordingApplication);
     server.Start();
     ASSERT_TRUE(server.WaitForDatagrams(1, 10s));
     const sockaddr_in client = server.Datagrams().front().sender;
 
-    // Paths that would stall an options reader for good: a FIFO nobody
-    // writes, and a device without end.
+    // What the parsers make of any other datagram is fuzzed; here the
+    // running client takes paths that would stall an options reader for
+    // good (a FIFO nobody writes, a device without end), absurd values and
+    // oversized commands.
     const std::string fifo = Root() + "/options.fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    std::vector<std::string> hostile = {
+    const std::string hostile[] = {
         "#stop c=" + fifo + ";",
         "#stop c=/dev/zero;",
+        "#record c=/;",
+        "#record c=" + std::string(300, 'a') + ";",
         "",
         "#record s=4294967296;t=99999999999.999;l=-2147483648.-999;D=-1;",
         "#replay l=2147483647.999;",
         "#record " + std::string(1000, ';'),
+        "#record " + std::string(kLargestDatagram, 's'),
         "#record s=1",
         "#replay x;y;z=;=;==;",
+        WithChecksum("\"1000.000:victim:!1 7:x", true),
     };
-    HostileMix mix(kSeed);
-    while (hostile.size() < kClientDatagrams) {
-        hostile.push_back(mix.ForClient());
-    }
     for (const std::string& datagram : hostile) {
         server.SendTo(client, datagram);
     }
@@ -107,25 +205,23 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     // have dropped its connection (an empty datagram does that) and come
     // back on another port, so every report it sends is answered.
     size_t seen = 0;
-    auto answerReports = [&](const std::string& command, bool& dataBlock,
-                             std::chrono::steady_clock::time_point& lastBlock) {
+    bool block = false;
+    auto lastBlock = std::chrono::steady_clock::now();
+    auto answerReports = [&](const std::string& command) {
         const std::vector<Datagram> received = server.Datagrams();
         for (; seen < received.size(); ++seen) {
             if (IsDataBlockOf(received[seen], kClientName)) {
-                dataBlock = true;
+                block = true;
                 lastBlock = received[seen].arrival;
             } else {
                 server.Reply(received[seen], command);
             }
         }
     };
-    const sockaddr_in latest = server.Datagrams().back().sender;
-    server.SendTo(latest, "#stop");
-    bool block = false;
-    auto lastBlock = std::chrono::steady_clock::now();
+    server.SendTo(server.Datagrams().back().sender, "#stop");
     EXPECT_TRUE(WaitFor(
         [&] {
-            answerReports("#stop", block, lastBlock);
+            answerReports("#stop");
             return std::chrono::steady_clock::now() - lastBlock > 1500ms;
         },
         15s, 20ms))
@@ -135,7 +231,7 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     server.SendTo(server.Datagrams().back().sender, "#record s=0;");
     EXPECT_TRUE(WaitFor(
         [&] {
-            answerReports("#record s=0;", block, lastBlock);
+            answerReports("#record s=0;");
             return block;
         },
         15s, 20ms))
@@ -145,14 +241,18 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     EXPECT_EQ(application.Wait(10s), 0);
 }
 
-// The count of datagrams the server has handled, from its status.
-uint64_t DatagramsHandled(const std::string& status) {
-    const size_t at = status.find("datagrams ");
-    unsigned long long count = 0;
-    if (at != std::string::npos) {
-        std::sscanf(status.c_str() + at, "datagrams %llu", &count);
+// The highest position number of `client` in a log dump, or -1.
+long LatestPosition(const std::string& dump, const std::string& client) {
+    const std::string key = ":" + client + ":!1 ";
+    long latest = -1;
+    for (size_t at = dump.find(key); at != std::string::npos; at = dump.find(key, at + 1)) {
+        const size_t position = dump.find(":POS ", at + key.size());
+        if (position != std::string::npos &&
+            dump.find_first_not_of("0123456789", at + key.size()) == position) {
+            latest = std::max(latest, std::strtol(dump.c_str() + position + 5, nullptr, 10));
+        }
     }
-    return count;
+    return latest;
 }
 
 // Refusal lines of the server's output, per client name.
@@ -168,7 +268,6 @@ std::map<std::string, int> RefusalsByName(const std::string& output) {
 
 constexpr size_t kBurstNames = 10;
 constexpr size_t kBurstRecords = 5000;
-constexpr size_t kServerDatagrams = 20000;
 constexpr size_t kFloodChunks = 10;
 constexpr size_t kPortsPerChunk = 400;
 constexpr unsigned int kFakeNames = 3000;
@@ -176,58 +275,63 @@ constexpr size_t kClientLimit = 64;
 // Every refused name is reported once, up to this many; then once that the
 // rest are only counted.
 constexpr size_t kNamedRefusals = 1024;
+constexpr size_t kFloodDatagrams = ReplayTest::kSanitizerBuild ? 30000 : 100000;
 
-class HostileServerTest : public ReplayTest::EndToEndTest {};
+class HostileServerTest : public ReplayTest::EndToEndTest {
+  protected:
+    long Handled() { return NumberAfter(Send("status").output, "\ndatagrams "); }
+    sockaddr_in ServerAddress() const {
+        return ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
+    }
+};
 
+// Whatever the server keeps per datagram, per source port or per made-up
+// name must stop growing once its bounds are reached, while the real
+// clients go on recording through it.
 TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAndStateBounded) {
     const std::vector<std::string> real = {"gps", "can"};
-    StartClients(real);
-    if (HasFatalFailure()) {
-        return;
-    }
-    ASSERT_EQ(Send("record 20").status, 0);
+    ASSERT_NO_FATAL_FAILURE(StartClients(real));
+    ASSERT_EQ(Send("record").status, 0);
     const auto recordingStarted = std::chrono::steady_clock::now();
 
     HostileMix mix(kSeed);
-    const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
     // First a burst of well-formed records under names the server accepts,
     // faster than the log writer takes them: the writer's pipe fills up.
     std::vector<std::string> burst;
     for (size_t i = 0; i < kBurstNames; ++i) {
-        burst.push_back(HostileMix::ConnectRecord("burst" + std::to_string(i)));
+        burst.push_back(StatusRecord("burst" + std::to_string(i), 1000000, ""));
     }
-    ReplayTest::SendFromManyPorts(server, burst, burst.size());
+    SendFromManyPorts(ServerAddress(), burst, burst.size());
     burst.clear();
     for (size_t i = 0; i < kBurstRecords; ++i) {
         burst.push_back(mix.DataRecord("burst" + std::to_string(i % kBurstNames)));
     }
-    ReplayTest::SendFromManyPorts(server, burst, kPortsPerChunk);
+    SendFromManyPorts(ServerAddress(), burst, kPortsPerChunk);
     ASSERT_TRUE(
-        WaitFor([&] { return DatagramsHandled(Send("status").output) >= kBurstRecords * 9 / 10; },
-                20s, 50ms))
+        WaitFor([&] { return Handled() >= static_cast<long>(kBurstRecords * 9 / 10); }, 20s, 50ms))
         << "the server no longer takes datagrams";
     // Measured once recording and the log are under way, so that what the
-    // flood below adds stands out.
+    // flood below adds stands out; again after each tenth of the flood.
     const long residentBefore = ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS");
-
+    std::vector<long> resident;
     size_t sent = 0;
     for (size_t chunk = 0; chunk < kFloodChunks; ++chunk) {
         std::vector<std::string> datagrams;
-        for (size_t i = 0; i < kServerDatagrams / kFloodChunks; ++i) {
+        for (size_t i = 0; i < kFloodDatagrams / kFloodChunks; ++i) {
             datagrams.push_back(mix.ForServer(kFakeNames));
         }
-        const uint64_t handledBefore = DatagramsHandled(Send("status").output);
-        sent += ReplayTest::SendFromManyPorts(server, datagrams, kPortsPerChunk);
+        const long handledBefore = Handled();
+        sent += SendFromManyPorts(ServerAddress(), datagrams, kPortsPerChunk);
         // Keep the backlog within the socket's buffer, so that the flood is
         // taken in whole, whatever the build's speed.
         WaitFor(
             [&] {
-                return DatagramsHandled(Send("status").output) >=
-                       handledBefore + datagrams.size() * 9 / 10;
+                return Handled() >= handledBefore + static_cast<long>(datagrams.size() * 9 / 10);
             },
-            10s, 50ms);
+            20s, 50ms);
+        resident.push_back(ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS"));
     }
-    EXPECT_EQ(sent, kServerDatagrams);
+    EXPECT_EQ(sent, kFloodDatagrams);
     // However fast the flood went, the real clients record for at least
     // three seconds (30 positions each) before the stop.
     std::this_thread::sleep_until(recordingStarted + std::chrono::seconds(3));
@@ -240,9 +344,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     const std::string table = Send("clients").output;
     EXPECT_LE(static_cast<size_t>(std::count(table.begin(), table.end(), '\n')), kClientLimit + 1)
         << table;
-    for (const std::string& name : real) {
-        EXPECT_EQ(ClientEntries(name), 1) << table;
-    }
+    EXPECT_TRUE(AllRunning(real)) << table;
 
     // Each refused name is reported once, and only so many are named.
     const std::map<std::string, int> refusals = RefusalsByName(m_server->Output());
@@ -253,21 +355,22 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
     EXPECT_EQ(ReplayTest::Occurrences(m_server->Output(), "further refusals are only counted"), 1);
 
-    // Sanitizer builds keep shadow memory and allocation history of their
-    // own, so only the plain build's resident size says anything.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    const long residentAfter = ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS");
-    EXPECT_LT(residentAfter - residentBefore, 16 * 1024)
-        << residentBefore << " kB before, " << residentAfter << " kB after, "
-        << ReplaySupport::ProcessStatusNumber(m_server->Pid(), "Threads") << " threads";
-#else
-    (void)residentBefore;
-#endif
+    std::ostringstream curve;
+    for (long kilobytes : resident) {
+        curve << kilobytes << " ";
+    }
+    std::printf("resident kB after each tenth: %s\n", curve.str().c_str());
+    // Over the second half every bound has long been reached: allow only
+    // the allocator's noise.
+    if (!ReplayTest::kSanitizerBuild) {
+        EXPECT_LT(resident.back() - residentBefore, 16 * 1024) << residentBefore << " kB before";
+        EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve.str();
+    }
 
     // The real clients were recorded all along, into a log that verifies.
     const std::string dump = Dump();
     for (const std::string& name : real) {
-        EXPECT_GE(ReplayTest::LatestPosition(dump, name), 10) << name;
+        EXPECT_GE(LatestPosition(dump, name), 10) << name;
     }
     ExpectReadableLog(false);
     for (const ReplayTest::ClientSummary& summary : StopClients()) {
@@ -276,70 +379,23 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
 }
 
-// A long flood with nobody recording: whatever the server keeps per datagram,
-// per source port or per made-up name must stop growing once its bounds are
-// reached. The resident size is sampled after each tenth of the flood.
-TEST_F(HostileServerTest, LongFloodLeavesTheServersMemoryFlat) {
-    HostileMix mix(kSeed + 1);
-    const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    constexpr size_t kLongFlood = 100000;
-#else
-    // Slower by far, and their resident size says nothing: a shorter flood.
-    constexpr size_t kLongFlood = 30000;
-#endif
-    ASSERT_EQ(Send("record").status, 0);
-    std::vector<long> resident;
-    for (size_t chunk = 0; chunk < kFloodChunks; ++chunk) {
-        std::vector<std::string> datagrams;
-        for (size_t i = 0; i < kLongFlood / kFloodChunks; ++i) {
-            datagrams.push_back(mix.ForServer(kFakeNames));
-        }
-        const uint64_t handledBefore = DatagramsHandled(Send("status").output);
-        ReplayTest::SendFromManyPorts(server, datagrams, kPortsPerChunk);
-        WaitFor(
-            [&] {
-                return DatagramsHandled(Send("status").output) >=
-                       handledBefore + datagrams.size() * 9 / 10;
-            },
-            20s, 50ms);
-        resident.push_back(ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS"));
-    }
-    ASSERT_TRUE(m_server->Running()) << m_server->Output();
-    std::ostringstream curve;
-    for (long kilobytes : resident) {
-        curve << kilobytes << " ";
-    }
-    std::printf("resident kB after each tenth: %s\n", curve.str().c_str());
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // Over the second half every bound has long been reached: allow only
-    // the allocator's noise.
-    EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve.str();
-#endif
-}
-
 // A record stamped an hour ahead of its client's clock would stretch the
 // log by an hour and make a replay wait for it: it is refused and counted,
 // while the same client's records around it are kept.
 TEST_F(HostileServerTest, RecordFarFromItsClientsClockIsRefusedAndCounted) {
     ASSERT_EQ(Send("record").status, 0);
-    const sockaddr_in server = ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
-    auto data = [](const std::string& time, int sequence, const std::string& item) {
-        return ReplayTest::WithChecksum("\"" + time + ":forger:!1 " + std::to_string(sequence) +
-                                        ":" + item);
-    };
     const std::vector<std::string> records = {
-        HostileMix::ConnectRecord("forger"), data("1000.000", 1, "in time"),
-        data("4600.000", 2, "an hour ahead"), data("1000.500", 3, "in time again")};
-    ASSERT_EQ(ReplayTest::SendFromManyPorts(server, records, 1), records.size());
-    std::string status;
+        StatusRecord("forger", 1000000, ""),
+        ServerTest::DataRecord("forger", 1000000, 1, "in time"),
+        ServerTest::DataRecord("forger", 4600000, 2, "an hour ahead"),
+        ServerTest::DataRecord("forger", 1000500, 3, "in time again")};
+    ASSERT_EQ(SendFromManyPorts(ServerAddress(), records, 1), records.size());
     EXPECT_TRUE(WaitFor(
         [&] {
-            status = Send("status").output;
-            return status.find("outside the time window 1,") != std::string::npos;
+            return Send("status").output.find("outside the time window 1,") != std::string::npos;
         },
         10s, 50ms))
-        << status;
+        << Send("status").output;
     ASSERT_EQ(Send("stop").status, 0);
     EXPECT_EQ(Send("wait").status, 0);
     const std::string dump = Dump();

@@ -35,11 +35,6 @@ struct HandOver {
     int result = 0;
 };
 
-struct Journal {
-    bool done = false;
-    std::vector<HandOver> items;
-};
-
 // Where an item was found in the log: its stored time, how often.
 struct Stored {
     int64_t timeMs = 0;
@@ -63,22 +58,19 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
                                     base + ".out", m_environment));
     }
 
-    Journal ReadJournal(const std::string& name) const {
-        Journal journal;
-        std::istringstream in(ReplayTest::ReadFile(Root() + "/" + name + ".journal"));
-        std::string line;
-        while (std::getline(in, line)) {
-            if (line == "done") {
-                journal.done = true;
-                break;
-            }
-            std::istringstream fields(line);
-            size_t index = 0;
-            HandOver handOver;
-            fields >> index >> handOver.beforeMs >> handOver.afterMs >> handOver.result;
-            journal.items.push_back(handOver);
+    std::string Journal(const std::string& name) const {
+        return ReplayTest::ReadFile(Root() + "/" + name + ".journal");
+    }
+    // The hand-overs of a journal, up to its "done".
+    std::vector<HandOver> HandOvers(const std::string& name) const {
+        std::vector<HandOver> handOvers;
+        std::istringstream in(Journal(name));
+        size_t index = 0;
+        HandOver handOver;
+        while (in >> index >> handOver.beforeMs >> handOver.afterMs >> handOver.result) {
+            handOvers.push_back(handOver);
         }
-        return journal;
+        return handOvers;
     }
 
     // Every item of every client in the log, by client and stored bytes
@@ -129,12 +121,9 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
     }
 
     bool AllPlansDone() const {
-        for (const auto& plan : m_plans) {
-            if (!ReadJournal(plan.first).done) {
-                return false;
-            }
-        }
-        return true;
+        return std::all_of(m_plans.begin(), m_plans.end(), [&](const auto& plan) {
+            return Journal(plan.first).find("done\n") != std::string::npos;
+        });
     }
 
     std::map<std::string, std::vector<PlannedItem>> m_plans;
@@ -168,12 +157,7 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
     StartTimedClient("slow", slow);
     StartTimedClient("idle", idle);
     StartTimedClient("sizes", sizes);
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            return AllRunning({"slow", "idle", "sizes"});
-        },
-        15s, 50ms))
-        << Send("clients").output << m_server->Output();
+    ASSERT_NO_FATAL_FAILURE(WaitUntilRunning({"slow", "idle", "sizes"}));
 
     ASSERT_EQ(Send("record").status, 0);
     // The plans take about seven seconds; each client's last block is on
@@ -188,14 +172,13 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
     EXPECT_EQ(oversized, 0u);
     for (const auto& plan : m_plans) {
         SCOPED_TRACE(plan.first);
-        const Journal journal = ReadJournal(plan.first);
-        ASSERT_TRUE(journal.done);
-        ASSERT_EQ(journal.items.size(), plan.second.size());
+        const std::vector<HandOver> handOvers = HandOvers(plan.first);
+        ASSERT_EQ(handOvers.size(), plan.second.size());
         const std::map<std::string, Stored>& stored = logged.at(plan.first);
         size_t slowCalls = 0;
         size_t refused = 0;
-        for (size_t i = 0; i < journal.items.size(); ++i) {
-            const HandOver& handOver = journal.items[i];
+        for (size_t i = 0; i < handOvers.size(); ++i) {
+            const HandOver& handOver = handOvers[i];
             const auto found = stored.find(StoredForm(plan.first, i));
             if (handOver.result < 0) {
                 // Refused: only an item that cannot fit a block, and then it
@@ -218,16 +201,16 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
         // The bounds above are tight only while calls are quick; a loaded
         // machine may stretch some of them (a call that sends a block most),
         // but not most.
-        EXPECT_LE(slowCalls, journal.items.size() / 2) << slowCalls << " slow calls";
+        EXPECT_LE(slowCalls, handOvers.size() / 2) << slowCalls << " slow calls";
         if (plan.first == "sizes") {
             // The boundary lies inside the range: the smallest text items
             // are stored, the largest refused, and so are the largest
             // binary ones; the client went on recording after each refusal.
-            EXPECT_GE(journal.items[1].result, 0);
-            EXPECT_LT(journal.items[88].result, 0);
-            EXPECT_LT(journal.items.back().result, 0);
+            EXPECT_GE(handOvers[1].result, 0);
+            EXPECT_LT(handOvers[88].result, 0);
+            EXPECT_LT(handOvers.back().result, 0);
             EXPECT_GT(refused, 0u);
-            EXPECT_GE(journal.items[journal.items.size() - 3].result, 0);
+            EXPECT_GE(handOvers[handOvers.size() - 3].result, 0);
         } else {
             EXPECT_EQ(refused, 0u);
         }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -45,16 +46,12 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
     }
 
     // A demo client whose journal holds `items`, as if it had recorded
-    // them; it writes each item it is replayed to its items file.
+    // them: the journal the next start of StartClient uses.
     void StartReplayClient(const std::string& name, const std::vector<Item>& items) {
-        const std::string run = Root() + "/" + name + "." + std::to_string(m_clients.size());
-        std::ofstream(run + ".journal") << ReplayTest::DemoJournal(items);
-        m_itemsPath = run + ".items";
-        m_environment.push_back("DEMO_CLIENT_ITEMS=" + m_itemsPath);
+        std::ofstream(Root() + "/" + name + "." + std::to_string(m_clients.size()) + ".journal")
+            << ReplayTest::DemoJournal(items);
         StartClient(name);
-        m_environment.pop_back();
-        ASSERT_TRUE(ReplayTest::WaitFor([&] { return AllRunning({name}); }, 15s, 50ms))
-            << Send("clients").output;
+        ASSERT_NO_FATAL_FAILURE(WaitUntilRunning({name}));
     }
 
     // Replays, waits until done, ends the client and reads what it got.
@@ -65,26 +62,21 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         EXPECT_EQ(waited.output, "done\n") << m_server->Output();
         m_clients.back()->Signal(SIGTERM);
         EXPECT_EQ(m_clients.back()->Wait(20s), 0) << m_clients.back()->Output();
-        return ReplayTest::ReadReplayedItems(m_itemsPath);
+        return ClientItems(m_clients.size() - 1);
     }
 
     static std::vector<long long> Indexes(const std::vector<Replayed>& replayed) {
-        std::vector<long long> indexes;
-        for (const Replayed& item : replayed) {
-            indexes.push_back(item.index);
-        }
+        std::vector<long long> indexes(replayed.size());
+        std::transform(replayed.begin(), replayed.end(), indexes.begin(),
+                       [](const Replayed& item) { return item.index; });
         return indexes;
     }
 
     static std::vector<long long> Range(long long first, long long last) {
-        std::vector<long long> range;
-        for (long long i = first; i <= last; ++i) {
-            range.push_back(i);
-        }
+        std::vector<long long> range(static_cast<size_t>(last - first + 1));
+        std::iota(range.begin(), range.end(), first);
         return range;
     }
-
-    std::string m_itemsPath;
 };
 
 // At 100 Hz the items of a block are 10 ms apart: a client takes the next

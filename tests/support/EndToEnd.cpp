@@ -1,9 +1,7 @@
 #include "tests/support/EndToEnd.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <sstream>
 
@@ -14,6 +12,8 @@ using namespace std::chrono_literals;
 std::string BuiltBinary(const std::string& relative) {
     return std::string(REPLAY_BINARY_DIR) + "/" + relative;
 }
+
+namespace {
 
 ClientSummary ParseClientSummary(const std::string& output) {
     ClientSummary summary;
@@ -28,39 +28,18 @@ ClientSummary ParseClientSummary(const std::string& output) {
         summary.identical = std::string(identical) == "yes";
         const size_t timing = output.find("timing error ms:", at);
         if (timing != std::string::npos) {
-            std::sscanf(output.c_str() + timing, "timing error ms: mean %lf p99 %ld max %ld",
-                        &summary.meanErrorMs, &summary.p99ErrorMs, &summary.maxErrorMs);
+            std::sscanf(output.c_str() + timing, "timing error ms: mean %*f p99 %*d max %ld",
+                        &summary.maxErrorMs);
         }
     }
     return summary;
 }
 
-std::vector<ReplayedItem> ReadReplayedItems(const std::string& path) {
-    std::vector<ReplayedItem> items;
-    std::istringstream in(ReadFile(path));
-    ReplayedItem item;
-    while (in >> item.index >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
-        items.push_back(item);
-    }
-    return items;
-}
+}  // namespace
 
 long NumberAfter(const std::string& text, const std::string& key) {
     const size_t at = text.rfind(key);
     return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + key.size(), nullptr, 10);
-}
-
-long LatestPosition(const std::string& dump, const std::string& client) {
-    const std::string key = ":" + client + ":!1 ";
-    long latest = -1;
-    for (size_t at = dump.find(key); at != std::string::npos; at = dump.find(key, at + 1)) {
-        const size_t position = dump.find(":POS ", at + key.size());
-        if (position != std::string::npos &&
-            dump.find_first_not_of("0123456789", at + key.size()) == position) {
-            latest = std::max(latest, std::strtol(dump.c_str() + position + 5, nullptr, 10));
-        }
-    }
-    return latest;
 }
 
 void EndToEndTest::SetUp() {
@@ -89,7 +68,6 @@ void EndToEndTest::PrepareTarget() {
     // Components take part in record and replay only when this is set.
     setenv("ENABLE_REPLAY", "1", 1);
     MakeTargetDirectory("/fs/usb0");
-    MakeTargetDirectory("/tmp");
     m_ip = RandomLoopbackAddress();
     WriteFile("ReplayConfig.txt", "serverIP:" + m_ip +
                                       ";\nexternalConnectWait:0;\n"
@@ -130,32 +108,18 @@ CommandResult EndToEndTest::Send(const std::string& command) {
 
 CommandResult EndToEndTest::Run(std::vector<std::string> argv) {
     argv[0] = BuiltBinary(argv[0]);
-    const std::string output = Root() + "/command" + std::to_string(m_commands++) + ".out";
-    Process process(argv, output);
-    const int status = process.Wait(20s);
-    return {status, process.Output()};
+    CommandResult result;
+    result.status = ReplaySupport::RunCommand(argv, 20s, result.output);
+    return result;
 }
 
-CommandResult EndToEndTest::Verify(const std::string& path) {
-    return Run({"tools/replaylog/replaylog", "verify", path.empty() ? LogPath() : path});
-}
-
-void EndToEndTest::ExpectLogIntact(const std::string& path) {
-    const std::string log = path.empty() ? LogPath() : path;
-    const CommandResult verify = Verify(log);
+void EndToEndTest::ExpectLogIntact() {
+    const CommandResult verify = Run({"tools/replaylog/replaylog", "verify", LogPath()});
     EXPECT_EQ(verify.status, 0) << verify.output;
-    const char* keep = std::getenv("REPLAY_FAILED_LOG_DIR");
-    if (verify.status != 0 && keep != nullptr) {
-        const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::error_code ignored;
-        std::filesystem::copy_file(
-            log, std::string(keep) + "/" + test->test_suite_name() + "." + test->name() + ".DAT",
-            std::filesystem::copy_options::overwrite_existing, ignored);
-    }
 }
 
 std::string EndToEndTest::ExpectReadableLog(bool inTimeOrder) {
-    const CommandResult verify = Verify();
+    const CommandResult verify = Run({"tools/replaylog/replaylog", "verify", LogPath()});
     EXPECT_TRUE(verify.status == 0 || verify.status == 1) << verify.output;
     EXPECT_NE(verify.output.find(" 0 checksum failures"), std::string::npos) << verify.output;
     EXPECT_NE(verify.output.find(" 0 skipped regions"), std::string::npos) << verify.output;
@@ -166,8 +130,8 @@ std::string EndToEndTest::ExpectReadableLog(bool inTimeOrder) {
     return verify.output;
 }
 
-std::string EndToEndTest::Dump(const std::string& path) {
-    return Run({"tools/replaylog/replaylog", "dump", path.empty() ? LogPath() : path}).output;
+std::string EndToEndTest::Dump() {
+    return Run({"tools/replaylog/replaylog", "dump", LogPath()}).output;
 }
 
 Process& EndToEndTest::StartClient(const std::string& name,
@@ -176,26 +140,32 @@ Process& EndToEndTest::StartClient(const std::string& name,
     std::vector<std::string> argv = {BuiltBinary("examples/demo_client"), name, run + ".journal"};
     argv.insert(argv.end(), options.begin(), options.end());
     m_clientRuns.push_back(run);
-    m_clients.emplace_back(new Process(argv, run + ".out", m_environment));
+    std::vector<std::string> environment = m_environment;
+    environment.push_back("DEMO_CLIENT_ITEMS=" + run + ".items");
+    m_clients.emplace_back(new Process(argv, run + ".out", environment));
     return *m_clients.back();
 }
 
-int EndToEndTest::ClientEntries(const std::string& name, bool runningOnly) {
-    const std::string table = Send("clients").output;
-    int entries = 0;
-    std::istringstream lines(table);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.compare(0, name.size() + 1, name + " ") == 0 &&
-            (!runningOnly || line.find("Running") != std::string::npos)) {
-            ++entries;
-        }
+std::vector<ReplayedItem> EndToEndTest::ClientItems(size_t index) const {
+    std::vector<ReplayedItem> items;
+    std::istringstream in(ReadFile(m_clientRuns.at(index) + ".items"));
+    ReplayedItem item;
+    while (in >> item.index >> item.recordedMs >> item.momentUs >> item.clockLeadMs) {
+        items.push_back(item);
     }
-    return entries;
+    return items;
 }
 
 bool EndToEndTest::AllRunning(const std::vector<std::string>& names) {
+    const std::string table = Send("clients").output;
     for (const std::string& name : names) {
-        if (ClientEntries(name) != 1) {
+        int entries = 0;
+        std::istringstream lines(table);
+        for (std::string line; std::getline(lines, line);) {
+            entries += line.compare(0, name.size() + 1, name + " ") == 0 &&
+                       line.find("Running") != std::string::npos;
+        }
+        if (entries != 1) {
             return false;
         }
     }
@@ -206,7 +176,11 @@ void EndToEndTest::StartClients(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         StartClient(name);
     }
-    ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 15s, 50ms))
+    WaitUntilRunning(names);
+}
+
+void EndToEndTest::WaitUntilRunning(const std::vector<std::string>& names) {
+    ASSERT_TRUE(WaitFor([&] { return AllRunning(names); }, 20s, 50ms))
         << Send("clients").output << m_clients.back()->Output() << m_server->Output();
 }
 

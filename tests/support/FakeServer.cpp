@@ -1,14 +1,12 @@
 #include "tests/support/FakeServer.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 
+#include "tests/support/HostileTraffic.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {
@@ -20,11 +18,8 @@ FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
             return;
         }
         const std::string address = RandomLoopbackAddress();
-        sockaddr_in local{};
-        local.sin_family = AF_INET;
-        local.sin_port = htons(static_cast<uint16_t>(port));
-        inet_pton(AF_INET, address.c_str(), &local.sin_addr);
-        if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) == 0) {
+        const sockaddr_in local = LoopbackAddress(address, port);
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
             m_socket = fd;
             m_address = address;
             break;
@@ -35,68 +30,45 @@ FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
             return;
         }
     }
-    if (m_socket >= 0 && pipe2(m_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        m_wakePipe[0] = m_wakePipe[1] = -1;
-    }
     if (startReceiving) {
         Start();
     }
 }
 
 FakeServer::~FakeServer() {
-    Close();
-    for (int& fd : m_wakePipe) {
-        if (fd >= 0) {
-            close(fd);
-            fd = -1;
-        }
-    }
-}
-
-void FakeServer::Start() {
-    if (m_socket >= 0 && m_wakePipe[0] >= 0 && !m_thread.joinable()) {
-        m_thread = std::thread(&FakeServer::ReceiveLoop, this);
-    }
-}
-
-void FakeServer::Close() {
+    m_stopping.store(true);
     if (m_thread.joinable()) {
-        const char wake = 'x';
-        (void)!write(m_wakePipe[1], &wake, 1);
         m_thread.join();
     }
     if (m_socket >= 0) {
         close(m_socket);
-        m_socket = -1;
+    }
+}
+
+void FakeServer::Start() {
+    if (m_socket >= 0 && !m_thread.joinable()) {
+        // How soon the receive loop notices the destructor.
+        const timeval wake{0, 20000};
+        setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &wake, sizeof wake);
+        m_thread = std::thread(&FakeServer::ReceiveLoop, this);
     }
 }
 
 void FakeServer::ReceiveLoop() {
     // On the heap: 64 KiB of thread-local storage would be reserved in every
     // thread of the test program and leave no room in small thread stacks.
-    std::vector<char> storage(65536);
-    char* buffer = storage.data();
-    pollfd watched[2] = {{m_socket, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
-    for (;;) {
-        if (poll(watched, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        if (watched[1].revents != 0) {
-            return;
-        }
+    std::vector<char> buffer(65536);
+    while (!m_stopping.load()) {
         Datagram datagram;
         socklen_t senderLength = sizeof datagram.sender;
         const ssize_t received =
-            recvfrom(m_socket, buffer, storage.size(), MSG_DONTWAIT,
+            recvfrom(m_socket, buffer.data(), buffer.size(), 0,
                      reinterpret_cast<sockaddr*>(&datagram.sender), &senderLength);
         if (received < 0) {
             continue;
         }
         datagram.arrival = std::chrono::steady_clock::now();
-        datagram.bytes.assign(buffer, static_cast<size_t>(received));
+        datagram.bytes.assign(buffer.data(), static_cast<size_t>(received));
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_datagrams.push_back(std::move(datagram));

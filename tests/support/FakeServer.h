@@ -9,6 +9,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -43,9 +44,6 @@ class FakeServer {
     int Port() const { return m_port; }
 
     void Start();
-    // Stops receiving and closes the socket: the server has gone away, and
-    // later datagrams to its address draw a port-unreachable answer.
-    void Close();
 
     std::vector<Datagram> Datagrams() const;
     size_t Count() const;
@@ -65,7 +63,7 @@ class FakeServer {
     void ReceiveLoop();
 
     int m_socket = -1;
-    int m_wakePipe[2] = {-1, -1};
+    std::atomic<bool> m_stopping{false};
     int m_port;
     std::string m_address;
     std::thread m_thread;

@@ -114,10 +114,6 @@ void ManualClock::Advance(int64_t ms) {
     g_manualNow.fetch_add(ms);
 }
 
-int64_t ManualClock::Get() const {
-    return g_manualNow.load();
-}
-
 int Occurrences(const std::string& text, const std::string& fragment) {
     int count = 0;
     for (size_t at = text.find(fragment); at != std::string::npos;
@@ -159,21 +155,16 @@ void Record(CapturedDebug::Channel channel, const char* format, va_list argument
     capture.lines.push_back({channel, text});
 }
 
-void OnMessage(const char* format, va_list arguments) {
-    Record(CapturedDebug::kMessage, format, arguments);
-}
-void OnWarning(const char* format, va_list arguments) {
-    Record(CapturedDebug::kWarning, format, arguments);
-}
-void OnError(const char* format, va_list arguments) {
-    Record(CapturedDebug::kError, format, arguments);
+template <CapturedDebug::Channel channel>
+void On(const char* format, va_list arguments) {
+    Record(channel, format, arguments);
 }
 
 }  // namespace
 
 CapturedDebug::CapturedDebug(const char* appName) {
     Clear();
-    SetupLoggingHandlers(appName, &OnMessage, &OnWarning, &OnError);
+    SetupLoggingHandlers(appName, &On<kMessage>, &On<kWarning>, &On<kError>);
 }
 
 CapturedDebug::~CapturedDebug() {
@@ -186,18 +177,11 @@ std::vector<CapturedDebug::Line> CapturedDebug::Lines() const {
     return capture.lines;
 }
 
-int CapturedDebug::Count(const std::string& fragment) const {
+int CapturedDebug::Count(const std::string& fragment, int channel) const {
     int count = 0;
     for (const Line& line : Lines()) {
-        count += line.text.find(fragment) != std::string::npos ? 1 : 0;
-    }
-    return count;
-}
-
-int CapturedDebug::Count(Channel channel, const std::string& fragment) const {
-    int count = 0;
-    for (const Line& line : Lines()) {
-        count += line.channel == channel && line.text.find(fragment) != std::string::npos ? 1 : 0;
+        count += (channel < 0 || line.channel == channel) &&
+                 line.text.find(fragment) != std::string::npos;
     }
     return count;
 }

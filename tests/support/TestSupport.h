@@ -65,7 +65,6 @@ class ManualClock {
 
     void Set(int64_t ms);
     void Advance(int64_t ms);
-    int64_t Get() const;
 };
 
 using ReplaySupport::RandomLoopbackAddress;
@@ -94,8 +93,10 @@ class CapturedDebug {
     std::vector<Line> Lines() const;
     // Number of captured lines containing `fragment` (on any channel, or on
     // the given one).
-    int Count(const std::string& fragment) const;
-    int Count(Channel channel, const std::string& fragment) const;
+    int Count(Channel channel, const std::string& fragment) const {
+        return Count(fragment, channel);
+    }
+    int Count(const std::string& fragment, int channel = -1) const;
     bool Contains(const std::string& fragment) const { return Count(fragment) > 0; }
     void Clear();
     std::string Dump() const;

@@ -4,16 +4,15 @@
 // subcommands make of the golden logs.
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 
 #include "libreplay/ReplayVersion.h"
+#include "support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -24,59 +23,38 @@ struct Result {
     std::string err;  // standard error
 };
 
+const char kReplaylog[] = "tools/replaylog/replaylog";
+const char kServer[] = "server/ReplayManager";
+
 std::string Golden(const char* name) {
     return std::string(REPLAY_TEST_DATA_DIR) + "/logs/" + name;
 }
 
 int Lines(const std::string& text) {
-    int lines = 0;
-    for (char c : text) {
-        lines += c == '\n' ? 1 : 0;
-    }
-    return lines;
+    return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
 }
 
 class ToolBehaviourTest : public ReplayTest::TargetRootTest {
   protected:
-    // Runs a program of the build tree; `timeout` kills one that blocks,
-    // which then fails the status check.
+    // Runs a program of the build tree; one that blocks is killed after 20 s
+    // and then fails the status check.
     Result Run(const std::string& program, const std::string& arguments) {
         const std::string errFile = Root() + "/stderr.txt";
-        const std::string command = "timeout 20 " + std::string(REPLAY_BINARY_DIR) + "/" + program +
-                                    " " + arguments + " 2>" + errFile + " </dev/null";
         Result result;
-        FILE* pipe = popen(command.c_str(), "r");
-        if (pipe == nullptr) {
-            return result;
-        }
-        char buffer[4096];
-        size_t got;
-        while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-            result.out.append(buffer, got);
-        }
-        const int status = pclose(pipe);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        result.status = ReplaySupport::RunCommand(
+            {"/bin/sh", "-c",
+             std::string(REPLAY_BINARY_DIR) + "/" + program + " " + arguments + " 2>" + errFile},
+            std::chrono::seconds(20), result.out);
         result.err = ReplayTest::ReadFile(errFile);
         return result;
     }
-    Result Replaylog(const std::string& arguments) {
-        return Run("tools/replaylog/replaylog", arguments);
-    }
-    Result Server(const std::string& arguments) { return Run("server/ReplayManager", arguments); }
-    // A mistake: the status, nothing on standard output, one line on
-    // standard error that contains `phrase`.
-    void ExpectMistake(const Result& result, int status, const std::string& phrase) {
-        EXPECT_EQ(result.status, status) << result.err;
-        EXPECT_EQ(Lines(result.err), 1) << result.err;
-        EXPECT_NE(result.err.find(phrase), std::string::npos) << result.err;
-        EXPECT_EQ(result.out, "");
-    }
+    Result Replaylog(const std::string& arguments) { return Run(kReplaylog, arguments); }
 };
 
 TEST_F(ToolBehaviourTest, EveryProgramAnswersVersionWithTheProjectVersion) {
     for (const char* program :
-         {"server/ReplayManager", "tools/replaylog/replaylog", "logger/replay-logger",
-          "tools/soak/replay-soak", "examples/demo_client", "examples/replay_tour"}) {
+         {kServer, kReplaylog, "logger/replay-logger", "tools/soak/replay-soak",
+          "examples/demo_client", "examples/replay_tour"}) {
         const Result result = Run(program, "--version");
         EXPECT_EQ(result.status, 0) << program;
         EXPECT_NE(result.out.find(LIBREPLAY_VERSION), std::string::npos)
@@ -84,28 +62,45 @@ TEST_F(ToolBehaviourTest, EveryProgramAnswersVersionWithTheProjectVersion) {
     }
 }
 
-TEST_F(ToolBehaviourTest, ReplaylogRefusesWhatIsNotALogAtOnce) {
-    const Result missing = Replaylog("info " + Root() + "/missing.dat");
-    ExpectMistake(missing, 1, "No such file");
-    EXPECT_EQ(missing.err,
-              "replaylog: cannot read " + Root() + "/missing.dat: No such file or directory\n");
-    ExpectMistake(Replaylog("dump " + Root()), 1, "directory");
-    // A FIFO nobody writes to would block a reader for ever.
+// A mistake ends with its status, nothing on standard output and one line on
+// standard error that names the problem, at once: a FIFO nobody writes to
+// would block a reader for ever, and with a file that cannot be replayed the
+// server stops before it binds or reads its standard input.
+TEST_F(ToolBehaviourTest, MistakesEndAtOnceWithTheirStatusAndOneLineNamingThem) {
     const std::string fifo = Root() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    ExpectMistake(Replaylog("verify " + fifo), 1, "FIFO");
-    ExpectMistake(Replaylog("info /dev/null"), 1, "device");
-    const std::string text = WriteTargetFile("/notes.txt", "shopping list\nmilk\n");
-    ExpectMistake(Replaylog("info " + text), 1, "not a replay log");
+    const std::string missing = Root() + "/missing.dat";
+    const std::string clean = Golden("clean.dat");
+    struct Case {
+        const char* program;
+        std::string arguments;
+        int status;
+        std::string phrase;
+    };
+    const Case cases[] = {
+        {kReplaylog, "info " + missing, 1,
+         "replaylog: cannot read " + missing + ": No such file or directory\n"},
+        {kReplaylog, "dump " + Root(), 1, "directory"},
+        {kReplaylog, "verify " + fifo, 1, "FIFO"},
+        {kReplaylog, "info /dev/null", 1, "device"},
+        {kReplaylog, "info " + WriteTargetFile("/notes.txt", "shopping list\nmilk\n"), 1,
+         "not a replay log"},
+        {kReplaylog, "dump -c compass " + clean, 2, "compass"},
+        {kReplaylog, "extract -s 7 " + Golden("two_segments.dat"), 2, "segment 7"},
+        {kReplaylog, "export -c gps -c nobody " + clean, 2, "nobody"},
+        {kServer, "--port 1 replay " + missing, 1, "No such file"},
+        {kServer, "--port 1 replay " + Root(), 1, "directory"},
+        {kServer, "--port 1 replay " + fifo, 1, "not a regular file"},
+    };
+    for (const Case& c : cases) {
+        const Result result = Run(c.program, c.arguments);
+        EXPECT_EQ(result.status, c.status) << c.arguments << ": " << result.err;
+        EXPECT_EQ(Lines(result.err), 1) << result.err;
+        EXPECT_NE(result.err.find(c.phrase), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "") << c.arguments;
+    }
     // An empty file is an empty log, not a mistake.
-    const std::string empty = WriteTargetFile("/empty.dat", "");
-    EXPECT_EQ(Replaylog("info " + empty).status, 0);
-}
-
-TEST_F(ToolBehaviourTest, ReplaylogNamesAClientOrSegmentTheLogDoesNotHave) {
-    ExpectMistake(Replaylog("dump -c compass " + Golden("clean.dat")), 2, "compass");
-    ExpectMistake(Replaylog("extract -s 7 " + Golden("two_segments.dat")), 2, "segment 7");
-    ExpectMistake(Replaylog("export -c gps -c nobody " + Golden("clean.dat")), 2, "nobody");
+    EXPECT_EQ(Replaylog("info " + WriteTargetFile("/empty.dat", "")).status, 0);
 }
 
 TEST_F(ToolBehaviourTest, BadOptionsAreUsageErrors) {
@@ -113,18 +108,8 @@ TEST_F(ToolBehaviourTest, BadOptionsAreUsageErrors) {
     EXPECT_EQ(Replaylog("info --frobnicate " + Golden("clean.dat")).status, 2);
     EXPECT_EQ(Replaylog("dump --from soon " + Golden("clean.dat")).status, 2);
     EXPECT_EQ(Replaylog("export --format xml " + Golden("clean.dat")).status, 2);
-    EXPECT_EQ(Server("--port 0").status, 2);
+    EXPECT_EQ(Run(kServer, "--port 0").status, 2);
     EXPECT_EQ(Run("logger/replay-logger", "--queue-records 0").status, 2);
-}
-
-TEST_F(ToolBehaviourTest, ServerChecksTheReplayFileBeforeServing) {
-    // With a file that cannot be replayed the server stops before it binds
-    // or reads its standard input.
-    ExpectMistake(Server("--port 1 replay " + Root() + "/missing.dat"), 1, "No such file");
-    ExpectMistake(Server("--port 1 replay " + Root()), 1, "directory");
-    const std::string fifo = Root() + "/fifo";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    ExpectMistake(Server("--port 1 replay " + fifo), 1, "not a regular file");
 }
 
 // Each damaged log fails with exactly its problem, at its offset; the JSON

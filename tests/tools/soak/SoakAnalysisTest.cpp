@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -42,10 +43,8 @@ std::vector<LoggedItem> Stored(const std::vector<SentItem>& sent,
 }
 
 std::vector<size_t> Range(size_t from, size_t to) {
-    std::vector<size_t> range;
-    for (size_t i = from; i < to; ++i) {
-        range.push_back(i);
-    }
+    std::vector<size_t> range(to - from);
+    std::iota(range.begin(), range.end(), from);
     return range;
 }
 
