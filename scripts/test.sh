@@ -22,7 +22,10 @@ run_suite() {
   stage "$preset"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  ctest --preset "$preset" -j "$jobs"
+  # Timing tests may retry a run that a stall of the host spoiled; every
+  # other test must pass at its first run.
+  ctest --preset "$preset" -j "$jobs" -LE timing
+  ctest --preset "$preset" -j "$jobs" -L timing --repeat until-pass:3
 }
 
 run_suite release
