@@ -119,7 +119,10 @@ function updateClients(status) {
     cell(row, client.slot, true);
     cell(row, rate === null ? null : rate.toFixed(1), true);
     cell(row, byteRate === null ? null : Math.round(byteRate), true);
-    cell(row, client.dropped, true);
+    // While replaying, the server's sequence check also sees the numbers of
+    // the records it sends, so its count is no recording's gaps then: the
+    // replay's own gaps are the next column.
+    cell(row, status.state === 'Replay' ? null : client.dropped, true);
     cell(row, replay.missed !== undefined ? replay.missed : 0, true);
     cell(row, replay.checksum_errors !== undefined ? replay.checksum_errors : 0, true);
     cell(row, client.last_message);
