@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <climits>
-#include <cstring>
 #include <map>
 
 #include "libreplay/server/ReplayLogReader.h"
