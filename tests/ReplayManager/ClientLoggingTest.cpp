@@ -10,6 +10,7 @@
 #include "ReplayManager/ClientGlobals.h"
 #include "libreplay/server/ReplayDebug.h"
 #include "libreplay/multicore.h"
+#include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TestSupport.h"
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ReplayTest::CapturedDebug;
+using ServerTest::ReadAvailable;
 
 constexpr int kConsoleQ = 'q';
 
@@ -42,14 +44,6 @@ class ClientLoggingTest : public ReplayTest::TargetRootTest {
         EXPECT_EQ(mkfifo(device.c_str(), 0600), 0);
         return open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     }
-    static std::string Drain(int reader) {
-        std::string out;
-        char buffer[4096];
-        for (ssize_t n; (n = read(reader, buffer, sizeof buffer)) > 0;) {
-            out.append(buffer, static_cast<size_t>(n));
-        }
-        return out;
-    }
 };
 
 TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeTexts) {
@@ -63,14 +57,14 @@ TEST_F(ClientLoggingTest, DefaultHandlersFilterByConsoleLevelAndWriteWholeTexts)
     dbgError("%s::%s: broken %d\n", DebugAppName(), "libReplay::T::f", 1);
     dbgWarning("careful\n");
     dbgMessage("chatter\n");
-    EXPECT_EQ(Drain(reader), "Error:navapp::libReplay::T::f: broken 1\ncareful\n");
+    EXPECT_EQ(ReadAvailable(reader), "Error:navapp::libReplay::T::f: broken 1\ncareful\n");
     mi_setDebugLevel(kConsoleQ, 3);
     dbgMessage("chatter");
-    EXPECT_EQ(Drain(reader), "chatter");
+    EXPECT_EQ(ReadAvailable(reader), "chatter");
     mi_setDebugLevel(kConsoleQ, 1);
     dbgWarning("careful");
     dbgError("%s", std::string(400, 'x').c_str());  // cut to 255 after the prefix
-    EXPECT_EQ(Drain(reader), "Error:" + std::string(255, 'x'));
+    EXPECT_EQ(ReadAvailable(reader), "Error:" + std::string(255, 'x'));
     close(reader);
 
     // An application's own handlers stay; the device is opened all the same.

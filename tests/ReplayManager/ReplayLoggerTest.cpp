@@ -95,12 +95,7 @@ TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
     // A reader that attaches now finds every accepted record whole.
     const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
-    std::string drained;
-    char chunk[4096];
-    ssize_t got;
-    while ((got = read(reader, chunk, sizeof chunk)) > 0) {
-        drained.append(chunk, static_cast<size_t>(got));
-    }
+    const std::string drained = ServerTest::ReadAvailable(reader);
     close(reader);
     const std::string record = Golden("largest.rec");
     ASSERT_EQ(drained.size(), record.size() * static_cast<size_t>(accepted));

@@ -2,8 +2,10 @@
 #define TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
 
 // Helpers shared by the server-side tests: a clock the test sets by hand,
-// IPv4 loopback addresses, records as clients send them and the logger
-// channel's fixture.
+// IPv4 loopback addresses, records as clients send them, the logger
+// channel's fixture and a reader of what a FIFO holds.
+
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -52,6 +54,16 @@ inline std::vector<std::string> SplitFramedRecords(const std::string& data) {
         at += 5 + length;
     }
     return payloads;
+}
+
+// Everything a non-blocking reader `fd` can read now.
+inline std::string ReadAvailable(int fd) {
+    std::string out;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
+        out.append(buffer, static_cast<size_t>(n));
+    }
+    return out;
 }
 
 // A private target root with the process's logger channel closed and its
