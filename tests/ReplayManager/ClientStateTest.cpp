@@ -7,7 +7,7 @@ namespace {
 using namespace ClientTest;
 using ReplayCore::ReplayState;
 
-class ClientStateTest : public ClientFixture {};
+using ClientStateTest = ClientFixture;
 
 // The message text of a status record, without time, name and trailer.
 std::string StatusText(const std::string& datagram) {
@@ -85,8 +85,17 @@ TEST_F(ClientStateTest, PingWhileRecordingSendsAnOldBlockInsteadOfAReport) {
     EXPECT_EQ(StatusText(Received().back()), "#stop");
 }
 
-TEST_F(ClientStateTest, ShutDownIsFinalAndReportsTheReason) {
+TEST_F(ClientStateTest, DisconnectMovesToConnectingAndShutDownIsFinalAndReportsTheReason) {
     Connect(ReplayCore::eStateRecord);
+    EXPECT_EQ(ReplayClient::Disconnect(), ReplayCore::eStateConnecting);
+    // A connected mark stops a connecting client, and leaves others alone.
+    g_clientStateManager.SetClientConnected();
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
+    g_clientStateManager.SetClientConnected();
+    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
+
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateRecord);
     char reason[] = "host exiting";
     ReplayClient::ShutDownClient(1, reason);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateShutDown);
@@ -95,25 +104,12 @@ TEST_F(ClientStateTest, ShutDownIsFinalAndReportsTheReason) {
               ReplayCore::eStateShutDown);
     EXPECT_EQ(ReplayClient::SendClientData("x", 1, false, kDataTypeAsciiText), 0);
 
-    const std::vector<std::string> datagrams = Received();
-    ASSERT_EQ(datagrams.size(), 2u);
-    EXPECT_EQ(StatusText(datagrams[0]), "#quit");
-    EXPECT_EQ(StatusText(datagrams[1]), "#quit e=host exiting;");
-}
-
-TEST_F(ClientStateTest, DisconnectMovesToConnectingAndAConnectedMarkStopsIt) {
-    Connect(ReplayCore::eStateRecord);
-    EXPECT_EQ(ReplayClient::Disconnect(), ReplayCore::eStateConnecting);
-    g_clientStateManager.SetClientConnected();
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
     // The connected mark itself is not reported.
     const std::vector<std::string> datagrams = Received();
-    ASSERT_EQ(datagrams.size(), 1u);
+    ASSERT_EQ(datagrams.size(), 3u);
     EXPECT_EQ(StatusText(datagrams[0]), "#connecting");
-
-    g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
-    g_clientStateManager.SetClientConnected();
-    EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateReplay);
+    EXPECT_EQ(StatusText(datagrams[1]), "#quit");
+    EXPECT_EQ(StatusText(datagrams[2]), "#quit e=host exiting;");
 }
 
 // On the real clock: the ping thread's own timing decides.

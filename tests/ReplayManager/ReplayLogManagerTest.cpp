@@ -21,12 +21,6 @@ using ServerTest::StatusRecord;
 
 const std::chrono::milliseconds kDeadline(10000);
 
-// The time field of a stored client record, in milliseconds.
-int64_t RecordTime(const std::string& payload) {
-    ReplayCore::LogClientRecord fields;
-    return ReplayCore::ParseLogClientRecord(payload, fields) ? fields.blockTimeMs : -1;
-}
-
 class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
   protected:
     void TearDown() override {
@@ -41,7 +35,9 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
         std::vector<int64_t> times;
         const std::vector<std::string> stored = Stored();
         for (size_t i = 1; i < stored.size(); ++i) {
-            times.push_back(RecordTime(stored[i]));
+            ReplayCore::LogClientRecord fields;
+            times.push_back(ReplayCore::ParseLogClientRecord(stored[i], fields) ? fields.blockTimeMs
+                                                                                : -1);
         }
         return times;
     }
@@ -104,19 +100,6 @@ TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenThenDrainsAtTheLimit) {
     EXPECT_EQ(StoredTimes().size(), 17u);
 }
 
-TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSeconds) {
-    MakeMediumAndChannel();
-    ReplayLogManager manager;
-    const int64_t start = 200000;
-    for (unsigned int k = 0; k <= 10; ++k) {
-        EXPECT_FALSE(Write(manager, "nav", start + 1000 * k, k + 1, false, &m_clients).IsError());
-    }
-    // Spans of 10 s down to exactly 6 s are written; 5 s is kept.
-    EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{start, start + 1000, start + 2000, start + 3000,
-                                                   start + 4000}));
-    EXPECT_EQ(manager.GetBufferCount(), 6u);
-}
-
 TEST_F(ReplayLogManagerTest, TwoClientsArrivingSwappedAreWrittenInTimeOrder) {
     MakeMediumAndChannel();
     m_clients.Append(ClientData(ServerTest::Address("127.0.0.1", 5001))).SetClientName("a");
@@ -141,17 +124,23 @@ TEST_F(ReplayLogManagerTest, TwoClientsArrivingSwappedAreWrittenInTimeOrder) {
     }
 }
 
-TEST_F(ReplayLogManagerTest, LateRecordsAreDroppedFromOneMillisecondPastOneSecond) {
+TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSecondsAndDropsLateRecords) {
     MakeMediumAndChannel();
     ReplayLogManager manager;
-    const int64_t start = 400000;
+    const int64_t start = 200000;
     for (unsigned int k = 0; k <= 10; ++k) {
-        Write(manager, "nav", start + 1000 * k, k + 1);
+        EXPECT_FALSE(Write(manager, "nav", start + 1000 * k, k + 1, false, &m_clients).IsError());
     }
+    // Spans of 10 s down to exactly 6 s are written; 5 s is kept.
+    EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{start, start + 1000, start + 2000, start + 3000,
+                                                   start + 4000}));
+    const unsigned int buffered = manager.GetBufferCount();
+    EXPECT_EQ(buffered, 6u);
+
+    // Records from one millisecond past one second before the last block
+    // written are dropped.
     const int64_t last = manager.GetLastBlockTimestamp().m_timeMilliseconds;
     ASSERT_GE(last, start + 4000);
-    const unsigned int buffered = manager.GetBufferCount();
-
     CapturedDebug debug;
     const uint64_t droppedBefore = ReplayLogManager::LateRecordsDropped();
     const int64_t tooLate = last - 1001;

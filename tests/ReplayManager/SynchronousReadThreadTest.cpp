@@ -6,9 +6,9 @@ namespace {
 using namespace ClientTest;
 using ReplayTest::CapturedDebug;
 
-class SynchronousReadThreadTest : public ClientFixture {};
+using SynchronousReadThreadTest = ClientFixture;
 
-TEST_F(SynchronousReadThreadTest, CommandSetsStateSlotClockAndLatencyInKeyOrder) {
+TEST_F(SynchronousReadThreadTest, CommandsSetStateSlotClockLatencyAndOptionsInKeyOrder) {
     Connect(ReplayCore::eStateStopped);
     CapturedDebug debug;
     g_nowMs = 300000;
@@ -36,10 +36,8 @@ TEST_F(SynchronousReadThreadTest, CommandSetsStateSlotClockAndLatencyInKeyOrder)
     EXPECT_EQ(debug.Count("Latency = -1.300"), 1) << debug.Dump();
     EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("clockTime >= serverTime at line 397"),
               std::string::npos);
-}
 
-TEST_F(SynchronousReadThreadTest, ConfigurationKeyReloadsOptionsAndLoggingLevel) {
-    Connect(ReplayCore::eStateStopped);
+    // The configuration key reloads the options and the logging level.
     const std::string path = Root() + "/other.txt";
     ReplayTest::WriteFile(path, "clientUDPDebugLevel:6;\nreconnectInterval:900;\n");
     Handle("#record c=" + path + ";s=7;");

@@ -43,39 +43,30 @@ inline std::vector<Record> ParseRecords(const std::string& device) {
 class SystemLogCapture {
   public:
     SystemLogCapture() : m_previous(ReplayPlatform::SetSystemLogSink(&Record)) {
-        std::lock_guard<std::mutex> lock(Mutex());
-        Lines().clear();
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_lines.clear();
     }
     ~SystemLogCapture() { ReplayPlatform::SetSystemLogSink(m_previous); }
 
     int Count(const std::string& fragment) const {
-        std::lock_guard<std::mutex> lock(Mutex());
+        std::lock_guard<std::mutex> lock(s_mutex);
         return static_cast<int>(std::count_if(
-            Lines().begin(), Lines().end(),
+            s_lines.begin(), s_lines.end(),
             [&](const auto& line) { return line.find(fragment) != std::string::npos; }));
     }
 
   private:
-    static std::mutex& Mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string>& Lines() {
-        static std::vector<std::string> lines;
-        return lines;
-    }
     static void Record(const char* text) {
-        std::lock_guard<std::mutex> lock(Mutex());
-        Lines().push_back(text);
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_lines.push_back(text);
     }
+    static inline std::mutex s_mutex;
+    static inline std::vector<std::string> s_lines;
     ReplayPlatform::SystemLogSink m_previous;
 };
 
 // The boot clock of the interface, moved by the tests.
-inline std::atomic<unsigned long long>& FakeNow() {
-    static std::atomic<unsigned long long> now{0};
-    return now;
-}
+inline std::atomic<unsigned long long> g_fakeNow{0};
 
 // Default device root under the test's target root; the output device exists
 // as an empty regular file and the clock stands at 1000 s after boot.
@@ -86,8 +77,8 @@ class Fixture : public ReplayTest::TargetRootTest {
     void SetUp() override {
         ReplayTest::TargetRootTest::SetUp();
         miInternal_resetForTesting();
-        FakeNow() = 1000 * 1000;
-        miInternal_setTimeSourceForTesting([] { return FakeNow().load(); });
+        g_fakeNow = 1000 * 1000;
+        miInternal_setTimeSourceForTesting([] { return g_fakeNow.load(); });
         WriteTargetFile(kDevice, "");
     }
     void TearDown() override {

@@ -44,10 +44,10 @@ TEST_F(MulticoreBuffersTest, RecordsAreConsoleCodeLengthAndTextWithOneNewline) {
 
 TEST_F(MulticoreBuffersTest, QuietProcessWritesWithTheNextLineAfterTheWaitOrOnFlush) {
     mi_multicoreLog('a', 0, "first");
-    MulticoreTest::FakeNow() += 500;  // not yet past the wait
+    MulticoreTest::g_fakeNow += 500;  // not yet past the wait
     mi_multicoreLog('a', 0, "second");
     EXPECT_EQ(Records().size(), 1u);
-    MulticoreTest::FakeNow() += 1;
+    MulticoreTest::g_fakeNow += 1;
     mi_multicoreLog('a', 0, "third");
     EXPECT_EQ(Records().size(), 3u);
     mi_multicoreLog('a', 0, "fourth");
@@ -123,14 +123,14 @@ TEST_F(MulticoreBuffersTest, BadHandBacksAreRejectedOrRepaired) {
 }
 
 TEST_F(MulticoreBuffersTest, PrefixFlagsGiveBootTimeProcessNameAndThread) {
-    MulticoreTest::FakeNow() = 123456789;
+    MulticoreTest::g_fakeNow = 123456789;
     EXPECT_EQ(mi_setLogProcessName("navigation"), 9);  // the last 9 characters
     EXPECT_EQ(mi_setLogMyThreadName("main"), 1);
     EXPECT_EQ(mi_setConsoleFlags('a' + 256, 7), 'a');
     mi_multicoreLog('a', 0, "text");
     mi_multicoreLog('b', 0, "plain");
 
-    MulticoreTest::FakeNow() = 12005;
+    MulticoreTest::g_fakeNow = 12005;
     mi_setConsoleFlags('c', MI_PREFIX_BOOT_TIME | MI_PREFIX_THREAD);
     int otherTid = 0;
     std::thread([&otherTid] {

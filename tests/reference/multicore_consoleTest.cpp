@@ -26,50 +26,34 @@ class MulticoreConsoleTest : public MulticoreTest::Fixture {
         g_calls.clear();
     }
 
-    // Runs one command line; returns its reply and the console lines it
-    // printed (from this call only).
-    std::string Run(const char* line, std::vector<std::string>* printed = nullptr,
-                    int argument = 0) {
-        mi_flushBuffer();
-        const size_t before = Records().size();
+    // Runs one command line; returns its reply.
+    static std::string Run(const char* line, int argument = 0) {
         const char* reply = miInternal_aclineMain(line, argument);
-        mi_flushBuffer();
-        const std::vector<Record> records = Records();
-        if (printed != nullptr) {
-            printed->clear();
-            for (size_t index = before; index < records.size(); ++index) {
-                printed->push_back(records[index].text);
-            }
-        }
         return reply != nullptr ? reply : "(null)";
     }
-    std::vector<std::string> Printed(const char* line) {
-        std::vector<std::string> printed;
-        Run(line, &printed);
-        return printed;
+    // Runs one command line; returns the console lines it printed.
+    std::vector<std::string> Printed(const char* line) const {
+        const size_t before = FlushedTexts().size();
+        Run(line);
+        const std::vector<std::string> texts = FlushedTexts();
+        return std::vector<std::string>(texts.begin() + static_cast<long>(before), texts.end());
     }
 };
 
-TEST_F(MulticoreConsoleTest, DispatchIgnoresCaseAndTakesTheLongestPrefix) {
+TEST_F(MulticoreConsoleTest, DispatchIgnoresCaseTakesTheLongestPrefixAndNullRepeats) {
+    EXPECT_EQ(Run(nullptr), "ERROR : No acline command found");  // nothing to repeat yet
     mi_aclineSetFunction("abc", &RecordingCommand, nullptr);
     mi_aclineSetFunction("abcdef", &OtherCommand, nullptr);
     mi_aclineSetFunction("xy", &OtherCommand, nullptr);
     mi_aclineSetFunction("XY", &RecordingCommand, nullptr);  // a different name
 
     EXPECT_EQ(Run("ABCDEFG"), "second");
-    EXPECT_EQ(Run("abcd", nullptr, 17), "first");
+    EXPECT_EQ(Run("abcd", 17), "first");
     EXPECT_EQ(Run("AbC"), "first");
-    EXPECT_EQ(Run("xYz"), "second");  // equal prefixes: the earlier entry
-    EXPECT_EQ(Run("XY"), "second");   // exact matches ignore case too
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"abcd/17", "AbC/0"}));
-}
-
-TEST_F(MulticoreConsoleTest, NullLineRepeatsThePreviousCommand) {
-    EXPECT_EQ(Run(nullptr), "ERROR : No acline command found");
-    mi_aclineSetFunction("rec", &RecordingCommand, nullptr);
-    EXPECT_EQ(Run("rec 1"), "first");
-    EXPECT_EQ(Run(nullptr, nullptr, 5), "first");
-    EXPECT_EQ(g_calls, (std::vector<std::string>{"rec 1/0", "(repeat)/5"}));
+    EXPECT_EQ(Run(nullptr, 5), "first");  // repeats "AbC" with the new argument
+    EXPECT_EQ(Run("xYz"), "second");      // equal prefixes: the earlier entry
+    EXPECT_EQ(Run("XY"), "second");       // exact matches ignore case too
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"abcd/17", "AbC/0", "(repeat)/5"}));
 
     EXPECT_EQ(Run("nosuch"), "ERROR : No acline command found");
     EXPECT_EQ(Run(nullptr), "ERROR : No acline command found");  // nothing to repeat now
