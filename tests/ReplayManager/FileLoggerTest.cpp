@@ -1,11 +1,7 @@
 #include "libreplay/server/FileLogger.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "libreplay/ReplayCore.h"
 #include "tests/support/TestSupport.h"
@@ -21,14 +17,6 @@ class FileLoggerTest : public ReplayTest::TargetRootTest {
     ReplayTest::ManualClock m_clock{83061};
 
     std::string LogText() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
-    bool LogExists() const { return std::filesystem::exists(Root() + "/tmp/ReplayLog.txt"); }
-
-    // Puts a plain file where the target's /tmp directory should be, so that
-    // the log file cannot be created.
-    void MakeLogUnwritable() {
-        std::filesystem::remove_all(Root() + "/tmp");
-        ReplayTest::WriteFile(Root() + "/tmp", "not a directory");
-    }
 };
 
 using ReplayTest::Occurrences;
@@ -38,7 +26,7 @@ TEST_F(FileLoggerTest, LinesCarryTimeAndTextAndFollowTheLevel) {
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "ab"), 2);
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityDebug, "debug detail"), 0);
     EXPECT_EQ(FileLogger::DumpTextToFile(FileLogger::eSeverityError, "\nx", "text"), 0);
-    EXPECT_FALSE(LogExists());
+    EXPECT_FALSE(std::filesystem::exists(Root() + "/tmp/ReplayLog.txt"));
 
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityInfo, "client %s ready", "nav"), 24);
     m_clock.Set(90005);
@@ -72,7 +60,10 @@ TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
     EXPECT_EQ(ReplayCore::DumpTextToFile("as it stands"), 12);
     EXPECT_EQ(LogText(), "as it stands");
 
-    MakeLogUnwritable();
+    // A plain file where the target's /tmp directory should be: the log file
+    // cannot be created.
+    std::filesystem::remove_all(Root() + "/tmp");
+    ReplayTest::WriteFile(Root() + "/tmp", "not a directory");
     testing::internal::CaptureStdout();
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(ReplayCore::DumpTextToFile("some text"), -1);

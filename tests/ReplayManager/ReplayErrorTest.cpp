@@ -1,7 +1,6 @@
 #include "libreplay/server/ReplayError.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,7 +20,7 @@ class ReplayErrorTest : public ReplayTest::TargetRootTest {
     static ReplayErrorManager& Manager() { return ReplayErrorManager::Get(); }
 };
 
-TEST_F(ReplayErrorTest, ManagerKeepsTheLastThirtySeriousErrors) {
+TEST_F(ReplayErrorTest, ManagerKeepsTheLastThirtySeriousErrorsAndThreePerLocation) {
     for (int index = 1; index <= 31; ++index) {
         Manager().LogError(ReplayError(std::to_string(index).c_str(), index, 1));
     }
@@ -34,19 +33,18 @@ TEST_F(ReplayErrorTest, ManagerKeepsTheLastThirtySeriousErrors) {
     Manager().ClearErrors();
     EXPECT_EQ(Manager().GetErrorCount(), 0u);
 
-    // After a fatal error nothing clears the list.
-    Manager().LogError(ReplayError(5, "x.cpp", "fatal", ReplayError::eErrorFatal));
-    Manager().ClearErrors();
-    EXPECT_EQ(Manager().GetErrorCount(), 1u);
-}
-
-TEST_F(ReplayErrorTest, RepeatLimitKeepsThreeErrorsPerLocation) {
+    // The repeat limit keeps three errors per location.
     Manager().SetLimitRepeats(true);
     for (int index = 0; index < 4; ++index) {
         Manager().LogError(ReplayError(99, "dir/Same.cpp", "again", 1));
         Manager().LogError(ReplayError("text only", -1, 1));  // no location: not limited
     }
     EXPECT_EQ(Manager().GetErrorCount(), 7u);
+
+    // After a fatal error nothing clears the list.
+    Manager().LogError(ReplayError(5, "x.cpp", "fatal", ReplayError::eErrorFatal));
+    Manager().ClearErrors();
+    EXPECT_EQ(Manager().GetErrorCount(), 8u);
 }
 
 TEST_F(ReplayErrorTest, ConcurrentLoggingNeverExceedsThirtyEntries) {

@@ -9,10 +9,15 @@ namespace {
 
 using ReplayTest::CapturedDebug;
 
-class ReplayOutputFilerTest : public ReplayTest::TargetRootTest {};
+using ReplayOutputFilerTest = ReplayTest::TargetRootTest;
 
-TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillIt) {
+TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillItAndOverlongTextRefused) {
     ReplayOutputFiler& filer = ReplayOutputFiler::Get();
+    CapturedDebug debug;
+    EXPECT_EQ(filer.Write(std::string(1024, 'x').c_str()), 0);
+    EXPECT_EQ(debug.Count("Message of Length 1024 Exceeds Limit"), 1);
+    EXPECT_EQ(filer.BufferedLength(), 0);
+
     const std::string first(1023, 'a');
     EXPECT_EQ(filer.Write(first.c_str()), 0);
     EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), "");
@@ -25,13 +30,6 @@ TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillIt) {
     EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first);
     EXPECT_EQ(filer.Write(std::string(1023, 'c').c_str()), 1);
     EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first + "b");
-}
-
-TEST_F(ReplayOutputFilerTest, OverlongTextIsRefused) {
-    CapturedDebug debug;
-    EXPECT_EQ(ReplayOutputFiler::Get().Write(std::string(1024, 'x').c_str()), 0);
-    EXPECT_EQ(debug.Count("Message of Length 1024 Exceeds Limit"), 1);
-    EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength(), 0);
 }
 
 TEST_F(ReplayOutputFilerTest, UnwritableResultsDirectoryKeepsTheBlock) {
