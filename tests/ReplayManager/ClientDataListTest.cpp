@@ -1,7 +1,5 @@
 #include "libreplay/server/ClientDataList.h"
 
-#include <string>
-
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 

@@ -1,7 +1,5 @@
 #include "libreplay/server/ClientRecord.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <random>
 #include <string>
@@ -97,7 +95,7 @@ TEST_F(ClientRecordTest, StatusWriterBuildsTheStoredRecordsByteForByte) {
     }
 }
 
-TEST_F(ClientRecordTest, ParsesDataAndStatusRecords) {
+TEST_F(ClientRecordTest, ParsesDataAndStatusRecordsAndRejectsMalformedHeadersAndNames) {
     const std::string block = ReadRecord("binary_block.rec");
     ParsedRecord parsed = Parse(block);
     EXPECT_TRUE(parsed.ok);
@@ -127,9 +125,8 @@ TEST_F(ClientRecordTest, ParsesDataAndStatusRecords) {
     EXPECT_EQ(parsed.sequenceNumber, 5u);
     EXPECT_EQ(parsed.payloadLength, 0u);
     EXPECT_EQ(Parse("#1.000:Nav:ab").payloadLength, 0u);
-}
 
-TEST_F(ClientRecordTest, RejectsMalformedHeadersAndNames) {
+    // Malformed headers and names are rejected.
     CapturedDebug debug;
     EXPECT_TRUE(ClientNameValid(std::string(20, 'A')));
     EXPECT_TRUE(ClientNameValid("0:;<=>?@[\\]^_`z"));
@@ -146,7 +143,7 @@ TEST_F(ClientRecordTest, RejectsMalformedHeadersAndNames) {
         << debug.Dump();
 
     // An unknown type character is warned about and read as unspecified.
-    const ParsedRecord parsed = Parse("'1.000:Nav:x     123\n");
+    parsed = Parse("'1.000:Nav:x     123\n");
     EXPECT_TRUE(parsed.ok);
     EXPECT_EQ(parsed.dataType, kDataTypeUnspecified);
 }

@@ -1,12 +1,8 @@
 #include "libreplay/ReplayCore.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <tuple>
-#include <vector>
 
-#include "libreplay/server/FileLogger.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

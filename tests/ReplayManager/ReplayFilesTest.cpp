@@ -1,11 +1,9 @@
 #include "ReplayManager/ReplayFiles.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "tests/support/TestSupport.h"

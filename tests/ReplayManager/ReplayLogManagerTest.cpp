@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "libreplay/server/ReplayLogRecord.h"
-#include "libreplay/server/FileLogger.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 

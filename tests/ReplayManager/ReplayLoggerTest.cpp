@@ -8,7 +8,6 @@
 #include <iterator>
 #include <string>
 
-#include "libreplay/server/FileLogger.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 #include "tests/support/TestSupport.h"
 

@@ -5,7 +5,6 @@
 #include "libreplay/ReplayClient.h"
 #include "libreplay/server/ReplayError.h"
 #include "ReplayManager/ReplayOutputFiler.h"
-#include "libreplay/multicore.h"
 #include "tests/ReplayManager/ClientTestFixture.h"
 #include "tests/ReplayManager/RecordText.h"
 

@@ -1,8 +1,5 @@
 #include "libreplay/server/ReplayRuntimeOptions.h"
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "libreplay/server/FileLogger.h"
 #include "libreplay/ReplayCore.h"
 #include "libreplay/server/ReplayError.h"
 #include "libreplay/server/ReplayRuntimeOptions.h"

@@ -1,7 +1,6 @@
 #include <dlfcn.h>
 #include <stdlib.h>
 
-#include <atomic>
 #include <cstdarg>
 #include <string>
 
@@ -16,6 +15,7 @@
 
 namespace {
 
+using ReplayTest::Occurrences;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -25,8 +25,6 @@ int Replayed(void*, unsigned int, unsigned int) {
 
 void Ignore(const char*, va_list) {}
 
-using ReplayTest::Occurrences;
-
 class ReplayClientInterfaceTest : public ReplayTest::TargetRootTest {
   protected:
     void SetUp() override {
@@ -34,14 +32,10 @@ class ReplayClientInterfaceTest : public ReplayTest::TargetRootTest {
         unsetenv("ENABLE_REPLAY");
     }
     // Loads `path` as the process's libreplay.so; kept loaded until exit.
-    void* Install(const char* path) {
+    static void* Install(const char* path) {
         void* handle = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
         EXPECT_NE(handle, nullptr) << dlerror();
         return handle;
-    }
-    template <typename T>
-    T* Symbol(void* handle, const char* name) {
-        return static_cast<T*>(dlsym(handle, name));
     }
 };
 
@@ -105,9 +99,9 @@ TEST_F(ReplayClientInterfaceTest, WithTheLibraryCallsReachIt) {
 TEST_F(ReplayClientInterfaceTest, MissingEntryPointsTakeTheirEmptyPaths) {
     void* stub = Install(REPLAY_STUB_LIBRARY_PATH);
     ASSERT_NE(stub, nullptr);
-    int* state = Symbol<int>(stub, "g_stubState");
-    int* sends = Symbol<int>(stub, "g_stubSends");
-    int* lastImmediate = Symbol<int>(stub, "g_stubLastImmediate");
+    int* state = static_cast<int*>(dlsym(stub, "g_stubState"));
+    int* sends = static_cast<int*>(dlsym(stub, "g_stubSends"));
+    int* lastImmediate = static_cast<int*>(dlsym(stub, "g_stubLastImmediate"));
     ASSERT_TRUE(state != nullptr && sends != nullptr && lastImmediate != nullptr);
 
     CaptureStdout();
