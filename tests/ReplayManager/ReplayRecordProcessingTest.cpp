@@ -23,30 +23,27 @@ struct Delivery {
 
 // Keeps every delivered item. The tests hand records to the read thread's
 // processing directly, on the test's own thread.
-class RecordingHandler : public ReplayClient::ReplayMessageHandlerBase {
-  public:
+struct RecordingHandler : ReplayClient::ReplayMessageHandlerBase {
     RecordingHandler() : ReplayMessageHandlerBase(true) {}
 
     int ReplayCallback(void* data, unsigned int nBytes, unsigned int clientTime) override {
-        m_deliveries.push_back(
+        deliveries.push_back(
             {std::string(static_cast<const char*>(data), nBytes), clientTime, false});
         return 1;
     }
     int InitializationCallback(void* data, unsigned int nBytes) override {
-        m_deliveries.push_back({std::string(static_cast<const char*>(data), nBytes), 0, true});
+        deliveries.push_back({std::string(static_cast<const char*>(data), nBytes), 0, true});
         return 1;
     }
-    const std::vector<Delivery>& Deliveries() const { return m_deliveries; }
     std::vector<std::string> Data() const {
         std::vector<std::string> data;
-        for (const Delivery& delivery : m_deliveries) {
+        for (const Delivery& delivery : deliveries) {
             data.push_back(delivery.data);
         }
         return data;
     }
 
-  private:
-    std::vector<Delivery> m_deliveries;
+    std::vector<Delivery> deliveries;
 };
 
 inline std::vector<unsigned int> g_sleeps;
@@ -119,7 +116,7 @@ TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClo
 
     // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{199, 50}));
-    const std::vector<Delivery>& deliveries = m_handler.Deliveries();
+    const std::vector<Delivery>& deliveries = m_handler.deliveries;
     ASSERT_EQ(deliveries.size(), 4u);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"alpha", "near", "later", "last"}));
     // The clock was set to 500.000 at 100.000: the client clock is 400 s
@@ -142,8 +139,8 @@ TEST_F(ReplayRecordProcessingTest, WithoutClockCommandTheFirstItemSetsTheClock) 
     EXPECT_TRUE(clientReadThread.ClockIsSet());
     EXPECT_EQ(ReplayNow(), 700000);
     EXPECT_TRUE(g_sleeps.empty());
-    ASSERT_EQ(m_handler.Deliveries().size(), 1u);
-    EXPECT_EQ(m_handler.Deliveries()[0].clientTime, 100000u);
+    ASSERT_EQ(m_handler.deliveries.size(), 1u);
+    EXPECT_EQ(m_handler.deliveries[0].clientTime, 100000u);
     EXPECT_EQ(ReplayOutputFiler::Get().BufferedLength() - buffered,
               static_cast<int>(std::strlen("OFFSET: -600000\nCURRENT TIME: 700.000\n")));
 }
@@ -199,7 +196,7 @@ TEST_F(ReplayRecordProcessingTest, DamagedForeignOrUntimelyRecordsDeliverNothing
         EXPECT_EQ(Process(record), 0);
         EXPECT_EQ(ReplayClient::GetReplayState(), state);
     }
-    EXPECT_TRUE(m_handler.Deliveries().empty());
+    EXPECT_TRUE(m_handler.deliveries.empty());
 
     // An empty record stops the client.
     g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
@@ -213,9 +210,9 @@ TEST_F(ReplayRecordProcessingTest, DamagedForeignOrUntimelyRecordsDeliverNothing
 TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByteForByte) {
     StartReplay();
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, Ascii7("setup bytes"))), 1);
-    ASSERT_EQ(m_handler.Deliveries().size(), 1u);
-    EXPECT_TRUE(m_handler.Deliveries()[0].initialisation);
-    EXPECT_EQ(m_handler.Deliveries()[0].data, "setup bytes");
+    ASSERT_EQ(m_handler.deliveries.size(), 1u);
+    EXPECT_TRUE(m_handler.deliveries[0].initialisation);
+    EXPECT_EQ(m_handler.deliveries[0].data, "setup bytes");
 
     std::string bytes;
     for (int value = 0; value < 256; ++value) {
@@ -225,7 +222,7 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
                                  Ascii7(bytes) + Item("500.002", Ascii7("x")))),
               2);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"setup bytes", bytes, "x"}));
-    EXPECT_FALSE(m_handler.Deliveries()[1].initialisation);
+    EXPECT_FALSE(m_handler.deliveries[1].initialisation);
 
     // A binary item that is no Ascii7 text ends its record.
     CapturedDebug debug;
