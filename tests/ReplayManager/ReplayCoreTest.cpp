@@ -17,7 +17,7 @@ class ReplayCoreTest : public ReplayTest::TargetRootTest {
     std::string LogText() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
 };
 
-TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWays) {
+TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWaysAndArgumentsEndAtTheLastSemicolon) {
     CapturedDebug debug;
     EXPECT_EQ(ReplayStateManager::GetReplayStateName(ReplayCore::eStateUnknown), "Stopped");
     EXPECT_EQ(ReplayStateManager::GetCommandFromState(ReplayCore::eStateReplay, "c=1;s=2"),
@@ -52,21 +52,18 @@ TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWays) {
     EXPECT_EQ(ReplayStateManager::GetStateFromCommand(longest, parser), ReplayCore::eStateRecord);
     EXPECT_EQ(ReplayStateManager::GetStateFromCommand(longest + "x", parser),
               ReplayCore::eStateUnknown);
-}
 
-TEST_F(ReplayCoreTest, ArgumentsEndAtTheLastSemicolon) {
     // In turn on one parser. A semicolon right after the separator position
     // gives no arguments, and the parser keeps what it held; the character
     // after the word is skipped whatever it is.
-    const std::tuple<const char*, ReplayState, const char*> commands[] = {
+    const std::tuple<const char*, ReplayState, const char*> withArguments[] = {
         {"recordX;", ReplayCore::eStateRecord, "previous"},
         {"#replay c=1;s=2", ReplayCore::eStateReplay, "c=1"},
         {"#replay c=1;s=2;", ReplayCore::eStateReplay, "c=1;s=2"},
         {"#stop_t=4;", ReplayCore::eStateStopped, "t=4"},
     };
-    Parser parser;
     parser.SetArgs("previous");
-    for (const auto& [command, state, args] : commands) {
+    for (const auto& [command, state, args] : withArguments) {
         EXPECT_EQ(ReplayStateManager::GetStateFromCommand(command, parser), state) << command;
         EXPECT_EQ(parser.GetArgs(), args) << command;
     }
