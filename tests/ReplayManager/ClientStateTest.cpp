@@ -23,7 +23,7 @@ class ClosingHandler : public ReplayClient::ReplayMessageHandlerBase {
     }
 };
 
-TEST_F(ClientStateTest, TransitionsFollowTheTableAndOnlyChangesAreReported) {
+TEST_F(ClientStateTest, TransitionsFollowTheTableOnlyChangesAreReportedAndReplayEndsWithItsText) {
     Connect();
     const ReplayState kStates[] = {ReplayCore::eStateStopped,      ReplayCore::eStateRecord,
                                    ReplayCore::eStateReplay,       ReplayCore::eStateShutDown,
@@ -48,16 +48,15 @@ TEST_F(ClientStateTest, TransitionsFollowTheTableAndOnlyChangesAreReported) {
     EXPECT_EQ(g_clientStateManager.SetClientState(ReplayCore::eStateUnknown, nullptr),
               ReplayCore::eStateStopped);
     EXPECT_EQ(static_cast<int>(Received().size()), expectedReports);
-}
 
-TEST_F(ClientStateTest, EndOfReplaySendsTheClosingTextBeforeTheStateReport) {
-    Connect(ReplayCore::eStateReplay);
+    // The end of a replay sends the handler's closing text before the report.
+    g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
     ClosingHandler handler;
     g_clientStateManager.SetClientState(ReplayCore::eStateStopped, &handler);
     const std::vector<std::string> datagrams = Received();
-    ASSERT_EQ(datagrams.size(), 2u);
-    EXPECT_EQ(StatusText(datagrams[0]), "#replay w=all done;");
-    EXPECT_EQ(StatusText(datagrams[1]), "#stop");
+    ASSERT_EQ(static_cast<int>(datagrams.size()), expectedReports + 2);
+    EXPECT_EQ(StatusText(datagrams[expectedReports]), "#replay w=all done;");
+    EXPECT_EQ(StatusText(datagrams.back()), "#stop");
 }
 
 TEST_F(ClientStateTest, PingWhileRecordingSendsAnOldBlockInsteadOfAReport) {

@@ -72,7 +72,7 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
     std::unique_ptr<LogWriterThread> m_thread;
 };
 
-TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenThenDrainsAtTheLimit) {
+TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenDrainsAtTheLimitAndAStatusRecordFlushes) {
     MakeMediumAndChannel();
     StartWriter();
     const int64_t start = 100000;
@@ -88,7 +88,7 @@ TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenThenDrainsAtTheLimit) {
     // At 19 buffered the queue drains to one more than the one known client.
     Send(records[18]);
     std::vector<int64_t> expected;
-    for (int k = 0; k < 17; ++k) {
+    for (int64_t k = 0; k < 17; ++k) {
         expected.push_back(start + 100 * k);
     }
     EXPECT_EQ(StoredTimes(), expected);
@@ -97,6 +97,21 @@ TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenThenDrainsAtTheLimit) {
 
     Send(records[19]);
     EXPECT_EQ(StoredTimes().size(), 17u);
+
+    // A status record with a message flushes everything, itself last.
+    Send(StatusRecord("nav", start + 2000, "#stop"));
+    expected.insert(expected.end(), {start + 1700, start + 1800, start + 1900, start + 2000});
+    EXPECT_EQ(StoredTimes(), expected);
+    EXPECT_EQ(Stored().back(), StatusRecord("nav", start + 2000, "#stop"));
+
+    // Recording goes on in the same log, without a second header; a bare
+    // status record carries nothing to write.
+    Send({DataRecord("nav", 600000, 21), StatusRecord("nav", 600100, "#stop"),
+          StatusRecord("nav", 600200, "")});
+    expected.insert(expected.end(), {600000, 600100});
+    EXPECT_EQ(StoredTimes(), expected);
+    EXPECT_EQ(Stored()[0], "!100.000:multicore:\n");
+    EXPECT_FALSE(LogWriterThread::GetErrorStatus().IsError());
 }
 
 TEST_F(ReplayLogManagerTest, TwoClientsArrivingSwappedAreWrittenInTimeOrder) {
@@ -159,29 +174,6 @@ TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSecondsAndDropsLate
     EXPECT_EQ(std::count(stored.begin(), stored.end(), DataRecord("gps", slightlyLate, 2)), 1);
     EXPECT_EQ(std::count(stored.begin(), stored.end(), DataRecord("gps", tooLate, 1)), 0);
     EXPECT_EQ(manager.GetBufferCount(), 0u);
-}
-
-TEST_F(ReplayLogManagerTest, StatusRecordWithMessageFlushesAndForgetsClients) {
-    MakeMediumAndChannel();
-    StartWriter();
-    Send(
-        {DataRecord("nav", 500000, 1), DataRecord("gps", 500050, 1), DataRecord("nav", 500100, 2)});
-    ASSERT_EQ(Stored().size(), 1u);  // the header alone
-
-    Send(StatusRecord("nav", 500150, "#stop"));
-    EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{500000, 500050, 500100, 500150}));
-    ASSERT_FALSE(Stored().empty());
-    EXPECT_EQ(Stored().back(), StatusRecord("nav", 500150, "#stop"));
-
-    // Recording goes on in the same log, without a second header; a bare
-    // status record carries nothing to write.
-    Send({DataRecord("nav", 600000, 3), StatusRecord("nav", 600100, "#stop"),
-          StatusRecord("nav", 600200, "")});
-    EXPECT_EQ(StoredTimes(),
-              (std::vector<int64_t>{500000, 500050, 500100, 500150, 600000, 600100}));
-    ASSERT_FALSE(Stored().empty());
-    EXPECT_EQ(Stored()[0], "!500.000:multicore:\n");
-    EXPECT_FALSE(LogWriterThread::GetErrorStatus().IsError());
 }
 
 TEST_F(ReplayLogManagerTest, CalibrationRecordsWaitForTheMedium) {

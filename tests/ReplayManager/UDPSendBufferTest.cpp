@@ -14,7 +14,7 @@ using namespace ClientTest;
 using RecordText::Ascii7;
 using ReplayTest::CapturedDebug;
 
-class UDPSendBufferTest : public ClientFixture {};
+using UDPSendBufferTest = ClientFixture;
 
 int Send(const std::string& text, unsigned int type = kDataTypeAsciiText, bool immediate = false) {
     return ReplayClient::SendClientData(text.data(), static_cast<unsigned int>(text.size()),
@@ -153,7 +153,7 @@ TEST_F(UDPSendBufferTest, BinaryAtTheFillLimitIsTakenWholeOrRefusedWithANegative
               (std::vector<std::string>{Ascii7("\x01\x02"), Ascii7(second)}));
 }
 
-TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAtItsOwnTime) {
+TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAndAnOldBlockWaitsForItsSlot) {
     Connect();  // the block was started at 100.000
     // The first item of the recording, 300 ms later.
     g_nowMs = 100300;
@@ -181,21 +181,20 @@ TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAtItsOwnTime) {
     const Block second = SplitBlock(datagrams[1]);
     EXPECT_EQ(second.header, "\"100.900:Tester:!1 2:");
     EXPECT_EQ(second.itemTimes, std::vector<std::string>{"101.500"});
-}
 
-TEST_F(UDPSendBufferTest, OldBlockWaitsForTheAnnouncedTimeSlot) {
-    Connect();
+    // An old block waits for the announced time slot.
     g_UDPSendBuffer.SetTimeSlot(3);
-    Send("first");     // block starts at 100.000
-    g_nowMs = 101200;  // old, but slot 2
+    g_nowMs = 200000;
+    EXPECT_EQ(Send("first"), 0);
+    g_nowMs = 201200;  // old, but slot 2
     EXPECT_EQ(Send("second"), 0);
-    g_nowMs = 101260;  // slot 3 (rounded up from .260 to .300)
+    g_nowMs = 201260;  // slot 3 (rounded up from .260 to .300)
     EXPECT_GT(Send("third"), 0);
-    const std::vector<std::string> datagrams = Received();
-    ASSERT_EQ(datagrams.size(), 1u);
-    EXPECT_EQ(SplitBlock(datagrams[0]).items, (std::vector<std::string>{"first", "second"}));
+    const std::vector<std::string> slotted = Received();
+    ASSERT_EQ(slotted.size(), 3u);
+    EXPECT_EQ(SplitBlock(slotted[2]).items, (std::vector<std::string>{"first", "second"}));
     // The new block starts with the item that found the old one due.
-    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 101260);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 201260);
 }
 
 TEST_F(UDPSendBufferTest, FailedBlockKeepsItsTrailerAndUsesUpASequenceNumber) {
