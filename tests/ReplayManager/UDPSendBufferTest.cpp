@@ -182,19 +182,21 @@ TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAndAnOldBlockWaits
     EXPECT_EQ(second.header, "\"100.900:Tester:!1 2:");
     EXPECT_EQ(second.itemTimes, std::vector<std::string>{"101.500"});
 
-    // An old block waits for the announced time slot.
+    // A block more than a second old waits for the announced time slot.
     g_UDPSendBuffer.SetTimeSlot(3);
-    g_nowMs = 200000;
+    g_nowMs = 200300;
     EXPECT_EQ(Send("first"), 0);
-    g_nowMs = 201200;  // old, but slot 2
+    g_nowMs = 201300;  // slot 3, but exactly a second old: not yet due
     EXPECT_EQ(Send("second"), 0);
-    g_nowMs = 201260;  // slot 3 (rounded up from .260 to .300)
-    EXPECT_GT(Send("third"), 0);
+    g_nowMs = 201400;  // old, but slot 4
+    EXPECT_EQ(Send("third"), 0);
+    g_nowMs = 202260;  // slot 3 (rounded up from .260 to .300)
+    EXPECT_GT(Send("fourth"), 0);
     const std::vector<std::string> slotted = Received();
     ASSERT_EQ(slotted.size(), 3u);
-    EXPECT_EQ(SplitBlock(slotted[2]).items, (std::vector<std::string>{"first", "second"}));
+    EXPECT_EQ(SplitBlock(slotted[2]).items, (std::vector<std::string>{"first", "second", "third"}));
     // The new block starts with the item that found the old one due.
-    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 201260);
+    EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 202260);
 }
 
 TEST_F(UDPSendBufferTest, FailedBlockKeepsItsTrailerAndUsesUpASequenceNumber) {
