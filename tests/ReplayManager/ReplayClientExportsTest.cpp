@@ -12,15 +12,10 @@ int Replayed(void*, unsigned int, unsigned int) {
     return 1;
 }
 
-class ReplayClientExportsTest : public ClientFixture {
-  protected:
-    void SetUp() override {
-        ClientFixture::SetUp();
-        ReplayCore::SetClockSourceForTesting(nullptr);
-    }
-};
+using ReplayClientExportsTest = ClientFixture;
 
 TEST_F(ReplayClientExportsTest, EntryPointsDriveTheClient) {
+    ReplayCore::SetClockSourceForTesting(nullptr);  // the client's threads run
     ASSERT_EQ(
         CInitializeReplayClient("Exporter", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0), 1);
     EXPECT_EQ(CGetReplayState(), ReplayCore::eStateStopped);
