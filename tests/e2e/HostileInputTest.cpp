@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -176,9 +175,9 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     ASSERT_TRUE(server.WaitForDatagrams(1, 10s));
     const sockaddr_in client = server.Datagrams().front().sender;
 
-    // What the parsers make of any other datagram is fuzzed; here the
-    // running client takes paths that would stall an options reader for
-    // good (a FIFO nobody writes, a device without end), absurd values and
+    // What the parsers make of a datagram is fuzzed; here the running
+    // client takes paths that would stall an options reader for good (a
+    // FIFO nobody writes, a device without end), an empty datagram and
     // oversized commands.
     const std::string fifo = Root() + "/options.fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -188,13 +187,8 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
         "#record c=/;",
         "#record c=" + std::string(300, 'a') + ";",
         "",
-        "#record s=4294967296;t=99999999999.999;l=-2147483648.-999;D=-1;",
-        "#replay l=2147483647.999;",
         "#record " + std::string(1000, ';'),
         "#record " + std::string(kLargestDatagram, 's'),
-        "#record s=1",
-        "#replay x;y;z=;=;==;",
-        WithChecksum("\"1000.000:victim:!1 7:x", true),
     };
     for (const std::string& datagram : hostile) {
         server.SendTo(client, datagram);
@@ -355,16 +349,15 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
     EXPECT_EQ(ReplayTest::Occurrences(m_server->Output(), "further refusals are only counted"), 1);
 
-    std::ostringstream curve;
+    std::string curve = "resident kB after each tenth: ";
     for (long kilobytes : resident) {
-        curve << kilobytes << " ";
+        curve += std::to_string(kilobytes) + " ";
     }
-    std::printf("resident kB after each tenth: %s\n", curve.str().c_str());
     // Over the second half every bound has long been reached: allow only
     // the allocator's noise.
     if (!ReplayTest::kSanitizerBuild) {
         EXPECT_LT(resident.back() - residentBefore, 16 * 1024) << residentBefore << " kB before";
-        EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve.str();
+        EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve;
     }
 
     // The real clients were recorded all along, into a log that verifies.
@@ -377,30 +370,6 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         EXPECT_TRUE(summary.found);
         EXPECT_GT(summary.recorded, 0u);
     }
-}
-
-// A record stamped an hour ahead of its client's clock would stretch the
-// log by an hour and make a replay wait for it: it is refused and counted,
-// while the same client's records around it are kept.
-TEST_F(HostileServerTest, RecordFarFromItsClientsClockIsRefusedAndCounted) {
-    ASSERT_EQ(Send("record").status, 0);
-    const std::vector<std::string> records = {
-        StatusRecord("forger", 1000000, ""),
-        ServerTest::DataRecord("forger", 1000000, 1, "in time"),
-        ServerTest::DataRecord("forger", 4600000, 2, "an hour ahead"),
-        ServerTest::DataRecord("forger", 1000500, 3, "in time again")};
-    ASSERT_EQ(SendFromManyPorts(ServerAddress(), records, 1), records.size());
-    EXPECT_TRUE(WaitFor(
-        [&] {
-            return Send("status").output.find("outside the time window 1,") != std::string::npos;
-        },
-        10s, 50ms))
-        << Send("status").output;
-    ASSERT_EQ(Send("stop").status, 0);
-    EXPECT_EQ(Send("wait").status, 0);
-    const std::string dump = Dump();
-    EXPECT_EQ(ReplayTest::Occurrences(dump, "in time again"), 1) << dump;
-    EXPECT_EQ(ReplayTest::Occurrences(dump, "an hour ahead"), 0) << dump;
 }
 
 }  // namespace
