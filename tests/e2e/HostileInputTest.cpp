@@ -6,7 +6,6 @@
 // up and keep working, and that the server bounds its state and counts and
 // reports what it refuses.
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -27,6 +27,7 @@
 #include "tests/support/EndToEnd.h"
 #include "tests/support/FakeServer.h"
 #include "tests/support/HostileTraffic.h"
+#include "tests/support/UdpTestClient.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {
@@ -101,31 +102,22 @@ class HostileMix {
     std::mt19937 m_random;
 };
 
-// Sends `datagrams` to `destination` round robin over `sourcePorts` distinct
-// UDP sockets, opened and closed in groups so that few descriptors are held
-// at once. Returns how many were sent whole.
-size_t SendFromManyPorts(const sockaddr_in& destination, const std::vector<std::string>& datagrams,
+// Sends `datagrams` to the server at `ip` round robin over `sourcePorts`
+// distinct UDP sockets, opened and closed in groups so that few descriptors
+// are held at once. Returns how many were sent whole.
+size_t SendFromManyPorts(const std::string& ip, const std::vector<std::string>& datagrams,
                          size_t sourcePorts) {
     constexpr size_t kSocketsAtOnce = 200;
     size_t sent = 0;
     for (size_t first = 0; first < sourcePorts; first += kSocketsAtOnce) {
-        std::vector<int> sockets;
-        for (size_t i = 0; i < std::min(kSocketsAtOnce, sourcePorts - first); ++i) {
-            const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            if (fd >= 0) {
-                sockets.push_back(fd);
-            }
+        std::vector<std::unique_ptr<ReplayTest::UdpTestClient>> sockets;
+        while (sockets.size() < std::min(kSocketsAtOnce, sourcePorts - first)) {
+            sockets.emplace_back(new ReplayTest::UdpTestClient());
         }
         for (size_t index = first; index < datagrams.size(); index += sourcePorts) {
             for (size_t i = 0; i < sockets.size() && index + i < datagrams.size(); ++i) {
-                const std::string& datagram = datagrams[index + i];
-                sent += sendto(sockets[i], datagram.data(), datagram.size(), MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr*>(&destination),
-                               sizeof destination) == static_cast<ssize_t>(datagram.size());
+                sent += sockets[i]->Send(ip, FakeServer::kReplayPort, datagrams[index + i]);
             }
-        }
-        for (const int fd : sockets) {
-            close(fd);
         }
     }
     return sent;
@@ -274,9 +266,6 @@ constexpr size_t kFloodDatagrams = ReplayTest::kSanitizerBuild ? 30000 : 100000;
 class HostileServerTest : public ReplayTest::EndToEndTest {
   protected:
     long Handled() { return NumberAfter(Send("status").output, "\ndatagrams "); }
-    sockaddr_in ServerAddress() const {
-        return ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
-    }
 };
 
 // Whatever the server keeps per datagram, per source port or per made-up
@@ -295,12 +284,12 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     for (size_t i = 0; i < kBurstNames; ++i) {
         burst.push_back(StatusRecord("burst" + std::to_string(i), 1000000, ""));
     }
-    SendFromManyPorts(ServerAddress(), burst, burst.size());
+    SendFromManyPorts(Address(), burst, burst.size());
     burst.clear();
     for (size_t i = 0; i < kBurstRecords; ++i) {
         burst.push_back(mix.DataRecord("burst" + std::to_string(i % kBurstNames)));
     }
-    SendFromManyPorts(ServerAddress(), burst, kPortsPerChunk);
+    SendFromManyPorts(Address(), burst, kPortsPerChunk);
     ASSERT_TRUE(
         WaitFor([&] { return Handled() >= static_cast<long>(kBurstRecords * 9 / 10); }, 20s, 50ms))
         << "the server no longer takes datagrams";
@@ -315,7 +304,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
             datagrams.push_back(mix.ForServer(kFakeNames));
         }
         const long handledBefore = Handled();
-        sent += SendFromManyPorts(ServerAddress(), datagrams, kPortsPerChunk);
+        sent += SendFromManyPorts(Address(), datagrams, kPortsPerChunk);
         // Keep the backlog within the socket's buffer, so that the flood is
         // taken in whole, whatever the build's speed.
         WaitFor(

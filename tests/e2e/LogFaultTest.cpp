@@ -62,10 +62,8 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
   protected:
     // The logger service is each case's own business.
     void SetUp() override {
-        PrepareTarget();
-        if (!HasFatalFailure()) {
-            StartServer();
-        }
+        ASSERT_NO_FATAL_FAILURE(PrepareTarget());
+        StartServer();
     }
 
     // Starts two demo clients and a recording; with `untilLogged`, waits

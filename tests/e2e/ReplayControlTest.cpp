@@ -46,8 +46,7 @@ constexpr long kHourSeconds = 3600;
 class ReplayControlTest : public ReplayTest::EndToEndTest {
   protected:
     void SetUp() override {
-        PrepareTarget();
-        ASSERT_FALSE(HasFatalFailure());
+        ASSERT_NO_FATAL_FAILURE(PrepareTarget());
         m_offsetFile = Root() + "/wall-clock-offset";
         JumpWallClockTo(0);
         const char* sanitizerOptions = std::getenv("ASAN_OPTIONS");
@@ -59,8 +58,7 @@ class ReplayControlTest : public ReplayTest::EndToEndTest {
                 (sanitizerOptions != nullptr ? std::string(sanitizerOptions) + ":" : "") +
                 "verify_asan_link_order=0",
         };
-        StartLogger();
-        ASSERT_FALSE(HasFatalFailure());
+        ASSERT_NO_FATAL_FAILURE(StartLogger());
         StartServer();
     }
 
