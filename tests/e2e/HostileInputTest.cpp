@@ -6,7 +6,6 @@
 // up and keep working, and that the server bounds its state and counts and
 // reports what it refuses.
 
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +13,8 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +27,7 @@
 #include "tests/support/EndToEnd.h"
 #include "tests/support/FakeServer.h"
 #include "tests/support/HostileTraffic.h"
+#include "tests/support/UdpTestClient.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 
 namespace {
@@ -102,31 +102,22 @@ class HostileMix {
     std::mt19937 m_random;
 };
 
-// Sends `datagrams` to `destination` round robin over `sourcePorts` distinct
-// UDP sockets, opened and closed in groups so that few descriptors are held
-// at once. Returns how many were sent whole.
-size_t SendFromManyPorts(const sockaddr_in& destination, const std::vector<std::string>& datagrams,
+// Sends `datagrams` to the server at `ip` round robin over `sourcePorts`
+// distinct UDP sockets, opened and closed in groups so that few descriptors
+// are held at once. Returns how many were sent whole.
+size_t SendFromManyPorts(const std::string& ip, const std::vector<std::string>& datagrams,
                          size_t sourcePorts) {
     constexpr size_t kSocketsAtOnce = 200;
     size_t sent = 0;
     for (size_t first = 0; first < sourcePorts; first += kSocketsAtOnce) {
-        std::vector<int> sockets;
-        for (size_t i = 0; i < std::min(kSocketsAtOnce, sourcePorts - first); ++i) {
-            const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            if (fd >= 0) {
-                sockets.push_back(fd);
-            }
+        std::vector<std::unique_ptr<ReplayTest::UdpTestClient>> sockets;
+        while (sockets.size() < std::min(kSocketsAtOnce, sourcePorts - first)) {
+            sockets.emplace_back(new ReplayTest::UdpTestClient());
         }
         for (size_t index = first; index < datagrams.size(); index += sourcePorts) {
             for (size_t i = 0; i < sockets.size() && index + i < datagrams.size(); ++i) {
-                const std::string& datagram = datagrams[index + i];
-                sent += sendto(sockets[i], datagram.data(), datagram.size(), MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr*>(&destination),
-                               sizeof destination) == static_cast<ssize_t>(datagram.size());
+                sent += sockets[i]->Send(ip, FakeServer::kReplayPort, datagrams[index + i]);
             }
-        }
-        for (const int fd : sockets) {
-            close(fd);
         }
     }
     return sent;
@@ -176,9 +167,9 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     ASSERT_TRUE(server.WaitForDatagrams(1, 10s));
     const sockaddr_in client = server.Datagrams().front().sender;
 
-    // What the parsers make of any other datagram is fuzzed; here the
-    // running client takes paths that would stall an options reader for
-    // good (a FIFO nobody writes, a device without end), absurd values and
+    // What the parsers make of a datagram is fuzzed; here the running
+    // client takes paths that would stall an options reader for good (a
+    // FIFO nobody writes, a device without end), an empty datagram and
     // oversized commands.
     const std::string fifo = Root() + "/options.fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -188,13 +179,8 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
         "#record c=/;",
         "#record c=" + std::string(300, 'a') + ";",
         "",
-        "#record s=4294967296;t=99999999999.999;l=-2147483648.-999;D=-1;",
-        "#replay l=2147483647.999;",
         "#record " + std::string(1000, ';'),
         "#record " + std::string(kLargestDatagram, 's'),
-        "#record s=1",
-        "#replay x;y;z=;=;==;",
-        WithChecksum("\"1000.000:victim:!1 7:x", true),
     };
     for (const std::string& datagram : hostile) {
         server.SendTo(client, datagram);
@@ -280,9 +266,6 @@ constexpr size_t kFloodDatagrams = ReplayTest::kSanitizerBuild ? 30000 : 100000;
 class HostileServerTest : public ReplayTest::EndToEndTest {
   protected:
     long Handled() { return NumberAfter(Send("status").output, "\ndatagrams "); }
-    sockaddr_in ServerAddress() const {
-        return ReplayTest::LoopbackAddress(Address(), FakeServer::kReplayPort);
-    }
 };
 
 // Whatever the server keeps per datagram, per source port or per made-up
@@ -301,12 +284,12 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     for (size_t i = 0; i < kBurstNames; ++i) {
         burst.push_back(StatusRecord("burst" + std::to_string(i), 1000000, ""));
     }
-    SendFromManyPorts(ServerAddress(), burst, burst.size());
+    SendFromManyPorts(Address(), burst, burst.size());
     burst.clear();
     for (size_t i = 0; i < kBurstRecords; ++i) {
         burst.push_back(mix.DataRecord("burst" + std::to_string(i % kBurstNames)));
     }
-    SendFromManyPorts(ServerAddress(), burst, kPortsPerChunk);
+    SendFromManyPorts(Address(), burst, kPortsPerChunk);
     ASSERT_TRUE(
         WaitFor([&] { return Handled() >= static_cast<long>(kBurstRecords * 9 / 10); }, 20s, 50ms))
         << "the server no longer takes datagrams";
@@ -321,7 +304,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
             datagrams.push_back(mix.ForServer(kFakeNames));
         }
         const long handledBefore = Handled();
-        sent += SendFromManyPorts(ServerAddress(), datagrams, kPortsPerChunk);
+        sent += SendFromManyPorts(Address(), datagrams, kPortsPerChunk);
         // Keep the backlog within the socket's buffer, so that the flood is
         // taken in whole, whatever the build's speed.
         WaitFor(
@@ -355,16 +338,15 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
     EXPECT_EQ(ReplayTest::Occurrences(m_server->Output(), "further refusals are only counted"), 1);
 
-    std::ostringstream curve;
+    std::string curve = "resident kB after each tenth: ";
     for (long kilobytes : resident) {
-        curve << kilobytes << " ";
+        curve += std::to_string(kilobytes) + " ";
     }
-    std::printf("resident kB after each tenth: %s\n", curve.str().c_str());
     // Over the second half every bound has long been reached: allow only
     // the allocator's noise.
     if (!ReplayTest::kSanitizerBuild) {
         EXPECT_LT(resident.back() - residentBefore, 16 * 1024) << residentBefore << " kB before";
-        EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve.str();
+        EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512) << curve;
     }
 
     // The real clients were recorded all along, into a log that verifies.
@@ -377,30 +359,6 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         EXPECT_TRUE(summary.found);
         EXPECT_GT(summary.recorded, 0u);
     }
-}
-
-// A record stamped an hour ahead of its client's clock would stretch the
-// log by an hour and make a replay wait for it: it is refused and counted,
-// while the same client's records around it are kept.
-TEST_F(HostileServerTest, RecordFarFromItsClientsClockIsRefusedAndCounted) {
-    ASSERT_EQ(Send("record").status, 0);
-    const std::vector<std::string> records = {
-        StatusRecord("forger", 1000000, ""),
-        ServerTest::DataRecord("forger", 1000000, 1, "in time"),
-        ServerTest::DataRecord("forger", 4600000, 2, "an hour ahead"),
-        ServerTest::DataRecord("forger", 1000500, 3, "in time again")};
-    ASSERT_EQ(SendFromManyPorts(ServerAddress(), records, 1), records.size());
-    EXPECT_TRUE(WaitFor(
-        [&] {
-            return Send("status").output.find("outside the time window 1,") != std::string::npos;
-        },
-        10s, 50ms))
-        << Send("status").output;
-    ASSERT_EQ(Send("stop").status, 0);
-    EXPECT_EQ(Send("wait").status, 0);
-    const std::string dump = Dump();
-    EXPECT_EQ(ReplayTest::Occurrences(dump, "in time again"), 1) << dump;
-    EXPECT_EQ(ReplayTest::Occurrences(dump, "an hour ahead"), 0) << dump;
 }
 
 }  // namespace

@@ -50,15 +50,18 @@ int64_t NowMs() {
 
 class RecordingLossTest : public EndToEndTest {
   protected:
-    // A fake client registered with the server.
-    std::unique_ptr<UdpTestClient> Register(const std::string& name) {
+    // A fake client registered with the server by `first` (by default a
+    // status record).
+    std::unique_ptr<UdpTestClient> Register(const std::string& name, std::string first = "") {
         std::unique_ptr<UdpTestClient> client(new UdpTestClient(Address()));
-        EXPECT_TRUE(client->Send(Address(), 4400, StatusRecord(name, NowMs(), "")));
+        EXPECT_TRUE(
+            client->Send(Address(), 4400, first.empty() ? StatusRecord(name, NowMs(), "") : first));
         EXPECT_FALSE(client->Receive().empty());  // its slot and state
         return client;
     }
-    // The data records of the log, in order.
-    std::vector<std::string> LoggedData() {
+    long Handled() { return NumberAfter(Send("status").output, "\ndatagrams "); }
+    // The data records of the log (of `client` only, if given), in order.
+    std::vector<std::string> LoggedData(const std::string& client = "") {
         std::vector<std::string> data;
         ReplayCore::ReplayLogReader reader;
         if (!reader.Open(LogPath())) {
@@ -67,7 +70,9 @@ class RecordingLossTest : public EndToEndTest {
         ReplayCore::LogRecord record;
         while (reader.Next(record)) {
             if (record.kind == ReplayCore::LogRecordKind::kClient && !record.payload.empty() &&
-                record.payload[0] != '#') {
+                record.payload[0] != '#' &&
+                (client.empty() ||
+                 record.payload.find(":" + client + ":!1 ") != std::string::npos)) {
                 data.push_back(record.payload);
             }
         }
@@ -141,8 +146,7 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
         ASSERT_TRUE(client->Send(Address(), 4400, sent.back()));
         std::this_thread::sleep_for(5ms);
     }
-    ASSERT_TRUE(WaitFor([&] { return NumberAfter(Send("status").output, "\ndatagrams ") >= 61; },
-                        10s, 20ms));
+    ASSERT_TRUE(WaitFor([&] { return Handled() >= 61; }, 10s, 20ms));
     // What was received more than a second ago must survive.
     std::this_thread::sleep_for(1200ms);
     m_server->Kill();
@@ -160,78 +164,77 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
     EXPECT_NE(m_server->Output().find("recovered"), std::string::npos) << m_server->Output();
 }
 
-TEST_F(RecordingLossTest, BurstOfEqualTimesIsStoredInSequenceOrder) {
-    std::unique_ptr<UdpTestClient> client = Register("burst");
+// Raw clients of one server, each row of the test a client of its own: many
+// connected long before the recording, a burst of equal times, datagrams
+// just past the largest record, and a record far from its client's clock.
+TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
+    // More clients than the writer's queue holds, each announcing itself
+    // with its initialisation block well over a hold before the recording.
+    constexpr int kClients = 24;
+    std::map<std::string, std::unique_ptr<UdpTestClient>> clients;
+    for (int k = 0; k < kClients; ++k) {
+        const std::string name = "c" + std::to_string(k);
+        clients[name] = Register(name, DataRecord(name, NowMs(), 0, "init"));
+    }
+    for (const char* name : {"burst", "big", "forger"}) {
+        clients[name] = Register(name);
+    }
+    std::this_thread::sleep_for(1500ms);
     ASSERT_EQ(Send("record").status, 0);
+    long sent = static_cast<long>(clients.size());
+    auto send = [&](const std::string& name, const std::string& record) {
+        sent += clients.at(name)->Send(Address(), 4400, record);
+    };
+    for (int k = 0; k < kClients; ++k) {
+        const std::string name = "c" + std::to_string(k);
+        send(name, DataRecord(name, NowMs(), 1, "item"));
+    }
     // 640 blocks over about 20 distinct milliseconds, as a client sending
     // 20,000 small items in 80 ms makes them.
-    std::vector<std::string> sent;
+    std::vector<std::string> burst;
     const int64_t start = NowMs();
-    const std::string items(1900, 'x');
     for (unsigned int k = 0; k < 640; ++k) {
-        sent.push_back(DataRecord("burst", start + k / 32, k + 1, items));
-        ASSERT_TRUE(client->Send(Address(), 4400, sent.back()));
+        burst.push_back(DataRecord("burst", start + k / 32, k + 1, std::string(1900, 'x')));
+        send("burst", burst.back());
         if (k % 64 == 63) {
             std::this_thread::sleep_for(2ms);  // the socket's buffer is not the subject
         }
     }
-    ASSERT_TRUE(WaitFor([&] { return NumberAfter(Send("status").output, "\ndatagrams ") >= 641; },
-                        10s, 20ms));
-    client->Send(Address(), 4400, StatusRecord("burst", NowMs() + 10, ""));
-    EXPECT_EQ(Send("stop").output, "recording stopped\n");
-    const std::vector<std::string> logged = LoggedData();
-    ASSERT_EQ(logged.size(), sent.size());
-    size_t outOfOrder = 0;
-    for (size_t k = 0; k < logged.size(); ++k) {
-        outOfOrder += logged[k] != sent[k];
+    // One to seven bytes past the largest record, then one exactly at it.
+    const size_t room = GetMaximumClientRecordSize() - DataRecord("big", start, 1, "").size();
+    for (unsigned int extra = 1; extra <= 7; ++extra) {
+        clients["big"]->Send(Address(), 4400,
+                             DataRecord("big", start, extra, std::string(room + extra, 'y')));
     }
-    EXPECT_EQ(outOfOrder, 0u);
-}
+    const std::string fits = DataRecord("big", start, 8, std::string(room, 'x'));
+    send("big", fits);
+    // An hour ahead of its client's clock would stretch the log by an hour.
+    const std::string forged[] = {DataRecord("forger", start, 1, "in time"),
+                                  DataRecord("forger", start + 3600000, 2, "ahead"),
+                                  DataRecord("forger", start + 500, 3, "in time again")};
+    for (const std::string& record : forged) {
+        send("forger", record);
+    }
+    ASSERT_TRUE(WaitFor([&] { return Handled() >= sent; }, 10s, 20ms)) << Send("status").output;
+    for (const auto& client : clients) {
+        client.second->Send(Address(), 4400, StatusRecord(client.first, NowMs() + 3000, ""));
+    }
+    EXPECT_EQ(Send("stop").output, "recording stopped\n");
 
-TEST_F(RecordingLossTest, ManyClientsConnectedLongBeforeTheRecordingLeaveTheHeaderFirst) {
-    // More clients than the writer's queue holds, each announcing itself
-    // with its initialisation block well over a hold before the recording.
-    constexpr int kClients = 24;
-    std::vector<std::unique_ptr<UdpTestClient>> clients;
-    for (int k = 0; k < kClients; ++k) {
-        const std::string name = "c" + std::to_string(k);
-        clients.emplace_back(new UdpTestClient(Address()));
-        ASSERT_TRUE(clients.back()->Send(Address(), 4400, DataRecord(name, NowMs(), 0, "init")));
-        EXPECT_FALSE(clients.back()->Receive().empty());
+    const std::string status = Send("status").output;
+    ReplayCore::ReplayLogReader reader;
+    ReplayCore::LogRecord first;
+    ASSERT_TRUE(reader.Open(LogPath()) && reader.Next(first));
+    EXPECT_EQ(first.kind, ReplayCore::LogRecordKind::kHeader) << "many clients: header not first";
+    ExpectReadableLog();
+    for (int k = 0; k < kClients; ++k) {  // block 0 and an item
+        EXPECT_EQ(LoggedData("c" + std::to_string(k)).size(), 2u) << "many clients: c" << k;
     }
-    std::this_thread::sleep_for(1500ms);
-    ASSERT_EQ(Send("record").status, 0);
-    for (int k = 0; k < kClients; ++k) {
-        const std::string name = "c" + std::to_string(k);
-        ASSERT_TRUE(clients[k]->Send(Address(), 4400, DataRecord(name, NowMs(), 1, "item")));
-        ASSERT_TRUE(clients[k]->Send(Address(), 4400, StatusRecord(name, NowMs() + 3000, "")));
-    }
-    ASSERT_TRUE(
-        WaitFor([&] { return NumberAfter(Send("status").output, "\ndatagrams ") >= 3 * kClients; },
-                10s, 20ms));
-    EXPECT_EQ(Send("stop").output, "recording stopped\n");
-    ExpectLogIntact();
-    EXPECT_EQ(LoggedData().size(), static_cast<size_t>(2 * kClients));  // block 0 and an item
-}
-
-TEST_F(RecordingLossTest, OversizedDatagramsAreRefusedAndCounted) {
-    std::unique_ptr<UdpTestClient> client = Register("big");
-    ASSERT_EQ(Send("record").status, 0);
-    const int64_t time = NowMs();
-    const size_t overhead = DataRecord("big", time, 1, "").size();
-    const size_t largest = GetMaximumClientRecordSize();
-    for (size_t extra = 1; extra <= 7; ++extra) {
-        ASSERT_TRUE(client->Send(Address(), 4400,
-                                 DataRecord("big", time, static_cast<unsigned int>(extra),
-                                            std::string(largest - overhead + extra, 'y'))));
-    }
-    const std::string fits = DataRecord("big", time, 8, std::string(largest - overhead, 'x'));
-    ASSERT_TRUE(client->Send(Address(), 4400, fits));
-    client->Send(Address(), 4400, StatusRecord("big", NowMs() + 10, ""));
-    EXPECT_EQ(Send("stop").output, "recording stopped\n");
-    EXPECT_EQ(NumberAfter(Send("status").output, "oversized datagrams "), 7);
-    EXPECT_EQ(LoggedData(), std::vector<std::string>{fits})
-        << ReadFile(LogPath()) << m_server->Output() << Send("status").output;
+    EXPECT_TRUE(LoggedData("burst") == burst) << "burst: missing or out of sequence order";
+    EXPECT_EQ(NumberAfter(status, "oversized datagrams "), 7) << status;
+    EXPECT_EQ(LoggedData("big"), std::vector<std::string>{fits}) << "oversized";
+    EXPECT_EQ(NumberAfter(status, "outside the time window "), 1) << status;
+    EXPECT_EQ(LoggedData("forger"), (std::vector<std::string>{forged[0], forged[2]}));
 }
 
 }  // namespace

@@ -2,12 +2,15 @@
 // resume, seek and step, rate, some clients only, loop, and a wait that
 // returns only once the clients have handed everything over. Each demo
 // client writes every replayed item (its journal index, recorded time and
-// callback moment) to a file of its own when it ends.
+// callback moment) to a file of its own when it ends. Every process runs
+// with a shim that lets the test jump its wall clock: all timing runs on the
+// monotonic clock, so jumps of an hour disturb neither recording nor replay.
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,8 +41,43 @@ int64_t MsAfter(const std::string& text, const std::string& key) {
                : std::llround(std::strtod(text.c_str() + at + key.size(), nullptr) * 1000);
 }
 
+constexpr long kHourSeconds = 3600;
+
 class ReplayControlTest : public ReplayTest::EndToEndTest {
   protected:
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(PrepareTarget());
+        m_offsetFile = Root() + "/wall-clock-offset";
+        JumpWallClockTo(0);
+        const char* sanitizerOptions = std::getenv("ASAN_OPTIONS");
+        m_environment = {
+            std::string("LD_PRELOAD=") + REPLAY_WALL_CLOCK_SHIM,
+            "REPLAY_WALL_CLOCK_OFFSET_FILE=" + m_offsetFile,
+            // The shim is preloaded ahead of the sanitizer runtime.
+            std::string("ASAN_OPTIONS=") +
+                (sanitizerOptions != nullptr ? std::string(sanitizerOptions) + ":" : "") +
+                "verify_asan_link_order=0",
+        };
+        ASSERT_NO_FATAL_FAILURE(StartLogger());
+        StartServer();
+    }
+
+    // Every process started with the shim sees the wall clock moved by this
+    // many seconds from now on.
+    void JumpWallClockTo(long seconds) {
+        ReplayTest::WriteFile(m_offsetFile, std::to_string(seconds) + "\n");
+    }
+
+    // The wall clock in seconds as a process under the shim reads it.
+    long ShimmedWallClock() {
+        std::vector<std::string> argv = {"/usr/bin/env"};
+        argv.insert(argv.end(), m_environment.begin(), m_environment.end());
+        argv.insert(argv.end(), {"/bin/date", "+%s"});
+        std::string output;
+        ReplaySupport::RunCommand(argv, 10s, output);
+        return std::strtol(output.c_str(), nullptr, 10);
+    }
+
     // Runs a command that must succeed; its reply.
     std::string Ok(const std::string& command) {
         const CommandResult result = Send(command);
@@ -57,6 +95,8 @@ class ReplayControlTest : public ReplayTest::EndToEndTest {
             20s, 20ms))
             << Send("status").output;
     }
+
+    std::string m_offsetFile;
 };
 
 // The callback moment less the recorded time, per item, in ms.
@@ -73,10 +113,28 @@ double Median(std::vector<double> values) {
     return values.empty() ? 0 : values[values.size() / 2];
 }
 
+// The wall clock jumps an hour forward and back while recording, and again
+// while paused and after the resume.
 TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHandedOver) {
+    // The jump is real for the processes: otherwise this case proves nothing.
+    const long unmoved = ShimmedWallClock();
+    JumpWallClockTo(kHourSeconds);
+    ASSERT_NEAR(ShimmedWallClock() - unmoved, kHourSeconds, 60);
+    JumpWallClockTo(0);
+
     const std::vector<std::string> names = {"gps", "can"};
     ASSERT_NO_FATAL_FAILURE(StartClients(names));
-    ASSERT_NO_FATAL_FAILURE(Record(4));
+    ASSERT_EQ(Send("record").status, 0);
+    const auto recordingStarted = std::chrono::steady_clock::now();
+    ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
+    JumpWallClockTo(kHourSeconds);
+    ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
+    JumpWallClockTo(-kHourSeconds);
+    ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
+    std::this_thread::sleep_until(recordingStarted + 4s);
+    ASSERT_EQ(Send("stop").status, 0);
+    ASSERT_EQ(Send("wait").status, 0) << m_server->Output();
+    ExpectLogIntact();
 
     Ok("replay " + LogPath());
     ASSERT_NO_FATAL_FAILURE(WaitForPosition(1500));
@@ -84,11 +142,13 @@ TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHa
     const std::string paused = Ok("pause");
     const int64_t pauseAnswered = NowUs();
     ASSERT_EQ(paused.compare(0, 10, "paused at "), 0) << paused;
+    JumpWallClockTo(2 * kHourSeconds);
     std::this_thread::sleep_for(1500ms);
     EXPECT_NE(Ok("status").find("replay paused at"), std::string::npos);
     const int64_t resumeSent = NowUs();
     const std::string resumed = Ok("resume");
     const int64_t resumeAnswered = NowUs();
+    JumpWallClockTo(0);
     // The reply reads the position as it answers, a moment after the resume.
     EXPECT_NEAR(MsAfter(resumed, "resumed at "), MsAfter(paused, "paused at "), 5) << resumed;
 
@@ -116,6 +176,15 @@ TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHa
         const std::vector<double> after = Offsets({firstAfter, items.end()});
         const double lineBefore = Median(before);
         const double lineAfter = Median(after);
+        // Far below the hour of a jump, well above what a loaded machine or
+        // a sanitizer build costs a replayed item.
+        auto expectOnLine = [&](const std::vector<double>& offsets, double line) {
+            for (const double offset : offsets) {
+                ASSERT_NEAR(offset, line, 500) << names[c];
+            }
+        };
+        expectOnLine(before, lineBefore);
+        expectOnLine(after, lineAfter);
         // The first item after the resume is on the new line like the rest,
         // and the line moved by the time spent paused: paused from some
         // moment within the pause command to some moment within the resume

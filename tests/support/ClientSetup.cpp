@@ -1,8 +1,7 @@
 #include "tests/support/ClientSetup.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
+#include <filesystem>
 
 #include "libreplay/server/ReplayRuntimeOptions.h"
 #include "tests/support/TestSupport.h"
@@ -10,12 +9,9 @@
 namespace ReplayTest {
 
 std::string PrepareReplayClient(const std::string& serverIP, const std::string& extraLines) {
-    char directory[4096];
-    const std::string path =
-        std::string(getcwd(directory, sizeof directory) != nullptr ? directory : ".") + "/" +
-        k_optionsFileName;
+    const std::string path = std::filesystem::current_path().string() + "/" + k_optionsFileName;
     std::string content = "serverIP:" + serverIP + ";\nexternalConnectWait:0;\n" + extraLines;
-    if (!content.empty() && content.back() != '\n') {
+    if (content.back() != '\n') {
         content += '\n';
     }
     WriteFile(path, content);

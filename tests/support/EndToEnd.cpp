@@ -43,14 +43,8 @@ long NumberAfter(const std::string& text, const std::string& key) {
 }
 
 void EndToEndTest::SetUp() {
-    PrepareTarget();
-    if (HasFatalFailure()) {
-        return;
-    }
-    StartLogger();
-    if (HasFatalFailure()) {
-        return;
-    }
+    ASSERT_NO_FATAL_FAILURE(PrepareTarget());
+    ASSERT_NO_FATAL_FAILURE(StartLogger());
     StartServer();
 }
 

@@ -47,11 +47,6 @@ ProcessTargetRoot::~ProcessTargetRoot() {
     g_processRoot.reset();
 }
 
-const std::string& ProcessTargetRoot::Path() {
-    static const std::string none;
-    return g_processRoot ? g_processRoot->Path() : none;
-}
-
 void TargetRootTest::SetUp() {
     m_temporary = MakeTemporaryRoot();
     m_root = m_temporary->Path();
@@ -65,7 +60,7 @@ void TargetRootTest::SetUp() {
 
 void TargetRootTest::TearDown() {
     ReplayCore::FileLogger::ResetForTesting();
-    UseTargetRoot(ProcessTargetRoot::Path());
+    UseTargetRoot(g_processRoot ? g_processRoot->Path() : "");
     if (!m_previousDirectory.empty()) {
         (void)chdir(m_previousDirectory.c_str());
     }
@@ -147,17 +142,13 @@ Capture& TheCapture() {
     return capture;
 }
 
-void Record(CapturedDebug::Channel channel, const char* format, va_list arguments) {
+template <CapturedDebug::Channel channel>
+void On(const char* format, va_list arguments) {
     char text[4096];
     std::vsnprintf(text, sizeof text, format, arguments);
     Capture& capture = TheCapture();
     std::lock_guard<std::mutex> lock(capture.mutex);
     capture.lines.push_back({channel, text});
-}
-
-template <CapturedDebug::Channel channel>
-void On(const char* format, va_list arguments) {
-    Record(channel, format, arguments);
 }
 
 }  // namespace

@@ -28,8 +28,6 @@ class ProcessTargetRoot {
     ~ProcessTargetRoot();
     ProcessTargetRoot(const ProcessTargetRoot&) = delete;
     ProcessTargetRoot& operator=(const ProcessTargetRoot&) = delete;
-
-    static const std::string& Path();
 };
 
 // Creates a fresh temporary directory, makes it the target root (also in

@@ -215,11 +215,8 @@ TEST_F(ToolBehaviourTest, ExportWritesOneRowPerItemAsCsvOrJsonLines) {
     ASSERT_EQ(Lines(jsonl.out), 3) << jsonl.out;
     const nlohmann::json last =
         nlohmann::json::parse(jsonl.out.substr(jsonl.out.rfind('\n', jsonl.out.size() - 2) + 1));
-    EXPECT_EQ(last["client"], "can");
-    EXPECT_EQ(last["time"], "100.500");
-    EXPECT_EQ(last["sequence"], 2);
-    EXPECT_EQ(last["encoding"], "base64");
-    EXPECT_EQ(last["data"], "aGVsbG8=");
+    EXPECT_EQ(last, nlohmann::json::parse(R"({"time": "100.500", "client": "can", "data_type": 4,
+        "sequence": 2, "encoding": "base64", "data": "aGVsbG8="})"));
 }
 
 }  // namespace
