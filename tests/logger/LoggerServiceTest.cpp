@@ -4,15 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <filesystem>
-#include <string>
-#include <vector>
 
-#include "libreplay/server/ReplayLogReader.h"
-#include "logger/ChannelParsers.h"
 #include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 

@@ -1,10 +1,6 @@
 #include "server/IngestJournal.h"
 
-#include <string>
-#include <vector>
-
 #include "tests/ReplayManager/ServerTestSupport.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 

@@ -2,13 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "tests/support/TestSupport.h"
-
 namespace {
 
 using ReplayServer::RecordReorderBuffer;

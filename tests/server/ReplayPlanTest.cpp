@@ -1,8 +1,5 @@
 #include "server/ReplayPlan.h"
 
-#include <gtest/gtest.h>
-
-#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "server/ReplayItems.h"
 #include "tests/server/LoopbackServer.h"
