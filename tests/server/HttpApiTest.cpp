@@ -85,11 +85,12 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
     std::string m_origin;
 };
 
-TEST_F(HttpApiTest, ReadOnlyViewsOfStateAndLogs) {
+// Anyone may read; nothing changes without the token or from another site;
+// and a server can run without the page.
+TEST_F(HttpApiTest, ReadOnlyViewsRefusedChangesAndNoPageWhenTurnedOff) {
     CopyLog("two_segments.dat");
     CopyLog("truncated_tail.dat");
 
-    EXPECT_EQ(Get("/api/status").body["state"], "Stopped");
     EXPECT_TRUE(Get("/api/clients").body["clients"].is_array());
 
     const Reply logs = Get("/api/logs");
@@ -139,10 +140,8 @@ TEST_F(HttpApiTest, ReadOnlyViewsOfStateAndLogs) {
     const Reply page = Get("/");
     EXPECT_EQ(page.status, 200);
     EXPECT_NE(page.text.find("<html"), std::string::npos);
-}
 
-TEST_F(HttpApiTest, NothingChangesWithoutTheTokenOrFromAnotherSite) {
-    CopyLog("two_segments.dat");
+    // Nothing changes without the token or from another site.
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"/api/record", "{}"},
         {"/api/stop", "{}"},
@@ -190,6 +189,24 @@ TEST_F(HttpApiTest, NothingChangesWithoutTheTokenOrFromAnotherSite) {
         PostWithToken("/api/replay", R"({"log": "two_segments.dat", "clients": ["nobody"]})");
     EXPECT_EQ(unknownClient.status, 409) << unknownClient.text;
     EXPECT_NE(unknownClient.body.value("error", "").find("nobody"), std::string::npos);
+
+    // The server of this fixture has a web page; a second one, without,
+    // beside it.
+    const std::string control = Root() + "/tmp/second.sock";
+    ReplayTest::Process second({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
+                                Address(), "--port", "4401", "--control", control, "--no-http"},
+                               Root() + "/second.out", m_environment);
+    ASSERT_TRUE(
+        WaitFor([&] { return std::filesystem::exists(control) || !second.Running(); }, 20s, 20ms));
+    EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
+    EXPECT_FALSE(std::filesystem::exists(control + ".token"));
+
+    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
+        ReplayTest::Process bad(
+            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
+            Root() + "/bad.out", m_environment);
+        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
+    }
 }
 
 TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
@@ -248,25 +265,6 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
     EXPECT_EQ(PostWithToken("/api/stop").status, 200);
     EXPECT_TRUE(
         WaitFor([&] { return !Get("/api/status").body["job_running"].get<bool>(); }, 20s, 50ms));
-}
-
-TEST_F(HttpApiTest, NoWebPageWhenTurnedOff) {
-    // The server of this fixture has one; a second one, without, beside it.
-    const std::string control = Root() + "/tmp/second.sock";
-    ReplayTest::Process second({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
-                                Address(), "--port", "4401", "--control", control, "--no-http"},
-                               Root() + "/second.out", m_environment);
-    ASSERT_TRUE(
-        WaitFor([&] { return std::filesystem::exists(control) || !second.Running(); }, 20s, 20ms));
-    EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
-    EXPECT_FALSE(std::filesystem::exists(control + ".token"));
-
-    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
-        ReplayTest::Process bad(
-            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
-            Root() + "/bad.out", m_environment);
-        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
-    }
 }
 
 }  // namespace

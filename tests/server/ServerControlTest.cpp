@@ -63,7 +63,8 @@ class ServerControlTest : public ServerTest::LoopbackServerTest {
     std::string m_output;
 };
 
-TEST_F(ServerControlTest, StatusAndClientsAreOneJsonLineEach) {
+// Status and clients are one JSON line each; the recording commands.
+TEST_F(ServerControlTest, StatusClientsAndRecordingCommands) {
     Start();
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
@@ -89,11 +90,8 @@ TEST_F(ServerControlTest, StatusAndClientsAreOneJsonLineEach) {
 
     // Anything else after the command stays an error.
     EXPECT_EQ(m_control->Execute("status --xml").compare(0, 6, "error:"), 0);
-}
 
-// A timed recording ends by itself; "wait" returns once it has.
-TEST_F(ServerControlTest, RecordingCommandsAndTheirRefusals) {
-    Start();
+    // A timed recording ends by itself; "wait" returns once it has.
     EXPECT_EQ(m_control->Execute("record"), "recording\n");
     EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
     EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
