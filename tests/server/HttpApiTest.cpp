@@ -234,12 +234,6 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
     WaitForRecords(40);
     const Reply stop = PostWithToken("/api/stop");
     ASSERT_EQ(stop.status, 200) << stop.text;
-
-    const Reply logs = Get("/api/logs");
-    ASSERT_EQ(logs.status, 200);
-    ASSERT_EQ(logs.body["logs"].size(), 1u) << logs.text;
-    EXPECT_EQ(logs.body["logs"][0]["name"], "LOGFILE.DAT");
-
     const Reply replay = PostWithToken(
         "/api/replay", R"({"log": "LOGFILE.DAT", "clients": ["alpha", "beta"], "rate": 1})");
     ASSERT_EQ(replay.status, 200) << replay.text;
@@ -251,10 +245,8 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
         20s, 50ms));
     EXPECT_EQ(PostWithToken("/api/pause").status, 200);
     EXPECT_EQ(Get("/api/status").body["replay"]["paused"], true);
-    EXPECT_EQ(PostWithToken("/api/step", R"({"records": 2})").status, 200);
-    EXPECT_EQ(PostWithToken("/api/step", R"({"ms": 100})").status, 200);
-    const Reply seek = PostWithToken("/api/seek", R"({"seconds": 0.5})");
-    EXPECT_EQ(seek.status, 200) << seek.text;
+    // The commands' replies are ServerControl's; here, that the values of
+    // the JSON bodies reach them.
     EXPECT_EQ(PostWithToken("/api/rate", R"({"rate": 2})").status, 200);
     EXPECT_EQ(PostWithToken("/api/loop", R"({"on": true})").status, 200);
     EXPECT_EQ(PostWithToken("/api/resume").status, 200);
