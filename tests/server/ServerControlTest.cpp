@@ -164,7 +164,6 @@ TEST_F(ServerControlTest, RunningReplayAnswersAtOnceReportsItsStateAndStopsClean
     EXPECT_EQ(Timed("replay " + path), "error: busy; stop first\n");
 
     EXPECT_EQ(Timed("step"), "error: step works while paused; pause first\n");
-    EXPECT_EQ(Timed("seek 61"), "error: the replay lasts 60.000 s; cannot seek to 61.000 s\n");
     EXPECT_EQ(Timed("rate 11"), "error: the rate goes from 0.1 to 10, or max\n");
     // While running, the reply's position has moved on by the time it is
     // written; paused, it is exact, so the positions below are checked there.
