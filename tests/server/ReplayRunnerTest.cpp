@@ -27,14 +27,9 @@ int64_t Ms(Clock::duration duration) {
 // A record as the plan holds it: without its line end.
 ReplayServer::PlannedRecord Planned(const std::string& client, int64_t timeMs,
                                     unsigned int sequence) {
-    ReplayServer::PlannedRecord record;
-    record.client = client;
-    record.timeMs = timeMs;
-    record.sequence = sequence;
-    record.record =
+    const std::string record =
         ServerTest::DataRecord(client, timeMs, sequence, "item" + std::to_string(sequence));
-    record.record.pop_back();
-    return record;
+    return {client, timeMs, sequence, record.substr(0, record.size() - 1), 0};
 }
 
 // The log time a replay command sets the client's clock to; -1 without one.
