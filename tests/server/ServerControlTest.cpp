@@ -66,9 +66,21 @@ class ServerControlTest : public ServerTest::LoopbackServerTest {
 // Status and clients are one JSON line each; the recording commands.
 TEST_F(ServerControlTest, StatusClientsAndRecordingCommands) {
     Start();
+    // Without clients, so that a stop need not wait for any.
+    EXPECT_EQ(m_control->Execute("record"), "recording\n");
+    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
+    EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
+    EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
+    for (const char* bad : {"replay /no/such.dat", "record -3"}) {
+        EXPECT_EQ(m_control->Execute(bad).compare(0, 6, "error:"), 0) << bad;
+    }
+    // A timed recording ends by itself; "wait" returns once it has.
+    EXPECT_EQ(m_control->Execute("record 0.05"), "recording for 0.1 s\n");
+    EXPECT_EQ(m_control->Execute("wait"), "done\n");
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
-
     const std::string clients = m_control->Execute("clients --json");
     ASSERT_EQ(clients.find('\n'), clients.size() - 1) << clients;
     const nlohmann::json table = nlohmann::json::parse(clients);
@@ -87,22 +99,8 @@ TEST_F(ServerControlTest, StatusClientsAndRecordingCommands) {
     EXPECT_EQ(state["job_running"], false);
     EXPECT_GE(state["counters"]["datagrams"].get<int>(), 1);
     EXPECT_EQ(state["clients"], table["clients"]);
-
     // Anything else after the command stays an error.
     EXPECT_EQ(m_control->Execute("status --xml").compare(0, 6, "error:"), 0);
-
-    // A timed recording ends by itself; "wait" returns once it has.
-    EXPECT_EQ(m_control->Execute("record"), "recording\n");
-    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
-    EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
-    EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
-
-    for (const char* bad : {"replay /no/such.dat", "record -3"}) {
-        EXPECT_EQ(m_control->Execute(bad).compare(0, 6, "error:"), 0) << bad;
-    }
-    EXPECT_EQ(m_control->Execute("record 0.05"), "recording for 0.1 s\n");
-    EXPECT_EQ(m_control->Execute("wait"), "done\n");
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
     m_control->Execute("quit");
     EXPECT_TRUE(m_control->QuitRequested());
 }
