@@ -1,14 +1,7 @@
 #include "logger/LogBatchWriter.h"
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <filesystem>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "libreplay/server/ReplayLogReader.h"
 #include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 

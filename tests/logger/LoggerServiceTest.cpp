@@ -4,15 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <filesystem>
-#include <string>
-#include <vector>
 
-#include "libreplay/server/ReplayLogReader.h"
-#include "logger/ChannelParsers.h"
 #include "tests/ReplayManager/RecordText.h"
 #include "tests/support/TestSupport.h"
 
@@ -37,6 +30,15 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
 
 TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIdentical) {
     MakeTargetDirectory("/fs/usb0");
+    // A device's path taken by something other than a FIFO refuses the
+    // start, and what the start had made before is gone again.
+    const std::string squatted = WriteTargetFile("/kfsystem/multicore/navi/q", "not a fifo");
+    const ReplayPlatform::Status refused = LoggerService(Options()).Start();
+    EXPECT_FALSE(refused.IsOk());
+    EXPECT_NE(refused.Message().find("not a FIFO"), std::string::npos) << refused.Message();
+    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
+    std::filesystem::remove(squatted);
+
     LoggerService service(Options());
     const ReplayPlatform::Status started = service.Start();
     ASSERT_TRUE(started.IsOk()) << started.Message();
@@ -95,16 +97,6 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
               "5 records received, 5 written, 0 dropped (0 queue full, 0 "
               "unwritable at stop), " +
                   std::to_string(stored.size()) + " bytes, 0 outages");
-}
-
-TEST_F(LoggerServiceTest, ExistingNonFifoDeviceRefusesToStart) {
-    WriteTargetFile("/kfsystem/multicore/navi/q", "not a fifo");
-    LoggerService service(Options());
-    const ReplayPlatform::Status started = service.Start();
-    EXPECT_FALSE(started.IsOk());
-    EXPECT_NE(started.Message().find("not a FIFO"), std::string::npos);
-    // What it had created before the failure is gone again.
-    EXPECT_FALSE(std::filesystem::exists(Device(LoggerService::kRecordDevice)));
 }
 
 TEST(ChannelParsersTest, RecordsSplitAtAnyByteBoundaryAreReassembled) {

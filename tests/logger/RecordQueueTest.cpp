@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <deque>
-#include <string>
 #include <thread>
 
-#include "libreplay/server/ReplayLogReader.h"
 #include "tests/ReplayManager/RecordText.h"
 
 namespace {

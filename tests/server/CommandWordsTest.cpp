@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
 namespace {
 
 using ReplayServer::QuoteCommandWord;

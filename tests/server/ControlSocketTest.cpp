@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -60,7 +59,9 @@ class ControlSocketTest : public ReplayTest::TargetRootTest {
     std::atomic<int> m_calls{0};
 };
 
-TEST_F(ControlSocketTest, SocketFileIsPrivateWhateverTheUmask) {
+// The socket file is private whatever the umask; connections are bounded,
+// each released when done, and the file goes with the server.
+TEST_F(ControlSocketTest, PrivateSocketWithBoundedConnections) {
     const mode_t previous = umask(0);
     ControlSocket control(Echo(m_calls));
     const ReplayPlatform::Status started = control.Start(Path());
@@ -71,6 +72,26 @@ TEST_F(ControlSocketTest, SocketFileIsPrivateWhateverTheUmask) {
     ASSERT_EQ(lstat(Path().c_str(), &file), 0);
     EXPECT_TRUE(S_ISSOCK(file.st_mode));
     EXPECT_EQ(file.st_mode & 0777, 0600u);
+
+    // A script polling the server: every connection's thread is released.
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_EQ(Ask(Path(), "status"), "did status\n");
+    }
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
+
+    // Clients that connect and say nothing take a slot each; past the limit
+    // the server answers busy at once.
+    std::vector<int> idle;
+    for (int i = 0; i < 16; ++i) {
+        idle.push_back(UnixSocket(Path()));
+    }
+    ASSERT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 16; }, kDeadline));
+    const std::string busy = Ask(Path(), "status");
+    EXPECT_EQ(busy.compare(0, 11, "error: busy"), 0) << busy;
+    for (const int fd : idle) {
+        close(fd);
+    }
+    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
     EXPECT_EQ(Ask(Path(), "status"), "did status\n");
     control.Stop();
     EXPECT_NE(lstat(Path().c_str(), &file), 0) << "the socket file outlived Stop";
@@ -209,32 +230,6 @@ TEST_F(ControlSocketTest, UnsafeDirectoryAndLinksAreRefused) {
     error = ControlSocket::Send(Path(), "status", reply).Message();
     EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
     EXPECT_EQ(m_calls, 1);
-    control.Stop();
-}
-
-TEST_F(ControlSocketTest, ConnectionsAreBoundedAndReleased) {
-    ControlSocket control(Echo(m_calls));
-    ASSERT_TRUE(control.Start(Path()).IsOk());
-    // A script polling the server: every connection's thread is released.
-    for (int i = 0; i < 30; ++i) {
-        ASSERT_EQ(Ask(Path(), "status"), "did status\n");
-    }
-    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
-
-    // Clients that connect and say nothing take a slot each; past the limit
-    // the server answers busy at once.
-    std::vector<int> idle;
-    for (int i = 0; i < 16; ++i) {
-        idle.push_back(UnixSocket(Path()));
-    }
-    ASSERT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 16; }, kDeadline));
-    const std::string busy = Ask(Path(), "status");
-    EXPECT_EQ(busy.compare(0, 11, "error: busy"), 0) << busy;
-    for (const int fd : idle) {
-        close(fd);
-    }
-    EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
-    EXPECT_EQ(Ask(Path(), "status"), "did status\n");
     control.Stop();
 }
 

@@ -4,11 +4,8 @@
 
 #include <httplib.h>
 
-#include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "tests/support/EndToEnd.h"
 
@@ -35,25 +32,22 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
             new ReplayTest::Process({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
                                      Address(), "--reorder-ms", "1000", "--http", Address() + ":0"},
                                     Root() + "/server.out", m_environment));
-        // "web page http://ADDR:PORT/ (token HEX": read without std::regex,
-        // whose inlined code trips a false uninitialised-use warning in
-        // optimised sanitizer builds.
+        // "web page http://ADDR:PORT/ (token HEX, ...)", once the page serves.
         const std::string marker = "web page http://" + Address() + ":";
-        std::string output;
         ASSERT_TRUE(WaitFor(
             [&] {
-                output = m_server->Output();
-                return output.find(" (token ", output.find(marker)) != std::string::npos ||
+                return m_server->Output().find(" (token ") != std::string::npos ||
                        !m_server->Running();
             },
             20s, 20ms))
             << m_server->Output();
         ASSERT_TRUE(m_server->Running()) << m_server->Output();
-        const size_t portAt = output.find(marker) + marker.size();
-        m_port = std::stoi(output.substr(portAt));
-        const size_t tokenAt = output.find(" (token ", portAt) + 8;
-        m_token =
-            output.substr(tokenAt, output.find_first_not_of("0123456789abcdef", tokenAt) - tokenAt);
+        const std::string output = m_server->Output();
+        m_port = std::stoi(output.substr(output.find(marker) + marker.size()));
+        // The token printed is the one in the file beside the socket.
+        m_token = ReplayTest::ReadFile(Root() + "/tmp/ReplayManager.sock.token");
+        m_token = m_token.substr(0, m_token.find('\n'));
+        EXPECT_NE(output.find(" (token " + m_token + ","), std::string::npos) << output;
         m_origin = "http://" + Address() + ":" + std::to_string(m_port);
     }
 
@@ -91,11 +85,12 @@ class HttpApiTest : public ReplayTest::EndToEndTest {
     std::string m_origin;
 };
 
-TEST_F(HttpApiTest, ReadOnlyViewsOfStateAndLogs) {
+// Anyone may read; nothing changes without the token or from another site;
+// and a server can run without the page.
+TEST_F(HttpApiTest, ReadOnlyViewsRefusedChangesAndNoPageWhenTurnedOff) {
     CopyLog("two_segments.dat");
     CopyLog("truncated_tail.dat");
 
-    EXPECT_EQ(Get("/api/status").body["state"], "Stopped");
     EXPECT_TRUE(Get("/api/clients").body["clients"].is_array());
 
     const Reply logs = Get("/api/logs");
@@ -146,12 +141,7 @@ TEST_F(HttpApiTest, ReadOnlyViewsOfStateAndLogs) {
     EXPECT_EQ(page.status, 200);
     EXPECT_NE(page.text.find("<html"), std::string::npos);
 
-    // The token printed is the one in the file beside the socket.
-    EXPECT_EQ(ReplayTest::ReadFile(Root() + "/tmp/ReplayManager.sock.token"), m_token + "\n");
-}
-
-TEST_F(HttpApiTest, NothingChangesWithoutTheTokenOrFromAnotherSite) {
-    CopyLog("two_segments.dat");
+    // Nothing changes without the token or from another site.
     const std::vector<std::pair<std::string, std::string>> changes = {
         {"/api/record", "{}"},
         {"/api/stop", "{}"},
@@ -199,6 +189,24 @@ TEST_F(HttpApiTest, NothingChangesWithoutTheTokenOrFromAnotherSite) {
         PostWithToken("/api/replay", R"({"log": "two_segments.dat", "clients": ["nobody"]})");
     EXPECT_EQ(unknownClient.status, 409) << unknownClient.text;
     EXPECT_NE(unknownClient.body.value("error", "").find("nobody"), std::string::npos);
+
+    // The server of this fixture has a web page; a second one, without,
+    // beside it.
+    const std::string control = Root() + "/tmp/second.sock";
+    ReplayTest::Process second({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
+                                Address(), "--port", "4401", "--control", control, "--no-http"},
+                               Root() + "/second.out", m_environment);
+    ASSERT_TRUE(
+        WaitFor([&] { return std::filesystem::exists(control) || !second.Running(); }, 20s, 20ms));
+    EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
+    EXPECT_FALSE(std::filesystem::exists(control + ".token"));
+
+    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
+        ReplayTest::Process bad(
+            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
+            Root() + "/bad.out", m_environment);
+        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
+    }
 }
 
 TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
@@ -226,12 +234,6 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
     WaitForRecords(40);
     const Reply stop = PostWithToken("/api/stop");
     ASSERT_EQ(stop.status, 200) << stop.text;
-
-    const Reply logs = Get("/api/logs");
-    ASSERT_EQ(logs.status, 200);
-    ASSERT_EQ(logs.body["logs"].size(), 1u) << logs.text;
-    EXPECT_EQ(logs.body["logs"][0]["name"], "LOGFILE.DAT");
-
     const Reply replay = PostWithToken(
         "/api/replay", R"({"log": "LOGFILE.DAT", "clients": ["alpha", "beta"], "rate": 1})");
     ASSERT_EQ(replay.status, 200) << replay.text;
@@ -243,10 +245,8 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
         20s, 50ms));
     EXPECT_EQ(PostWithToken("/api/pause").status, 200);
     EXPECT_EQ(Get("/api/status").body["replay"]["paused"], true);
-    EXPECT_EQ(PostWithToken("/api/step", R"({"records": 2})").status, 200);
-    EXPECT_EQ(PostWithToken("/api/step", R"({"ms": 100})").status, 200);
-    const Reply seek = PostWithToken("/api/seek", R"({"seconds": 0.5})");
-    EXPECT_EQ(seek.status, 200) << seek.text;
+    // The commands' replies are ServerControl's; here, that the values of
+    // the JSON bodies reach them.
     EXPECT_EQ(PostWithToken("/api/rate", R"({"rate": 2})").status, 200);
     EXPECT_EQ(PostWithToken("/api/loop", R"({"on": true})").status, 200);
     EXPECT_EQ(PostWithToken("/api/resume").status, 200);
@@ -257,25 +257,6 @@ TEST_F(HttpApiTest, RecordStopReplayAndControlThroughTheApi) {
     EXPECT_EQ(PostWithToken("/api/stop").status, 200);
     EXPECT_TRUE(
         WaitFor([&] { return !Get("/api/status").body["job_running"].get<bool>(); }, 20s, 50ms));
-}
-
-TEST_F(HttpApiTest, NoWebPageWhenTurnedOff) {
-    // The server of this fixture has one; a second one, without, beside it.
-    const std::string control = Root() + "/tmp/second.sock";
-    ReplayTest::Process second({ReplayTest::BuiltBinary("server/ReplayManager"), "--bind",
-                                Address(), "--port", "4401", "--control", control, "--no-http"},
-                               Root() + "/second.out", m_environment);
-    ASSERT_TRUE(
-        WaitFor([&] { return std::filesystem::exists(control) || !second.Running(); }, 20s, 20ms));
-    EXPECT_EQ(second.Output().find("web page"), std::string::npos) << second.Output();
-    EXPECT_FALSE(std::filesystem::exists(control + ".token"));
-
-    for (const char* address : {"nowhere", "0.0.0.0:4480", "127.0.0.1:70000"}) {
-        ReplayTest::Process bad(
-            {ReplayTest::BuiltBinary("server/ReplayManager"), "--http", address},
-            Root() + "/bad.out", m_environment);
-        EXPECT_EQ(bad.Wait(20s), 2) << address << ": " << bad.Output();
-    }
 }
 
 }  // namespace

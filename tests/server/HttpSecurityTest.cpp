@@ -27,8 +27,13 @@ TEST(HttpAccessPolicyTest, HostMustNameTheBoundAddressAndPort) {
     const HttpAccessPolicy lan("t", "10.1.2.3", 8000);
     EXPECT_TRUE(lan.HostAllowed("10.1.2.3:8000"));
     EXPECT_FALSE(lan.HostAllowed("localhost:8000"));
+    // Reading needs the token off loopback (127.0.0.0/8) only.
     EXPECT_TRUE(lan.ReadNeedsToken());
     EXPECT_FALSE(loopback.ReadNeedsToken());
+    EXPECT_TRUE(HttpAccessPolicy::IsLoopbackAddress("127.200.3.4"));
+    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("0.0.0.0"));
+    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("128.0.0.1"));
+    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("127.0.0.1.example"));
 }
 
 TEST(HttpAccessPolicyTest, OnlyTheServersOwnOriginOrNoneIsAccepted) {
@@ -56,15 +61,7 @@ TEST(HttpAccessPolicyTest, TokensMatchOnlyWhole) {
     EXPECT_FALSE(HttpAccessPolicy("", "127.0.0.1", 1).TokenMatches(""));
 }
 
-TEST(HttpAccessPolicyTest, LoopbackAddresses) {
-    EXPECT_TRUE(HttpAccessPolicy::IsLoopbackAddress("127.0.0.1"));
-    EXPECT_TRUE(HttpAccessPolicy::IsLoopbackAddress("127.200.3.4"));
-    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("0.0.0.0"));
-    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("128.0.0.1"));
-    EXPECT_FALSE(HttpAccessPolicy::IsLoopbackAddress("127.0.0.1.example"));
-}
-
-class HttpTokenFileTest : public ReplayTest::TargetRootTest {};
+using HttpTokenFileTest = ReplayTest::TargetRootTest;
 
 TEST_F(HttpTokenFileTest, ReplacesAnyOldFileWithAPrivateOne) {
     const std::string path = Root() + "/token";

@@ -1,10 +1,6 @@
 #include "server/IngestJournal.h"
 
-#include <string>
-#include <vector>
-
 #include "tests/ReplayManager/ServerTestSupport.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
@@ -42,7 +38,7 @@ class IngestJournalTest : public ReplayTest::TargetRootTest {
     }
 };
 
-TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
+TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrderUntilAReset) {
     const std::string a = DataRecord("a", 1000, 1), b = DataRecord("b", 900, 1),
                       c = DataRecord("a", 1100, 2);
     {
@@ -67,6 +63,17 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrder) {
     ASSERT_TRUE(restarted.Open(unwritten).IsOk());
     EXPECT_EQ(unwritten, (std::vector<std::string>{a, c}));
     EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
+
+    // A reset (a new recording) forgets everything, gathered entries
+    // included; later records still count.
+    Receive(restarted, DataRecord("a", 1200, 3));
+    restarted.Reset();
+    EXPECT_TRUE(Recover().empty());
+    EXPECT_EQ(ReadTargetFile("/var/lib/replay/journal"), "");
+    const std::string d = DataRecord("a", 1300, 4);
+    Receive(restarted, d);
+    restarted.FlushGathered(Clock::now());
+    EXPECT_EQ(Recover(), std::vector<std::string>{d});
 }
 
 TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
@@ -92,19 +99,6 @@ TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
     WriteTargetFile("/var/lib/replay/journal", contents.substr(0, contents.size() - 3));
     EXPECT_TRUE(Recover().empty());
     WriteTargetFile("/var/lib/replay/journal", contents);
-    EXPECT_EQ(Recover(), std::vector<std::string>{b});
-}
-
-TEST_F(IngestJournalTest, ResetForgetsEverythingAndLaterRecordsStillCount) {
-    IngestJournal journal(Path());
-    ASSERT_TRUE(Opened(journal));
-    Receive(journal, DataRecord("a", 1000, 1));
-    journal.Reset();  // flushes the gathered entry, then empties the file
-    EXPECT_TRUE(Recover().empty());
-    EXPECT_EQ(ReadTargetFile("/var/lib/replay/journal"), "");
-    const std::string b = DataRecord("a", 1100, 2);
-    Receive(journal, b);
-    journal.FlushGathered(Clock::now());
     EXPECT_EQ(Recover(), std::vector<std::string>{b});
 }
 

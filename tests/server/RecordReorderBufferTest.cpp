@@ -2,36 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "tests/support/TestSupport.h"
-
 namespace {
 
 using ReplayServer::RecordReorderBuffer;
 using Clock = RecordReorderBuffer::Clock;
 using std::chrono::milliseconds;
 
-class Collected {
-  public:
+// The records passed on, in order; the lock is for the buffer's own thread.
+struct Collected {
     RecordReorderBuffer::Sink Sink() {
         return [this](const std::string& record) {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_records.push_back(record);
+            std::lock_guard<std::mutex> lock(mutex);
+            records.push_back(record);
             return true;
         };
     }
-    std::vector<std::string> Records() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_records;
-    }
-
-  private:
-    std::mutex m_mutex;
-    std::vector<std::string> m_records;
+    std::mutex mutex;
+    std::vector<std::string> records;
 };
 
 const Clock::time_point kT0 = Clock::now();
@@ -50,9 +37,9 @@ TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecord
     RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
     Add(buffer, 9000, "recent");
     buffer.ReleaseDue(kT0 + milliseconds(999));
-    EXPECT_TRUE(sink.Records().empty());
+    EXPECT_TRUE(sink.records.empty());
     buffer.ReleaseDue(kT0 + milliseconds(1000));
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{"recent"});
+    EXPECT_EQ(sink.records, std::vector<std::string>{"recent"});
 
     Add(buffer, 7000, "b", kT0 + milliseconds(2000));
     Add(buffer, 6000, "a", kT0 + milliseconds(2000));
@@ -62,7 +49,7 @@ TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecord
     buffer.ReleaseDue(kT0 + milliseconds(3499));
     EXPECT_EQ(buffer.HeldRecords(), 4u);
     buffer.ReleaseDue(kT0 + milliseconds(3500));
-    EXPECT_EQ(sink.Records(),
+    EXPECT_EQ(sink.records,
               (std::vector<std::string>{"recent", "slow client, sent late", "a", "b", "c"}));
     EXPECT_EQ(buffer.HeldRecords(), 0u);
 }
@@ -73,11 +60,11 @@ TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
     Add(buffer, 9000, "held past its hold");
     buffer.Freeze(true);
     buffer.ReleaseDue(kT0 + milliseconds(5000));
-    EXPECT_TRUE(sink.Records().empty());
+    EXPECT_TRUE(sink.records.empty());
     Add(buffer, 7000, "late block");
     buffer.Freeze(false);
     buffer.ReleaseDue(kT0 + milliseconds(5000));
-    EXPECT_EQ(sink.Records(), (std::vector<std::string>{"late block", "held past its hold"}));
+    EXPECT_EQ(sink.records, (std::vector<std::string>{"late block", "held past its hold"}));
 }
 
 // Above three quarters of the limit the oldest leave early; a record is
@@ -91,10 +78,10 @@ TEST(RecordReorderBufferTest,
     Add(buffer, 100, "first-----");
     Add(buffer, 200, "second----");
     buffer.ReleaseDue(kT0);  // 30 bytes held: nothing is due yet
-    EXPECT_TRUE(sink.Records().empty());
+    EXPECT_TRUE(sink.records.empty());
     Add(buffer, 400, "fourth----");
     buffer.ReleaseDue(kT0);
-    EXPECT_EQ(sink.Records(), std::vector<std::string>{"first-----"});
+    EXPECT_EQ(sink.records, std::vector<std::string>{"first-----"});
     EXPECT_EQ(buffer.ReleasedEarly(), 1u);
 
     Add(buffer, 500, "fifth-----");  // 40 bytes: exactly the limit
@@ -142,7 +129,7 @@ TEST(RecordReorderBufferTest, ConcurrentProducersAndDrainsLoseNothing) {
         producer.join();
     }
     buffer.Stop();
-    const std::vector<std::string> records = sink.Records();
+    const std::vector<std::string> records = sink.records;
     ASSERT_EQ(records.size(), static_cast<size_t>(kProducers * kRecords));
     std::vector<int> next(kProducers, 0);
     for (const std::string& record : records) {

@@ -2,16 +2,9 @@
 // client's last block, and recovery from the crash journal.
 
 #include <future>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "libreplay/server/ReplayLogger.h"
-#include "libreplay/ReplayCore.h"
-#include "server/IngestJournal.h"
-#include "server/ReplayServer.h"
 #include "tests/server/LoopbackServer.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 

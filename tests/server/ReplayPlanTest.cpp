@@ -1,8 +1,5 @@
 #include "server/ReplayPlan.h"
 
-#include <gtest/gtest.h>
-
-#include "libreplay/server/ClientRecord.h"
 #include "libreplay/server/ReplayLogReader.h"
 #include "server/ReplayItems.h"
 #include "tests/server/LoopbackServer.h"
@@ -123,16 +120,15 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     EXPECT_EQ(Sent(plan.records[7]).sequence, 6u);  // gps's sixth item
     EXPECT_TRUE(plan.state.empty());
 
+    // From 1011 to 1041 (the items and state are the range table's, below):
+    // the state item is each client's block 1; the range follows on.
     PlanOptions options;
-    options.fromOffsetMs = 15;  // 1015
-    options.toOffsetMs = 45;    // up to 1045, not included
+    options.fromOffsetMs = 11;
+    options.toOffsetMs = 41;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
-    EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g2", "c1", "g3", "g4"}));
-    EXPECT_EQ(plan.startMs, 1015);
-    EXPECT_EQ(ItemData(plan.state), (std::vector<std::string>{"c0", "g1"}));
+    ASSERT_EQ(plan.state.size(), 2u);
     const SentItem gpsState = Sent(plan.state[1]);
     EXPECT_EQ(gpsState.timeMs, 1010);
-    // The state item is each client's block 1; the range follows on.
     EXPECT_EQ(gpsState.sequence, 1u);
     EXPECT_EQ(Sent(plan.records[0]).sequence, 2u);
     ASSERT_EQ(plan.initialisation.size(), 1u);

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <future>
-#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "tests/server/LoopbackServer.h"
@@ -48,16 +47,40 @@ class ServerControlTest : public ServerTest::LoopbackServerTest {
         return WriteTargetFile("/drive.dat", ReplayTest::StoredClientLog(1000, "gps", items));
     }
 
+    // The reply, and that it came well within the log's 1 s record spacing:
+    // a command that waited for the replay's next record would take longer.
+    // The bound leaves room for a host that stalls the machine for a while.
+    std::string Timed(const std::string& command) {
+        const auto started = std::chrono::steady_clock::now();
+        const std::string reply = m_control->Execute(command);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(400))
+            << command;
+        return reply;
+    }
+
     std::unique_ptr<srv::ServerControl> m_control;
     std::mutex m_outputMutex;
     std::string m_output;
 };
 
-TEST_F(ServerControlTest, StatusAndClientsAreOneJsonLineEach) {
+// Status and clients are one JSON line each; the recording commands.
+TEST_F(ServerControlTest, StatusClientsAndRecordingCommands) {
     Start();
+    // Without clients, so that a stop need not wait for any.
+    EXPECT_EQ(m_control->Execute("record"), "recording\n");
+    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
+    EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
+    EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
+    for (const char* bad : {"replay /no/such.dat", "record -3"}) {
+        EXPECT_EQ(m_control->Execute(bad).compare(0, 6, "error:"), 0) << bad;
+    }
+    // A timed recording ends by itself; "wait" returns once it has.
+    EXPECT_EQ(m_control->Execute("record 0.05"), "recording for 0.1 s\n");
+    EXPECT_EQ(m_control->Execute("wait"), "done\n");
+    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
+
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
-
     const std::string clients = m_control->Execute("clients --json");
     ASSERT_EQ(clients.find('\n'), clients.size() - 1) << clients;
     const nlohmann::json table = nlohmann::json::parse(clients);
@@ -76,61 +99,13 @@ TEST_F(ServerControlTest, StatusAndClientsAreOneJsonLineEach) {
     EXPECT_EQ(state["job_running"], false);
     EXPECT_GE(state["counters"]["datagrams"].get<int>(), 1);
     EXPECT_EQ(state["clients"], table["clients"]);
-
     // Anything else after the command stays an error.
     EXPECT_EQ(m_control->Execute("status --xml").compare(0, 6, "error:"), 0);
-}
-
-TEST_F(ServerControlTest, ReplayRefusesFilesThatCouldBlockTheCommand) {
-    Start();
-    const std::string fifo = Root() + "/pipe.dat";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    auto reply =
-        std::async(std::launch::async, [&] { return m_control->Execute("replay " + fifo); });
-    if (reply.wait_for(kDeadline) != std::future_status::ready) {
-        // Opening and closing the writing end releases a blocked reader.
-        close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
-        close(open(fifo.c_str(), O_WRONLY));
-        ADD_FAILURE() << "replay of a FIFO blocked the command";
-    }
-    EXPECT_EQ(reply.get(), "error: " + fifo + " is not a regular file\n");
-    EXPECT_EQ(m_control->Execute("replay " + Root()).compare(0, 6, "error:"), 0);
-    EXPECT_EQ(m_control->Execute("status").compare(0, 13, "state Stopped"), 0);
-}
-
-// A timed recording ends by itself; "wait" returns once it has.
-TEST_F(ServerControlTest, RecordingCommandsAndTheirRefusals) {
-    Start();
-    EXPECT_EQ(m_control->Execute("record"), "recording\n");
-    EXPECT_EQ(m_control->Execute("record").compare(0, 11, "error: busy"), 0);
-    EXPECT_NE(m_control->Execute("status").find("state Record"), std::string::npos);
-    EXPECT_EQ(m_control->Execute("stop"), "recording stopped\n");
-
-    for (const char* bad : {"replay /no/such.dat", "record -3"}) {
-        EXPECT_EQ(m_control->Execute(bad).compare(0, 6, "error:"), 0) << bad;
-    }
-    EXPECT_EQ(m_control->Execute("record 0.05"), "recording for 0.1 s\n");
-    EXPECT_EQ(m_control->Execute("wait"), "done\n");
-    EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
     m_control->Execute("quit");
     EXPECT_TRUE(m_control->QuitRequested());
 }
 
-class ReplayControlCommandTest : public ServerControlTest {
-  protected:
-    // The reply, and that it came well within the log's 1 s record spacing:
-    // a command that waited for the replay's next record would take longer.
-    // The bound leaves room for a host that stalls the machine for a while.
-    std::string Timed(const std::string& command) {
-        const auto started = std::chrono::steady_clock::now();
-        const std::string reply = m_control->Execute(command);
-        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(400))
-            << command;
-        return reply;
-    }
-};
-
-TEST_F(ReplayControlCommandTest, CommandsSayWhyTheyDoNotApply) {
+TEST_F(ServerControlTest, CommandsSayWhyTheyDoNotApply) {
     Start();
     for (const char* command : {"pause", "resume", "seek 1", "step", "step 3", "step 20 ms",
                                 "rate 2", "rate max", "loop on"}) {
@@ -154,12 +129,26 @@ TEST_F(ReplayControlCommandTest, CommandsSayWhyTheyDoNotApply) {
               "error: --clients takes names separated by commas\n");
     EXPECT_EQ(Timed("replay " + path + " --clients gps,nav"),
               "error: the log has no records of nav (it has gps)\n");
+    // Files that could block the command are refused without opening them.
+    const std::string fifo = Root() + "/pipe.dat";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    auto reply =
+        std::async(std::launch::async, [&] { return m_control->Execute("replay " + fifo); });
+    if (reply.wait_for(kDeadline) != std::future_status::ready) {
+        // Opening and closing the writing end releases a blocked reader.
+        close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
+        close(open(fifo.c_str(), O_WRONLY));
+        ADD_FAILURE() << "replay of a FIFO blocked the command";
+    }
+    EXPECT_EQ(reply.get(), "error: " + fifo + " is not a regular file\n");
+    EXPECT_EQ(m_control->Execute("replay " + Root()).compare(0, 6, "error:"), 0);
     EXPECT_FALSE(m_control->JobRunning());
+    EXPECT_EQ(m_control->Execute("status").compare(0, 13, "state Stopped"), 0);
 }
 
 // A running replay answers every command at once and refuses a second job;
 // once stopped, it leaves its report and the server ready for the next job.
-TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceReportsItsStateAndStopsCleanly) {
+TEST_F(ServerControlTest, RunningReplayAnswersAtOnceReportsItsStateAndStopsCleanly) {
     Start();
     ServerTest::FakeClient gps(m_ip);
     ASSERT_TRUE(gps.Register("gps"));
@@ -173,7 +162,6 @@ TEST_F(ReplayControlCommandTest, RunningReplayAnswersAtOnceReportsItsStateAndSto
     EXPECT_EQ(Timed("replay " + path), "error: busy; stop first\n");
 
     EXPECT_EQ(Timed("step"), "error: step works while paused; pause first\n");
-    EXPECT_EQ(Timed("seek 61"), "error: the replay lasts 60.000 s; cannot seek to 61.000 s\n");
     EXPECT_EQ(Timed("rate 11"), "error: the rate goes from 0.1 to 10, or max\n");
     // While running, the reply's position has moved on by the time it is
     // written; paused, it is exact, so the positions below are checked there.

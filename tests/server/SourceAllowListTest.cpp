@@ -42,7 +42,6 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     ASSERT_TRUE(list.Parse("172.16.0.0/12").IsOk());
     EXPECT_TRUE(Allows(list, "172.31.255.255"));
     EXPECT_FALSE(Allows(list, "172.32.0.0"));
-    EXPECT_EQ(list.ToString(), "172.16.0.0/12");
 }
 
 TEST(SourceAllowListTest, RejectsBadNetworksAndKeepsTheList) {
