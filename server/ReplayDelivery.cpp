@@ -184,22 +184,6 @@ bool ReplayDeliveryTracker::WaitForReported(const std::string& client, uint64_t 
     return reached();
 }
 
-bool ReplayDeliveryTracker::WaitForAllReported(std::chrono::steady_clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    const uint64_t generation = m_wakeGeneration;
-    auto allReported = [this] {
-        for (const auto& entry : m_clients) {
-            if (entry.second.recordsReported < entry.second.recordsSent) {
-                return false;
-            }
-        }
-        return true;
-    };
-    m_changed.wait_until(lock, deadline,
-                         [&] { return allReported() || m_wakeGeneration != generation; });
-    return allReported();
-}
-
 void ReplayDeliveryTracker::Wake() {
     std::lock_guard<std::mutex> lock(m_mutex);
     ++m_wakeGeneration;

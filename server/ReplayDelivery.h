@@ -102,8 +102,6 @@ class ReplayDeliveryTracker {
     // the deadline or when Wake() is called meanwhile.
     bool WaitForReported(const std::string& client, uint64_t count,
                          std::chrono::steady_clock::time_point deadline);
-    // Waits until every client has reported every record sent to it so far.
-    bool WaitForAllReported(std::chrono::steady_clock::time_point deadline);
     // Ends every wait in progress (a cancelled replay).
     void Wake();
 
