@@ -182,9 +182,13 @@ ReplayPlatform::Status LogCatalog::Load(const std::string& name,
 
 LogCatalog::Json LogCatalog::Summary(const std::string& name, const Entry& entry) {
     const LogStatistics& statistics = entry.statistics;
+    // The clients a replay can feed: a name with status records only (the
+    // server's own stop marks) has nothing to replay.
     Json clients = Json::array();
     for (const LogClientStatistics& client : statistics.Clients()) {
-        clients.push_back(client.name);
+        if (client.records > client.statusRecords) {
+            clients.push_back(client.name);
+        }
     }
     return {{"name", name},
             {"size", entry.size},
@@ -252,7 +256,9 @@ ReplayPlatform::Status LogCatalog::Detail(const std::string& name, Json& out) {
     for (const TimelineSegment& segment : entry->timeline) {
         Json items = Json::object();
         for (const auto& client : segment.items) {
-            items[client.first] = client.second;
+            if (!client.second.empty()) {  // a name without items draws no line
+                items[client.first] = client.second;
+            }
         }
         timeline.push_back({{"segment", segment.index},
                             {"start_ms", segment.startMs},
