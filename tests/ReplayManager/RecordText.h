@@ -11,7 +11,7 @@
 
 #include "ReplayManager/Ascii7.h"
 #include "libreplay/server/ReplayLogReader.h"
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 
 namespace RecordText {
 

@@ -17,7 +17,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ClientSetup.h"
 #include "tests/support/FakeServer.h"
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace {

@@ -15,7 +15,7 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/multicore.h"
 #include "libreplay/server/ReplayLogger.h"
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace ServerTest {

@@ -26,7 +26,7 @@
 #include "tests/support/ClientSetup.h"
 #include "tests/support/EndToEnd.h"
 #include "tests/support/FakeServer.h"
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 #include "tests/support/UdpTestClient.h"
 #include "tests/ReplayManager/ServerTestSupport.h"
 

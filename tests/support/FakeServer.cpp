@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace ReplayTest {

@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 
 namespace ReplayTest {
 

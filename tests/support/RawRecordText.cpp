@@ -1,4 +1,4 @@
-#include "tests/support/HostileTraffic.h"
+#include "tests/support/RawRecordText.h"
 
 #include <arpa/inet.h>
 
