@@ -5,8 +5,8 @@
 
 namespace {
 
+using ReplayTest::ManualClock;
 using ServerTest::Address;
-using ServerTest::ManualClock;
 
 class ClientDataListTest : public ReplayTest::TargetRootTest {};
 
@@ -14,7 +14,7 @@ TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
     ManualClock clock(1000);
     ClientData client(Address("127.0.0.1", 5000));
     client.UpdateClientStatus();
-    // Silent for 1 s but never heard from: not yet Running.
+    // Never heard from: not yet Running.
     EXPECT_EQ(client.GetStatus(), ClientData::Idle);
 
     clock.Set(100000);
@@ -36,7 +36,6 @@ TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
         EXPECT_EQ(client.GetWaitTime().m_timeMilliseconds, step.silenceMs);
     }
 
-    // A failed or shut-down client that speaks again is Running again.
     client.LogMessageReceived();
     client.UpdateClientStatus();
     EXPECT_EQ(client.GetStatus(), ClientData::Running);
@@ -44,7 +43,6 @@ TEST_F(ClientDataListTest, HealthRuleHasExactBoundsAndRederivesEveryUpdate) {
     client.UpdateClientStatus();
     EXPECT_EQ(client.GetStatus(), ClientData::Running);
 
-    // Error and Disabled survive any silence.
     for (ClientData::ClientStatus kept : {ClientData::Error, ClientData::Disabled}) {
         client.SetStatus(kept);
         clock.Advance(60000);
@@ -72,7 +70,6 @@ TEST_F(ClientDataListTest, SequenceNumbersCountGapsRepeatsBackwardStepsAndRestar
         {3, 2, 1},  // the number after 1 is compared
         {0, 1, 0},
         {7, 1, 0},  // after a restart at 0 the next number is not compared
-        // Wild jumps from a corrupted sender wrap the dropped count, no more.
         {2000000007, 2000000000, 1999999999},
         {2, 2000000005, static_cast<int32_t>(4000000003u)},
     };

@@ -1,10 +1,7 @@
 #ifndef TESTS_REPLAYMANAGER_CLIENTTESTFIXTURE_H
 #define TESTS_REPLAYMANAGER_CLIENTTESTFIXTURE_H
 
-// Shared set-up of the client tests: a fake server, the client's options
-// pointing at it, an injected clock, and helpers that read the client's
-// datagrams back. Every test case runs in its own process, so the process's
-// one client is fresh in each.
+// Every test case runs in its own process, so the process's one client is fresh in each.
 
 #include <gtest/gtest.h>
 
@@ -32,8 +29,7 @@ inline int64_t InjectedClock() {
     return g_nowMs.load(std::memory_order_relaxed);
 }
 
-// A block cut as the log reader cuts it: the header up to and including
-// "!1 <sequence>:", the items, and the times of the items after the first.
+// The header up to "!1 <sequence>:", the items, the times of the items after the first.
 struct Block {
     std::string header;
     std::vector<std::string> items;
@@ -58,7 +54,6 @@ inline bool ChecksumValid(const std::string& datagram) {
     return ReplayCore::CheckSumValid(datagram.data(), static_cast<unsigned int>(datagram.size()));
 }
 
-// The client connected to a fake server, without its threads, recording.
 class ClientFixture : public ReplayTest::TargetRootTest {
   protected:
     void SetUp() override {
@@ -74,8 +69,6 @@ class ClientFixture : public ReplayTest::TargetRootTest {
     }
     virtual std::string ExtraOptions() { return ""; }
 
-    // Opens the connection and starts the first block as initialisation
-    // does, then switches to `state`.
     void Connect(ReplayCore::ReplayState state = ReplayCore::eStateRecord,
                  unsigned int dataType = kDataTypeAsciiText) {
         g_clientName = "Tester";
@@ -88,9 +81,7 @@ class ClientFixture : public ReplayTest::TargetRootTest {
         g_clientStateManager.SetStateForTesting(state);
     }
 
-    // Every datagram the client has sent so far: a marker message is sent
-    // last and waited for (one socket's datagrams arrive in order on
-    // loopback).
+    // A marker sent last is waited for: one socket's datagrams arrive in order on loopback.
     std::vector<std::string> Received() {
         const std::string marker = "sync" + std::to_string(++m_syncs);
         EXPECT_GT(ReplayClient::SendClientMessage(marker.c_str(),
@@ -114,7 +105,6 @@ class ClientFixture : public ReplayTest::TargetRootTest {
         return texts;
     }
 
-    // Hands `datagram` to the read thread's handler, on the test's thread.
     void Handle(const std::string& datagram) {
         clientReadThread.udpClientMessageHandler(
             reinterpret_cast<const unsigned char*>(datagram.data()),

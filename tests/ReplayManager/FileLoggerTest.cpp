@@ -10,8 +10,6 @@ namespace {
 
 using ReplayCore::FileLogger;
 
-// A private target root, a fixed clock (so that lines carry a known time) and
-// a logger back at its initial state for every test.
 class FileLoggerTest : public ReplayTest::TargetRootTest {
   protected:
     ReplayTest::ManualClock m_clock{83061};
@@ -22,7 +20,6 @@ class FileLoggerTest : public ReplayTest::TargetRootTest {
 using ReplayTest::Occurrences;
 
 TEST_F(FileLoggerTest, LinesCarryTimeAndTextAndFollowTheLevel) {
-    // Texts shorter than three characters and filtered severities write nothing.
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityError, "ab"), 2);
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityDebug, "debug detail"), 0);
     EXPECT_EQ(FileLogger::DumpTextToFile(FileLogger::eSeverityError, "\nx", "text"), 0);
@@ -41,8 +38,6 @@ TEST_F(FileLoggerTest, LinesCarryTimeAndTextAndFollowTheLevel) {
               "\n90.005:!strstream.fail() at line 658 of ReplayManager/ReplayCore");
 }
 
-// The cap counts calls: the 5001st and every later call write the notice in
-// place of their text and fail.
 TEST_F(FileLoggerTest, WritesAreCappedAt5000CallsPerProcess) {
     for (unsigned int i = 0; i < FileLogger::kMaximumWrites; ++i) {
         ASSERT_EQ(FileLogger::DumpTextToFile(FileLogger::eSeverityError, "\nhd", "x"), 5) << i;
@@ -60,8 +55,6 @@ TEST_F(FileLoggerTest, MinimalWriterGivesUpAfterFiveFailures) {
     EXPECT_EQ(ReplayCore::DumpTextToFile("as it stands"), 12);
     EXPECT_EQ(LogText(), "as it stands");
 
-    // A plain file where the target's /tmp directory should be: the log file
-    // cannot be created.
     std::filesystem::remove_all(Root() + "/tmp");
     ReplayTest::WriteFile(Root() + "/tmp", "not a directory");
     testing::internal::CaptureStdout();

@@ -11,8 +11,6 @@ namespace {
 using ReplayCore::MemoryBuffer;
 using ReplayTest::CapturedDebug;
 
-// Capturing the debug channels logs to the file log, so every test keeps a
-// private target root.
 class MemoryBufferTest : public ReplayTest::TargetRootTest {};
 
 TEST_F(MemoryBufferTest, GrowsToThePowerOfTwoAboveTheRequestAndDropsContents) {
@@ -43,7 +41,6 @@ TEST_F(MemoryBufferTest, RefusedRequestsKeepTheOldStorageAndIndexFallsBackToByte
     unsigned char* storage = refused.Get();
     storage[0] = 42;
     EXPECT_EQ(refused.ExpandBuffer(1001, true), nullptr);
-    // A capacity beyond 32 bits cannot be allocated at all.
     MemoryBuffer huge("Huge", 8, UINT_MAX);
     EXPECT_EQ(huge.ExpandBuffer(0x80000000u, false), nullptr);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "AllocateBuffer"), 2);
@@ -53,7 +50,6 @@ TEST_F(MemoryBufferTest, RefusedRequestsKeepTheOldStorageAndIndexFallsBackToByte
     EXPECT_EQ(refused.Get(), storage);
     EXPECT_EQ(storage[0], 42);
 
-    // The index accepts one past the end and falls back to byte 0 beyond.
     debug.Clear();
     EXPECT_EQ(refused[16], refused.Get() + 16);
     EXPECT_TRUE(debug.Lines().empty());

@@ -1,10 +1,6 @@
 #ifndef TESTS_REPLAYMANAGER_RECORDTEXT_H
 #define TESTS_REPLAYMANAGER_RECORDTEXT_H
 
-// Builders of the texts the tests feed to the client and the log code (an
-// item's Ascii7 text, a checksummed record, a record in its stored form),
-// and the payloads a log file holds.
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,7 +13,7 @@ namespace RecordText {
 
 using ReplayTest::WithChecksum;  // body + "%8x\n" checksum field
 
-// The Ascii7 text of `bytes`; empty when the encoder refuses them.
+// Empty when the encoder refuses `bytes`.
 inline std::string Ascii7(const std::string& bytes) {
     static Ascii7Encoder::CMessageEncode encoder;
     unsigned int length = 0;
@@ -27,19 +23,16 @@ inline std::string Ascii7(const std::string& bytes) {
     return text != nullptr ? std::string(text, length) : std::string();
 }
 
-// A data block's text before its checksum field: `type` '"' for text, '$'
-// for binary; the items after the first are joined with Item().
+// `type` '"' for text, '$' for binary; the items after the first joined with Item().
 inline std::string BlockBody(char type, const std::string& time, const std::string& client,
                              unsigned int sequence, const std::string& items) {
     return type + time + ":" + client + ":!1 " + std::to_string(sequence) + ":" + items;
 }
 
-// A further item of a block: the 0xDE separator, the item's time and data.
 inline std::string Item(const std::string& time, const std::string& data) {
     return '\xDE' + time + ":" + data;
 }
 
-// `payload` framed and with the channel prefix, as the log file holds it.
 inline std::string Stored(const std::string& payload) {
     std::string framed;
     ReplayCore::LogFormat::FrameRecord(payload, framed);
@@ -48,8 +41,7 @@ inline std::string Stored(const std::string& payload) {
     return out;
 }
 
-// The payloads of every record the log file at `path` holds, none if it
-// cannot be opened; `skips` receives the reader's count of skipped parts.
+// None if the file cannot be opened; `skips` receives the reader's skip count.
 inline std::vector<std::string> LogPayloads(const std::string& path, uint64_t* skips = nullptr) {
     std::vector<std::string> payloads;
     ReplayCore::ReplayLogReader reader;

@@ -35,8 +35,7 @@ TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWaysAndArgumentsEndAtTheLastS
         EXPECT_EQ(value, "12.000");
     }
 
-    // Words are prefix matched, with or without '#'; some words that are
-    // produced are never recognised.
+    // Prefix matched, with or without '#'; some words produced are never recognised.
     Parser parser;
     const std::pair<const char*, ReplayState> commands[] = {
         {"#stopper", ReplayCore::eStateStopped}, {"record", ReplayCore::eStateRecord},
@@ -53,9 +52,7 @@ TEST_F(ReplayCoreTest, StatesAndCommandsConvertBothWaysAndArgumentsEndAtTheLastS
     EXPECT_EQ(ReplayStateManager::GetStateFromCommand(longest + "x", parser),
               ReplayCore::eStateUnknown);
 
-    // In turn on one parser. A semicolon right after the separator position
-    // gives no arguments, and the parser keeps what it held; the character
-    // after the word is skipped whatever it is.
+    // On one parser: a ';' right after the separator position leaves what it held.
     const std::tuple<const char*, ReplayState, const char*> withArguments[] = {
         {"recordX;", ReplayCore::eStateRecord, "previous"},
         {"#replay c=1;s=2", ReplayCore::eStateReplay, "c=1"},

@@ -27,13 +27,11 @@ TEST_F(ReplayErrorTest, ManagerKeepsTheLastThirtySeriousErrorsAndThreePerLocatio
     EXPECT_EQ(Manager().GetErrorCount(), 30u);
     EXPECT_EQ(Manager().GetLastError().GetText(), "31");
 
-    // A severity-3 record passes through without being kept.
     EXPECT_EQ(Manager().LogError(ReplayError("info", 0, 3)).GetText(), "info");
     EXPECT_EQ(Manager().GetLastError().GetText(), "31");
     Manager().ClearErrors();
     EXPECT_EQ(Manager().GetErrorCount(), 0u);
 
-    // The repeat limit keeps three errors per location.
     Manager().SetLimitRepeats(true);
     for (int index = 0; index < 4; ++index) {
         Manager().LogError(ReplayError(99, "dir/Same.cpp", "again", 1));
@@ -41,7 +39,6 @@ TEST_F(ReplayErrorTest, ManagerKeepsTheLastThirtySeriousErrorsAndThreePerLocatio
     }
     EXPECT_EQ(Manager().GetErrorCount(), 7u);
 
-    // After a fatal error nothing clears the list.
     Manager().LogError(ReplayError(5, "x.cpp", "fatal", ReplayError::eErrorFatal));
     Manager().ClearErrors();
     EXPECT_EQ(Manager().GetErrorCount(), 8u);

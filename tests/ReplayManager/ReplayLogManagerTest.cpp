@@ -27,9 +27,7 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
         LoggerChannelTest::TearDown();
     }
 
-    // Every stored payload, the header record first.
     std::vector<std::string> Stored() const { return SplitFramedRecords(ReadTargetFile(kChannel)); }
-    // The times of the stored client records (the header left out).
     std::vector<int64_t> StoredTimes() const {
         std::vector<int64_t> times;
         const std::vector<std::string> stored = Stored();
@@ -47,8 +45,6 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
         ASSERT_TRUE(m_thread->start());
         ASSERT_TRUE(ReplayTest::WaitFor([] { return LogWriterThread::PipeOpen(); }, kDeadline));
     }
-    // Sends records through the pipe and waits until the thread has handled
-    // them all.
     void Send(const std::vector<std::string>& records) {
         const unsigned int target = m_thread->GetMessagesProcessed() + records.size();
         for (const std::string& record : records) {
@@ -58,8 +54,6 @@ class ReplayLogManagerTest : public ServerTest::LoggerChannelTest {
         ASSERT_TRUE(ReplayTest::WaitFor([&] { return m_thread->GetMessagesProcessed() >= target; },
                                         kDeadline));
     }
-    void Send(const std::string& record) { Send(std::vector<std::string>{record}); }
-    // Hands `manager` a text record of `name` stamped `ms`.
     static ReplayError Write(ReplayLogManager& manager, const std::string& name, int64_t ms,
                              unsigned int sequence, bool flush = false,
                              ClientDataList* clients = nullptr) {
@@ -81,12 +75,11 @@ TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenDrainsAtTheLimitAndAStat
         records.push_back(DataRecord("nav", start + 100 * k, k + 1));
     }
 
-    // The first record opens the log with a header stamped with its time.
     Send(std::vector<std::string>(records.begin(), records.begin() + 18));
     ASSERT_EQ(Stored(), std::vector<std::string>{"!100.000:multicore:\n"});
 
-    // At 19 buffered the queue drains to one more than the one known client.
-    Send(records[18]);
+    // At 19 buffered the queue drains to one more than the known clients (one).
+    Send({records[18]});
     std::vector<int64_t> expected;
     for (int64_t k = 0; k < 17; ++k) {
         expected.push_back(start + 100 * k);
@@ -95,17 +88,14 @@ TEST_F(ReplayLogManagerTest, OneClientBuffersUntilElevenDrainsAtTheLimitAndAStat
     ASSERT_GE(Stored().size(), 2u);
     EXPECT_EQ(Stored()[1], records[0]);
 
-    Send(records[19]);
+    Send({records[19]});
     EXPECT_EQ(StoredTimes().size(), 17u);
 
-    // A status record with a message flushes everything, itself last.
-    Send(StatusRecord("nav", start + 2000, "#stop"));
+    Send({StatusRecord("nav", start + 2000, "#stop")});
     expected.insert(expected.end(), {start + 1700, start + 1800, start + 1900, start + 2000});
     EXPECT_EQ(StoredTimes(), expected);
     EXPECT_EQ(Stored().back(), StatusRecord("nav", start + 2000, "#stop"));
 
-    // Recording goes on in the same log, without a second header; a bare
-    // status record carries nothing to write.
     Send({DataRecord("nav", 600000, 21), StatusRecord("nav", 600100, "#stop"),
           StatusRecord("nav", 600200, "")});
     expected.insert(expected.end(), {600000, 600100});
@@ -119,14 +109,13 @@ TEST_F(ReplayLogManagerTest, TwoClientsArrivingSwappedAreWrittenInTimeOrder) {
     m_clients.Append(ClientData(ServerTest::Address("127.0.0.1", 5001))).SetClientName("a");
     m_clients.Append(ClientData(ServerTest::Address("127.0.0.1", 5002))).SetClientName("b");
     StartWriter();
-    // Each of b's records arrives right after an a record stamped 300 ms later.
     std::vector<std::string> records;
     for (unsigned int k = 0; k < 20; ++k) {
         records.push_back(DataRecord("a", 301300 + 1000 * k, k + 1));
         records.push_back(DataRecord("b", 301000 + 1000 * k, k + 1));
     }
     Send(records);
-    Send(StatusRecord("a", 321000, "#stop"));
+    Send({StatusRecord("a", 321000, "#stop")});
 
     const std::vector<int64_t> times = StoredTimes();
     ASSERT_EQ(times.size(), 41u);
@@ -145,14 +134,11 @@ TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSecondsAndDropsLate
     for (unsigned int k = 0; k <= 10; ++k) {
         EXPECT_FALSE(Write(manager, "nav", start + 1000 * k, k + 1, false, &m_clients).IsError());
     }
-    // Spans of 10 s down to exactly 6 s are written; 5 s is kept.
     EXPECT_EQ(StoredTimes(), (std::vector<int64_t>{start, start + 1000, start + 2000, start + 3000,
                                                    start + 4000}));
     const unsigned int buffered = manager.GetBufferCount();
     EXPECT_EQ(buffered, 6u);
 
-    // Records from one millisecond past one second before the last block
-    // written are dropped.
     const int64_t last = manager.GetLastBlockTimestamp().m_timeMilliseconds;
     ASSERT_GE(last, start + 4000);
     CapturedDebug debug;
@@ -178,17 +164,13 @@ TEST_F(ReplayLogManagerTest, QueueWritesOldestWhileItSpansSixSecondsAndDropsLate
 
 TEST_F(ReplayLogManagerTest, CalibrationRecordsWaitForTheMedium) {
     ReplayLogManager manager;
-    // Calibration records are buffered without opening the log.
     EXPECT_FALSE(Write(manager, "nav", 1100, 0).IsError());
     EXPECT_EQ(manager.GetBufferCount(), 1u);
     EXPECT_FALSE(ReplayLogger::Get().IsConnected());
 
-    // A flush without the medium keeps the record buffered and reports.
     EXPECT_TRUE(Write(manager, "nav", 1200, 0, true).IsError());
     EXPECT_EQ(manager.GetBufferCount(), 2u);
 
-    // Once the medium is there the flush writes both, oldest first, and
-    // nothing twice.
     MakeMediumAndChannel();
     EXPECT_FALSE(Write(manager, "nav", 1300, 0, true).IsError());
     EXPECT_EQ(Stored().size(), 3u);
@@ -204,8 +186,7 @@ TEST_F(ReplayLogManagerTest, EqualTimesAreWrittenInArrivalOrder) {
     }
     const std::vector<std::string> stored = Stored();
     ASSERT_EQ(stored.size(), 6u);
-    // Write-out goes from the last slot, so each arrival is placed in front
-    // of its equals: records of equal time are written in arrival order.
+    // Write-out goes from the last slot: each arrival is placed in front of its equals.
     for (unsigned int k = 0; k < 5; ++k) {
         EXPECT_EQ(stored[k + 1], DataRecord("c" + std::to_string(k), 9000, 1));
     }

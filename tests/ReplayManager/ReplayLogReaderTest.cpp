@@ -1,7 +1,3 @@
-// The log reader and the consistency checks behind `replaylog verify`, on
-// logs built here: a healthy log must come out clean, and each kind of
-// damage must not.
-
 #include "libreplay/server/ReplayLogReader.h"
 
 #include <gtest/gtest.h>
@@ -18,16 +14,8 @@
 
 namespace {
 
-using ReplayCore::LogRecord;
-using ReplayCore::LogRecordKind;
-using ReplayCore::LogSkip;
-using ReplayCore::ReplayLogReader;
-namespace LogFormat = ReplayCore::LogFormat;
-using RecordText::Item;
-using RecordText::Stored;
-using RecordText::WithChecksum;
-using ReplayCore::LogProblem;
-using ReplayCore::LogStatistics;
+using namespace ReplayCore;
+using namespace RecordText;
 
 std::vector<LogRecord> ReadMemory(const std::string& data, ReplayLogReader& reader) {
     reader.OpenMemory(data.data(), data.size());
@@ -38,24 +26,7 @@ std::vector<LogRecord> ReadMemory(const std::string& data, ReplayLogReader& read
     return records;
 }
 
-TEST(ReplayLogFormatTest, StoredFormAndHeaderMatchTheWriterByteForByte) {
-    std::string stored;
-    const std::string plain = "   7|abc\r\nx\n";
-    LogFormat::AppendStoredRecord(plain.data(), plain.size(), stored);
-    EXPECT_EQ(stored, "Q\t[-M-] \t   7|abc\r\r\nx\r\n");
-    stored.clear();
-    LogFormat::AppendStoredRecord("   0|", 5, stored);
-    EXPECT_EQ(stored, "Q\t[-M-] \t   0|\r\n");
-
-    EXPECT_EQ(LogFormat::HeaderPayload(83061), "!83.061:multicore:\n");
-    int64_t time = 0;
-    EXPECT_TRUE(LogFormat::ParseHeaderPayload("!83.061:multicore:\n", time));
-    EXPECT_EQ(time, 83061);
-    EXPECT_FALSE(LogFormat::ParseHeaderPayload("!83.061:multicore:!1 2:x       0\n", time));
-}
-
-// Every payload shape the writer can produce reads back unchanged, also
-// when records straddle the reader's buffer refills.
+// The smallest buffer makes records straddle the reader's refills.
 TEST(ReplayLogReaderTest, EveryPayloadShapeReadsBackIdentical) {
     const std::vector<std::string> shapes = {
         WithChecksum("!1.000:gps:!1 1:with\r\ninner\nbreaks"),
@@ -152,18 +123,14 @@ LogStatistics Collect(const std::string& log) {
 std::string ProblemList(const LogStatistics& statistics) {
     std::string text;
     for (const LogProblem& problem : statistics.Problems()) {
-        text += std::to_string(problem.offset) + ": " +
-                ReplayCore::LogProblemKindName(problem.kind) + ": " + problem.text + "\n";
+        text += std::to_string(problem.offset) + ": " + LogProblemKindName(problem.kind) + ": " +
+                problem.text + "\n";
     }
     return text;
 }
 
-// The payloads of a healthy recording of two clients that alternate text
-// and binary blocks, send a burst of blocks within one millisecond, and
-// restart (gps with an initialisation block 0, can without one, from 1),
-// then a second recording in which the clients' block count goes on and a
-// third client's record lags the latest record time by exactly the writer's
-// reordering allowance of one second.
+// Two recordings with type changes, a burst, restarts with and without block 0,
+// and a record lagging by exactly the writer's reordering allowance (1 s).
 std::vector<std::string> HealthyPayloads() {
     return {
         LogFormat::HeaderPayload(100000),
@@ -200,13 +167,12 @@ std::string Log(const std::vector<std::string>& payloads) {
 
 TEST(ReplayLogStatisticsTest, HealthyLogOfMixedTypesBurstsAndRestartsIsClean) {
     std::string log = Log(HealthyPayloads());
-    // The logger service's re-attach line is no damage.
     LogFormat::AppendReconnectLine(log);
     log += Stored(Block('"', "200.300", "can", 4, "POS 4"));
     const LogStatistics statistics = Collect(log);
     EXPECT_TRUE(statistics.Clean()) << ProblemList(statistics);
     ASSERT_EQ(statistics.Segments().size(), 2u);
-    const ReplayCore::LogSegmentStatistics& first = statistics.Segments()[0];
+    const LogSegmentStatistics& first = statistics.Segments()[0];
     EXPECT_EQ(first.clients.at("gps").restarts, 1u);
     EXPECT_EQ(first.clients.at("can").restarts, 1u);
     EXPECT_EQ(first.clients.at("gps").items, 11u);
@@ -295,11 +261,10 @@ TEST(ReplayLogStatisticsTest, LateBlockIsOutOfOrderNotMissingAndProblemsAreInFil
     EXPECT_EQ(statistics.ProblemCount(LogProblem::kSequenceGap), 1u) << ProblemList(statistics);
     EXPECT_EQ(statistics.ProblemCount(LogProblem::kChecksum), 1u) << ProblemList(statistics);
     EXPECT_EQ(statistics.ProblemCount(), 3u) << ProblemList(statistics);
-    const ReplayCore::LogClientStatistics& gps = statistics.Segments()[0].clients.at("gps");
+    const LogClientStatistics& gps = statistics.Segments()[0].clients.at("gps");
     EXPECT_EQ(gps.missingBlocks, 1u);
     EXPECT_EQ(gps.blocksOutOfOrder, 1u);
-    // The gap is reported where it showed, although it was known only at
-    // the end of the segment.
+    // The gap is known only at the segment's end but reported where it showed.
     const std::vector<LogProblem>& problems = statistics.Problems();
     for (size_t i = 1; i < problems.size(); ++i) {
         EXPECT_LE(problems[i - 1].offset, problems[i].offset) << ProblemList(statistics);

@@ -24,10 +24,7 @@ int OpenDescriptorCount() {
                                           std::filesystem::directory_iterator()));
 }
 
-class ReplayLoggerTest : public ServerTest::LoggerChannelTest {
-  protected:
-    std::string FileLog() const { return ReadTargetFile("/tmp/ReplayLog.txt"); }
-};
+using ReplayLoggerTest = ServerTest::LoggerChannelTest;
 
 TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
     MakeMediumAndChannel();
@@ -41,7 +38,6 @@ TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
         EXPECT_EQ(ReadTargetFile(kChannel), expected) << "after " << name;
     }
 
-    // One byte more than the largest payload is refused and nothing written.
     const ReplayError tooLong = logger.WriteTextToLog(Golden("largest.txt") + "x");
     EXPECT_TRUE(tooLong.IsError());
     EXPECT_EQ(ReadTargetFile(kChannel), expected);
@@ -49,23 +45,23 @@ TEST_F(ReplayLoggerTest, RecordsAreFramedByteExact) {
 
 TEST_F(ReplayLoggerTest, MissingChannelIsReportedEvery100thAttemptUpTo1000) {
     MakeTargetDirectory("/fs/usb0");
+    const auto fileLog = [this] { return ReadTargetFile("/tmp/ReplayLog.txt"); };
     ReplayLogger& logger = ReplayLogger::Get();
     const int descriptorsBefore = OpenDescriptorCount();
     testing::internal::CaptureStdout();
     for (int attempt = 1; attempt <= 99; ++attempt) {
         ASSERT_FALSE(logger.Connect());
     }
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Replay Logger Console"), 0);
+    EXPECT_EQ(Occurrences(fileLog(), "Failed to open Replay Logger Console"), 0);
     EXPECT_FALSE(logger.Connect());  // the 100th
     const std::string printed = testing::internal::GetCapturedStdout();
     EXPECT_EQ(printed, "Failed to open Logger " + Root() + kChannel + "\n");
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Replay Logger Console " + Root()), 1);
+    EXPECT_EQ(Occurrences(fileLog(), "Failed to open Replay Logger Console " + Root()), 1);
 
     for (int attempt = 101; attempt <= 1200; ++attempt) {
         ASSERT_FALSE(logger.Connect());
     }
-    EXPECT_EQ(Occurrences(FileLog(), "Failed to open Replay Logger Console"), 10);
-    // Each attempt probes the medium again, but only one probe stays open.
+    EXPECT_EQ(Occurrences(fileLog(), "Failed to open Replay Logger Console"), 10);
     EXPECT_EQ(OpenDescriptorCount(), descriptorsBefore + 1);
 }
 
@@ -75,7 +71,6 @@ TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
     const std::string fifo = Root() + kChannel;
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
 
-    // No reader but the logger itself: writes fill the pipe, then fail.
     ReplayLogger& logger = ReplayLogger::Get();
     const std::string text = Golden("largest.txt");
     int accepted = 0;
@@ -91,7 +86,6 @@ TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
     EXPECT_GT(accepted, 0);
     EXPECT_NE(result.GetText().find("ReplayLogger line 232"), std::string::npos);
 
-    // A reader that attaches now finds every accepted record whole.
     const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
     ASSERT_GE(reader, 0);
     const std::string drained = ServerTest::ReadAvailable(reader);
@@ -102,7 +96,6 @@ TEST_F(ReplayLoggerTest, FullFifoLosesRecordsWithoutBlockingAndKeepsThemWhole) {
         EXPECT_EQ(drained.compare(record.size() * static_cast<size_t>(i), record.size(), record), 0)
             << "record " << i;
     }
-    // With room again the channel accepts records.
     EXPECT_FALSE(logger.WriteTextToLog("!y\n").IsError());
 }
 

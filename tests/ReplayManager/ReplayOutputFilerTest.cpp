@@ -25,7 +25,6 @@ TEST_F(ReplayOutputFilerTest, BlockIsWrittenByTheWriteThatWouldFillItAndOverlong
     EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first);
     EXPECT_EQ(filer.BufferedLength(), 1);
 
-    // Close leaves the buffered text for a later flush.
     filer.Close(true);
     EXPECT_EQ(ReadTargetFile("/tmp/ReplayOutput.txt"), first);
     EXPECT_EQ(filer.Write(std::string(1023, 'c').c_str()), 1);
@@ -42,7 +41,6 @@ TEST_F(ReplayOutputFilerTest, UnwritableResultsDirectoryKeepsTheBlock) {
     EXPECT_EQ(filer.BufferedLength(), 1000);
     EXPECT_EQ(debug.Count("Opening /missing/ReplayOutput.txt"), 2);
 
-    // Once the directory exists the kept block goes out.
     MakeTargetDirectory("/missing");
     EXPECT_EQ(filer.Write(std::string(100, 'l').c_str()), 1000);
 }

@@ -21,8 +21,6 @@ struct Delivery {
     bool initialisation;
 };
 
-// Keeps every delivered item. The tests hand records to the read thread's
-// processing directly, on the test's own thread.
 struct RecordingHandler : ReplayClient::ReplayMessageHandlerBase {
     RecordingHandler() : ReplayMessageHandlerBase(true) {}
 
@@ -47,14 +45,12 @@ struct RecordingHandler : ReplayClient::ReplayMessageHandlerBase {
 };
 
 inline std::vector<unsigned int> g_sleeps;
-// Replaces the sleep: the injected clock moves by exactly the requested time.
 inline void AdvanceClock(unsigned int milliseconds) {
     g_sleeps.push_back(milliseconds);
     g_nowMs += milliseconds;
 }
 
-// A block as the server sends it back: checksummed, without the final
-// newline.
+// The server sends blocks back without the final newline.
 std::string Sent(const std::string& body) {
     const std::string record = RecordText::WithChecksum(body);
     return record.substr(0, record.size() - 1);
@@ -82,8 +78,6 @@ class ReplayRecordProcessingTest : public ClientFixture {
         ClientFixture::TearDown();
     }
 
-    // Replaying with the clock set by the server to `logTime` at the
-    // injected time 100.000.
     void StartReplay(const std::string& logTime = "500.000") {
         Connect(ReplayCore::eStateStopped);
         Handle("#replay l=" + logTime + ";");
@@ -114,13 +108,10 @@ TEST_F(ReplayRecordProcessingTest, ItemsAreDeliveredAtTheirMomentsOnTheClientClo
         "alpha" + Item("500.010", "near") + Item("500.200", "later") + Item("500.250", "last"));
     EXPECT_EQ(Process(record), 4);
 
-    // 10 ms ahead is delivered at once; further ahead sleeps delta - 1.
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{199, 50}));
     const std::vector<Delivery>& deliveries = m_handler.deliveries;
     ASSERT_EQ(deliveries.size(), 4u);
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"alpha", "near", "later", "last"}));
-    // The clock was set to 500.000 at 100.000: the client clock is 400 s
-    // behind the log.
     EXPECT_EQ(deliveries[0].clientTime, 100000u);
     EXPECT_EQ(deliveries[2].clientTime, 100200u);
     EXPECT_FALSE(deliveries[0].initialisation);
@@ -148,11 +139,9 @@ TEST_F(ReplayRecordProcessingTest, WithoutClockCommandTheFirstItemSetsTheClock) 
 TEST_F(ReplayRecordProcessingTest, ItemMoreThanAMinuteAheadDropsTheRestOfItsRecord) {
     StartReplay();
     CapturedDebug debug;
-    // 60000 ms ahead is still waited for.
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester", 1, "now" + Item("560.000", "minute"))),
               2);
     EXPECT_EQ(g_sleeps, (std::vector<unsigned int>{59999}));
-    // The clock now reads 559.999: 620.000 is 60001 ms ahead.
     EXPECT_EQ(Process(MakeRecord('"', "560.000", "Tester", 2,
                                  "soon" + Item("620.000", "far") + Item("560.001", "after"))),
               1);
@@ -183,13 +172,10 @@ TEST_F(ReplayRecordProcessingTest, DamagedForeignOrUntimelyRecordsDeliverNothing
     EXPECT_EQ(ReportsContaining("#replay w=Checksum Error;"), 1);
 
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Other", 1, "data")), 0);
-    // A name that only starts like ours is someone else's too.
     EXPECT_EQ(Process(MakeRecord('"', "500.000", "Tester2", 1, "data")), 0);
     EXPECT_EQ(Process(Sent("\"500.000 Tester !1 1 data")), 0);
-    // None of these touched the sequence tracking.
     EXPECT_EQ(clientReadThread.GetLastSequenceNumber(), 0u);
 
-    // Outside replay records are dropped and the state stays.
     for (ReplayCore::ReplayState state : {ReplayCore::eStateRecord, ReplayCore::eStateStopped}) {
         g_clientStateManager.SetStateForTesting(state);
         Handle(record);
@@ -198,7 +184,6 @@ TEST_F(ReplayRecordProcessingTest, DamagedForeignOrUntimelyRecordsDeliverNothing
     }
     EXPECT_TRUE(m_handler.deliveries.empty());
 
-    // An empty record stops the client.
     g_clientStateManager.SetStateForTesting(ReplayCore::eStateReplay);
     char empty[] = "";
     EXPECT_EQ(clientReadThread.ProcessReplayRecord(empty, 0), -1);
@@ -207,14 +192,13 @@ TEST_F(ReplayRecordProcessingTest, DamagedForeignOrUntimelyRecordsDeliverNothing
               std::string::npos);
 }
 
-TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByteForByte) {
+TEST_F(ReplayRecordProcessingTest, BinaryInitialisationAndOddItemsArriveAsTheyShould) {
     StartReplay();
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 0, Ascii7("setup bytes"))), 1);
     ASSERT_EQ(m_handler.deliveries.size(), 1u);
     EXPECT_TRUE(m_handler.deliveries[0].initialisation);
     EXPECT_EQ(m_handler.deliveries[0].data, "setup bytes");
 
-    // Bytes that would end a text or split a record, whole after decoding.
     const std::string bytes("\x00\xDE\n\r\xff", 5);
     EXPECT_EQ(Process(MakeRecord('$', "500.000", "Tester", 1,
                                  Ascii7(bytes) + Item("500.002", Ascii7("x")))),
@@ -222,29 +206,24 @@ TEST_F(ReplayRecordProcessingTest, BinaryAndInitialisationItemsArriveDecodedByte
     EXPECT_EQ(m_handler.Data(), (std::vector<std::string>{"setup bytes", bytes, "x"}));
     EXPECT_FALSE(m_handler.deliveries[1].initialisation);
 
-    // A binary item that is no Ascii7 text ends its record.
     CapturedDebug debug;
     EXPECT_EQ(Process(MakeRecord('$', "500.010", "Tester", 2,
                                  "  not encoded" + Item("500.011", Ascii7("x")))),
               0);
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Error Decoding Ascii7 Data Buffer"), 1);
-}
 
-TEST_F(ReplayRecordProcessingTest, OddItemsAreSkippedWhileTheRestIsDelivered) {
-    StartReplay();
-    CapturedDebug debug;
+    SCOPED_TRACE("odd items are skipped while the rest is delivered");
     const std::string mangled = RecordText::WithChecksum(
-        RecordText::BlockBody('"', "500.000", "Tester", 1,
+        RecordText::BlockBody('"', "500.000", "Tester", 3,
                               "x" + Item("500.001", "kept") + '\xDE' + "no colon here" +
                                   Item("junk", "zero time") + Item("500.002", "tail")));
     EXPECT_EQ(Process(mangled), 3);
     const std::vector<std::string> data = m_handler.Data();
-    ASSERT_EQ(data.size(), 3u);
-    EXPECT_EQ(data[0], "kept");
-    EXPECT_EQ(data[1], "zero time");
-    // The record ended in its newline: the last item takes the checksum
-    // field's first character as well.
-    EXPECT_EQ(data[2], "tail" + mangled.substr(mangled.size() - 9, 1));
+    ASSERT_EQ(data.size(), 6u);
+    EXPECT_EQ(data[3], "kept");
+    EXPECT_EQ(data[4], "zero time");
+    // The record ended in its newline: the last item takes a checksum character.
+    EXPECT_EQ(data[5], "tail" + mangled.substr(mangled.size() - 9, 1));
     EXPECT_EQ(debug.Count(CapturedDebug::kError, "Time not found in input string"), 1);
 }
 

@@ -18,7 +18,6 @@ class ReplayRuntimeOptionsTest : public ReplayTest::TargetRootTest {
         unsetenv("ENABLE_REPLAY");
         MakeTargetDirectory("/fs/etfs");  // "/tmp" exists under every test root
     }
-    // An options file in the working directory.
     std::string Options(const std::string& content, const std::string& name = "opts.txt") {
         return WriteTargetFile("/work/" + name, content);
     }
@@ -41,14 +40,11 @@ TEST_F(ReplayRuntimeOptionsTest, KeywordsAreExactAndValuesKeepEveryCharacter) {
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Keyword ServerIP not recognized"), 1);
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Keyword serverIP  not recognized"), 1);
 
-    // A reload keeps what the new file does not name.
     EXPECT_TRUE(options.OpenOptionsFile(Options("hostIP:h2;\n", "second.txt").c_str()));
     EXPECT_EQ(options.GetStringValue(eServerIP), " 10.0.0.2 ");
     EXPECT_EQ(options.GetStringValue(eHostIP), "h2");
 }
 
-// A switch is on only for the number one or the lower-case word; every
-// other text, including other numbers and other words for yes, is off.
 TEST_F(ReplayRuntimeOptionsTest, BooleanOptionIsOnlyTrueForOneOrTheWordTrue) {
     const std::pair<const char*, bool> values[] = {
         {"1", true},   {"true", true},  {"01", true},    {" 1", true},  {"1x", true},
@@ -61,7 +57,6 @@ TEST_F(ReplayRuntimeOptionsTest, BooleanOptionIsOnlyTrueForOneOrTheWordTrue) {
         options.SetStringValue(eHTTPServer, value.first);
         EXPECT_EQ(options.GetBooleanValue(eHTTPServer), value.second) << '"' << value.first << '"';
     }
-    // Read from a file, the value is the text up to the ';'.
     ASSERT_TRUE(options.OpenOptionsFile(Options("HTTPServer:2;\n", "two.txt").c_str()));
     EXPECT_FALSE(options.GetBooleanValue(eHTTPServer));
     ASSERT_TRUE(options.OpenOptionsFile(Options("HTTPServer:1;\n", "one.txt").c_str()));
@@ -77,7 +72,7 @@ TEST_F(ReplayRuntimeOptionsTest, ReplayIsEnabledByEnvironmentOrMarkerFile) {
                           "/fs/etfs/REPLAY_ENABLED and "
                           "/fs/usb0/REPLAY_ENABLED Not Found"),
               1);
-    // A changing file re-evaluates the switch, whatever the file says.
+    // A changing file re-evaluates the switch, whatever it says.
     EXPECT_TRUE(options.OpenOptionsFile(Options("replayEnabled:1;\nhostIP:x;\n").c_str()));
     EXPECT_FALSE(options.GetBooleanValue(eReplayEnabled));
 
@@ -100,7 +95,6 @@ TEST_F(ReplayRuntimeOptionsTest, MissingDirectoriesFallBackToTheTemporaryPath) {
         Options("temporaryFilesPath:/data;\nreplayFileLocation:/no/other;\n", "data.txt").c_str());
     EXPECT_EQ(kept.GetStringValue(eTemporaryFilesPath), "/data");  // as written, not resolved
     EXPECT_EQ(kept.GetStringValue(eReplayFileLocation), "/data");
-    // The results go to the network share only when it can be written.
     EXPECT_EQ(kept.GetResultsFilePath(true), "/data");
     MakeTargetDirectory("/mnt/net");
     EXPECT_EQ(kept.GetResultsFilePath(true), "/mnt/net");

@@ -10,8 +10,6 @@ namespace {
 using ReplayCore::MSTime;
 using TimeValue = ReplayCore::MSTime::MSTimeStruct;
 
-// Runs each test on an injected clock (set with Now()) and a private target
-// root that receives the assertion records.
 class ReplayTimeTest : public ReplayTest::TargetRootTest {
   protected:
     void Now(int64_t milliseconds) { m_clock.Set(milliseconds); }
@@ -24,28 +22,29 @@ unsigned int Slot(int64_t milliseconds) {
     return ReplayCore::GetTimeSlotFromTime(TimeValue(0, milliseconds));
 }
 
-TEST_F(ReplayTimeTest, SlotsRoundToTheNearestTenth) {
+TEST_F(ReplayTimeTest, SlotsRoundToTheNearestTenthAndTheClockWrapsEvery365Days) {
     const std::pair<int64_t, unsigned int> slots[] = {
-        {1000, 0},
-        {1050, 0},
-        {1051, 1},
-        {1950, 9},
-        // The end of a second rounds up to slot 10, not slot 0 of the next one.
-        {1951, 10},
-        {1999, 10},
-        {2000, 0},
-        // Only the low 32 bits count.
-        {4294967296LL + 1051, 1}};
+        {1000, 0},  {1050, 0},  {1051, 1}, {1950, 9},
+        {1951, 10}, {1999, 10}, {2000, 0}, {4294967296LL + 1051, 1}};
     for (const auto& slot : slots) {
         EXPECT_EQ(Slot(slot.first), slot.second) << slot.first;
     }
-    EXPECT_EQ(LogText(), "");
     Now(12345951);
     EXPECT_EQ(ReplayCore::GetTimeSlotFromCurrentTime(), 10u);
+    Now(31536000LL * 1000 + 1234);
+    EXPECT_EQ(MSTime::CurrentTimeMS().m_timeMilliseconds, 1234);
+    Now(31536000LL * 1000 - 1);
+    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 31536000LL * 1000 - 1);
+    EXPECT_EQ(LogText(), "");
 
-    // 2^31 + 150 ms: the low 32 bits read as -2147483498.
     EXPECT_EQ(Slot(2147483648LL + 150), static_cast<unsigned int>(-4));
     EXPECT_NE(LogText().find("milliseconds >= 0 at line 370 of ReplayManager/ReplayCore"),
+              std::string::npos)
+        << LogText();
+    Now(31536000LL * 1000);
+    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
+    EXPECT_NE(LogText().find("currentTime.m_timeMilliseconds > 0 at line 283 of "
+                             "ReplayManager/ReplayCore"),
               std::string::npos)
         << LogText();
 }
@@ -68,24 +67,7 @@ TEST(MSTimeTextTest, ParsingTakesDigitsAfterThePointAsMilliseconds) {
     }
 }
 
-TEST_F(ReplayTimeTest, ClockWrapsEvery365Days) {
-    Now(31536000LL * 1000 + 1234);
-    EXPECT_EQ(MSTime::CurrentTimeMS().m_timeMilliseconds, 1234);
-    Now(31536000LL * 1000 - 1);
-    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 31536000LL * 1000 - 1);
-    EXPECT_EQ(LogText(), "");
-
-    // The exact wrap moment reads 0, which is recorded as a failed expectation.
-    Now(31536000LL * 1000);
-    EXPECT_EQ(TimeValue::GetCurrentTimeMS().m_timeMilliseconds, 0);
-    EXPECT_NE(LogText().find("currentTime.m_timeMilliseconds > 0 at line 283 of "
-                             "ReplayManager/ReplayCore"),
-              std::string::npos)
-        << LogText();
-}
-
-// One thread resets the clock while others read it, as the client's read
-// thread does while senders stamp records. Run under ThreadSanitizer.
+// As the read thread resets the clock while senders stamp records (for TSan).
 TEST_F(ReplayTimeTest, ClockCanBeSetWhileOthersReadIt) {
     MSTime clock;
     clock.SetStartTime(TimeValue(0, 1000000));
@@ -109,14 +91,11 @@ TEST_F(ReplayTimeTest, ClockCanBeSetWhileOthersReadIt) {
 TEST_F(ReplayTimeTest, ExecutionTimerSumsIntervalsInMicrosecondsAcrossThe32BitWrap) {
     Now(1000);
     ReplayCore::ExecutionTimer timer("send");
-    // The base is the construction second: the clock reads from 0 there.
     EXPECT_EQ(timer.CurrentTime(), 0u);
     Now(2000);
     EXPECT_EQ(timer.Start(), 1000000u);
     Now(3500);
     EXPECT_EQ(timer.Stop(), 2500000u);
-    // 32-bit microseconds wrap after 4294.967296 s; an interval across the
-    // wrap still comes out right.
     Now(4295000);
     EXPECT_EQ(timer.Start(), 4294000000u);
     Now(4296000);
@@ -124,8 +103,7 @@ TEST_F(ReplayTimeTest, ExecutionTimerSumsIntervalsInMicrosecondsAcrossThe32BitWr
     EXPECT_EQ(timer.GetTotalTime(), 2500000u);
     EXPECT_EQ(timer.GetCalls(), 2u);
 
-    // Constructed after the wrap, the base second itself is taken modulo 2^32
-    // microseconds: 5000 s gives a base of 705 s.
+    // After the wrap the base second is taken modulo 2^32 us: 5000 s gives 705 s.
     Now(5000000);
     ReplayCore::ExecutionTimer late("late");
     EXPECT_EQ(late.CurrentTime(), 32704u);  // (5000 - 705) s, modulo 2^32 microseconds

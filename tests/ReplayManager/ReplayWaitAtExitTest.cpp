@@ -1,7 +1,4 @@
-// A client whose read thread waits for an item far ahead on the replay clock
-// and that ends meanwhile: the wait ends at once, the item is not delivered,
-// and the process exits cleanly (the sanitizer builds check that nothing the
-// thread uses is destroyed under it).
+// The sanitizer builds check that nothing the waiting read thread uses is destroyed under it.
 
 #include <unistd.h>
 
@@ -23,8 +20,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using ReplayTest::ChildProcess;
-using ReplayTest::FakeServer;
 
 const char kClientName[] = "waiter";
 constexpr int kDelivered = 5;
@@ -36,9 +31,6 @@ int CountDelivery(void*, unsigned int, unsigned int) {
     return 1;
 }
 
-// The client application: connects, then once the file "go" appears either
-// shuts the client down and exits, or simply exits. Its exit status tells
-// whether the waiting item was delivered.
 int WaitingApplication(bool shutDownFirst) {
     std::freopen("client.out", "w", stdout);
     if (ReplayClient::InitializeReplayClient(kClientName, CountDelivery, nullptr,
@@ -51,8 +43,7 @@ int WaitingApplication(bool shutDownFirst) {
     if (shutDownFirst) {
         ReplayClient::ShutDownClient(0, nullptr);
     }
-    // A normal exit: handlers registered with atexit and static destructors
-    // run while the read thread may still be inside its wait.
+    // atexit handlers and static destructors run while the read thread may still wait.
     std::exit(g_deliveries.load() != 0 ? kDelivered : 0);
 }
 
@@ -60,21 +51,19 @@ class ReplayWaitAtExitTest : public ReplayTest::TargetRootTest,
                              public ::testing::WithParamInterface<bool> {};
 
 TEST_P(ReplayWaitAtExitTest, FarAheadItemIsNotWaitedForOnceTheClientEnds) {
-    FakeServer server(false);
+    ReplayTest::FakeServer server(false);
     ASSERT_TRUE(server.IsBound());
     ReplayTest::PrepareReplayClient(server.Address());
     const bool shutDownFirst = GetParam();
-    ChildProcess application([shutDownFirst] { return WaitingApplication(shutDownFirst); });
+    ReplayTest::ChildProcess application(
+        [shutDownFirst] { return WaitingApplication(shutDownFirst); });
     server.Start();
     ASSERT_TRUE(server.WaitForDatagrams(1, 10s));
     const ReplayTest::Datagram hello = server.Datagrams().front();
 
-    // The replay clock starts at 1000 s of the log; the record's only item
-    // is 30 s ahead of it.
     ASSERT_TRUE(server.Reply(hello, "#replay l=1000.000;"));
     ASSERT_TRUE(server.Reply(hello, ReplayTest::WithChecksum(std::string("\"1030.000:") +
                                                              kClientName + ":!1 1:far ahead")));
-    // Time for the read thread to take the record and begin its wait.
     std::this_thread::sleep_for(500ms);
 
     const auto ending = std::chrono::steady_clock::now();
@@ -82,8 +71,7 @@ TEST_P(ReplayWaitAtExitTest, FarAheadItemIsNotWaitedForOnceTheClientEnds) {
     const int status = application.Wait(20s);
     const auto took = std::chrono::steady_clock::now() - ending;
     EXPECT_EQ(status, 0) << "5: the item was delivered; other: see client.out";
-    // Stopping a thread that waits gives it up to two seconds; a wait that
-    // wakes at once ends long before that.
+    // Stopping a waiting thread allows it 2 s; a wait that wakes at once ends far sooner.
     EXPECT_LT(took, 1500ms) << std::chrono::duration_cast<std::chrono::milliseconds>(took).count()
                             << " ms";
 }

@@ -1,10 +1,6 @@
 #ifndef TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
 #define TESTS_REPLAYMANAGER_SERVERTESTSUPPORT_H
 
-// Helpers shared by the server-side tests: a clock the test sets by hand,
-// IPv4 loopback addresses, records as clients send them, the logger
-// channel's fixture and a reader of what a FIFO holds.
-
 #include <unistd.h>
 
 #include <cstdint>
@@ -20,14 +16,10 @@
 
 namespace ServerTest {
 
-using ManualClock = ReplayTest::ManualClock;
-
-// The IPv4 address `ip`:`port`.
 inline constexpr auto& Address = ReplayTest::LoopbackAddress;
 
 using ReplayTest::WithChecksum;  // appends the "%8x\n" checksum field
 
-// A text data record of `name` stamped `ms`, with block sequence `sequence`.
 inline std::string DataRecord(const std::string& name, int64_t ms, unsigned int sequence,
                               const std::string& payload = "data") {
     return WithChecksum("\"" + ReplayCore::MSTime::MSTimeStruct(0, ms).ToString() + ":" + name +
@@ -40,7 +32,7 @@ inline std::string StatusRecord(const std::string& name, int64_t ms, const std::
                         ":" + message);
 }
 
-// Splits "%4d|payload" records; stops at anything that is not one.
+// Stops at anything that is not a "%4d|payload" record.
 inline std::vector<std::string> SplitFramedRecords(const std::string& data) {
     std::vector<std::string> payloads;
     size_t at = 0;
@@ -55,7 +47,6 @@ inline std::vector<std::string> SplitFramedRecords(const std::string& data) {
     return payloads;
 }
 
-// Everything a non-blocking reader `fd` can read now.
 inline std::string ReadAvailable(int fd) {
     std::string out;
     char buffer[4096];
@@ -65,8 +56,7 @@ inline std::string ReadAvailable(int fd) {
     return out;
 }
 
-// A private target root with the process's logger channel closed and its
-// file name at the default, before and after each test.
+// The process's logger channel closed and its file name at the default around each test.
 class LoggerChannelTest : public ReplayTest::TargetRootTest {
   protected:
     static constexpr const char* kChannel = "/kfsystem/multicore/navi/Q";
@@ -79,7 +69,6 @@ class LoggerChannelTest : public ReplayTest::TargetRootTest {
         ResetChannel();
         TargetRootTest::TearDown();
     }
-    // The recording medium and the channel as a regular file.
     void MakeMediumAndChannel() const {
         MakeTargetDirectory("/fs/usb0");
         WriteTargetFile(kChannel, "");

@@ -12,6 +12,8 @@ namespace {
 
 using namespace ClientTest;
 using RecordText::Ascii7;
+using RecordText::Item;
+using RecordText::WithChecksum;
 using ReplayTest::CapturedDebug;
 
 using UDPSendBufferTest = ClientFixture;
@@ -26,40 +28,25 @@ TEST_F(UDPSendBufferTest, BlocksCarryHeaderSeparatedItemsAndAVerifiableTrailer) 
     EXPECT_EQ(Send("one"), 0);
     g_nowMs = 100010;
     EXPECT_EQ(Send("two"), 0);
-    g_nowMs = 100020;
-    EXPECT_EQ(Send("three"), 0);
-    // A binary item changes the type: the text block goes out first.
     g_nowMs = 100030;
     const std::string binary("\x00\x01\xff\x80 binary", 12);
-    EXPECT_GT(Send(binary, kDataTypeBinary), 0);
+    EXPECT_GT(Send(binary, kDataTypeBinary), 0) << "a change of type sends the block first";
     g_nowMs = 100040;
     EXPECT_EQ(Send(binary, kDataTypeBinary), 0);
     EXPECT_GT(FlushBlock(), 0);
 
     const std::vector<std::string> datagrams = Received();
     ASSERT_EQ(datagrams.size(), 2u);
-    const std::string expectedText = std::string("\"100.000:Tester:!1 1:one") + '\xDE' +
-                                     "100.010:two" + '\xDE' + "100.020:three";
-    EXPECT_EQ(datagrams[0].substr(0, datagrams[0].size() - 9), expectedText);
-    EXPECT_TRUE(ChecksumValid(datagrams[0]));
-    EXPECT_EQ(datagrams[0].back(), '\n');
-
-    const Block second = SplitBlock(datagrams[1]);
-    EXPECT_EQ(second.header, "$100.030:Tester:!1 2:");
-    ASSERT_EQ(second.items.size(), 2u);
-    EXPECT_EQ(second.items[0], Ascii7(binary));
-    EXPECT_EQ(second.items[1], Ascii7(binary));
-    EXPECT_EQ(second.itemTimes, std::vector<std::string>{"100.040"});
-    EXPECT_TRUE(ChecksumValid(datagrams[1]));
+    EXPECT_EQ(datagrams[0], WithChecksum("\"100.000:Tester:!1 1:one" + Item("100.010", "two")));
+    EXPECT_EQ(datagrams[1], WithChecksum("$100.030:Tester:!1 2:" + Ascii7(binary) +
+                                         Item("100.040", Ascii7(binary))));
 }
 
-// The largest item a block can take at its current length: the block must
-// stay below the fill limit of 2032 bytes.
+// A block must stay below the fill limit of 2032 bytes.
 unsigned int LargestTextItem(unsigned int blockLength) {
     return 2032 - blockLength - 1;
 }
 
-// Every data datagram whole: within the largest record and a valid checksum.
 void ExpectIntactDatagrams(const std::vector<std::string>& datagrams) {
     for (const std::string& datagram : datagrams) {
         EXPECT_LE(datagram.size(), ::GetMaximumClientRecordSize());
@@ -72,13 +59,10 @@ TEST_F(UDPSendBufferTest, TextAtTheFillLimitIsTakenWholeOrRefusedWithANegativeRe
     const unsigned int header = g_UDPSendBuffer.GetBlockLength();
     const unsigned int largest = LargestTextItem(header);
 
-    // One byte over the limit in an empty block: refused, still recording,
-    // the block left empty.
     EXPECT_LT(Send(std::string(largest + 1, 'x')), 0);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
     EXPECT_TRUE(g_UDPSendBuffer.IsEmpty());
-    // Items up to recordLimit that cannot fit anywhere are refused as well,
-    // without ending the recording; only longer ones stop it.
+    // Only items longer than recordLimit (2032) end the recording.
     EXPECT_LT(Send(std::string(2032, 'y')), 0);
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateRecord);
     EXPECT_LT(Send(std::string(2032, 'y'), kDataTypeAsciiText, true), 0);
@@ -87,9 +71,7 @@ TEST_F(UDPSendBufferTest, TextAtTheFillLimitIsTakenWholeOrRefusedWithANegativeRe
     EXPECT_EQ(Send(std::string(largest, 'a')), 0);
     EXPECT_EQ(g_UDPSendBuffer.GetBlockLength(), 2031u);
 
-    // A block holding records, at a time whose text is long enough that the
-    // separator (0xDE "2000000.010" ':', 13 bytes) outgrows the sender's
-    // estimate of 12: the item that fits exactly stays in the block ...
+    // The separator 0xDE "2000000.010" ':' (13 bytes) outgrows the sender's estimate of 12.
     g_nowMs = 2000000000;
     EXPECT_GT(Send("b"), 0);
     g_nowMs = 2000000010;
@@ -97,7 +79,6 @@ TEST_F(UDPSendBufferTest, TextAtTheFillLimitIsTakenWholeOrRefusedWithANegativeRe
     const std::string fits(LargestTextItem(g_UDPSendBuffer.GetBlockLength() + separator), 'c');
     EXPECT_EQ(Send(fits), 0);
     EXPECT_EQ(g_UDPSendBuffer.GetBlockLength(), 2031u);
-    // ... and one byte more sends the block first and starts the next one.
     EXPECT_GT(Send("d"), 0);
     const std::string over(LargestTextItem(g_UDPSendBuffer.GetBlockLength() + separator) + 1, 'e');
     EXPECT_GT(Send(over), 0);
@@ -120,7 +101,6 @@ TEST_F(UDPSendBufferTest, TextAtTheFillLimitIsTakenWholeOrRefusedWithANegativeRe
 TEST_F(UDPSendBufferTest, BinaryAtTheFillLimitIsTakenWholeOrRefusedWithANegativeResult) {
     Connect(ReplayCore::eStateRecord, kDataTypeBinary);
     const unsigned int header = g_UDPSendBuffer.GetBlockLength();
-    // n bytes travel as ceil(8n / 7) characters.
     unsigned int largest = 0;
     while ((8 * (largest + 1) + 6) / 7 <= LargestTextItem(header)) {
         ++largest;
@@ -131,8 +111,7 @@ TEST_F(UDPSendBufferTest, BinaryAtTheFillLimitIsTakenWholeOrRefusedWithANegative
     const std::string item(largest, '\xF3');
     EXPECT_EQ(Send(item, kDataTypeBinary), 0);
 
-    // Behind a record, the sender's estimate of Ascii7 growth (half the
-    // size again) decides: the largest item it lets in stays in the block.
+    // Behind a record the sender estimates Ascii7 growth as half the size again.
     g_nowMs = 100200;
     EXPECT_GT(Send("\x01\x02", kDataTypeBinary), 0);
     const unsigned int length = g_UDPSendBuffer.GetBlockLength();
@@ -154,21 +133,18 @@ TEST_F(UDPSendBufferTest, BinaryAtTheFillLimitIsTakenWholeOrRefusedWithANegative
 }
 
 TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAndAnOldBlockWaitsForItsSlot) {
-    Connect();  // the block was started at 100.000
-    // The first item of the recording, 300 ms later.
+    Connect();
     g_nowMs = 100300;
     EXPECT_EQ(Send("first"), 0);
     EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 100300);
     g_nowMs = 100350;
     EXPECT_GT(FlushBlock(), 0);
 
-    // An idle spell well under a second, then an item: its own time.
     g_nowMs = 100900;
     EXPECT_EQ(Send("after pause"), 0);
     EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 100900);
 
-    // The age counts from that item: in its slot, but not yet a second old,
-    // the block is not due, although the last send was over a second ago.
+    // In its slot but not a second old: not due, though the last send was.
     g_nowMs = 101500;
     g_UDPSendBuffer.SetTimeSlot(
         ReplayCore::GetTimeSlotFromTime(ReplayCore::MSTime::CurrentTimeMS()));
@@ -182,7 +158,6 @@ TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAndAnOldBlockWaits
     EXPECT_EQ(second.header, "\"100.900:Tester:!1 2:");
     EXPECT_EQ(second.itemTimes, std::vector<std::string>{"101.500"});
 
-    // A block more than a second old waits for the announced time slot.
     g_UDPSendBuffer.SetTimeSlot(3);
     g_nowMs = 200300;
     EXPECT_EQ(Send("first"), 0);
@@ -195,18 +170,15 @@ TEST_F(UDPSendBufferTest, FirstItemAfterAnyPauseStartsTheBlockAndAnOldBlockWaits
     const std::vector<std::string> slotted = Received();
     ASSERT_EQ(slotted.size(), 3u);
     EXPECT_EQ(SplitBlock(slotted[2]).items, (std::vector<std::string>{"first", "second", "third"}));
-    // The new block starts with the item that found the old one due.
     EXPECT_EQ(g_UDPSendBuffer.GetBlockStartTime().m_timeMilliseconds, 202260);
 }
 
 TEST_F(UDPSendBufferTest, FailedBlockKeepsItsTrailerAndUsesUpASequenceNumber) {
     Connect();
     Send("kept");
-    // Sending on a socket whose sending side is shut fails at once.
     ASSERT_EQ(::shutdown(g_replayClient.Socket(), SHUT_WR), 0);
     EXPECT_EQ(FlushBlock(), -1);
-    // The client went to Connecting, and the failed report of that state
-    // stopped it.
+    // Connecting, whose failed report then stopped the client.
     EXPECT_EQ(ReplayClient::GetReplayState(), ReplayCore::eStateStopped);
     EXPECT_EQ(g_UDPSendBuffer.GetBlockSequence(), 2u);
 
@@ -225,8 +197,7 @@ TEST_F(UDPSendBufferTest, FailedBlockKeepsItsTrailerAndUsesUpASequenceNumber) {
 TEST_F(UDPSendBufferTest, ReconnectsNoMoreOftenThanTheInterval) {
     Connect(ReplayCore::eStateConnecting);
     CapturedDebug debug;
-    // The server's address counts as remote; with a long external wait no
-    // socket can be opened.
+    // The server's address counts as remote: with a long external wait no open succeeds.
     ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 1000000);
     g_replayClient.close();
     for (int64_t t : {200000, 200100, 200149, 200150, 200299, 200300}) {

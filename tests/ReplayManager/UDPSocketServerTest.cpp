@@ -17,8 +17,6 @@ using ReplayTest::WaitFor;
 const std::chrono::milliseconds kDeadline(10000);
 constexpr int kReplayPort = 4400;
 
-// Names new clients from datagrams "accept:<name>" (accepted) and
-// "reject:<name>" (named, not accepted); anything else leaves them unnamed.
 class TestServer : public UDPSocketServer {
   public:
     ~TestServer() override { StopReadThread(); }
@@ -50,7 +48,6 @@ class UDPSocketServerTest : public ReplayTest::TargetRootTest {
     void SetUp() override {
         TargetRootTest::SetUp();
         m_server.reset(new TestServer);
-        // Parallel tests each take a loopback address of their own.
         for (int attempt = 0; attempt < 50 && m_fd < 0; ++attempt) {
             m_ip = ReplayTest::RandomLoopbackAddress();
             m_server->SetBindAddress(m_ip);
@@ -63,8 +60,6 @@ class UDPSocketServerTest : public ReplayTest::TargetRootTest {
         TargetRootTest::TearDown();
     }
 
-    // Sends and waits until the server's handler has run for it; the table
-    // is then final for that datagram once its lock is taken.
     void SendAndWait(const Client& client, const std::string& text) {
         const int target = m_server->Handled() + 1;
         ASSERT_TRUE(client.Send(m_ip, kReplayPort, text));
@@ -103,15 +98,13 @@ TEST_F(UDPSocketServerTest, SendingRespectsStatusAndDisabledFlagAndDestructionEn
     EXPECT_EQ(nav.Receive(), "all");
     EXPECT_EQ(gps.Receive(), "all");
 
-    // Disabled: skipped on request, otherwise sent as usual.
     ASSERT_FALSE(m_server->SetClientEnabled("nav", false).IsError());
     EXPECT_FALSE(m_server->SendTo("nav", "skipped", -1, true).IsError());
     EXPECT_FALSE(m_server->SendTo("nav", "sent", -1, false).IsError());
     EXPECT_EQ(nav.Receive(), "sent");
     ASSERT_FALSE(m_server->SetClientEnabled("nav", true).IsError());
 
-    // A sick client is not sent to, and stops a broadcast after the clients
-    // before it.
+    // A sick client stops a broadcast after the clients before it.
     {
         ClientDataLock lock(true);
         m_server->GetClientDataList().FindByName("gps")->SetStatus(ClientData::Error);
@@ -124,8 +117,7 @@ TEST_F(UDPSocketServerTest, SendingRespectsStatusAndDisabledFlagAndDestructionEn
 
     EXPECT_TRUE(m_server->SendTo("ghost", "x", -1, false).IsError());
 
-    // Destruction ends the read thread waiting for the next datagram (for up
-    // to 5 s) at once.
+    // The read thread's wait for a datagram (up to 5 s) ends at once.
     const auto before = std::chrono::steady_clock::now();
     m_server.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));

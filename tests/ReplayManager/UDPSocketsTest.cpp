@@ -16,7 +16,6 @@ namespace {
 using ReplayTest::CapturedDebug;
 using ReplayTest::FakeServer;
 
-// Each call as (bytes, length); "null" stands for a null buffer.
 std::vector<std::pair<std::string, int>> g_handlerCalls;
 void RecordingHandler(const unsigned char* data, int length) {
     g_handlerCalls.emplace_back(
@@ -40,29 +39,13 @@ class UDPSocketsTest : public ReplayTest::TargetRootTest {
     }
 };
 
-TEST_F(UDPSocketsTest, ClosedSocketRefusesEverythingQuietly) {
-    CapturedDebug debug;
-    UDPSocketClient client;
-    EXPECT_EQ(client.close(), 0);
-    EXPECT_FALSE(debug.Contains("Closing Socket"));
-    timeval forever{1000, 0};
-    EXPECT_EQ(client.Listen(&forever), -1);  // at once, without waiting
-    char buffer[16];
-    EXPECT_EQ(client.Read(buffer, sizeof buffer), -1);
-    EXPECT_EQ(client.Send("abc", 3), -1);
-    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("m_socket > 0 at line 241"),
-              std::string::npos);
-
-    UDPSocketClient::m_messageRecievedHandler = &RecordingHandler;
-    UDPSocketClient::io_handler(0);
-    EXPECT_EQ(g_handlerCalls, (decltype(g_handlerCalls){{"null", 0}}));
-}
-
-TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
+TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWaitAndAClosedSocketRefuses) {
     ReplayRuntimeOptions::Get().SetIntegerValue(eExternalConnectWait, 20);
     ReplayTest::ManualClock clock(19999);
     CapturedDebug debug;
     UDPSocketClient client;
+    EXPECT_EQ(client.close(), 0);
+    EXPECT_FALSE(debug.Contains("Closing Socket"));
     EXPECT_GT(client.Open("127.0.0.1", FakeServer::kReplayPort), 0);
     EXPECT_EQ(fcntl(client.Socket(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     EXPECT_GT(client.Open(nullptr, 4401), 0);  // passive, no name: no wait
@@ -74,6 +57,18 @@ TEST_F(UDPSocketsTest, OnlyTheExactLocalHostTextSkipsTheExternalWait) {
         EXPECT_EQ(client.Socket(), UDPSocket::INVALID_SOCKET);  // the open socket is gone too
     }
     EXPECT_EQ(debug.Count(CapturedDebug::kWarning, "Waiting for External Connection"), 3);
+
+    SCOPED_TRACE("a closed socket refuses everything at once");
+    timeval forever{1000, 0};
+    EXPECT_EQ(client.Listen(&forever), -1);
+    char buffer[16];
+    EXPECT_EQ(client.Read(buffer, sizeof buffer), -1);
+    EXPECT_EQ(client.Send("abc", 3), -1);
+    EXPECT_NE(ReadTargetFile("/tmp/ReplayLog.txt").find("m_socket > 0 at line 241"),
+              std::string::npos);
+    UDPSocketClient::m_messageRecievedHandler = &RecordingHandler;
+    UDPSocketClient::io_handler(0);
+    EXPECT_EQ(g_handlerCalls, (decltype(g_handlerCalls){{"null", 0}}));
 
     clock.Set(20000);
     EXPECT_GT(client.Open("127.0.0.2", FakeServer::kReplayPort), 0);

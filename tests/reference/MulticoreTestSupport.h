@@ -1,10 +1,6 @@
 #ifndef TESTS_REFERENCE_MULTICORETESTSUPPORT_H
 #define TESTS_REFERENCE_MULTICORETESTSUPPORT_H
 
-// Fixture and helpers for the multicore logging tests: a fresh interface and
-// target root per test, an injected clock, the output device as a regular
-// file, and capture of the interface's system log.
-
 #include <algorithm>
 #include <atomic>
 #include <mutex>
@@ -22,8 +18,7 @@ struct Record {
     std::string text;
 };
 
-// Splits the device contents into records (console code, length, text); a
-// cut-off tail becomes a record with console '\0'.
+// Records are console code, length, text; a cut-off tail becomes console '\0'.
 inline std::vector<Record> ParseRecords(const std::string& device) {
     std::vector<Record> records;
     for (size_t position = 0; position < device.size();) {
@@ -39,7 +34,6 @@ inline std::vector<Record> ParseRecords(const std::string& device) {
     return records;
 }
 
-// Collects the interface's system log lines while it lives.
 class SystemLogCapture {
   public:
     SystemLogCapture() : m_previous(ReplayPlatform::SetSystemLogSink(&Record)) {
@@ -65,11 +59,8 @@ class SystemLogCapture {
     ReplayPlatform::SystemLogSink m_previous;
 };
 
-// The boot clock of the interface, moved by the tests.
 inline std::atomic<unsigned long long> g_fakeNow{0};
 
-// Default device root under the test's target root; the output device exists
-// as an empty regular file and the clock stands at 1000 s after boot.
 class Fixture : public ReplayTest::TargetRootTest {
   protected:
     static constexpr const char* kDevice = "/kfsystem/multicore/navi/multi";
@@ -88,7 +79,6 @@ class Fixture : public ReplayTest::TargetRootTest {
 
     std::string Device() const { return ReadTargetFile(kDevice); }
     std::vector<Record> Records() const { return ParseRecords(Device()); }
-    // Flushes, then returns the texts written to the device.
     std::vector<std::string> FlushedTexts() const {
         mi_flushBuffer();
         std::vector<std::string> texts;

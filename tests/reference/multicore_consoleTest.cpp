@@ -8,7 +8,6 @@ namespace {
 
 using MulticoreTest::Record;
 
-// Lines and arguments of each call of the recording command.
 std::vector<std::string> g_calls;
 const char* RecordingCommand(const char* line, int argument) {
     g_calls.push_back(std::string(line != nullptr ? line : "(repeat)") + "/" +
@@ -26,12 +25,10 @@ class MulticoreConsoleTest : public MulticoreTest::Fixture {
         g_calls.clear();
     }
 
-    // Runs one command line; returns its reply.
     static std::string Run(const char* line, int argument = 0) {
         const char* reply = miInternal_aclineMain(line, argument);
         return reply != nullptr ? reply : "(null)";
     }
-    // Runs one command line; returns the console lines it printed.
     std::vector<std::string> Printed(const char* line) const {
         const size_t before = FlushedTexts().size();
         Run(line);
@@ -68,12 +65,10 @@ TEST_F(MulticoreConsoleTest, BuiltInCommandsSetLevelsFlushAndHelp) {
               std::vector<std::string>{"setDbgLvl: a failed actual dbglvl 3\n"});
     EXPECT_TRUE(Printed("setdbglvl a 3").empty());  // no ','
     EXPECT_EQ(Printed("showdbglvl"), std::vector<std::string>{"Console a (97) : set to 3\n"});
-    // A level of -1 falls back to the default, which can be changed.
     EXPECT_EQ(mi_setDefaultDebugLevel(3), 1);
     EXPECT_EQ(mi_setDebugLevel('a', -1), 1);
     EXPECT_EQ(mi_getDebugLevel('a'), 3);
 
-    // "flush" writes its own line at once, with whatever was queued before it.
     mi_flushBuffer();
     mi_multicoreLog('a', 0, "queued");
     miInternal_aclineMain("flush", 0);

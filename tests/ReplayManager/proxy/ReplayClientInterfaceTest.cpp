@@ -7,11 +7,8 @@
 #include "libreplay/ReplayClientInterface.h"
 #include "tests/support/TestSupport.h"
 
-// Every test case runs in a process of its own, so each decides what the
-// proxy will find: a library already loaded by absolute path answers the
-// proxy's dlopen("libreplay.so") through its soname; with none loaded the
-// name is not found (the test environment has no libreplay.so on the
-// loader's search path).
+// Each test case runs in its own process: a library loaded by path answers the
+// proxy's dlopen("libreplay.so") through its soname; otherwise none is found.
 
 namespace {
 
@@ -31,7 +28,6 @@ class ReplayClientInterfaceTest : public ReplayTest::TargetRootTest {
         TargetRootTest::SetUp();
         unsetenv("ENABLE_REPLAY");
     }
-    // Loads `path` as the process's libreplay.so; kept loaded until exit.
     static void* Install(const char* path) {
         void* handle = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
         EXPECT_NE(handle, nullptr) << dlerror();
@@ -48,12 +44,10 @@ TEST_F(ReplayClientInterfaceTest, WithoutTheLibraryTheApplicationRunsUnrecorded)
 
     ReplayClientInterface& proxy = GetClientProxy();
     EXPECT_FALSE(proxy.IsLoaded());
-    // The entry points the stub library below lacks as well are left to it.
     EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateUnknown);
     EXPECT_EQ(proxy.SendClientData("item", 4, true, kDataTypeAsciiText), 0);
     proxy.DumpHexToFile("name", reinterpret_cast<const unsigned char*>("ab"), 2, 1);
 
-    // The proxy is built once: the failure is announced once.
     EXPECT_EQ(GetCapturedStdout(), "\nFailed to Load libreplay.so\nCSafeInitializeReplayClient");
 }
 
@@ -63,17 +57,13 @@ TEST_F(ReplayClientInterfaceTest, WithTheLibraryCallsReachIt) {
     {
         CaptureStdout();
         ReplayClientInterface proxy;
-        // The set-up function is asked for under a name the library does not
-        // export; everything else is found.
         const std::string loaded = GetCapturedStdout();
         EXPECT_EQ(Occurrences(loaded, "Failed to Load"), 1) << loaded;
         EXPECT_EQ(Occurrences(loaded, "Failed to Load SetupLoggingHandlers"), 1);
         ASSERT_TRUE(proxy.IsLoaded());
         EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateDisconnected);
 
-        // So the library's default handlers are installed for the
-        // application's name, not the given ones (which the library's file
-        // log would not mention).
+        // So the library's default handlers are installed, not the given ones.
         proxy.SetupLoggingHandlers("ProxyApp", &Ignore, &Ignore, &Ignore);
         EXPECT_NE(
             ReadTargetFile("/tmp/ReplayLog.txt").find("Setting up Default Logging for ProxyApp"),
@@ -81,9 +71,13 @@ TEST_F(ReplayClientInterfaceTest, WithTheLibraryCallsReachIt) {
 
         EXPECT_GT(proxy.DumpTextToFile("Proxy", "dumped"), 0);
         EXPECT_EQ(proxy.WriteReplayOutput("output"), 0);
-        // Replay is not enabled here: initialisation ends the client.
+        // Replay is not enabled here: either initialisation ends the client.
+        EXPECT_EQ(
+            proxy.InitializeReplayClient("Nav", &Replayed, nullptr, kDataTypeAsciiText, nullptr, 0),
+            0);
         EXPECT_EQ(
             proxy.InitializeReplayClient("Nav", nullptr, kDataTypeAsciiText, false, nullptr, 0), 0);
+        EXPECT_EQ(Occurrences(ReadTargetFile("/tmp/ReplayLog.txt"), "Replay System Disabled"), 2);
         EXPECT_EQ(proxy.GetReplayState(), ReplayCore::eStateShutDown);
         EXPECT_EQ(proxy.SendClientData("item", 4, true, kDataTypeAsciiText), 0);
         CaptureStdout();
@@ -118,7 +112,6 @@ TEST_F(ReplayClientInterfaceTest, MissingEntryPointsTakeTheirEmptyPaths) {
     const std::string printed = GetCapturedStdout();
     EXPECT_EQ(Occurrences(printed, "Failed to Load"), 7) << printed;
 
-    // The safe entry points send only while recording, and never at once.
     *sends = 0;
     *state = ReplayCore::eStateReplay;
     EXPECT_EQ(CSafeReplayingLogFile(), 1);

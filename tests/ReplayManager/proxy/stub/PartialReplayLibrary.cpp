@@ -1,6 +1,4 @@
-// A stand-in libreplay.so that has only some of the entry points: the state
-// query and the send. The state it reports and the sends it receives are
-// plain globals that the test reaches with dlsym.
+// A libreplay.so with only the state query and the send; the test reaches its globals by dlsym.
 
 #define STUB_API __attribute__((visibility("default")))
 
