@@ -41,19 +41,15 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     EXPECT_EQ(command.compare(0, 14, "#record s=0;t="), 0) << command;
     EXPECT_EQ(can.Receive().compare(0, 14, "#record s=1;t="), 0);
 
-    // A client that joins while recording is told to record at once.
     UdpClient late(m_ip);
     Send(late, StatusRecord("late", 1000, ""));
     EXPECT_EQ(late.Receive().compare(0, 14, "#record s=2;t="), 0);
 
-    // Data and initialisation records reach the writer, pings and state
-    // reports do not; a damaged datagram is counted and dropped.
+    // Pings and state reports are not written; a damaged datagram is counted.
     Send(gps, DataRecord("gps", 1100, 1));
     Send(gps, StatusRecord("gps", 1200, ""));
     Send(gps, StatusRecord("gps", 1200, "#record e=;"));
-    // With the file log at its last entry, a damaged datagram must not log
-    // past it: the log keeps a stream open per call, and bad datagrams could
-    // exhaust descriptors. The server stops logging there instead.
+    // With the file log at its last entry, bad datagrams must not log past it.
     using ReplayCore::FileLogger;
     while (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites) {
         ASSERT_GT(FileLogger::LogToFile(FileLogger::eSeverityError, "filler entry"), 0);
@@ -61,13 +57,11 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     std::string damaged = DataRecord("gps", 1300, 2);
     damaged[3] = 'x';
     Send(gps, damaged);
-    // The damaged datagram is the last one sent: once it is counted, all are
-    // handled.
+    // Sent last: once it is counted, all are handled.
     ASSERT_TRUE(WaitFor([&] { return m_server->Counters().checksumFailures >= 1; }, kDeadline));
     EXPECT_LT(FileLogger::GetLogginglevel(), FileLogger::eSeverityAssert);
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityAssert, "not written"), 0);
     const srv::ServerCounters counters = m_server->Counters();
-    // Held for ordering until the stop flushes them.
     EXPECT_EQ(counters.recordsHeld + counters.recordsForwarded, 2u);
     EXPECT_EQ(counters.checksumFailures, 1u);
     EXPECT_EQ(TableSize(), 3u);
@@ -78,9 +72,8 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
 }
 
-// At the limit a new name is refused; the same name from a new port is the
-// client restarted, whose entry is replaced; and a name that stopped sending
-// gives its entry to a newcomer, so silent names cannot keep new clients out.
+// A full table refuses new names but replaces a restarted client (same name,
+// new port) and gives a silent client's entry to a newcomer.
 TEST_F(ReplayServerTest, FullTableRefusesNewNamesButReplacesRestartedAndSilentClients) {
     ReplayTest::ManualClock clock(1000000);
     StartServer(1);
@@ -95,7 +88,6 @@ TEST_F(ReplayServerTest, FullTableRefusesNewNamesButReplacesRestartedAndSilentCl
     UdpClient restarted(m_ip);
     Send(restarted, StatusRecord("gps", 2000, ""));
     EXPECT_EQ(restarted.Receive(), "#stop s=0;");
-    // The reply goes out before the entry is replaced.
     ASSERT_TRUE(WaitFor(
         [&] {
             const auto table = m_server->Clients();
