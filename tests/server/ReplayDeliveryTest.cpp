@@ -30,12 +30,6 @@ TEST(ReplayDeliveryTracker, CountsReportsOnlyAgainstOutstandingRecords) {
     EXPECT_EQ(gps.checksumErrors, 1u);
     EXPECT_EQ(gps.lastReport, "w=Checksum Error");
     EXPECT_EQ(tracker.Outstanding("gps"), 1u);
-
-    ASSERT_EQ(tracker.Snapshot().size(), 1u);
-
-    tracker.Reset();
-    EXPECT_TRUE(tracker.Snapshot().empty());
-    EXPECT_EQ(tracker.Get("gps").recordsSent, 0u);
 }
 
 // A bare report long before a record's moment is a ping; one with text
@@ -56,9 +50,6 @@ TEST(ReplayDeliveryTracker, ReportsAreTimedAgainstTheirRecordsMomentsAndEarlyPin
     ASSERT_EQ(odo.timing.items, 1u);
     EXPECT_GE(odo.timing.MaxMs(), 3.0);
     EXPECT_LT(odo.timing.MaxMs(), 3000.0);
-    ASSERT_EQ(odo.timing.recent.size(), 1u);
-    EXPECT_EQ(odo.timing.recent.front().first, 1000);
-    EXPECT_GT(odo.timing.recent.front().second, 0);
 
     tracker.NoteReport("odo", "#replay w=Sleep time = 61.000, Ignoring ;");
     tracker.NoteReport("odo", "#replay w=Checksum Error;");

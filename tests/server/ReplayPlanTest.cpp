@@ -71,25 +71,18 @@ TEST(ReplayPlanTest, SegmentAndOffsetSelectRecords) {
     EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
 }
 
-struct SentItem {
-    std::string client;
-    unsigned int sequence;
-    int64_t timeMs;
-    std::string data;
-};
-
-SentItem Sent(const ReplayServer::PlannedRecord& record) {
+ReplayServer::ItemCut Sent(const ReplayServer::PlannedRecord& record) {
     ReplayServer::ItemCut cut;
     EXPECT_TRUE(ReplayServer::CutRecordItems(record.record, cut)) << record.record;
     EXPECT_EQ(cut.items.size(), 1u);
-    return {cut.client, cut.sequence, cut.items.empty() ? 0 : cut.items[0].timeMs,
-            cut.items.empty() ? "" : cut.items[0].data};
+    cut.items.resize(1);
+    return cut;
 }
 
 std::vector<std::string> ItemData(const std::vector<ReplayServer::PlannedRecord>& records) {
     std::vector<std::string> data;
     for (const auto& record : records) {
-        data.push_back(Sent(record).data);
+        data.push_back(Sent(record).items[0].data);
     }
     return data;
 }
@@ -114,9 +107,8 @@ TEST(ReplayPlanTest, ItemsAreNumberedPerClientFromTheStateOn) {
     options.toOffsetMs = 41;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
     ASSERT_EQ(plan.state.size(), 2u);
-    const SentItem gpsState = Sent(plan.state[1]);
-    EXPECT_EQ(gpsState.timeMs, 1010);
-    EXPECT_EQ(gpsState.sequence, 1u);
+    EXPECT_EQ(Sent(plan.state[1]).items[0].timeMs, 1010);
+    EXPECT_EQ(Sent(plan.state[1]).sequence, 1u);
     EXPECT_EQ(Sent(plan.records[0]).sequence, 2u);
     ASSERT_EQ(plan.initialisation.size(), 1u);
 
@@ -170,7 +162,7 @@ TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
     EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
     EXPECT_EQ(plan.records[3].timeMs, 1100);
-    EXPECT_EQ(Sent(plan.records[3]).timeMs, 1050);
+    EXPECT_EQ(Sent(plan.records[3]).items[0].timeMs, 1050);
 }
 
 }  // namespace

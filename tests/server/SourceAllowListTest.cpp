@@ -91,14 +91,6 @@ TEST_F(SourceRefusalTest, DatagramsFromOutsideTheListNeverReachTheClientTable) {
 
     srv::ServerControl control(*m_server, srv::ReplaySettings(), [](const std::string&) {});
     EXPECT_NE(control.StatusText().find("refused sources 2"), std::string::npos);
-    EXPECT_TRUE(ReplayTest::WaitFor(
-        [&] {
-            const std::string log = ReadTargetFile("/tmp/ReplayLog.txt");
-            return log.find("Refusing datagrams from 127.200.5.5") != std::string::npos &&
-                   log.find("Refusing datagrams from 127.200.5.6") != std::string::npos;
-        },
-        deadline))
-        << ReadTargetFile("/tmp/ReplayLog.txt");
 }
 
 }  // namespace
