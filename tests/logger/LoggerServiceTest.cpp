@@ -30,7 +30,6 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
 
 TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIdentical) {
     MakeTargetDirectory("/fs/usb0");
-    // A non-FIFO at a device's path refuses the start, undoing what it made.
     const std::string squatted = WriteTargetFile("/kfsystem/multicore/navi/q", "not a fifo");
     const ReplayPlatform::Status refused = LoggerService(Options()).Start();
     EXPECT_FALSE(refused.IsOk());

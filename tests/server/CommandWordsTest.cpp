@@ -36,10 +36,8 @@ TEST(CommandWordsTest, TheSenderMakesTheReplayFileAbsolute) {
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     const std::string cwd = here;
     std::string line;
-    // One argument is a whole command line.
     ASSERT_TRUE(SenderCommandLine({"replay --from 5 \"a b.dat\""}, line).IsOk());
     EXPECT_EQ(Split(line), (Words{"replay", "--from", "5", cwd + "/a b.dat"}));
-    // The server writes the report: its path is made absolute too.
     ASSERT_TRUE(SenderCommandLine({"replay", "--clients", "gps,can", "--to", "9", "d.dat",
                                    "--report", "out/r.json"},
                                   line)

@@ -90,8 +90,6 @@ TEST_F(ControlSocketTest, PrivateSocketWithBoundedConnections) {
     EXPECT_NE(lstat(Path().c_str(), &file), 0) << "the socket file outlived Stop";
 }
 
-// Who may put a file at the path is decided by its directory; a file there
-// is replaced only when it is a stale socket; a link is never followed.
 TEST_F(ControlSocketTest, SafeDirectoryAndOnlyStaleSocketsReplaced) {
     ControlSocket first(Echo(m_calls));
     ASSERT_EQ(chmod(Root().c_str(), 0777), 0);
@@ -131,9 +129,6 @@ TEST_F(ControlSocketTest, SafeDirectoryAndOnlyStaleSocketsReplaced) {
     EXPECT_EQ(m_calls, 1);
 }
 
-// Another user binds the path first in a sticky directory and answers with
-// invented replies: neither end may trust it. Once the path is free, that
-// user is refused even with the file opened up.
 TEST_F(ControlSocketTest, OtherUsersCanNeitherSquatNorConnect) {
     const passwd* other = getpwuid(kOtherUser);
     if (geteuid() != 0 || other == nullptr) {

@@ -1,9 +1,6 @@
 #ifndef TESTS_SERVER_LOOPBACKSERVER_H
 #define TESTS_SERVER_LOOPBACKSERVER_H
 
-// A replay server on port 4400 of a loopback address of its own, and fake
-// clients that register with it and keep what it sends them.
-
 #include <chrono>
 #include <memory>
 #include <string>

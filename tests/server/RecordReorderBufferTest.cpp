@@ -47,7 +47,6 @@ TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecord
     buffer.ReleaseDue(kT0 + milliseconds(3500));
     EXPECT_EQ(sink.records,
               (std::vector<std::string>{"recent", "slow client, sent late", "a", "b", "c"}));
-    EXPECT_EQ(buffer.HeldRecords(), 0u);
 }
 
 TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {

@@ -8,7 +8,6 @@ using ReplayServer::RecordTimeWindow;
 
 TEST(RecordTimeWindowTest, EachClientIsMeasuredOnItsOwnClockToTheWindowsEdge) {
     RecordTimeWindow window(60000);
-    // Each client's first record sets its clock.
     EXPECT_TRUE(window.Accept("gps", 5000000, 1000));
     EXPECT_TRUE(window.Accept("can", 20000, 1000));
     EXPECT_TRUE(window.Accept("gps", 5010000 + 60000, 11000));

@@ -87,22 +87,7 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
                                 "fast", 1, {{moment - 300, "i0"}, {moment - 1, "i1"}})});
 }
 
-TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {
-    Start();
-    FakeClient client(m_ip);
-    ASSERT_TRUE(client.Register("only"));
-    m_server->StartRecording();
-    const auto started = std::chrono::steady_clock::now();
-    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(8000); });
-    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
-    client.Send(DataRecord("only", m_server->Stopping().momentMs + 1, 7));
-    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
-    EXPECT_TRUE(stopped.get());
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
-    EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
-}
-
-TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
+TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnceAndAStopEndsWhenAllConfirm) {
     const std::string path = Root() + "/var/lib/replay/journal";
     const std::string early = DataRecord("a", 9000, 1), later = DataRecord("b", 9500, 1),
                       written = DataRecord("a", 8000, 1);
@@ -128,6 +113,19 @@ TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
     Start(settings);
     EXPECT_EQ(m_server->Counters().recordsRecovered, 0u);
     EXPECT_EQ(StoredData().size(), 2u);
+
+    SCOPED_TRACE("a stop ends as soon as every client confirms");
+    FakeClient client(m_ip);
+    ASSERT_TRUE(client.Register("only"));
+    m_server->StartRecording();
+    const auto started = std::chrono::steady_clock::now();
+    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(8000); });
+    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
+    client.Send(DataRecord("only", m_server->Stopping().momentMs + 1, 7));
+    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
+    EXPECT_TRUE(stopped.get());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
+    EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
 }
 
 }  // namespace

@@ -48,8 +48,6 @@ TEST(ReplayItemsTest, CutsItemsAsAClientDoes) {
     EXPECT_FALSE(CutRecordItems("\"1.000:", cut));
 }
 
-// At the largest size a client reads whole (2048 bytes with the checksum),
-// a formed record cuts back into its one item; a larger one is refused.
 TEST(ReplayItemsTest, FormedRecordsCarryOneItemAndAValidChecksum) {
     const std::string header = "$5.123:nav:!1 4294967295:";
     const std::string largest = "x\x81:y" + std::string(2048 - 8 - header.size() - 4, 'z');

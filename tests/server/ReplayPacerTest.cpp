@@ -8,7 +8,6 @@ namespace {
 
 namespace srv = ReplayServer;
 
-// A client silent through a full window is given up once, until it reports.
 TEST(ReplayPacerTest, WindowHoldsExactlyItsSizeAndGivesUpOnSilentClients) {
     srv::ReplayDeliveryTracker deliveries;
     srv::PacingSettings settings;

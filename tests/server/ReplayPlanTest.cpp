@@ -98,7 +98,6 @@ std::string TwoClientLog() {
     return log;
 }
 
-// Sent items are numbered per client from 1, the state item first.
 TEST(ReplayPlanTest, ItemsAreNumberedPerClientFromTheStateOn) {
     const std::string log = TwoClientLog();
     ReplayPlan plan;

@@ -11,8 +11,6 @@ constexpr int64_t kClockStart = 500;
 
 TEST(ReplaySchedule, PauseFreezesThePositionAndResumeGoesOnFromIt) {
     ReplaySchedule schedule(kLogStart, kClockStart);
-    EXPECT_EQ(schedule.DueAt(kLogStart + 300), kClockStart + 300);
-    EXPECT_EQ(schedule.LogTimeAt(kClockStart + 250), kLogStart + 250);
 
     ASSERT_TRUE(schedule.Pause(kClockStart + 250));
     EXPECT_FALSE(schedule.Pause(kClockStart + 260)) << "already paused";
@@ -33,7 +31,6 @@ TEST(ReplaySchedule, RateScalesFromTheMomentItChangesWithoutMovingThePosition) {
     ASSERT_TRUE(schedule.SetRate(2.0, kClockStart + 100));
     EXPECT_EQ(schedule.LogTimeAt(kClockStart + 100), kLogStart + 100);
     EXPECT_EQ(schedule.LogTimeAt(kClockStart + 600), kLogStart + 1100);
-    EXPECT_EQ(schedule.DueAt(kLogStart + 1100), kClockStart + 600);
     ASSERT_TRUE(schedule.SetRate(0.5, kClockStart + 600));
 
     EXPECT_FALSE(schedule.SetRate(0.09, kClockStart + 700));

@@ -16,15 +16,9 @@ using UdpClient = ReplayTest::UdpTestClient;
 
 class ReplayServerTest : public ServerTest::LoopbackServerTest {
   protected:
-    void StartServer(size_t clientLimit = 64) {
-        srv::ServerSettings settings;
-        settings.clientLimit = clientLimit;
-        LoopbackServerTest::StartServer(settings);
-    }
     void Send(const UdpClient& client, const std::string& text) {
         ASSERT_TRUE(client.Send(m_ip, 4400, text));
     }
-    size_t TableSize() { return m_server->Clients().size(); }
 };
 
 TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
@@ -45,7 +39,6 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     Send(late, StatusRecord("late", 1000, ""));
     EXPECT_EQ(late.Receive().compare(0, 14, "#record s=2;t="), 0);
 
-    // Pings and state reports are not written; a damaged datagram is counted.
     Send(gps, DataRecord("gps", 1100, 1));
     Send(gps, StatusRecord("gps", 1200, ""));
     Send(gps, StatusRecord("gps", 1200, "#record e=;"));
@@ -64,7 +57,7 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     const srv::ServerCounters counters = m_server->Counters();
     EXPECT_EQ(counters.recordsHeld + counters.recordsForwarded, 2u);
     EXPECT_EQ(counters.checksumFailures, 1u);
-    EXPECT_EQ(TableSize(), 3u);
+    EXPECT_EQ(m_server->Clients().size(), 3u);
 
     EXPECT_TRUE(m_server->StopRecording(0));
     EXPECT_EQ(m_server->Counters().recordsForwarded, 3u);  // with the flushing status record
@@ -72,18 +65,18 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
 }
 
-// A full table refuses new names but replaces a restarted client (same name,
-// new port) and gives a silent client's entry to a newcomer.
 TEST_F(ReplayServerTest, FullTableRefusesNewNamesButReplacesRestartedAndSilentClients) {
     ReplayTest::ManualClock clock(1000000);
-    StartServer(1);
+    srv::ServerSettings settings;
+    settings.clientLimit = 1;
+    StartServer(settings);
     UdpClient first(m_ip);
     Send(first, StatusRecord("gps", 1000, ""));
     EXPECT_EQ(first.Receive(), "#stop s=0;");
     UdpClient second(m_ip);
     Send(second, StatusRecord("can", 1000, ""));
     ASSERT_TRUE(WaitFor([&] { return m_server->Counters().refusedClients == 1; }, kDeadline));
-    EXPECT_EQ(TableSize(), 1u);
+    EXPECT_EQ(m_server->Clients().size(), 1u);
 
     UdpClient restarted(m_ip);
     Send(restarted, StatusRecord("gps", 2000, ""));
