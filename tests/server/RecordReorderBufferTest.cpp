@@ -36,6 +36,7 @@ TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecord
     EXPECT_TRUE(sink.records.empty());
     buffer.ReleaseDue(kT0 + milliseconds(1000));
     EXPECT_EQ(sink.records, std::vector<std::string>{"recent"});
+    EXPECT_EQ(buffer.ReleasedEarly(), 0u) << "released at its due time is not early";
 
     Add(buffer, 7000, "b", kT0 + milliseconds(2000));
     Add(buffer, 6000, "a", kT0 + milliseconds(2000));
