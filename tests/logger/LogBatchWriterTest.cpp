@@ -25,7 +25,6 @@ class LogBatchWriterTest : public ReplayTest::TargetRootTest {
             [this](const std::string& text) { m_notices.push_back(text); });
     }
 
-    // Records `names` arrive and reach the writer as one batch.
     void Arrive(const std::vector<std::string>& names) {
         for (const std::string& name : names) {
             std::string framed;
@@ -39,7 +38,6 @@ class LogBatchWriterTest : public ReplayTest::TargetRootTest {
         m_writer->Add(batches);
     }
 
-    // The payloads logged so far, without their newline.
     std::vector<std::string> Logged() const {
         std::vector<std::string> names = RecordText::LogPayloads(m_medium + "/LOGFILE.DAT");
         for (std::string& name : names) {
@@ -68,8 +66,7 @@ TEST_F(LogBatchWriterTest, OutageHoldsRecordsAndWritesThemInOrderWhenTheMediumRe
     EXPECT_TRUE(m_writer->Failing());
     ASSERT_NO_FATAL_FAILURE(Arrive({"d", "e"}));
     std::filesystem::rename(m_medium + ".away", m_medium);
-    // The retry falls due 100 ms after the failure: one clock tick before,
-    // nothing is tried, nothing is reported.
+    // The retry falls due 100 ms after the failure, not a tick earlier.
     m_writer->WriteDue(m_t0 + 101ms - LogBatchWriter::Clock::duration(1));
     EXPECT_EQ(Logged().size(), 2u);
     EXPECT_EQ(m_notices.size(), 1u);
@@ -94,7 +91,6 @@ TEST_F(LogBatchWriterTest, FullMediumLeavesNoPartOfABatchAndStopCountsWhatIsStil
     m_writer->WriteDue(m_t0);
     const std::string before = ReplayTest::ReadFile(m_medium + "/LOGFILE.DAT");
 
-    // Every write to the file's place fails as on a full medium.
     std::filesystem::rename(m_medium + "/LOGFILE.DAT", m_medium + "/kept");
     std::filesystem::create_symlink("/dev/full", m_medium + "/LOGFILE.DAT");
     ASSERT_NO_FATAL_FAILURE(Arrive({"b", "c"}));

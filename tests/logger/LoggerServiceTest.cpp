@@ -30,8 +30,6 @@ class LoggerServiceTest : public ReplayTest::TargetRootTest {
 
 TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIdentical) {
     MakeTargetDirectory("/fs/usb0");
-    // A device's path taken by something other than a FIFO refuses the
-    // start, and what the start had made before is gone again.
     const std::string squatted = WriteTargetFile("/kfsystem/multicore/navi/q", "not a fifo");
     const ReplayPlatform::Status refused = LoggerService(Options()).Start();
     EXPECT_FALSE(refused.IsOk());
@@ -50,7 +48,6 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
         std::string(2043, 'x'),
         "",
     };
-    // The record channel opened as the library opens it (read-write).
     const int channel = open(Device(LoggerService::kRecordDevice).c_str(), O_RDWR);
     ASSERT_GE(channel, 0);
     for (const std::string& payload : payloads) {
@@ -68,7 +65,6 @@ TEST_F(LoggerServiceTest, RecordsAndConsoleTextArriveInStoredFormAndReadBackIden
                               "0\x05"
                               "line2";
     ASSERT_EQ(write(console, batch.data(), batch.size()), static_cast<ssize_t>(batch.size()));
-    // The presence probe: a zero-length write answers 0 while the service runs.
     const int probe = open(Device(LoggerService::kProbeDevice).c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_GE(probe, 0);
     EXPECT_EQ(write(probe, "", 0), 0);

@@ -32,8 +32,6 @@ std::string Ask(const std::string& path, const std::string& command) {
     return sent.IsOk() ? reply : "failed: " + sent.Message();
 }
 
-// A stream socket connected to, or (`listening`) bound and listening at,
-// `path`; -1 on failure.
 int UnixSocket(const std::string& path, bool listening = false) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -49,8 +47,7 @@ int UnixSocket(const std::string& path, bool listening = false) {
     return fd;
 }
 
-// The user that plays someone else on this machine (tests that need it run
-// as root only).
+// Someone else on this machine (root-only tests act as this user).
 constexpr uid_t kOtherUser = 65534;
 
 class ControlSocketTest : public ReplayTest::TargetRootTest {
@@ -59,8 +56,6 @@ class ControlSocketTest : public ReplayTest::TargetRootTest {
     std::atomic<int> m_calls{0};
 };
 
-// The socket file is private whatever the umask; connections are bounded,
-// each released when done, and the file goes with the server.
 TEST_F(ControlSocketTest, PrivateSocketWithBoundedConnections) {
     const mode_t previous = umask(0);
     ControlSocket control(Echo(m_calls));
@@ -73,14 +68,12 @@ TEST_F(ControlSocketTest, PrivateSocketWithBoundedConnections) {
     EXPECT_TRUE(S_ISSOCK(file.st_mode));
     EXPECT_EQ(file.st_mode & 0777, 0600u);
 
-    // A script polling the server: every connection's thread is released.
     for (int i = 0; i < 30; ++i) {
         ASSERT_EQ(Ask(Path(), "status"), "did status\n");
     }
     EXPECT_TRUE(ReplayTest::WaitFor([&] { return control.Connections() == 0; }, kDeadline));
 
-    // Clients that connect and say nothing take a slot each; past the limit
-    // the server answers busy at once.
+    // Idle clients hold a slot each; past the limit the answer is busy.
     std::vector<int> idle;
     for (int i = 0; i < 16; ++i) {
         idle.push_back(UnixSocket(Path()));
@@ -97,11 +90,15 @@ TEST_F(ControlSocketTest, PrivateSocketWithBoundedConnections) {
     EXPECT_NE(lstat(Path().c_str(), &file), 0) << "the socket file outlived Stop";
 }
 
-TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
-    // A file that is not a socket, or a link to one, is never removed.
-    WriteTargetFile("/control.sock", "keep me");
+TEST_F(ControlSocketTest, SafeDirectoryAndOnlyStaleSocketsReplaced) {
     ControlSocket first(Echo(m_calls));
+    ASSERT_EQ(chmod(Root().c_str(), 0777), 0);
     std::string error = first.Start(Path()).Message();
+    EXPECT_NE(error.find("not sticky"), std::string::npos) << error;
+    ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
+
+    WriteTargetFile("/control.sock", "keep me");
+    error = first.Start(Path()).Message();
     EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
     EXPECT_EQ(ReadTargetFile("/control.sock"), "keep me");
     ASSERT_EQ(unlink(Path().c_str()), 0);
@@ -111,13 +108,11 @@ TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
     EXPECT_EQ(ReadTargetFile("/target.txt"), "keep me too");
     ASSERT_EQ(unlink(Path().c_str()), 0);
 
-    // A socket left behind by a server that died is replaced.
     const int stale = UnixSocket(Path(), true);
     ASSERT_GE(stale, 0);
     close(stale);
     ASSERT_TRUE(first.Start(Path()).IsOk());
 
-    // A live server's socket is not taken over.
     std::atomic<int> secondCalls{0};
     ControlSocket second(Echo(secondCalls));
     error = second.Start(Path()).Message();
@@ -125,64 +120,30 @@ TEST_F(ControlSocketTest, ReplacesOnlyStaleSockets) {
     second.Stop();
     EXPECT_EQ(Ask(Path(), "ping"), "did ping\n");
     EXPECT_EQ(secondCalls, 0);
+
+    const std::string link = Root() + "/link.sock";
+    ASSERT_EQ(symlink(Path().c_str(), link.c_str()), 0);
+    std::string reply;
+    error = ControlSocket::Send(link, "status", reply).Message();
+    EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
+    EXPECT_EQ(m_calls, 1);
 }
 
-TEST_F(ControlSocketTest, RefusesOtherUsersEvenWhenTheFileIsOpenedUp) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to act as another user";
-    }
-    int go[2];
-    ASSERT_EQ(pipe(go), 0);
-    const std::string path = Path();
-    // The child is made before any thread exists, then waits for the socket.
-    ReplayTest::ChildProcess other([&] {
-        char signal;
-        if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0 || read(go[0], &signal, 1) != 1) {
-            return 2;
-        }
-        const int fd = UnixSocket(path);
-        // The server may refuse and close first: no SIGPIPE, read its answer.
-        (void)!send(fd, "quit\n", 5, MSG_NOSIGNAL);
-        char reply[64] = {};
-        size_t got = 0;
-        ssize_t n;
-        while (got < sizeof reply - 1 && (n = read(fd, reply + got, sizeof reply - 1 - got)) > 0) {
-            got += static_cast<size_t>(n);
-        }
-        return std::strncmp(reply, "error: permission denied", 24) == 0 ? 0 : 3;
-    });
-    ControlSocket control(Echo(m_calls));
-    ASSERT_TRUE(control.Start(path).IsOk());
-    // Someone widened the directory and the file: the credentials still count.
-    ASSERT_EQ(chmod(Root().c_str(), 0711), 0);
-    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-    ASSERT_EQ(write(go[1], "x", 1), 1);
-    EXPECT_EQ(other.Wait(kDeadline), 0) << "2: cannot act as another user, 3: no refusal read";
-    close(go[0]);
-    close(go[1]);
-    EXPECT_EQ(m_calls, 0);
-    // The server's own user (root here) is served.
-    EXPECT_EQ(Ask(path, "status"), "did status\n");
-}
-
-// Another local user binds the control socket's path first, in a shared
-// sticky directory like /tmp, and answers every command with an invented
-// reply. The server must not start, naming the path and the squatter, and
-// the sending side must refuse to believe the squatter.
-TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
-    const passwd* squatter = getpwuid(kOtherUser);
-    if (geteuid() != 0 || squatter == nullptr) {
+TEST_F(ControlSocketTest, OtherUsersCanNeitherSquatNorConnect) {
+    const passwd* other = getpwuid(kOtherUser);
+    if (geteuid() != 0 || other == nullptr) {
         GTEST_SKIP() << "needs root and a user " << kOtherUser << " to act as";
     }
-    const std::string squatterName = squatter->pw_name;
+    const std::string otherName = other->pw_name;
     ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
     const std::string path = Path();
-    int ready[2];
+    int ready[2], go[2];
     ASSERT_EQ(pipe(ready), 0);
-    // Forked before this process has any thread.
-    ReplayTest::ChildProcess child([&] {
-        const bool other = setgid(kOtherUser) == 0 && setuid(kOtherUser) == 0;
-        const int fd = other ? UnixSocket(path, true) : -1;
+    ASSERT_EQ(pipe(go), 0);
+    // Both forked before any thread exists.
+    ReplayTest::ChildProcess squatter([&] {
+        const bool switched = setgid(kOtherUser) == 0 && setuid(kOtherUser) == 0;
+        const int fd = switched ? UnixSocket(path, true) : -1;
         if (fd < 0 || chmod(path.c_str(), 0666) != 0) {
             return 3;
         }
@@ -194,6 +155,22 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
             close(connection);
         }
     });
+    ReplayTest::ChildProcess client([&] {
+        char signal;
+        if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0 || read(go[0], &signal, 1) != 1) {
+            return 2;
+        }
+        const int fd = UnixSocket(path);
+        // The server may refuse and close first: no SIGPIPE.
+        (void)!send(fd, "quit\n", 5, MSG_NOSIGNAL);
+        char reply[64] = {};
+        size_t got = 0;
+        ssize_t n;
+        while (got < sizeof reply - 1 && (n = read(fd, reply + got, sizeof reply - 1 - got)) > 0) {
+            got += static_cast<size_t>(n);
+        }
+        return std::strncmp(reply, "error: permission denied", 24) == 0 ? 0 : 3;
+    });
     close(ready[1]);
     char signal = 0;
     ASSERT_EQ(read(ready[0], &signal, 1), 1) << "the squatter could not bind " << path;
@@ -202,35 +179,26 @@ TEST_F(ControlSocketTest, SocketSquattedByAnotherUserIsRefusedAtBothEnds) {
     ControlSocket control(Echo(m_calls));
     std::string error = control.Start(path).Message();
     EXPECT_NE(error.find(path), std::string::npos) << error;
-    EXPECT_NE(error.find(squatterName), std::string::npos) << error;
+    EXPECT_NE(error.find(otherName), std::string::npos) << error;
     std::string reply;
     error = ControlSocket::Send(path, "record 5", reply).Message();
-    EXPECT_NE(error.find(squatterName), std::string::npos) << error << reply;
+    EXPECT_NE(error.find(otherName), std::string::npos) << error << reply;
     const std::string command = std::string(REPLAY_BINARY_DIR) +
                                 "/server/ReplayManager --control " + path +
                                 " send status >/dev/null 2>&1";
     const int exitStatus = std::system(command.c_str());
     EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) != 0) << exitStatus;
-}
 
-// Who may put a file at the socket's path is decided by its directory; a
-// link at the path is never followed by either end.
-TEST_F(ControlSocketTest, UnsafeDirectoryAndLinksAreRefused) {
-    ControlSocket control(Echo(m_calls));
-    ASSERT_EQ(chmod(Root().c_str(), 0777), 0);
-    std::string error = control.Start(Path()).Message();
-    EXPECT_NE(error.find("not sticky"), std::string::npos) << error;
-    ASSERT_EQ(chmod(Root().c_str(), 01777), 0);
-    const std::string real = Root() + "/real.sock";
-    ASSERT_TRUE(control.Start(real).IsOk());
-    EXPECT_EQ(Ask(real, "status"), "did status\n");
-
-    ASSERT_EQ(symlink(real.c_str(), Path().c_str()), 0);
-    std::string reply;
-    error = ControlSocket::Send(Path(), "status", reply).Message();
-    EXPECT_NE(error.find("symbolic link"), std::string::npos) << error;
-    EXPECT_EQ(m_calls, 1);
-    control.Stop();
+    squatter.Kill();
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_TRUE(control.Start(path).IsOk());
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    ASSERT_EQ(write(go[1], "x", 1), 1);
+    EXPECT_EQ(client.Wait(kDeadline), 0) << "2: cannot act as another user, 3: no refusal read";
+    close(go[0]);
+    close(go[1]);
+    EXPECT_EQ(m_calls, 0);
+    EXPECT_EQ(Ask(path, "status"), "did status\n");
 }
 
 }  // namespace

@@ -1,6 +1,3 @@
-// Who the web API lets in: the Host and Origin rules at their edges, token
-// comparison, and the token file's mode.
-
 #include "server/HttpSecurity.h"
 
 #include <sys/stat.h>
@@ -27,7 +24,6 @@ TEST(HttpAccessPolicyTest, HostMustNameTheBoundAddressAndPort) {
     const HttpAccessPolicy lan("t", "10.1.2.3", 8000);
     EXPECT_TRUE(lan.HostAllowed("10.1.2.3:8000"));
     EXPECT_FALSE(lan.HostAllowed("localhost:8000"));
-    // Reading needs the token off loopback (127.0.0.0/8) only.
     EXPECT_TRUE(lan.ReadNeedsToken());
     EXPECT_FALSE(loopback.ReadNeedsToken());
     EXPECT_TRUE(HttpAccessPolicy::IsLoopbackAddress("127.200.3.4"));
@@ -38,7 +34,7 @@ TEST(HttpAccessPolicyTest, HostMustNameTheBoundAddressAndPort) {
 
 TEST(HttpAccessPolicyTest, OnlyTheServersOwnOriginOrNoneIsAccepted) {
     const HttpAccessPolicy policy("t", "127.0.0.1", 4480);
-    EXPECT_TRUE(policy.OriginAllowed(""));  // a program, not a page
+    EXPECT_TRUE(policy.OriginAllowed(""));
     EXPECT_TRUE(policy.OriginAllowed("http://127.0.0.1:4480"));
     EXPECT_TRUE(policy.OriginAllowed("http://localhost:4480"));
     EXPECT_FALSE(policy.OriginAllowed("null"));  // a file:// page or sandboxed frame
@@ -57,7 +53,6 @@ TEST(HttpAccessPolicyTest, TokensMatchOnlyWhole) {
     EXPECT_FALSE(policy.TokenMatches(token.substr(0, 31)));
     EXPECT_FALSE(policy.TokenMatches(token + "0"));
     EXPECT_FALSE(policy.TokenMatches(""));
-    // A server without a token lets nothing through.
     EXPECT_FALSE(HttpAccessPolicy("", "127.0.0.1", 1).TokenMatches(""));
 }
 
@@ -69,7 +64,7 @@ TEST_F(HttpTokenFileTest, ReplacesAnyOldFileWithAPrivateOne) {
     ReplayTest::WriteFile(target, "keep");
     ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
     ASSERT_TRUE(HttpAccessPolicy::WriteTokenFile(path, "abc").IsOk());
-    EXPECT_EQ(ReplayTest::ReadFile(target), "keep");  // the link was not followed
+    EXPECT_EQ(ReplayTest::ReadFile(target), "keep");
     EXPECT_EQ(ReplayTest::ReadFile(path), "abc\n");
     struct stat info {};
     ASSERT_EQ(lstat(path.c_str(), &info), 0);

@@ -11,9 +11,7 @@ using Clock = IngestJournal::Clock;
 class IngestJournalTest : public ReplayTest::TargetRootTest {
   protected:
     std::string Path() const { return Root() + "/var/lib/replay/journal"; }
-    // What a server started now would recover: a journal opened on a copy
-    // of the file sees it as a restart after SIGKILL would (opening rewrites
-    // the file, so the original stays with the running journal).
+    // What a restart now would recover, read from a copy (opening rewrites).
     std::vector<std::string> Recover() const {
         WriteTargetFile("/restart/journal", ReadTargetFile("/var/lib/replay/journal"));
         IngestJournal after(Root() + "/restart/journal");
@@ -21,14 +19,6 @@ class IngestJournalTest : public ReplayTest::TargetRootTest {
         const ReplayPlatform::Status opened = after.Open(unwritten);
         EXPECT_TRUE(opened.IsOk()) << opened.Message();
         return unwritten;
-    }
-    // Opens `journal` on a file with nothing to recover.
-    static bool Opened(IngestJournal& journal) {
-        std::vector<std::string> unwritten;
-        const ReplayPlatform::Status opened = journal.Open(unwritten);
-        EXPECT_TRUE(opened.IsOk()) << opened.Message();
-        EXPECT_TRUE(unwritten.empty());
-        return opened.IsOk();
     }
     static void Receive(IngestJournal& journal, const std::string& record) {
         journal.Received(record.data(), record.size());
@@ -43,33 +33,28 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrderUnti
                       c = DataRecord("a", 1100, 2);
     {
         IngestJournal journal(Path());
-        ASSERT_TRUE(Opened(journal));  // creates the directories
+        std::vector<std::string> none;
+        ASSERT_TRUE(journal.Open(none).IsOk());
         Receive(journal, a);
         Receive(journal, b);
         Receive(journal, c);
-        // Gathered in memory only: a kill now loses them (the last moments).
         EXPECT_TRUE(Recover().empty());
         journal.FlushGathered(Clock::now());
-        Write(journal, b);  // marks reach the file at once
+        Write(journal, b);
         EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
         EXPECT_EQ(journal.ReceivedCount(), 3u);
         EXPECT_EQ(journal.WrittenCount(), 1u);
-        // The server is killed here: no Close.
+        // Killed here: no Close.
     }
-    // Opening rewrites the file to the unwritten records; a second restart
-    // without any writing in between finds the same.
     IngestJournal restarted(Path());
     std::vector<std::string> unwritten;
     ASSERT_TRUE(restarted.Open(unwritten).IsOk());
     EXPECT_EQ(unwritten, (std::vector<std::string>{a, c}));
     EXPECT_EQ(Recover(), (std::vector<std::string>{a, c}));
 
-    // A reset (a new recording) forgets everything, gathered entries
-    // included; later records still count.
     Receive(restarted, DataRecord("a", 1200, 3));
     restarted.Reset();
     EXPECT_TRUE(Recover().empty());
-    EXPECT_EQ(ReadTargetFile("/var/lib/replay/journal"), "");
     const std::string d = DataRecord("a", 1300, 4);
     Receive(restarted, d);
     restarted.FlushGathered(Clock::now());
@@ -79,18 +64,17 @@ TEST_F(IngestJournalTest, RestartBringsBackWhatWasNeverWrittenInArrivalOrderUnti
 TEST_F(IngestJournalTest, RepeatedRecordsNeedAMarkEachAndATornTailIsIgnored) {
     const std::string a = DataRecord("a", 1000, 1);
     IngestJournal journal(Path());
-    ASSERT_TRUE(Opened(journal));
+    std::vector<std::string> none;
+    ASSERT_TRUE(journal.Open(none).IsOk());
     Receive(journal, a);
-    Receive(journal, a);  // the same bytes twice (a client sent it twice)
+    Receive(journal, a);
     journal.FlushGathered(Clock::now());
     Write(journal, a);
     EXPECT_EQ(Recover(), std::vector<std::string>{a});
     Write(journal, a);
-    Write(journal, a);  // a mark without a received entry matches nothing
+    Write(journal, a);
     EXPECT_TRUE(Recover().empty());
 
-    // A record whose entry was cut short by the crash is not brought back;
-    // everything before it is.
     const std::string b = DataRecord("b", 1200, 1);
     Receive(journal, b);
     journal.FlushGathered(Clock::now());
@@ -111,12 +95,13 @@ TEST_F(IngestJournalTest, OpenFailsWhereNoFileCanBeMade) {
     EXPECT_NE(opened.Message().find("journal"), std::string::npos);
     Receive(journal, DataRecord("a", 1000, 1));
     journal.FlushGathered(Clock::now());
-    EXPECT_GE(journal.WriteFailures(), 1u);  // counted, never silent
+    EXPECT_GE(journal.WriteFailures(), 1u);
 }
 
 TEST_F(IngestJournalTest, ALongRecordingKeepsTheFileToWhatIsUnwritten) {
     IngestJournal journal(Path(), 4096);
-    ASSERT_TRUE(Opened(journal));
+    std::vector<std::string> none;
+    ASSERT_TRUE(journal.Open(none).IsOk());
     std::vector<std::string> pending;
     for (int k = 1; k <= 400; ++k) {
         const std::string record = DataRecord("long", 1000 + k, static_cast<unsigned int>(k));
@@ -124,7 +109,6 @@ TEST_F(IngestJournalTest, ALongRecordingKeepsTheFileToWhatIsUnwritten) {
         if (k % 10 == 0) {
             journal.FlushGathered(Clock::now());
         }
-        // All but every fiftieth record is written at once.
         if (k % 50 != 0) {
             Write(journal, record);
         } else {

@@ -1,11 +1,6 @@
 #ifndef TESTS_SERVER_LOOPBACKSERVER_H
 #define TESTS_SERVER_LOOPBACKSERVER_H
 
-// A replay server on port 4400 of a loopback address of its own (so tests
-// running side by side never share an endpoint), fake clients (UDP sockets
-// that register with it and record what it sends them) and the blocks of
-// items such clients send.
-
 #include <chrono>
 #include <memory>
 #include <string>
@@ -21,7 +16,6 @@
 
 namespace ServerTest {
 
-// A block of items "<time>:<data>" after the first, as a client sends it.
 inline std::string Block(const std::string& client, unsigned int sequence,
                          const std::vector<std::pair<int64_t, std::string>>& items) {
     std::string payload = items[0].second;
@@ -33,8 +27,6 @@ inline std::string Block(const std::string& client, unsigned int sequence,
     return DataRecord(client, items[0].first, sequence, payload);
 }
 
-// A test with a private target root, the logger channel reset, and a server
-// started on demand, stopped before the root goes.
 class LoopbackServerTest : public LoggerChannelTest {
   protected:
     void TearDown() override {
@@ -57,14 +49,11 @@ class LoopbackServerTest : public LoggerChannelTest {
     std::unique_ptr<ReplayServer::ReplayServer> m_server;
 };
 
-// A client process as the server sees it: a socket on a loopback address and
-// ephemeral port of its own.
 class FakeClient {
   public:
     explicit FakeClient(const std::string& serverIp) : m_server(Address(serverIp, 4400)) {}
 
-    // Announces `name` and waits for the server's answer (its slot), which is
-    // then forgotten; false when none came.
+    // Announces `name` and forgets the server's answer; false when none came.
     bool Register(const std::string& name) {
         Send(StatusRecord(name, 1000, ""));
         const bool answered = m_socket.WaitForDatagrams(1, std::chrono::seconds(10));

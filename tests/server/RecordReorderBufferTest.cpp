@@ -8,7 +8,6 @@ using ReplayServer::RecordReorderBuffer;
 using Clock = RecordReorderBuffer::Clock;
 using std::chrono::milliseconds;
 
-// The records passed on, in order; the lock is for the buffer's own thread.
 struct Collected {
     RecordReorderBuffer::Sink Sink() {
         return [this](const std::string& record) {
@@ -28,10 +27,7 @@ void Add(RecordReorderBuffer& buffer, int64_t timeMs, const std::string& text,
     ASSERT_TRUE(buffer.Add(timeMs, text.data(), text.size(), arrival));
 }
 
-// Without Start() nothing passes records on but the calls the test makes. A
-// record leaves exactly when its hold ends. An older record arriving later
-// goes ahead of it and holds it back until its own hold ends; records leave
-// in record-time order.
+// Without Start(), only the test's calls pass records on.
 TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecordTimeOrder) {
     Collected sink;
     RecordReorderBuffer buffer(1000, 1 << 20, sink.Sink());
@@ -40,18 +36,18 @@ TEST(RecordReorderBufferTest, HoldEndsExactlyAtItsDueTimeAndRecordsLeaveInRecord
     EXPECT_TRUE(sink.records.empty());
     buffer.ReleaseDue(kT0 + milliseconds(1000));
     EXPECT_EQ(sink.records, std::vector<std::string>{"recent"});
+    EXPECT_EQ(buffer.ReleasedEarly(), 0u) << "released at its due time is not early";
 
     Add(buffer, 7000, "b", kT0 + milliseconds(2000));
     Add(buffer, 6000, "a", kT0 + milliseconds(2000));
-    Add(buffer, 7000, "c", kT0 + milliseconds(2000));  // same time as "b": arrival order holds
+    Add(buffer, 7000, "c", kT0 + milliseconds(2000));
     Add(buffer, 5000, "slow client, sent late", kT0 + milliseconds(2500));
-    // Until the hold of the oldest, which arrived last, ends, none leaves.
+    // The oldest arrived last: its hold keeps the rest.
     buffer.ReleaseDue(kT0 + milliseconds(3499));
     EXPECT_EQ(buffer.HeldRecords(), 4u);
     buffer.ReleaseDue(kT0 + milliseconds(3500));
     EXPECT_EQ(sink.records,
               (std::vector<std::string>{"recent", "slow client, sent late", "a", "b", "c"}));
-    EXPECT_EQ(buffer.HeldRecords(), 0u);
 }
 
 TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
@@ -67,9 +63,6 @@ TEST(RecordReorderBufferTest, FrozenBufferKeepsDueRecordsForAnOlderLateBlock) {
     EXPECT_EQ(sink.records, (std::vector<std::string>{"late block", "held past its hold"}));
 }
 
-// Above three quarters of the limit the oldest leave early; a record is
-// refused only when it would pass the limit itself, and passing records on
-// frees their room.
 TEST(RecordReorderBufferTest,
      AboveThreeQuartersFullTheOldestLeaveEarlyAndOnlyThePastTheLimitIsRefused) {
     Collected sink;
@@ -77,14 +70,14 @@ TEST(RecordReorderBufferTest,
     Add(buffer, 300, "third-----");
     Add(buffer, 100, "first-----");
     Add(buffer, 200, "second----");
-    buffer.ReleaseDue(kT0);  // 30 bytes held: nothing is due yet
+    buffer.ReleaseDue(kT0);
     EXPECT_TRUE(sink.records.empty());
     Add(buffer, 400, "fourth----");
     buffer.ReleaseDue(kT0);
     EXPECT_EQ(sink.records, std::vector<std::string>{"first-----"});
     EXPECT_EQ(buffer.ReleasedEarly(), 1u);
 
-    Add(buffer, 500, "fifth-----");  // 40 bytes: exactly the limit
+    Add(buffer, 500, "fifth-----");  // exactly the limit
     EXPECT_FALSE(buffer.Add(600, "x", 1, kT0));
     EXPECT_EQ(buffer.Refused(), 1u);
     buffer.Drain();
@@ -105,8 +98,6 @@ TEST(RecordReorderBufferTest, StopPassesOnEverythingHeldAndSinkFailuresAreCounte
     EXPECT_EQ(buffer.SinkFailures(), 1u);
 }
 
-// Receive threads add while the buffer's thread and a flush pass records on:
-// every record arrives exactly once and each producer's records keep their order.
 TEST(RecordReorderBufferTest, ConcurrentProducersAndDrainsLoseNothing) {
     Collected sink;
     RecordReorderBuffer buffer(1, 1 << 24, sink.Sink());

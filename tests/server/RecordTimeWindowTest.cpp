@@ -8,11 +8,8 @@ using ReplayServer::RecordTimeWindow;
 
 TEST(RecordTimeWindowTest, EachClientIsMeasuredOnItsOwnClockToTheWindowsEdge) {
     RecordTimeWindow window(60000);
-    // Two clients whose clocks stand far apart from the server's and each
-    // other's: each first record sets its client's clock.
     EXPECT_TRUE(window.Accept("gps", 5000000, 1000));
     EXPECT_TRUE(window.Accept("can", 20000, 1000));
-    // Ten seconds later on the server: both clocks moved ten seconds.
     EXPECT_TRUE(window.Accept("gps", 5010000 + 60000, 11000));
     EXPECT_TRUE(window.Accept("gps", 5010000 - 60000, 11000));
     EXPECT_FALSE(window.Accept("gps", 5010000 + 60001, 11000));
@@ -40,7 +37,6 @@ TEST(RecordTimeWindowTest, ZeroAcceptsAnyTimeAndMadeUpNamesStayBounded) {
     for (size_t n = 0; n < RecordTimeWindow::kMaximumNames + 10; ++n) {
         EXPECT_TRUE(window.Accept("f" + std::to_string(n), 0, 1 + static_cast<int64_t>(n)));
     }
-    // The longest unseen name was forgotten: its next record starts afresh.
     EXPECT_TRUE(window.Accept("real", 3600000, 5000));
     EXPECT_EQ(window.Refused(), 0u);
 }

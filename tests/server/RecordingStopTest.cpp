@@ -1,6 +1,3 @@
-// The server's recording path in one process: a stop that waits for each
-// client's last block, and recovery from the crash journal.
-
 #include <future>
 #include <thread>
 
@@ -26,8 +23,6 @@ class RecordingStopTest : public ServerTest::LoopbackServerTest {
         settings.stopSettleMs = 0;
         StartServer(settings);
     }
-    // The data records in the channel, in order (header and status records
-    // left out).
     std::vector<std::string> StoredData() const {
         std::vector<std::string> data;
         for (const std::string& record : ServerTest::SplitFramedRecords(ReadTargetFile(kChannel))) {
@@ -56,36 +51,29 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
     m_server->StartRecording();
     ASSERT_TRUE(fast.WaitFor(1, kDeadline));
 
-    // Long enough that the steps below finish inside the wait on a loaded
-    // machine.
+    // Long enough for the steps below on a loaded machine.
     auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(7000); });
     ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
     const srv::StopProgress progress = m_server->Stopping();
     const int64_t moment = progress.momentMs;
     EXPECT_EQ(progress.waitingFor.size(), 3u);
 
-    // A block from before the moment is no evidence: the client may still
-    // hold items from before it. Its items from after the moment are cut.
+    // A block from before the moment confirms nothing; its later items are cut.
     fast.Send(ServerTest::Block(
         "fast", 1,
         {{moment - 300, "i0"}, {moment - 1, "i1"}, {moment, "i2"}, {moment + 40, "i3"}}));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(GotStop(fast));
-    // A block starting at the moment shows the earlier one has left; its
-    // own items were handed over after the stop and are not stored.
+    // A block starting at the moment confirms, and is not stored.
     fast.Send(DataRecord("fast", moment, 2));
     ASSERT_TRUE(WaitFor([&] { return GotStop(fast); }, kDeadline));
-    // A recording client reports its state only with an empty block.
     quiet.Send(StatusRecord("quiet", moment + 5, ""));
     ASSERT_TRUE(WaitFor([&] { return GotStop(quiet); }, kDeadline));
-    // The list of clients waited for is updated just after their stop.
     EXPECT_TRUE(WaitFor(
         [&] { return m_server->Stopping().waitingFor == std::vector<std::string>{"silent"}; },
         kDeadline));
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateRecord);
 
-    // The client that never confirms is named when the wait ends, and
-    // stopped all the same.
     ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
     EXPECT_TRUE(stopped.get());
     EXPECT_TRUE(GotStop(silent));
@@ -99,27 +87,11 @@ TEST_F(RecordingStopTest, StopWaitsForEachClientsBlockHoldingTheMoment) {
                                 "fast", 1, {{moment - 300, "i0"}, {moment - 1, "i1"}})});
 }
 
-TEST_F(RecordingStopTest, StopEndsAsSoonAsEveryClientConfirms) {
-    Start();
-    FakeClient client(m_ip);
-    ASSERT_TRUE(client.Register("only"));
-    m_server->StartRecording();
-    const auto started = std::chrono::steady_clock::now();
-    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(8000); });
-    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
-    client.Send(DataRecord("only", m_server->Stopping().momentMs + 1, 7));
-    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
-    EXPECT_TRUE(stopped.get());
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
-    EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
-}
-
-TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
+TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnceAndAStopEndsWhenAllConfirm) {
     const std::string path = Root() + "/var/lib/replay/journal";
     const std::string early = DataRecord("a", 9000, 1), later = DataRecord("b", 9500, 1),
                       written = DataRecord("a", 8000, 1);
     {
-        // What a killed server left: three records received, one written.
         srv::IngestJournal journal(path);
         std::vector<std::string> unwritten;
         ASSERT_TRUE(journal.Open(unwritten).IsOk());
@@ -136,12 +108,24 @@ TEST_F(RecordingStopTest, StartRecoversTheJournalInTimeOrderOnce) {
     EXPECT_EQ(m_server->Counters().recordsRecovered, 2u);
     EXPECT_TRUE(m_server->Counters().journalOn);
 
-    // Once written, a second start finds nothing to bring back.
     m_server.reset();
     ReplayLogger::Get().ResetForTesting();
     Start(settings);
     EXPECT_EQ(m_server->Counters().recordsRecovered, 0u);
     EXPECT_EQ(StoredData().size(), 2u);
+
+    SCOPED_TRACE("a stop ends as soon as every client confirms");
+    FakeClient client(m_ip);
+    ASSERT_TRUE(client.Register("only"));
+    m_server->StartRecording();
+    const auto started = std::chrono::steady_clock::now();
+    auto stopped = std::async(std::launch::async, [this] { return m_server->StopRecording(8000); });
+    ASSERT_TRUE(WaitFor([&] { return m_server->Stopping().draining; }, kDeadline));
+    client.Send(DataRecord("only", m_server->Stopping().momentMs + 1, 7));
+    ASSERT_EQ(stopped.wait_for(kDeadline), std::future_status::ready);
+    EXPECT_TRUE(stopped.get());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(6));
+    EXPECT_TRUE(m_server->Stopping().lastUnconfirmed.empty());
 }
 
 }  // namespace

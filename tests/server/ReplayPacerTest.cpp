@@ -8,14 +8,11 @@ namespace {
 
 namespace srv = ReplayServer;
 
-// Exactly a window of unreported records may be out; the next waits for a
-// report. A client that stays silent through the wait is given up once and
-// then not waited for until it reports again.
 TEST(ReplayPacerTest, WindowHoldsExactlyItsSizeAndGivesUpOnSilentClients) {
     srv::ReplayDeliveryTracker deliveries;
     srv::PacingSettings settings;
     settings.window = 3;
-    settings.stallMs = 0;  // a full window gives up at once
+    settings.stallMs = 0;
     srv::ReplayPacer pacer(deliveries, settings);
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(pacer.WaitForRoom("gps")) << "record " << i;
@@ -23,19 +20,15 @@ TEST(ReplayPacerTest, WindowHoldsExactlyItsSizeAndGivesUpOnSilentClients) {
     }
     EXPECT_FALSE(pacer.WaitForRoom("gps"));
     EXPECT_EQ(pacer.Stalls(), 1u);
-    // Given up: sends go on unpaced while the client stays silent.
     deliveries.NoteSent("gps");
     EXPECT_TRUE(pacer.WaitForRoom("gps"));
     EXPECT_EQ(pacer.Stalls(), 1u);
-    // One report of four: three outstanding, a full window, paced again.
     deliveries.NoteReport("gps", "#replay");
     EXPECT_FALSE(pacer.WaitForRoom("gps"));
     EXPECT_EQ(pacer.Stalls(), 2u);
-    // Two outstanding: room for one more.
     deliveries.NoteReport("gps", "#replay");
     EXPECT_TRUE(pacer.WaitForRoom("gps"));
 
-    // A full window waits for the report that makes room.
     deliveries.NoteSent("gps");
     settings.stallMs = 60000;
     srv::ReplayPacer patient(deliveries, settings);
@@ -47,7 +40,7 @@ TEST(ReplayPacerTest, WindowHoldsExactlyItsSizeAndGivesUpOnSilentClients) {
     client.join();
     EXPECT_EQ(deliveries.Outstanding("gps"), 2u);
 
-    // A wake (a cancelled replay) ends the wait at once.
+    // A wake (a cancelled replay) ends the wait.
     deliveries.NoteSent("gps");
     std::thread waker([&deliveries] {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

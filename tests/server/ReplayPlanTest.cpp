@@ -24,7 +24,7 @@ TEST(ReplayPlanTest, OrdersByTimeKeepsInitialisationApartAndSkipsDamage) {
     Store(log, ServerTest::DataRecord("gps", 1300, 2, "bb"));
     Store(log, ServerTest::DataRecord("can", 1100, 1, "aa"));
     std::string damaged = ServerTest::DataRecord("can", 1200, 2, "x");
-    damaged[damaged.size() - 3] ^= 1;  // checksum no longer matches
+    damaged[damaged.size() - 3] ^= 1;
     Store(log, damaged);
     Store(log, ServerTest::StatusRecord("ReplayManager", 1400, "stop"));
     Store(log, ServerTest::DataRecord("gps", 1250, 1, "cc"));
@@ -35,8 +35,7 @@ TEST(ReplayPlanTest, OrdersByTimeKeepsInitialisationApartAndSkipsDamage) {
     EXPECT_EQ(plan.records[0].timeMs, 1100);
     EXPECT_EQ(plan.records[1].timeMs, 1250);
     EXPECT_EQ(plan.records[2].timeMs, 1300);
-    // Records go out without their line end, so that the client's last item
-    // ends where the checksum field starts.
+    // Without its line end, so the last item ends at the checksum field.
     const std::string stored = ServerTest::DataRecord("gps", 1300, 2, "bb");
     EXPECT_EQ(plan.records[2].record, stored.substr(0, stored.size() - 1));
     ASSERT_EQ(plan.initialisation.size(), 1u);
@@ -72,31 +71,22 @@ TEST(ReplayPlanTest, SegmentAndOffsetSelectRecords) {
     EXPECT_FALSE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
 }
 
-struct SentItem {
-    std::string client;
-    unsigned int sequence;
-    int64_t timeMs;
-    std::string data;
-};
-
-SentItem Sent(const ReplayServer::PlannedRecord& record) {
+ReplayServer::ItemCut Sent(const ReplayServer::PlannedRecord& record) {
     ReplayServer::ItemCut cut;
     EXPECT_TRUE(ReplayServer::CutRecordItems(record.record, cut)) << record.record;
     EXPECT_EQ(cut.items.size(), 1u);
-    return {cut.client, cut.sequence, cut.items.empty() ? 0 : cut.items[0].timeMs,
-            cut.items.empty() ? "" : cut.items[0].data};
+    cut.items.resize(1);
+    return cut;
 }
 
-// The data of each planned record's item, in plan order.
 std::vector<std::string> ItemData(const std::vector<ReplayServer::PlannedRecord>& records) {
     std::vector<std::string> data;
     for (const auto& record : records) {
-        data.push_back(Sent(record).data);
+        data.push_back(Sent(record).items[0].data);
     }
     return data;
 }
 
-// gps items at 1000, 1010, ... 1050 (two blocks), can's at 1005 and 1025.
 std::string TwoClientLog() {
     std::string log;
     Store(log, LogFormat::HeaderPayload(1000));
@@ -108,28 +98,16 @@ std::string TwoClientLog() {
     return log;
 }
 
-// Items are planned one per record, in time order across clients and blocks,
-// numbered per client from 1; a range starts and ends inside blocks, and each
-// client's last item before it comes first.
-TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
+TEST(ReplayPlanTest, ItemsAreNumberedPerClientFromTheStateOn) {
     const std::string log = TwoClientLog();
     ReplayPlan plan;
-    ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
-    EXPECT_EQ(ItemData(plan.records),
-              (std::vector<std::string>{"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}));
-    EXPECT_EQ(Sent(plan.records[7]).sequence, 6u);  // gps's sixth item
-    EXPECT_TRUE(plan.state.empty());
-
-    // From 1011 to 1041 (the items and state are the range table's, below):
-    // the state item is each client's block 1; the range follows on.
     PlanOptions options;
     options.fromOffsetMs = 11;
     options.toOffsetMs = 41;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), options, plan).IsOk());
     ASSERT_EQ(plan.state.size(), 2u);
-    const SentItem gpsState = Sent(plan.state[1]);
-    EXPECT_EQ(gpsState.timeMs, 1010);
-    EXPECT_EQ(gpsState.sequence, 1u);
+    EXPECT_EQ(Sent(plan.state[1]).items[0].timeMs, 1010);
+    EXPECT_EQ(Sent(plan.state[1]).sequence, 1u);
     EXPECT_EQ(Sent(plan.records[0]).sequence, 2u);
     ASSERT_EQ(plan.initialisation.size(), 1u);
 
@@ -139,8 +117,6 @@ TEST(ReplayPlanTest, CutsBlocksIntoItemsWithinTheRangeAfterTheState) {
     EXPECT_EQ(Sent(plan.records[0]).sequence, 1u);
 }
 
-// An item exactly at the start of the range is its first, not state; one
-// exactly at its end is left out. A range without items is refused.
 TEST(ReplayPlanTest, RangeIncludesItsStartAndExcludesItsEnd) {
     const std::string log = TwoClientLog();
     struct Case {
@@ -151,11 +127,12 @@ TEST(ReplayPlanTest, RangeIncludesItsStartAndExcludesItsEnd) {
         {10, 40, {"g1", "g2", "c1", "g3"}, {"g0", "c0"}},
         {11, 41, {"g2", "c1", "g3", "g4"}, {"c0", "g1"}},
         {10, 11, {"g1"}, {"g0", "c0"}},
+        {0, -1, {"g0", "c0", "g1", "g2", "c1", "g3", "g4", "g5"}, {}},
         {0, 1, {"g0"}, {}},
         {50, -1, {"g5"}, {"c1", "g4"}},
-        {15, 15, {}, {}},  // empty
-        {11, 20, {}, {}},  // ends at the next item
-        {51, -1, {}, {}},  // past the last item
+        {15, 15, {}, {}},
+        {11, 20, {}, {}},
+        {51, -1, {}, {}},
     };
     for (const Case& c : cases) {
         PlanOptions options;
@@ -173,8 +150,7 @@ TEST(ReplayPlanTest, RangeIncludesItsStartAndExcludesItsEnd) {
     }
 }
 
-// A client's items keep their order even when a later block carries an
-// earlier time: the item is due when the client would hand it over.
+// A later block with an earlier time is due when the client hands it over.
 TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
     std::string log;
     Store(log, LogFormat::HeaderPayload(1000));
@@ -183,10 +159,9 @@ TEST(ReplayPlanTest, AClientsItemsKeepTheirOrderWhenTimesGoBack) {
     Store(log, ServerTest::Block("can", 1, {{1060, "c0"}}));
     ReplayPlan plan;
     ASSERT_TRUE(BuildReplayPlan(log.data(), log.size(), PlanOptions(), plan).IsOk());
-    // g2 (1050) follows g1 (1100), as the client handed them over.
     EXPECT_EQ(ItemData(plan.records), (std::vector<std::string>{"g0", "c0", "g1", "g2"}));
     EXPECT_EQ(plan.records[3].timeMs, 1100);
-    EXPECT_EQ(Sent(plan.records[3]).timeMs, 1050);
+    EXPECT_EQ(Sent(plan.records[3]).items[0].timeMs, 1050);
 }
 
 }  // namespace

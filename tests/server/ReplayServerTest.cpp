@@ -16,15 +16,9 @@ using UdpClient = ReplayTest::UdpTestClient;
 
 class ReplayServerTest : public ServerTest::LoopbackServerTest {
   protected:
-    void StartServer(size_t clientLimit = 64) {
-        srv::ServerSettings settings;
-        settings.clientLimit = clientLimit;
-        LoopbackServerTest::StartServer(settings);
-    }
     void Send(const UdpClient& client, const std::string& text) {
         ASSERT_TRUE(client.Send(m_ip, 4400, text));
     }
-    size_t TableSize() { return m_server->Clients().size(); }
 };
 
 TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
@@ -41,19 +35,14 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     EXPECT_EQ(command.compare(0, 14, "#record s=0;t="), 0) << command;
     EXPECT_EQ(can.Receive().compare(0, 14, "#record s=1;t="), 0);
 
-    // A client that joins while recording is told to record at once.
     UdpClient late(m_ip);
     Send(late, StatusRecord("late", 1000, ""));
     EXPECT_EQ(late.Receive().compare(0, 14, "#record s=2;t="), 0);
 
-    // Data and initialisation records reach the writer, pings and state
-    // reports do not; a damaged datagram is counted and dropped.
     Send(gps, DataRecord("gps", 1100, 1));
     Send(gps, StatusRecord("gps", 1200, ""));
     Send(gps, StatusRecord("gps", 1200, "#record e=;"));
-    // With the file log at its last entry, a damaged datagram must not log
-    // past it: the log keeps a stream open per call, and bad datagrams could
-    // exhaust descriptors. The server stops logging there instead.
+    // With the file log at its last entry, bad datagrams must not log past it.
     using ReplayCore::FileLogger;
     while (FileLogger::WritesSoFar() < FileLogger::kMaximumWrites) {
         ASSERT_GT(FileLogger::LogToFile(FileLogger::eSeverityError, "filler entry"), 0);
@@ -61,16 +50,14 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     std::string damaged = DataRecord("gps", 1300, 2);
     damaged[3] = 'x';
     Send(gps, damaged);
-    // The damaged datagram is the last one sent: once it is counted, all are
-    // handled.
+    // Sent last: once it is counted, all are handled.
     ASSERT_TRUE(WaitFor([&] { return m_server->Counters().checksumFailures >= 1; }, kDeadline));
     EXPECT_LT(FileLogger::GetLogginglevel(), FileLogger::eSeverityAssert);
     EXPECT_EQ(FileLogger::LogToFile(FileLogger::eSeverityAssert, "not written"), 0);
     const srv::ServerCounters counters = m_server->Counters();
-    // Held for ordering until the stop flushes them.
     EXPECT_EQ(counters.recordsHeld + counters.recordsForwarded, 2u);
     EXPECT_EQ(counters.checksumFailures, 1u);
-    EXPECT_EQ(TableSize(), 3u);
+    EXPECT_EQ(m_server->Clients().size(), 3u);
 
     EXPECT_TRUE(m_server->StopRecording(0));
     EXPECT_EQ(m_server->Counters().recordsForwarded, 3u);  // with the flushing status record
@@ -78,24 +65,22 @@ TEST_F(ReplayServerTest, ClientsGetOwnSlotsAndFollowTheRecordingState) {
     EXPECT_EQ(m_server->GetState(), ReplayCore::eStateStopped);
 }
 
-// At the limit a new name is refused; the same name from a new port is the
-// client restarted, whose entry is replaced; and a name that stopped sending
-// gives its entry to a newcomer, so silent names cannot keep new clients out.
 TEST_F(ReplayServerTest, FullTableRefusesNewNamesButReplacesRestartedAndSilentClients) {
     ReplayTest::ManualClock clock(1000000);
-    StartServer(1);
+    srv::ServerSettings settings;
+    settings.clientLimit = 1;
+    StartServer(settings);
     UdpClient first(m_ip);
     Send(first, StatusRecord("gps", 1000, ""));
     EXPECT_EQ(first.Receive(), "#stop s=0;");
     UdpClient second(m_ip);
     Send(second, StatusRecord("can", 1000, ""));
     ASSERT_TRUE(WaitFor([&] { return m_server->Counters().refusedClients == 1; }, kDeadline));
-    EXPECT_EQ(TableSize(), 1u);
+    EXPECT_EQ(m_server->Clients().size(), 1u);
 
     UdpClient restarted(m_ip);
     Send(restarted, StatusRecord("gps", 2000, ""));
     EXPECT_EQ(restarted.Receive(), "#stop s=0;");
-    // The reply goes out before the entry is replaced.
     ASSERT_TRUE(WaitFor(
         [&] {
             const auto table = m_server->Clients();

@@ -35,8 +35,7 @@ TEST(SourceAllowListTest, MatchesAddressesByPrefix) {
     }
     EXPECT_EQ(list.ToString(), "127.0.0.0/8,10.1.0.0/16,192.168.1.7/32,10.9.9.9/32");
 
-    // Prefix 0 takes everything (a 32-bit shift by 32 would not); an odd
-    // prefix splits an octet.
+    // Prefix 0 takes everything (a 32-bit shift by 32 would not).
     ASSERT_TRUE(list.Parse("0.0.0.0/0").IsOk());
     EXPECT_TRUE(Allows(list, "255.255.255.255"));
     ASSERT_TRUE(list.Parse("172.16.0.0/12").IsOk());
@@ -78,8 +77,7 @@ TEST_F(SourceRefusalTest, DatagramsFromOutsideTheListNeverReachTheClientTable) {
     client.Send(m_ip, 4400, StatusRecord("gps", 1000, ""));
     EXPECT_EQ(client.Receive(), "#stop s=0;");
 
-    // Clients are told apart by port alone: a refused source on the port of
-    // a known client must not pass as that client.
+    // Clients are told apart by port: a refused source must not pass as one.
     UdpTestClient impostor("127.200.5.6", client.Port());
     ASSERT_TRUE(impostor.Bound());
     impostor.Send(m_ip, 4400, DataRecord("gps", 1100, 1));
@@ -93,15 +91,6 @@ TEST_F(SourceRefusalTest, DatagramsFromOutsideTheListNeverReachTheClientTable) {
 
     srv::ServerControl control(*m_server, srv::ReplaySettings(), [](const std::string&) {});
     EXPECT_NE(control.StatusText().find("refused sources 2"), std::string::npos);
-    // The refusal is counted before it is logged.
-    EXPECT_TRUE(ReplayTest::WaitFor(
-        [&] {
-            const std::string log = ReadTargetFile("/tmp/ReplayLog.txt");
-            return log.find("Refusing datagrams from 127.200.5.5") != std::string::npos &&
-                   log.find("Refusing datagrams from 127.200.5.6") != std::string::npos;
-        },
-        deadline))
-        << ReadTargetFile("/tmp/ReplayLog.txt");
 }
 
 }  // namespace
