@@ -1,8 +1,8 @@
 #ifndef TESTS_SUPPORT_TESTSUPPORT_H
 #define TESTS_SUPPORT_TESTSUPPORT_H
 
-// Shared helpers for the tests: a private target root and working directory
-// per test, polling with a deadline, and capture of the debug channels.
+// Shared test helpers: a private target root and working directory per test,
+// polling with a deadline, and capture of the debug channels.
 
 #include <gtest/gtest.h>
 
@@ -18,10 +18,8 @@
 
 namespace ReplayTest {
 
-// Every test program runs under a private target root of its own, created by
-// the test main before the first test and removed after the last, so no test
-// can write to the real target paths. Tests that look at files use
-// TargetRootTest for a fresh root per test.
+// The test main's private target root for the whole program, so that no
+// test writes to the real target paths.
 class ProcessTargetRoot {
   public:
     ProcessTargetRoot();
@@ -30,16 +28,14 @@ class ProcessTargetRoot {
     ProcessTargetRoot& operator=(const ProcessTargetRoot&) = delete;
 };
 
-// Creates a fresh temporary directory, makes it the target root (also in
-// REPLAY_TARGET_ROOT, for child processes) and the working directory
-// ("<root>/work"), and removes it afterwards. The file log, kept under the
-// root, starts afresh with it (level, write cap and failure counts).
+// A fresh target root per test (also in REPLAY_TARGET_ROOT, for child
+// processes) with "<root>/work" as working directory; the file log under it
+// starts afresh.
 class TargetRootTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The temporary root, without trailing separator.
     const std::string& Root() const { return m_root; }
     // Root() + absolutePath, creating the parent directories.
     std::string MakeTargetDirectory(const std::string& absolutePath) const;
@@ -52,8 +48,7 @@ class TargetRootTest : public ::testing::Test {
     std::string m_previousDirectory;
 };
 
-// Replaces the library clock for its lifetime; the time moves only when the
-// test sets it. One at a time.
+// Replaces the library clock for its lifetime. One at a time.
 class ManualClock {
   public:
     explicit ManualClock(int64_t startMs);
@@ -73,8 +68,7 @@ std::string ReadFile(const std::string& path);
 int Occurrences(const std::string& text, const std::string& fragment);
 void WriteFile(const std::string& path, const std::string& content);
 
-// Installs capturing handlers on the three debug channels for its lifetime.
-// Only one may exist at a time.
+// Captures the three debug channels for its lifetime. One at a time.
 class CapturedDebug {
   public:
     enum Channel { kMessage, kWarning, kError };
@@ -89,8 +83,7 @@ class CapturedDebug {
     CapturedDebug& operator=(const CapturedDebug&) = delete;
 
     std::vector<Line> Lines() const;
-    // Number of captured lines containing `fragment` (on any channel, or on
-    // the given one).
+    // Lines containing `fragment`, on any channel or the given one.
     int Count(Channel channel, const std::string& fragment) const {
         return Count(fragment, channel);
     }

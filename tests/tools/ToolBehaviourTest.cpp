@@ -1,6 +1,5 @@
-// The installed programs as a user meets them: --version, the exit-status
-// convention (0 success, 1 problems found or the operation failed, 2 usage
-// error) with a one-line message on standard error, and what replaylog's
+// The installed programs as a user meets them: --version, exit status 0
+// success, 1 problems found or failure, 2 usage error, and what replaylog's
 // subcommands make of the golden logs.
 
 #include <sys/stat.h>
@@ -19,8 +18,8 @@ namespace {
 
 struct Result {
     int status = -1;
-    std::string out;  // standard output
-    std::string err;  // standard error
+    std::string out;
+    std::string err;
 };
 
 const char kReplaylog[] = "tools/replaylog/replaylog";
@@ -36,8 +35,7 @@ int Lines(const std::string& text) {
 
 class ToolBehaviourTest : public ReplayTest::TargetRootTest {
   protected:
-    // Runs a program of the build tree; one that blocks is killed after 20 s
-    // and then fails the status check.
+    // One that blocks is killed after 20 s and fails the status check.
     Result Run(const std::string& program, const std::string& arguments) {
         const std::string errFile = Root() + "/stderr.txt";
         Result result;
@@ -62,10 +60,9 @@ TEST_F(ToolBehaviourTest, EveryProgramAnswersVersionWithTheProjectVersion) {
     }
 }
 
-// A mistake ends with its status, nothing on standard output and one line on
-// standard error that names the problem, at once: a FIFO nobody writes to
-// would block a reader for ever, and with a file that cannot be replayed the
-// server stops before it binds or reads its standard input.
+// A mistake ends at once with its status and one line on standard error that
+// names it: a FIFO would block a reader for ever, and the server stops before
+// it binds or reads its standard input.
 TEST_F(ToolBehaviourTest, MistakesEndAtOnceWithTheirStatusAndOneLineNamingThem) {
     const std::string fifo = Root() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -99,7 +96,6 @@ TEST_F(ToolBehaviourTest, MistakesEndAtOnceWithTheirStatusAndOneLineNamingThem) 
         EXPECT_NE(result.err.find(c.phrase), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "") << c.arguments;
     }
-    // An empty file is an empty log, not a mistake.
     EXPECT_EQ(Replaylog("info " + WriteTargetFile("/empty.dat", "")).status, 0);
 }
 
@@ -113,8 +109,7 @@ TEST_F(ToolBehaviourTest, BadOptionsAreUsageErrors) {
 }
 
 // Each damaged log fails with exactly its problem, at its offset; the JSON
-// report counts every problem kind whether it occurred or not, and an empty
-// file is a problem, not a clean log.
+// report counts every kind, and an empty log file is a problem.
 TEST_F(ToolBehaviourTest, VerifyFindsEachProblemAndOnlyIt) {
     struct Case {
         const char* log;
@@ -146,7 +141,6 @@ TEST_F(ToolBehaviourTest, VerifyFindsEachProblemAndOnlyIt) {
                 << log << ": " << kind;
         }
         ASSERT_EQ(report["problems"].size(), 1u) << result.out;
-        // Problems name their kind as the text report does ("block order").
         std::string shownKind = c.kind;
         std::replace(shownKind.begin(), shownKind.end(), '_', ' ');
         EXPECT_EQ(report["problems"][0]["kind"], shownKind);
@@ -166,7 +160,6 @@ TEST_F(ToolBehaviourTest, DumpFiltersByClientAndSegment) {
     const Result all = Replaylog("dump " + Golden("clean.dat"));
     EXPECT_EQ(all.status, 0);
     EXPECT_EQ(Lines(all.out), 7);
-    // Restored line breaks are shown escaped, one record per line.
     EXPECT_NE(all.out.find("line one\\nline two"), std::string::npos) << all.out;
     EXPECT_EQ(Lines(Replaylog("dump -c gps " + Golden("clean.dat")).out), 2);
 
@@ -184,7 +177,6 @@ TEST_F(ToolBehaviourTest, CutWritesAReadableLogWithAHeaderAndExtractWritesItems)
 
     EXPECT_EQ(Replaylog("verify " + cut).status, 0);
     const Result dump = Replaylog("dump " + cut);
-    // Both segments keep their header, and only gps records remain.
     EXPECT_NE(dump.out.find("[1] header !100.000:multicore:"), std::string::npos) << dump.out;
     EXPECT_NE(dump.out.find("[2] header !200.000:multicore:"), std::string::npos);
     EXPECT_EQ(dump.out.find(" can "), std::string::npos);
@@ -199,8 +191,7 @@ TEST_F(ToolBehaviourTest, CutWritesAReadableLogWithAHeaderAndExtractWritesItems)
 TEST_F(ToolBehaviourTest, ExportWritesOneRowPerItemAsCsvOrJsonLines) {
     const Result csv = Replaylog("export " + Golden("clean.dat"));
     ASSERT_EQ(csv.status, 0) << csv.err;
-    // A header line, then every item (the two-line ones quoted); the status
-    // record holds no item.
+    // The status record holds no item.
     EXPECT_EQ(csv.out.substr(0, csv.out.find('\n')),
               "time,client,data_type,sequence,encoding,data");
     EXPECT_NE(csv.out.find("100.100,gps,1,1,text,lat=48.1 lon=11.5\n"), std::string::npos)

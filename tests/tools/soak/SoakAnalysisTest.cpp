@@ -1,6 +1,4 @@
-// How the soak program accounts for every item: stored, handed over after
-// the stop, lost at the stop, dropped as late, lost, replayed; and how it
-// reads memory.
+// How the soak program accounts for every item, and how it reads memory.
 
 #include "tools/soak/SoakAnalysis.h"
 
