@@ -1,8 +1,5 @@
-// Hostile network input on loopback: a recording client answered by a server
-// that sends it absurd commands, and the replay server flooded from thousands
-// of source ports while real clients record through it. What the parsers make
-// of a datagram is the fuzz targets' business; here the running processes stay
-// up, the server bounds its state and it reports what it refuses.
+// Hostile network input on loopback: the running processes stay up, the
+// server bounds its state and reports what it refuses (parsers are fuzzed).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,11 +36,8 @@ using ReplayTest::WithChecksum;
 using ServerTest::StatusRecord;
 
 constexpr uint32_t kSeed = 20240611;
-constexpr size_t kLargestDatagram = 9000;
 
-// Datagrams for the server from a seed, so that a failing run can be
-// repeated: garbage, a wrong checksum, invalid names, and valid records of
-// clients "f<n>" with n below `names`.
+// From a seed, so that a failing run can be repeated.
 class HostileMix {
   public:
     explicit HostileMix(uint32_t seed) : m_random(seed) {}
@@ -87,8 +81,6 @@ class HostileMix {
     std::mt19937 m_random;
 };
 
-// Sends `datagrams` round robin over `sourcePorts` sockets, opened a group
-// at a time so that few descriptors are held at once; how many went whole.
 size_t SendFromManyPorts(const std::string& ip, const std::vector<std::string>& datagrams,
                          size_t sourcePorts) {
     constexpr size_t kSocketsAtOnce = 200;
@@ -113,8 +105,6 @@ int IgnoreReplay(void*, unsigned int, unsigned int) {
     return 1;
 }
 
-// Records an item every 5 ms until the file "stop" appears; 0 when it ends
-// unharmed.
 int RecordingApplication() {
     std::freopen("client.out", "w", stdout);
     std::freopen("client.out", "a", stderr);
@@ -155,13 +145,12 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     for (const std::string& datagram :
          {"#stop c=" + fifo + ";", std::string("#stop c=/dev/zero;"), std::string("#record c=/;"),
           "#record c=" + std::string(300, 'a') + ";", std::string(),
-          "#record " + std::string(1000, ';'), "#record " + std::string(kLargestDatagram, 's')}) {
+          "#record " + std::string(1000, ';'), "#record " + std::string(9000, 's')}) {
         server.SendTo(server.Datagrams().front().sender, datagram);
     }
 
-    // The client records only once a read thread past the stops obeys a
-    // record. It may have reconnected from another port (the empty datagram
-    // drops the connection), so every report is answered.
+    // Only a read thread past the stops records. Every report is answered: the
+    // empty datagram makes the client reconnect from another port.
     size_t seen = 0;
     bool block = false;
     EXPECT_TRUE(WaitFor(
@@ -180,7 +169,6 @@ TEST_F(HostileInputTest, RecordingClientSurvivesAHostileServerAndStillObeysRecor
     EXPECT_EQ(application.Wait(10s), 0);
 }
 
-// Refusal lines of the server's output, per client name.
 std::map<std::string, int> RefusalsByName(const std::string& output) {
     std::map<std::string, int> refusals;
     const std::string key = "refusing client ";
@@ -230,8 +218,7 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         resident.push_back(ReplaySupport::ProcessStatusNumber(m_server->Pid(), "VmRSS"));
     }
     EXPECT_EQ(sent, kFloodDatagrams);
-    // The real clients record for at least three seconds, however fast the
-    // flood went.
+    // At least three seconds of recording, however fast the flood went.
     std::this_thread::sleep_until(recordingStarted + std::chrono::seconds(3));
     ASSERT_EQ(Send("stop").status, 0);
     EXPECT_EQ(Send("wait").status, 0);
@@ -242,7 +229,6 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
         << table;
     EXPECT_TRUE(AllRunning(real)) << table;
 
-    // Each refused name is reported once, and only so many are named.
     const std::map<std::string, int> refusals = RefusalsByName(m_server->Output());
     EXPECT_FALSE(refusals.empty());
     EXPECT_LE(refusals.size(), kNamedRefusals);
@@ -251,16 +237,13 @@ TEST_F(HostileServerTest, FloodFromThousandsOfPortsLeavesRealClientsRecordingAnd
     }
     EXPECT_EQ(ReplayTest::Occurrences(m_server->Output(), "further refusals are only counted"), 1);
 
-    // Over the second half every bound has long been reached: only the
-    // allocator's noise is allowed.
+    // Past the first half every bound is reached: allocator noise only.
     if (!ReplayTest::kSanitizerBuild) {
         EXPECT_LT(resident.back() - residentBefore, 16 * 1024) << residentBefore << " kB before";
         EXPECT_LT(resident.back() - resident[kFloodChunks / 2 - 1], 512)
             << resident[kFloodChunks / 2 - 1] << " kB at half, " << resident.back() << " at end";
     }
 
-    // The real clients were recorded all along (several blocks a second),
-    // into a log that verifies.
     const std::string dump = Dump();
     for (const std::string& name : real) {
         EXPECT_GE(ReplayTest::Occurrences(dump, ":" + name + ":!1 "), 10) << name;

@@ -1,6 +1,4 @@
-// Faults of the log's side of recording, with the real processes. Every case
-// ends with the clients alive, the server answering and a log that `replaylog
-// verify` reads.
+// Faults of the log's side of recording, with the real processes.
 
 #include <chrono>
 #include <filesystem>
@@ -20,8 +18,7 @@ using namespace std::chrono_literals;
 using ReplayTest::NumberAfter;
 using ReplayTest::WaitFor;
 
-// Block numbers above 0 per client of a dump ("offset [segment] kind client
-// time sequence ...").
+// Block numbers above 0 per client of dump lines "offset [segment] kind client time sequence".
 std::map<std::string, std::set<long>> BlocksByClient(const std::string& dump) {
     std::map<std::string, std::set<long>> blocks;
     std::istringstream lines(dump);
@@ -125,8 +122,6 @@ TEST_F(LogFaultTest, LoggerStartedLateThenKilledAndRestartedLosesOnlyWhatCameBef
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
     ASSERT_NO_FATAL_FAILURE(StopRecordingAndCheckSurvivors());
 
-    // Header and initialisation blocks (held in the write queue), then no gap
-    // from the first block that found the logger, across the restart.
     const std::string dump = Dump();
     ASSERT_FALSE(BlocksByClient(dump).empty()) << dump;
     EXPECT_NE(dump.find("multicore"), std::string::npos) << dump;
@@ -138,8 +133,6 @@ TEST_F(LogFaultTest, LoggerStartedLateThenKilledAndRestartedLosesOnlyWhatCameBef
     EXPECT_NE(report.find(" 0 blocks out of order, 0 duplicates"), std::string::npos) << report;
 }
 
-// An outage the queue holds loses nothing (the writer's own tests); a longer
-// one loses exactly what the service counts and reports.
 TEST_F(LogFaultTest, OutageLongerThanTheQueueHoldsLosesExactlyWhatIsReported) {
     // About forty records: more than the burst that ends a recording.
     ASSERT_NO_FATAL_FAILURE(StartCountingLogger("--queue-mb 0.08"));

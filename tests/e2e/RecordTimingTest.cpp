@@ -1,6 +1,4 @@
-// What a client hands over is what the log holds, at the moment it was
-// handed over: real processes (logger service, server, clients that journal
-// each hand-over on the library's clock) on loopback, the log read back.
+// What a client hands over is what the log holds, at the moment it was handed over.
 
 #include <algorithm>
 #include <cstdint>
@@ -70,7 +68,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
         return handOvers;
     }
 
-    // Items by client and stored bytes (binary as its Ascii7 text).
     std::map<std::string, std::map<std::string, Stored>> ReadLog() const {
         std::map<std::string, std::map<std::string, Stored>> items;
         ReplayCore::ReplayLogReader reader;
@@ -121,8 +118,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
 };
 
 TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
-    // A 1 Hz client; idle spells under a second, text and binary; items
-    // around the size limit, each right after a small item and after a pause.
     std::vector<PlannedItem> slow(6, PlannedItem{1000, 't', 24});
     std::vector<PlannedItem> idle;
     const long pauses[] = {150, 400, 700, 950, 20, 300, 850, 60, 500, 990, 5, 640};
@@ -140,8 +135,7 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
         sizes.push_back({0, 'b', size});
         sizes.push_back({40, 'b', size});
     }
-    // A 1 Hz client's block can leave it up to 4 s after its first item:
-    // only the default hold keeps it ahead of the writer's limit.
+    // Only the default hold keeps a 1 Hz client's late blocks in the log.
     ASSERT_NO_FATAL_FAILURE(StartServer(5000));
     StartTimedClient("slow", slow);
     StartTimedClient("idle", idle);
@@ -149,7 +143,6 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
     ASSERT_NO_FATAL_FAILURE(WaitUntilRunning({"slow", "idle", "sizes"}));
 
     ASSERT_EQ(Send("record").status, 0);
-    // About seven seconds; the last block is on its way at "done".
     ASSERT_TRUE(WaitFor([&] { return AllPlansDone(); }, 60s, 100ms));
     std::this_thread::sleep_for(500ms);
     ASSERT_EQ(Send("stop").status, 0);
@@ -167,7 +160,6 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
             const HandOver& handOver = handOvers[i];
             const auto found = stored.find(StoredForm(plan.first, i));
             if (handOver.result < 0) {
-                // Only an item that cannot fit a block, not even in part.
                 ++refused;
                 EXPECT_GE(plan.second[i].size, 1700u) << "item " << i;
                 EXPECT_TRUE(found == stored.end()) << "item " << i;
@@ -184,8 +176,6 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
         // A loaded machine may stretch some calls, but not most.
         EXPECT_LE(slowCalls, handOvers.size() / 2) << slowCalls << " slow calls";
         if (plan.first == "sizes") {
-            // The limit lies inside both ranges; recording goes on after a
-            // refusal.
             EXPECT_GE(handOvers[1].result, 0);
             EXPECT_LT(handOvers[88].result, 0);
             EXPECT_LT(handOvers.back().result, 0);

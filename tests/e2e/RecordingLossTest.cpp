@@ -75,9 +75,8 @@ class RecordingLossTest : public EndToEndTest {
 };
 
 TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
-    // A 10 Hz client's block can leave it up to 4 s after its first item:
-    // only the default hold keeps it ahead of the writer's limit for late
-    // records.
+    // A 10 Hz client's block can leave it 4 s after its first item: only the
+    // default hold keeps it ahead of the writer's limit for late records.
     StartServer(5000);
     StartClient("slow", {"--frame-hz", "0", "--position-hz", "10"});
     StartClient("fast", {"--frame-hz", "200", "--position-hz", "10"});
@@ -128,8 +127,6 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
     StartServer(5000);
     std::unique_ptr<UdpTestClient> client = Register("crashy");
     ASSERT_EQ(Send("record").status, 0);
-    // At the kill some are written, some queued for the writer, the rest
-    // held.
     std::vector<std::string> sent;
     const int64_t start = NowMs() - 3000;
     for (int k = 0; k < 60; ++k) {
@@ -153,12 +150,8 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
     EXPECT_NE(m_server->Output().find("recovered"), std::string::npos) << m_server->Output();
 }
 
-// Each row a raw client of its own: many connected long before the
-// recording, a burst of equal times, datagrams just past the largest record,
-// and a record far from its client's clock.
+// Each row a raw client of its own.
 TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
-    // More clients than the writer's queue holds, each with its
-    // initialisation block well over a hold before the recording.
     constexpr int kClients = 24;
     std::map<std::string, std::unique_ptr<UdpTestClient>> clients;
     for (int k = 0; k < kClients; ++k) {
@@ -178,7 +171,6 @@ TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
         const std::string name = "c" + std::to_string(k);
         send(name, DataRecord(name, NowMs(), 1, "item"));
     }
-    // As a client sending 20,000 small items in 80 ms makes them.
     std::vector<std::string> burst;
     const int64_t start = NowMs();
     for (unsigned int k = 0; k < 640; ++k) {

@@ -1,6 +1,4 @@
-// Replay of prepared logs to real demo clients through the real server: each
-// item's callback moment against its recorded moment, a burst larger than a
-// client's socket holds, and replays of a time range.
+// Replay of prepared logs to real demo clients through the real server.
 
 #include <algorithm>
 #include <cstdio>
@@ -76,12 +74,9 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
     }
 };
 
-// At 100 Hz a client takes the next item up just as it hands over the last,
-// and would hand it over at once, 10 ms early, were it in the same record or
-// sent ahead of its moment. A loaded machine makes items late, never early,
-// so items early against the median count. A host that stalls for hundreds
-// of milliseconds moves the median; the fault shows in every run, so a run
-// is repeated up to twice before it counts.
+// At 100 Hz an item sent ahead of its moment is handed over 10 ms early; a
+// loaded machine makes items late, never early. A host stall moves the median,
+// while the fault shows in every run: a run is repeated up to twice.
 TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     const std::vector<Item> items = Items(300, 10000);
     const std::string log = WriteLog("imu", items);
@@ -115,7 +110,6 @@ TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     EXPECT_LT(early, count / 20) << "errors against the median in 0.1 ms: " << text;
 }
 
-// 20,000 items of 64 bytes recorded in 80 ms.
 TEST_F(ReplayTimingTest, ABurstReplaysWholeAndInOrder) {
     const std::vector<Item> items = Items(20000, 4, 64);
     const std::string log = WriteLog("burst", items);
@@ -127,10 +121,8 @@ TEST_F(ReplayTimingTest, ABurstReplaysWholeAndInOrder) {
         << m_server->Output();
 }
 
-// A range starts and ends inside blocks: the client's last item before it,
-// then exactly the items at or after its start and before its end. Handed the
-// state item, a 200 Hz client takes the next one up 5 ms before its moment and
-// would hand it over at once were it sent ahead.
+// A 200 Hz client handed the state item takes the next one up 5 ms before
+// its moment, and would hand it over at once were it sent ahead.
 TEST_F(ReplayTimingTest, ARangeReplaysItsItemsAfterTheStateBeforeIt) {
     const std::vector<Item> items = Items(600, 5000);  // 200 Hz for 3 s
     const std::string log = WriteLog("gps", items);
@@ -138,9 +130,8 @@ TEST_F(ReplayTimingTest, ARangeReplaysItsItemsAfterTheStateBeforeIt) {
     const std::vector<Replayed> replayed =
         ReplayAndCollect("replay " + log + " --from 1.5 --to 2.5");
     ASSERT_EQ(Indexes(replayed), Range(299, 499));
-    // Due when the client's clock, less its latency, reads the item's time.
-    // The command that set that clock leaves it a little behind the server's
-    // schedule (more so under a sanitizer), so the item can look that early.
+    // The command that set the client's clock leaves it a little behind the
+    // server's schedule, so the item can look that early.
     const int lateMs = replayed[1].clockLeadMs + kNetworkingLatencyMs;
     EXPECT_GE(lateMs, -5) << "first item early";
     // Loose for a sanitizer build on a loaded machine.

@@ -1,9 +1,7 @@
 #ifndef TESTS_SUPPORT_ENDTOEND_H
 #define TESTS_SUPPORT_ENDTOEND_H
 
-// The whole system as real processes: the logger service, the replay server
-// and demo clients, under a private target root and on a loopback address of
-// their own, with helpers to command the server and read the log back.
+// The whole system as real processes under a private target root.
 
 #include <signal.h>
 
@@ -21,8 +19,7 @@ namespace ReplayTest {
 
 std::string BuiltBinary(const std::string& relative);
 
-// A child process with its output in a file and `environment` ("NAME=value")
-// added to the test's own; killed and reaped on destruction.
+// A child process with its output in a file; killed and reaped at the end.
 class Process : public ReplaySupport::ChildProcess {
   public:
     Process(const std::vector<std::string>& argv, const std::string& outputPath,
@@ -36,7 +33,6 @@ struct CommandResult {
     std::string output;
 };
 
-// The last summary line a demo client prints when it ends (StopClients).
 struct ClientSummary {
     bool found = false;
     size_t recorded = 0;
@@ -44,7 +40,6 @@ struct ClientSummary {
     bool identical = false;
 };
 
-// The number after the last `key` in `text`, or -1.
 long NumberAfter(const std::string& text, const std::string& key);
 
 // One line of a demo client's replayed-items file (DEMO_CLIENT_ITEMS).
@@ -55,8 +50,7 @@ struct ReplayedItem {
     int clockLeadMs = 0;   // the client's clock at the callback less the item's time
 };
 
-// Sanitizer builds run far slower and keep memory of their own: timing
-// bounds and resident sizes say nothing there.
+// Timing bounds and resident sizes say nothing in slow sanitizer builds.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitizerBuild = true;
 #else
@@ -68,8 +62,7 @@ class EndToEndTest : public TargetRootTest {
     void SetUp() override;
     void TearDown() override;
 
-    // The target's directories, a random loopback address and the options
-    // file, for fixtures that start the processes themselves.
+    // For fixtures that start the processes themselves.
     void PrepareTarget();
     // `launcher`: a command line the service runs under (a resource limit).
     void StartLogger(const std::vector<std::string>& launcher = {});
@@ -78,35 +71,28 @@ class EndToEndTest : public TargetRootTest {
     void StartServer(int reorderMs = 1000);
 
     CommandResult Send(const std::string& command);
-    // A built program (path relative to the build directory), to its end.
     CommandResult Run(std::vector<std::string> argv);
     std::string Dump();
-    // `replaylog verify` exits 0.
     void ExpectLogIntact();
-    // Nothing damaged or skipped and, if asked, nothing out of time order;
-    // lost blocks are allowed. Returns the report.
+    // Nothing damaged or skipped; lost blocks allowed. Returns the report.
     std::string ExpectReadableLog(bool inTimeOrder = true);
 
-    // Each start has its own journal, replayed-items and output file.
     Process& StartClient(const std::string& name, const std::vector<std::string>& options = {});
     std::string ClientJournal(size_t index) const { return m_clientRuns.at(index) + ".journal"; }
     // Written when the client ends.
     std::vector<ReplayedItem> ClientItems(size_t index) const;
 
-    // Whether `send clients` lists each of the names once, running.
     bool AllRunning(const std::vector<std::string>& names);
     void StartClients(const std::vector<std::string>& names);
     void WaitUntilRunning(const std::vector<std::string>& names);
     // Waits until the server has passed on `count` more records to the log.
     void WaitForRecords(long count);
     void Record(double seconds);
-    // SIGTERM to every client; their summaries in start order.
     std::vector<ClientSummary> StopClients();
 
     std::string LogPath() const { return Root() + "/fs/usb0/LOGFILE.DAT"; }
     std::string Address() const { return m_ip; }
 
-    // For every process started after it is set.
     std::vector<std::string> m_environment;
     std::unique_ptr<Process> m_logger;
     std::unique_ptr<Process> m_server;

@@ -1,9 +1,6 @@
 #ifndef TESTS_SUPPORT_TESTSUPPORT_H
 #define TESTS_SUPPORT_TESTSUPPORT_H
 
-// Shared test helpers: a private target root and working directory per test,
-// polling with a deadline, and capture of the debug channels.
-
 #include <gtest/gtest.h>
 
 #include "support/LoopbackAddress.h"
@@ -18,8 +15,7 @@
 
 namespace ReplayTest {
 
-// The test main's private target root for the whole program, so that no
-// test writes to the real target paths.
+// The test main's private target root, so no test writes to real paths.
 class ProcessTargetRoot {
   public:
     ProcessTargetRoot();
@@ -28,16 +24,14 @@ class ProcessTargetRoot {
     ProcessTargetRoot& operator=(const ProcessTargetRoot&) = delete;
 };
 
-// A fresh target root per test (also in REPLAY_TARGET_ROOT, for child
-// processes) with "<root>/work" as working directory; the file log under it
-// starts afresh.
+// A fresh target root per test (also for child processes), "<root>/work"
+// the working directory.
 class TargetRootTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 
     const std::string& Root() const { return m_root; }
-    // Root() + absolutePath, creating the parent directories.
     std::string MakeTargetDirectory(const std::string& absolutePath) const;
     std::string WriteTargetFile(const std::string& absolutePath, const std::string& content) const;
     std::string ReadTargetFile(const std::string& absolutePath) const;
@@ -64,7 +58,6 @@ using ReplaySupport::RandomLoopbackAddress;
 using ReplaySupport::WaitFor;
 
 std::string ReadFile(const std::string& path);
-// How often `fragment` occurs in `text`, overlapping occurrences included.
 int Occurrences(const std::string& text, const std::string& fragment);
 void WriteFile(const std::string& path, const std::string& content);
 
@@ -83,7 +76,6 @@ class CapturedDebug {
     CapturedDebug& operator=(const CapturedDebug&) = delete;
 
     std::vector<Line> Lines() const;
-    // Lines containing `fragment`, on any channel or the given one.
     int Count(Channel channel, const std::string& fragment) const {
         return Count(fragment, channel);
     }
