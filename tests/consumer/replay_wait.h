@@ -1,6 +1,5 @@
-/* What the C components share: a callback that notes when the replay hands
- * back the one item they recorded, and the loop that sends it once and waits
- * for it (a minute at most). */
+/* What the components share: a callback that notes the replay of the one
+ * item they recorded, and the loop that sends it and waits for it. */
 #ifndef TESTS_CONSUMER_REPLAY_WAIT_H
 #define TESTS_CONSUMER_REPLAY_WAIT_H
 
@@ -20,9 +19,8 @@ static int OnReplay(void* data, unsigned int nBytes, unsigned int clientTime) {
     return 1;
 }
 
-/* Calls `trySend` every 100 ms until it reports the item sent (nonzero),
- * then waits for the item to come back. Prints "sent" and "replayed" or "not
- * replayed"; returns the exit status. */
+/* Calls `trySend` every 100 ms until it sends the item, then waits for it, a
+ * minute in all; returns the exit status. */
 static int SendAndAwaitReplay(const void* item, unsigned int nBytes, int (*trySend)(void)) {
     const struct timespec pause = {0, 100 * 1000 * 1000};
     int sent = 0;

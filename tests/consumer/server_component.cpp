@@ -1,8 +1,6 @@
 // A server-side component built against the server headers and libreplay.so
-// only: reads a stored replay log with the log reader and checks that it
-// holds ITEM, then runs its own UDP server on ADDRESS (a port the system
-// picks) and checks that a datagram sent to it reaches its handler and the
-// client table. Exit 0 when both hold, 1 when not, 2 on a usage error.
+// only: checks that LOGFILE holds ITEM, and that a datagram to its own UDP
+// server on ADDRESS reaches the handler and the client table.
 //   server_component LOGFILE ITEM ADDRESS
 #include <arpa/inet.h>
 #include <netinet/in.h>

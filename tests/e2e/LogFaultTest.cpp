@@ -1,9 +1,4 @@
-// Faults of the log's side of recording, with the real processes: the logger
-// service started late, killed and restarted, the log medium removed and the
-// file size limit reached. Every case ends with the clients alive, the server
-// answering and a log that `replaylog verify` reads. An outage the logger's
-// queue can hold loses nothing; a longer one loses exactly what the logger
-// reports as dropped.
+// Faults of the log's side of recording, with the real processes.
 
 #include <chrono>
 #include <filesystem>
@@ -23,8 +18,7 @@ using namespace std::chrono_literals;
 using ReplayTest::NumberAfter;
 using ReplayTest::WaitFor;
 
-// The block numbers (above the calibration block 0) of each client in a
-// dump, whose lines read "offset [segment] kind client time sequence ...".
+// Block numbers above 0 per client of dump lines "offset [segment] kind client time sequence".
 std::map<std::string, std::set<long>> BlocksByClient(const std::string& dump) {
     std::map<std::string, std::set<long>> blocks;
     std::istringstream lines(dump);
@@ -39,15 +33,13 @@ std::map<std::string, std::set<long>> BlocksByClient(const std::string& dump) {
     return blocks;
 }
 
-// The lowest block number of `client`, or -1.
 long FirstBlock(const std::string& dump, const std::string& client) {
     const auto blocks = BlocksByClient(dump);
     const auto found = blocks.find(client);
     return found == blocks.end() ? -1 : *found->second.begin();
 }
 
-// Blocks missing from the log, over all clients: the numbers absent between
-// each client's lowest and highest block. Counted from the set of numbers,
+// Numbers absent between each client's lowest and highest block; a set,
 // since records of equal time are written latest arrival first.
 uint64_t MissingBlocks(const std::string& dump) {
     uint64_t missing = 0;
@@ -60,14 +52,11 @@ uint64_t MissingBlocks(const std::string& dump) {
 
 class LogFaultTest : public ReplayTest::EndToEndTest {
   protected:
-    // The logger service is each case's own business.
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(PrepareTarget());
         StartServer();
     }
 
-    // Starts two demo clients and a recording; with `untilLogged`, waits
-    // until the log holds a block of gps.
     void StartRecording(bool untilLogged) {
         ASSERT_NO_FATAL_FAILURE(StartClients({"gps", "can"}));
         ASSERT_EQ(Send("record").status, 0);
@@ -76,8 +65,6 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
         }
     }
 
-    // Ends the recording (everything queued is written out) and checks the
-    // processes survived the fault.
     void StopRecordingAndCheckSurvivors() {
         ASSERT_EQ(Send("stop").status, 0);
         EXPECT_EQ(Send("wait").status, 0) << m_server->Output();
@@ -86,19 +73,15 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
         }
         EXPECT_TRUE(m_server->Running()) << m_server->Output();
         ASSERT_TRUE(m_logger != nullptr && m_logger->Running()) << m_logger->Output();
-        // Everything the server passed on has reached the service's file.
         m_logger->Signal(SIGTERM);
         EXPECT_EQ(m_logger->Wait(20s), 0) << m_logger->Output();
     }
 
-    // Starts the logger service with its statistics file and `options`.
     void StartCountingLogger(const std::string& options = "") {
-        // The launcher adds the options behind those the fixture passes.
         StartLogger({"/bin/sh", "-c",
                      "exec \"$0\" \"$@\" --stats-file '" + StatisticsPath() + "' " + options});
     }
     std::string StatisticsPath() const { return Root() + "/logger-stats.json"; }
-    // The logger's counters as it last wrote them (at its exit, once stopped).
     nlohmann::json LoggerCounts() const {
         const std::string text = ReplayTest::ReadFile(StatisticsPath());
         return nlohmann::json::parse(text.empty() ? "{}" : text);
@@ -111,19 +94,15 @@ class LogFaultTest : public ReplayTest::EndToEndTest {
     }
 };
 
-// One logger service's life: started after the recording, then killed and
-// restarted while the clients go on recording.
 TEST_F(LogFaultTest, LoggerStartedLateThenKilledAndRestartedLosesOnlyWhatCameBeforeIt) {
     ASSERT_NO_FATAL_FAILURE(StartRecording(false));
-    // A few blocks of each client go nowhere: the channel does not exist yet.
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
     ASSERT_FALSE(std::filesystem::exists(LogPath()));
     ASSERT_NO_FATAL_FAILURE(StartLogger());
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(6));
 
-    // A record the service has read but not yet written dies with it: the
-    // kill comes when the log has not grown for 300 ms, so that nothing is in
-    // flight and what is checked is the channel's part.
+    // A record read but not yet written dies with the service: the kill comes
+    // once the log has not grown for 300 ms, so the channel's part is checked.
     uintmax_t size = 0;
     auto stableSince = std::chrono::steady_clock::now();
     ASSERT_TRUE(WaitFor(
@@ -138,15 +117,11 @@ TEST_F(LogFaultTest, LoggerStartedLateThenKilledAndRestartedLosesOnlyWhatCameBef
         },
         20s, 10ms));
     m_logger->Kill();
-    // Records keep coming while the service is down; the channel holds them.
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
     ASSERT_NO_FATAL_FAILURE(StartLogger());
     ASSERT_NO_FATAL_FAILURE(WaitForRecords(4));
     ASSERT_NO_FATAL_FAILURE(StopRecordingAndCheckSurvivors());
 
-    // The log opens with its header and the clients' initialisation blocks
-    // (they wait in the write queue), then continues without a gap from
-    // the first block that found the logger, across the restart.
     const std::string dump = Dump();
     ASSERT_FALSE(BlocksByClient(dump).empty()) << dump;
     EXPECT_NE(dump.find("multicore"), std::string::npos) << dump;
@@ -158,15 +133,11 @@ TEST_F(LogFaultTest, LoggerStartedLateThenKilledAndRestartedLosesOnlyWhatCameBef
     EXPECT_NE(report.find(" 0 blocks out of order, 0 duplicates"), std::string::npos) << report;
 }
 
-// An outage the logger's queue holds loses nothing (the writer's own tests);
-// a longer one loses exactly what the service counts and reports.
 TEST_F(LogFaultTest, OutageLongerThanTheQueueHoldsLosesExactlyWhatIsReported) {
-    // Room for about forty records: some seconds of these clients, and
-    // more than the burst that ends a recording.
+    // About forty records: more than the burst that ends a recording.
     ASSERT_NO_FATAL_FAILURE(StartCountingLogger("--queue-mb 0.08"));
     ASSERT_NO_FATAL_FAILURE(StartRecording(true));
 
-    // The stick is pulled: its mount point goes away with the file on it.
     const std::string medium = Root() + "/fs/usb0";
     std::filesystem::rename(medium, medium + ".away");
     ASSERT_NO_FATAL_FAILURE(WaitUntilLoggerSays("queue full after"));
@@ -182,7 +153,6 @@ TEST_F(LogFaultTest, OutageLongerThanTheQueueHoldsLosesExactlyWhatIsReported) {
     EXPECT_EQ(counts.value("dropped_queue_full", -1), dropped) << counts.dump();
     EXPECT_EQ(counts.value("written", -1) + dropped, counts.value("received", -2)) << counts.dump();
     EXPECT_EQ(counts.value("outages", -1), 1) << counts.dump();
-    // The outage's share of the drops is told when the medium is back.
     const long droppedInOutage =
         NumberAfter(m_logger->Output(), "records held meanwhile written, ");
     EXPECT_EQ(droppedInOutage, dropped) << m_logger->Output();
@@ -191,8 +161,7 @@ TEST_F(LogFaultTest, OutageLongerThanTheQueueHoldsLosesExactlyWhatIsReported) {
 }
 
 TEST_F(LogFaultTest, FileSizeLimitEndsTheLogOnAWholeRecord) {
-    // 16 blocks of 512 bytes: the header and a few records fit; the write
-    // that crosses the limit is partly written by the kernel.
+    // 16 blocks of 512 bytes; the write that crosses it is partly written.
     ASSERT_NO_FATAL_FAILURE(StartLogger({"/bin/sh", "-c", "ulimit -f 16 && exec \"$0\" \"$@\""}));
     ASSERT_NO_FATAL_FAILURE(StartRecording(false));
     ASSERT_NO_FATAL_FAILURE(WaitUntilLoggerSays("File too large"));

@@ -1,6 +1,4 @@
-// What a client hands over is what the log holds, at the moment it was
-// handed over: real processes (logger service, server, clients that journal
-// each hand-over on the library's clock) on loopback, the log read back.
+// What a client hands over is what the log holds, at the moment it was handed over.
 
 #include <algorithm>
 #include <cstdint>
@@ -35,7 +33,6 @@ struct HandOver {
     int result = 0;
 };
 
-// Where an item was found in the log: its stored time, how often.
 struct Stored {
     int64_t timeMs = 0;
     int count = 0;
@@ -43,7 +40,6 @@ struct Stored {
 
 class RecordTimingTest : public ReplayTest::EndToEndTest {
   protected:
-    // Starts a timed item client on `plan`.
     void StartTimedClient(const std::string& name, const std::vector<PlannedItem>& plan) {
         const std::string base = Root() + "/" + name;
         std::ofstream out(base + ".plan");
@@ -61,7 +57,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
     std::string Journal(const std::string& name) const {
         return ReplayTest::ReadFile(Root() + "/" + name + ".journal");
     }
-    // The hand-overs of a journal, up to its "done".
     std::vector<HandOver> HandOvers(const std::string& name) const {
         std::vector<HandOver> handOvers;
         std::istringstream in(Journal(name));
@@ -73,9 +68,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
         return handOvers;
     }
 
-    // Every item of every client in the log, by client and stored bytes
-    // (binary items as the Ascii7 text they travel as); no record is longer
-    // than the largest client record.
     std::map<std::string, std::map<std::string, Stored>> ReadLog() const {
         std::map<std::string, std::map<std::string, Stored>> items;
         ReplayCore::ReplayLogReader reader;
@@ -102,7 +94,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
         return items;
     }
 
-    // The bytes item `index` of `name`'s plan is stored as.
     std::string StoredForm(const std::string& name, size_t index) const {
         const PlannedItem& planned = m_plans.at(name)[index];
         const std::string bytes = TimedItems::ItemBytes(index, planned.type, planned.size);
@@ -127,9 +118,6 @@ class RecordTimingTest : public ReplayTest::EndToEndTest {
 };
 
 TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
-    // A 1 Hz client; a client with idle spells under a second, switching
-    // between text and binary; a client handing over items around the size
-    // limit, each right after a small item and again after a pause.
     std::vector<PlannedItem> slow(6, PlannedItem{1000, 't', 24});
     std::vector<PlannedItem> idle;
     const long pauses[] = {150, 400, 700, 950, 20, 300, 850, 60, 500, 990, 5, 640};
@@ -147,9 +135,7 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
         sizes.push_back({0, 'b', size});
         sizes.push_back({40, 'b', size});
     }
-    // A 1 Hz client's block can leave it up to about four seconds after its
-    // first item: only the server's default hold keeps it ahead of the
-    // writer's one-second limit for late records.
+    // Only the default hold keeps a 1 Hz client's late blocks in the log.
     ASSERT_NO_FATAL_FAILURE(StartServer(5000));
     StartTimedClient("slow", slow);
     StartTimedClient("idle", idle);
@@ -157,8 +143,6 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
     ASSERT_NO_FATAL_FAILURE(WaitUntilRunning({"slow", "idle", "sizes"}));
 
     ASSERT_EQ(Send("record").status, 0);
-    // The plans take about seven seconds; each client's last block is on
-    // its way when its journal says done.
     ASSERT_TRUE(WaitFor([&] { return AllPlansDone(); }, 60s, 100ms));
     std::this_thread::sleep_for(500ms);
     ASSERT_EQ(Send("stop").status, 0);
@@ -176,8 +160,6 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
             const HandOver& handOver = handOvers[i];
             const auto found = stored.find(StoredForm(plan.first, i));
             if (handOver.result < 0) {
-                // Refused: only an item that cannot fit a block, and then it
-                // is nowhere in the log, not even in part.
                 ++refused;
                 EXPECT_GE(plan.second[i].size, 1700u) << "item " << i;
                 EXPECT_TRUE(found == stored.end()) << "item " << i;
@@ -185,22 +167,15 @@ TEST_F(RecordTimingTest, EveryItemIsStoredAtItsHandOverTimeOrRefusedOutright) {
             }
             ASSERT_TRUE(found != stored.end()) << "item " << i;
             EXPECT_EQ(found->second.count, 1) << "item " << i;
-            // The library read its clock during the call, and the call took
-            // no more than a scheduling delay.
             EXPECT_GE(found->second.timeMs, handOver.beforeMs) << "item " << i;
             EXPECT_LE(found->second.timeMs, handOver.afterMs) << "item " << i;
             if (handOver.afterMs - handOver.beforeMs > 2) {
                 ++slowCalls;
             }
         }
-        // The bounds above are tight only while calls are quick; a loaded
-        // machine may stretch some of them (a call that sends a block most),
-        // but not most.
+        // A loaded machine may stretch some calls, but not most.
         EXPECT_LE(slowCalls, handOvers.size() / 2) << slowCalls << " slow calls";
         if (plan.first == "sizes") {
-            // The boundary lies inside the range: the smallest text items
-            // are stored, the largest refused, and so are the largest
-            // binary ones; the client went on recording after each refusal.
             EXPECT_GE(handOvers[1].result, 0);
             EXPECT_LT(handOvers[88].result, 0);
             EXPECT_LT(handOvers.back().result, 0);

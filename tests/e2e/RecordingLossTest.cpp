@@ -1,6 +1,4 @@
-// Recording that loses nothing, with real processes on loopback: a stop keeps
-// every item handed over before it, a killed server brings back what it had
-// received, a burst keeps its order, and oversized datagrams are refused.
+// Recording that loses nothing, with real processes on loopback.
 
 #include <algorithm>
 #include <chrono>
@@ -29,8 +27,7 @@ using HandedItem = ReplaySupport::JournalItem;
 
 constexpr int64_t kStampMarginMs = 50;
 
-// The items of each client in a directory written by `replaylog extract
-// --out-dir` (files "<n>_<client>_<time>.<ext>"), as a multiset per client.
+// Files "<n>_<client>_<time>.<ext>" of `replaylog extract --out-dir`.
 std::map<std::string, std::multiset<std::string>> ReadExtractedItems(const std::string& directory) {
     std::map<std::string, std::multiset<std::string>> items;
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {
@@ -50,8 +47,6 @@ int64_t NowMs() {
 
 class RecordingLossTest : public EndToEndTest {
   protected:
-    // A fake client registered with the server by `first` (by default a
-    // status record).
     std::unique_ptr<UdpTestClient> Register(const std::string& name, std::string first = "") {
         std::unique_ptr<UdpTestClient> client(new UdpTestClient(Address()));
         EXPECT_TRUE(
@@ -60,7 +55,6 @@ class RecordingLossTest : public EndToEndTest {
         return client;
     }
     long Handled() { return NumberAfter(Send("status").output, "\ndatagrams "); }
-    // The data records of the log (of `client` only, if given), in order.
     std::vector<std::string> LoggedData(const std::string& client = "") {
         std::vector<std::string> data;
         ReplayCore::ReplayLogReader reader;
@@ -81,9 +75,8 @@ class RecordingLossTest : public EndToEndTest {
 };
 
 TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
-    // A 10 Hz client's block can leave it up to about 4 s after its first
-    // item (its ping sends it): only the server's default hold keeps such a
-    // block ahead of the writer's one-second limit for late records.
+    // A 10 Hz client's block can leave it 4 s after its first item: only the
+    // default hold keeps it ahead of the writer's limit for late records.
     StartServer(5000);
     StartClient("slow", {"--frame-hz", "0", "--position-hz", "10"});
     StartClient("fast", {"--frame-hz", "200", "--position-hz", "10"});
@@ -94,9 +87,8 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
     const CommandResult stopped = Send("stop");
     const auto took = std::chrono::steady_clock::now() - stopping;
     EXPECT_EQ(stopped.output, "recording stopped\n");
-    // A stop waits for each client's block holding the moment: a block
-    // leaves a client within about 5 s (the wait gives up at 10 s, which
-    // the check of unconfirmed clients below catches).
+    // A block leaves a client within about 5 s; the stop's wait for it
+    // gives up at 10 s, which the unconfirmed clients below catch.
     EXPECT_LT(took, 14s);
     const std::string status = Send("status").output;
     const long moment = NumberAfter(status, "last stop moment ");
@@ -112,10 +104,8 @@ TEST_F(RecordingLossTest, StopKeepsEveryItemHandedOverBeforeIt) {
     for (const std::string client : {"slow", "fast"}) {
         const auto found = logged.find(client);
         ASSERT_NE(found, logged.end()) << client;
-        // The journal's time is read just before the item is handed over;
-        // the library stamps it a moment later, and the stamp decides on
-        // which side of the stop it falls. A loaded machine can put a few
-        // milliseconds between the two.
+        // The library stamps an item a moment after the journal's time; a
+        // loaded machine can put milliseconds between the two.
         size_t before = 0;
         std::vector<HandedItem> missing;
         for (const HandedItem& item :
@@ -137,8 +127,6 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
     StartServer(5000);
     std::unique_ptr<UdpTestClient> client = Register("crashy");
     ASSERT_EQ(Send("record").status, 0);
-    // 60 blocks over 3 s: at the kill some are written, some wait in the
-    // writer's queue, the rest in the hold.
     std::vector<std::string> sent;
     const int64_t start = NowMs() - 3000;
     for (int k = 0; k < 60; ++k) {
@@ -147,7 +135,6 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
         std::this_thread::sleep_for(5ms);
     }
     ASSERT_TRUE(WaitFor([&] { return Handled() >= 61; }, 10s, 20ms));
-    // What was received more than a second ago must survive.
     std::this_thread::sleep_for(1200ms);
     m_server->Kill();
 
@@ -159,17 +146,12 @@ TEST_F(RecordingLossTest, KilledServerRestartsAndWritesWhatItHadReceivedOnce) {
     EXPECT_GE(NumberAfter(status, "records recovered at start "),
               static_cast<long>(sent.size() - loggedBeforeRestart))
         << status;
-    // Each record once, in order: the recovered ones follow those written.
     EXPECT_EQ(LoggedData(), sent) << m_server->Output();
     EXPECT_NE(m_server->Output().find("recovered"), std::string::npos) << m_server->Output();
 }
 
-// Raw clients of one server, each row of the test a client of its own: many
-// connected long before the recording, a burst of equal times, datagrams
-// just past the largest record, and a record far from its client's clock.
+// Each row a raw client of its own.
 TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
-    // More clients than the writer's queue holds, each announcing itself
-    // with its initialisation block well over a hold before the recording.
     constexpr int kClients = 24;
     std::map<std::string, std::unique_ptr<UdpTestClient>> clients;
     for (int k = 0; k < kClients; ++k) {
@@ -189,8 +171,6 @@ TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
         const std::string name = "c" + std::to_string(k);
         send(name, DataRecord(name, NowMs(), 1, "item"));
     }
-    // 640 blocks over about 20 distinct milliseconds, as a client sending
-    // 20,000 small items in 80 ms makes them.
     std::vector<std::string> burst;
     const int64_t start = NowMs();
     for (unsigned int k = 0; k < 640; ++k) {
@@ -200,7 +180,6 @@ TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
             std::this_thread::sleep_for(2ms);  // the socket's buffer is not the subject
         }
     }
-    // One to seven bytes past the largest record, then one exactly at it.
     const size_t room = GetMaximumClientRecordSize() - DataRecord("big", start, 1, "").size();
     for (unsigned int extra = 1; extra <= 7; ++extra) {
         clients["big"]->Send(Address(), 4400,
@@ -208,7 +187,6 @@ TEST_F(RecordingLossTest, RawClientsRecordThroughOneServer) {
     }
     const std::string fits = DataRecord("big", start, 8, std::string(room, 'x'));
     send("big", fits);
-    // An hour ahead of its client's clock would stretch the log by an hour.
     const std::string forged[] = {DataRecord("forger", start, 1, "in time"),
                                   DataRecord("forger", start + 3600000, 2, "ahead"),
                                   DataRecord("forger", start + 500, 3, "in time again")};

@@ -1,6 +1,4 @@
-// Replay of prepared logs to real demo clients through the real server: each
-// item's callback moment against its recorded moment, a burst far larger
-// than a client's socket holds, and replays of a time range.
+// Replay of prepared logs to real demo clients through the real server.
 
 #include <algorithm>
 #include <cstdio>
@@ -23,7 +21,6 @@ constexpr int kNetworkingLatencyMs = 100;
 
 using Item = ReplayTest::TimedItem;
 
-// `count` position texts of `size` bytes (at least 12), `periodUs` apart.
 std::vector<Item> Items(size_t count, int64_t periodUs, size_t size = 24) {
     std::vector<Item> items;
     for (size_t i = 0; i < count; ++i) {
@@ -45,8 +42,7 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         return path;
     }
 
-    // A demo client whose journal holds `items`, as if it had recorded
-    // them: the journal the next start of StartClient uses.
+    // A demo client whose journal holds `items`, as if it had recorded them.
     void StartReplayClient(const std::string& name, const std::vector<Item>& items) {
         std::ofstream(Root() + "/" + name + "." + std::to_string(m_clients.size()) + ".journal")
             << ReplayTest::DemoJournal(items);
@@ -54,7 +50,6 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
         ASSERT_NO_FATAL_FAILURE(WaitUntilRunning({name}));
     }
 
-    // Replays, waits until done, ends the client and reads what it got.
     std::vector<Replayed> ReplayAndCollect(const std::string& command) {
         const CommandResult replay = Send(command);
         EXPECT_EQ(replay.output.compare(0, 9, "replaying"), 0) << replay.output;
@@ -79,14 +74,9 @@ class ReplayTimingTest : public ReplayTest::EndToEndTest {
     }
 };
 
-// At 100 Hz the items of a block are 10 ms apart: a client takes the next
-// one up just as it hands over the last, and would hand it over at once,
-// 10 ms early, were it in the same record, or sent ahead of its moment. A
-// loaded machine makes items late, never early: items early against the
-// median are what this counts. A host that stalls the whole machine for
-// hundreds of milliseconds makes so many items late that the median moves;
-// such a fault as this looks for shows in every run, so a run is repeated
-// up to twice before it counts. The benchmark measures the figures.
+// At 100 Hz an item sent ahead of its moment is handed over 10 ms early; a
+// loaded machine makes items late, never early. A host stall moves the median,
+// while the fault shows in every run: a run is repeated up to twice.
 TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     const std::vector<Item> items = Items(300, 10000);
     const std::string log = WriteLog("imu", items);
@@ -95,8 +85,9 @@ TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     size_t count = 0;
     for (int attempt = 0; attempt < 3; ++attempt) {
         ASSERT_NO_FATAL_FAILURE(StartReplayClient("imu", items));
-        const std::vector<Replayed> replayed = ReplayAndCollect("replay " + log);
-        ASSERT_EQ(Indexes(replayed), Range(0, 299));
+        const std::vector<Replayed> replayed =
+            ReplayAndCollect("replay " + log + " --from 0.5 --no-state");
+        ASSERT_EQ(Indexes(replayed), Range(50, 299)) << "--from 0.5 --no-state";
         std::vector<int64_t> errorsUs;
         for (const Replayed& item : replayed) {
             errorsUs.push_back((item.momentUs - replayed[0].momentUs) -
@@ -119,8 +110,6 @@ TEST_F(ReplayTimingTest, EveryItemOfAHundredHertzClientArrivesAtItsMoment) {
     EXPECT_LT(early, count / 20) << "errors against the median in 0.1 ms: " << text;
 }
 
-// 20,000 items of 64 bytes recorded in 80 ms: far more than a client's
-// socket holds at once. All arrive, in order.
 TEST_F(ReplayTimingTest, ABurstReplaysWholeAndInOrder) {
     const std::vector<Item> items = Items(20000, 4, 64);
     const std::string log = WriteLog("burst", items);
@@ -132,36 +121,21 @@ TEST_F(ReplayTimingTest, ABurstReplaysWholeAndInOrder) {
         << m_server->Output();
 }
 
-// A range starts and ends inside blocks: exactly the items at or after its
-// start and before its end, after the client's last item before it (unless
-// --no-state), and the first of them at its moment: a client handed the
-// state item takes the next one up 5 ms before its moment at 200 Hz, and
-// would hand it over at once were it sent ahead. A loaded machine makes it
-// late, never early.
+// A 200 Hz client handed the state item takes the next one up 5 ms before
+// its moment, and would hand it over at once were it sent ahead.
 TEST_F(ReplayTimingTest, ARangeReplaysItsItemsAfterTheStateBeforeIt) {
     const std::vector<Item> items = Items(600, 5000);  // 200 Hz for 3 s
     const std::string log = WriteLog("gps", items);
-
     ASSERT_NO_FATAL_FAILURE(StartReplayClient("gps", items));
-    std::vector<Replayed> replayed = ReplayAndCollect("replay " + log + " --from 1.5");
-    ASSERT_EQ(Indexes(replayed), Range(299, 599));
-    // Due when the client's clock, less its latency, reads the item's time.
-    // The server's schedule times the item; the client's clock was set by a
-    // command whose trip (slow under a sanitizer) leaves it a little behind
-    // that schedule, so the item can look that much early.
+    const std::vector<Replayed> replayed =
+        ReplayAndCollect("replay " + log + " --from 1.5 --to 2.5");
+    ASSERT_EQ(Indexes(replayed), Range(299, 499));
+    // The command that set the client's clock leaves it a little behind the
+    // server's schedule, so the item can look that early.
     const int lateMs = replayed[1].clockLeadMs + kNetworkingLatencyMs;
     EXPECT_GE(lateMs, -5) << "first item early";
-    // A sanitizer build on a loaded machine wakes late; the benchmark
-    // measures the real figure.
+    // Loose for a sanitizer build on a loaded machine.
     EXPECT_LT(lateMs, 100) << "first item late";
-
-    ASSERT_NO_FATAL_FAILURE(StartReplayClient("gps", items));
-    replayed = ReplayAndCollect("replay " + log + " --from 0.5 --to 1 --no-state");
-    EXPECT_EQ(Indexes(replayed), Range(100, 199));
-
-    ASSERT_NO_FATAL_FAILURE(StartReplayClient("gps", items));
-    replayed = ReplayAndCollect("replay " + log + " --to 0.2");
-    EXPECT_EQ(Indexes(replayed), Range(0, 39));
 }
 
 }  // namespace

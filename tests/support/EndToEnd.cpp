@@ -26,11 +26,6 @@ ClientSummary ParseClientSummary(const std::string& output) {
                     &summary.recorded, &summary.replayed, identical) == 3) {
         summary.found = true;
         summary.identical = std::string(identical) == "yes";
-        const size_t timing = output.find("timing error ms:", at);
-        if (timing != std::string::npos) {
-            std::sscanf(output.c_str() + timing, "timing error ms: mean %*f p99 %*d max %ld",
-                        &summary.maxErrorMs);
-        }
     }
     return summary;
 }
@@ -49,7 +44,7 @@ void EndToEndTest::SetUp() {
 }
 
 void EndToEndTest::TearDown() {
-    // Clients first, so none of them waits on a server that has gone.
+    // Clients first: none waits on a server that has gone.
     m_clients.clear();
     m_server.reset();
     m_logger.reset();
@@ -59,7 +54,6 @@ void EndToEndTest::TearDown() {
 
 void EndToEndTest::PrepareTarget() {
     TargetRootTest::SetUp();
-    // Components take part in record and replay only when this is set.
     setenv("ENABLE_REPLAY", "1", 1);
     MakeTargetDirectory("/fs/usb0");
     m_ip = RandomLoopbackAddress();
@@ -72,8 +66,7 @@ void EndToEndTest::PrepareTarget() {
 
 void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
     const std::string ready = Root() + "/logger.ready";
-    // A killed service leaves its ready file behind.
-    std::filesystem::remove(ready);
+    std::filesystem::remove(ready);  // a killed service leaves it behind
     std::vector<std::string> argv = launcher;
     argv.insert(argv.end(), {BuiltBinary("logger/replay-logger"), "--ready-file", ready});
     m_logger.reset(new Process(argv, Root() + "/logger.out", m_environment));
@@ -82,13 +75,9 @@ void EndToEndTest::StartLogger(const std::vector<std::string>& launcher) {
 }
 
 void EndToEndTest::StartServer(int reorderMs) {
-    // The demo clients send every block within about two seconds of its
-    // time, so a short reorder hold keeps their records in order and lets
-    // them reach the log while the cases record only a few seconds.
     m_server.reset(new Process(
         {BuiltBinary("server/ReplayManager"), "--bind", m_ip, "--reorder-ms",
          std::to_string(reorderMs)},
-        // Each start writes a file of its own.
         Root() + "/server" + (m_serverStarts++ > 0 ? std::to_string(m_serverStarts) : "") + ".out",
         m_environment));
     ASSERT_TRUE(
@@ -178,14 +167,10 @@ void EndToEndTest::WaitUntilRunning(const std::vector<std::string>& names) {
         << Send("clients").output << m_clients.back()->Output() << m_server->Output();
 }
 
-long EndToEndTest::RecordsToLog() {
-    return NumberAfter(Send("status").output, "records to the log ");
-}
-
 void EndToEndTest::WaitForRecords(long count) {
-    const long target = RecordsToLog() + count;
-    ASSERT_TRUE(WaitFor([&] { return RecordsToLog() >= target; }, 20s, 50ms))
-        << Send("status").output;
+    auto records = [&] { return NumberAfter(Send("status").output, "records to the log "); };
+    const long target = records() + count;
+    ASSERT_TRUE(WaitFor([&] { return records() >= target; }, 20s, 50ms)) << Send("status").output;
 }
 
 void EndToEndTest::Record(double seconds) {

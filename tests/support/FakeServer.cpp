@@ -11,7 +11,7 @@
 
 namespace ReplayTest {
 
-FakeServer::FakeServer(bool startReceiving, int port) : m_port(port) {
+FakeServer::FakeServer(bool startReceiving, int port) {
     for (int attempt = 0; attempt < 200 && m_socket < 0; ++attempt) {
         const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         if (fd < 0) {

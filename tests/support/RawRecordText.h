@@ -1,8 +1,7 @@
-#ifndef TESTS_SUPPORT_HOSTILETRAFFIC_H
-#define TESTS_SUPPORT_HOSTILETRAFFIC_H
+#ifndef TESTS_SUPPORT_RAWRECORDTEXT_H
+#define TESTS_SUPPORT_RAWRECORDTEXT_H
 
-// Raw record text for tests that speak to the server or a client over UDP
-// without the library: the checksum field, and loopback endpoints.
+// Raw record text for tests that speak UDP without the library.
 
 #include <netinet/in.h>
 
@@ -14,7 +13,6 @@ namespace ReplayTest {
 // with `damage` the checksum is off by one.
 std::string WithChecksum(const std::string& body, bool damage = false);
 
-// The IPv4 address `dotted`:`port`.
 sockaddr_in LoopbackAddress(const std::string& dotted, int port);
 
 }  // namespace ReplayTest

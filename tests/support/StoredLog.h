@@ -1,9 +1,8 @@
 #ifndef TESTS_SUPPORT_STOREDLOG_H
 #define TESTS_SUPPORT_STOREDLOG_H
 
-// Logs made up for replay, as the server would have stored them, and the
-// matching demo client journals. Free of the test framework: the benchmarks
-// use it too.
+// Logs made up for replay and the matching demo client journals. Free of the
+// test framework: the benchmarks use it too.
 
 #include <cstdint>
 #include <string>
@@ -21,8 +20,7 @@ struct TimedItem {
 std::string StoredClientLog(int64_t startMs, const std::string& client,
                             const std::vector<TimedItem>& items);
 
-// A demo client journal of the same items, as text (data type 2): what the
-// client compares its replayed items with.
+// A demo client journal of the same items as text (data type 2).
 std::string DemoJournal(const std::vector<TimedItem>& items);
 
 }  // namespace ReplayTest

@@ -19,14 +19,11 @@ namespace ReplayTest {
 
 namespace {
 
-// A fresh temporary root with the working directory and the target's /tmp.
 std::unique_ptr<ReplaySupport::TemporaryRoot> MakeTemporaryRoot() {
     return std::make_unique<ReplaySupport::TemporaryRoot>(
         "libreplay-test", std::initializer_list<const char*>{"work", "tmp"});
 }
 
-// Points the target root (and the environment, for child processes) at
-// `root`.
 void UseTargetRoot(const std::string& root) {
     ReplayPlatform::SetTargetRoot(root);
     setenv("REPLAY_TARGET_ROOT", root.c_str(), 1);

@@ -1,8 +1,7 @@
 #ifndef TESTS_SUPPORT_UDPTESTCLIENT_H
 #define TESTS_SUPPORT_UDPTESTCLIENT_H
 
-// A plain UDP socket standing in for a replay client in server tests: it
-// sends datagrams to the server and reads its answers.
+// A plain UDP socket standing in for a replay client in server tests.
 
 #include <string>
 
@@ -20,7 +19,6 @@ class UdpTestClient {
 
     bool Bound() const { return m_fd >= 0; }
     int Port() const { return m_port; }
-    // True when the whole datagram went out.
     bool Send(const std::string& ip, int port, const std::string& text) const;
     // The next datagram, or "" when none comes within the deadline.
     std::string Receive(int timeoutMs = 10000) const;

@@ -1,9 +1,6 @@
-// timed_item_client NAME PLAN JOURNAL: a client for the recording timing
-// test. Once the server records, it hands over the items of PLAN (see
-// TimedItems.h) and journals the moment of each hand-over on the library's
-// own clock, and what SendClientData answered. Then one item of the other
-// data type sends the block in progress, so that every journaled item has
-// left before the recording stops; the client stays connected until SIGTERM.
+// timed_item_client NAME PLAN JOURNAL (see TimedItems.h): once recording,
+// hands over PLAN's items and journals each on the library's clock; then an
+// item of the other type sends the block in progress. Ends on SIGTERM.
 
 #include <signal.h>
 

@@ -1,7 +1,5 @@
-// Preloaded into a process, moves its wall clock (CLOCK_REALTIME,
-// gettimeofday, time) by the number of seconds written in the file named by
-// REPLAY_WALL_CLOCK_OFFSET_FILE, read again at most every 10 ms, so a test
-// can jump the clock of running processes. Other clocks are left alone.
+// Preloaded, moves the wall clock by the seconds in the file named by
+// REPLAY_WALL_CLOCK_OFFSET_FILE (read at most every 10 ms).
 
 #include <fcntl.h>
 #include <sys/syscall.h>

@@ -1,6 +1,4 @@
-// How the soak program accounts for every item: stored, handed over after
-// the stop, lost at the stop, dropped as late, lost, replayed; and how it
-// reads memory.
+// How the soak program accounts for every item.
 
 #include "tools/soak/SoakAnalysis.h"
 
@@ -23,7 +21,6 @@ using ReplaySoak::LossLimits;
 using ReplaySoak::ReplayedItem;
 using ReplaySoak::SentItem;
 
-// Positions every 100 ms from 1000 ms on: "P0", "P1", ...
 std::vector<SentItem> Positions(size_t count) {
     std::vector<SentItem> items;
     for (size_t i = 0; i < count; ++i) {
@@ -71,10 +68,8 @@ TEST(SoakAnalysisTest, MissingItemsAreAfterTheStopLostAtTheStopLateOrLost) {
     EXPECT_EQ(result.unexpected, 0u);
     EXPECT_EQ(result.replayLost, 20u);
 
-    // A stop that kept everything before its moment: nothing lost at it.
     limits.stopMomentMs = 4500;
     EXPECT_EQ(AnalyseClient(sent, Stored(sent, Range(0, 35)), {}, limits).lostAtStop, 0u);
-    // Without a known moment every missing item at the end counts as lost.
     EXPECT_EQ(AnalyseClient(sent, Stored(sent, Range(0, 35)), {}, LossLimits()).lostAtStop, 5u);
 }
 
@@ -94,23 +89,6 @@ TEST(SoakAnalysisTest, ReplayIsCheckedForOrderGapsAndTiming) {
     const ReplaySoak::Distribution timing = ReplaySoak::Summarise(result.timingErrorsMs);
     EXPECT_EQ(timing.max, 7);
     EXPECT_DOUBLE_EQ(timing.mean, 7.0 / 4);
-}
-
-TEST(SoakMemoryTest, GrowthLeavesOutTheWarmUpAndShowsTheSlope) {
-    // Ten minutes sampled every 30 s: start-up allocation in the first
-    // minute, then a leak of 50 KB a minute.
-    std::vector<ReplaySoak::MemorySample> samples;
-    for (int i = 0; i <= 20; ++i) {
-        const double minutes = i * 0.5;
-        const long kb = minutes < 1 ? 1000 + i * 400 : 5000 + static_cast<long>(minutes * 50);
-        samples.push_back({minutes, kb});
-    }
-    const ReplaySoak::MemoryGrowth growth = ReplaySoak::MeasureGrowth(samples, 10);
-    EXPECT_EQ(growth.startKb, 5050);
-    EXPECT_EQ(growth.endKb, 5500);
-    EXPECT_EQ(growth.middleKb, 5275);
-    EXPECT_EQ(growth.growthKb, 450);
-    EXPECT_NEAR(growth.slopeKbPerMinute, 50, 0.01);
 }
 
 }  // namespace
