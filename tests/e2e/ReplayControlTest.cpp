@@ -61,6 +61,15 @@ class ReplayControlTest : public ReplayTest::EndToEndTest {
     void JumpWallClockTo(long seconds) {
         ReplayTest::WriteFile(m_offsetFile, std::to_string(seconds) + "\n");
     }
+    // The wall clock in seconds as a process under the shim reads it.
+    long ShimmedWallClock() {
+        std::vector<std::string> argv = {"/usr/bin/env"};
+        argv.insert(argv.end(), m_environment.begin(), m_environment.end());
+        argv.insert(argv.end(), {"/bin/date", "+%s"});
+        std::string output;
+        ReplaySupport::RunCommand(argv, 10s, output);
+        return std::strtol(output.c_str(), nullptr, 10);
+    }
 
     std::string Ok(const std::string& command) {
         const CommandResult result = Send(command);
@@ -95,6 +104,12 @@ double Median(std::vector<double> values) {
 }
 
 TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHandedOver) {
+    // Without a shim that really moves the clock the jumps below prove nothing.
+    const long unmoved = ShimmedWallClock();
+    JumpWallClockTo(kHourSeconds);
+    ASSERT_NEAR(ShimmedWallClock() - unmoved, kHourSeconds, 60) << "the clock shim is not loaded";
+    JumpWallClockTo(0);
+
     const std::vector<std::string> names = {"gps", "can"};
     ASSERT_NO_FATAL_FAILURE(StartClients(names));
     ASSERT_EQ(Send("record").status, 0);
@@ -124,7 +139,7 @@ TEST_F(ReplayControlTest, PausedReplayResumesOnTimeAndWaitReturnsOnlyWhenAllIsHa
     JumpWallClockTo(0);
     EXPECT_NEAR(MsAfter(resumed, "resumed at "), MsAfter(paused, "paused at "), 5) << resumed;
 
-    // Done means handed over: the clients are stopped at once after it and
+    // Done means handed over: clients stopped at once after it lose nothing.
     const CommandResult waited = Send("wait");
     EXPECT_EQ(waited.output, "done\n") << m_server->Output();
     const std::vector<ClientSummary> summaries = StopClients();
