@@ -26,7 +26,6 @@
 // Benchmark flags select the client counts, e.g. --benchmark_filter=/10$.
 // Needs logger/replay-logger and server/ReplayManager built in the same tree.
 
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -81,14 +80,6 @@ void SleepUntil(int64_t deadlineNs) {
     }
 }
 
-sockaddr_in Endpoint(const std::string& address, int port) {
-    sockaddr_in endpoint{};
-    endpoint.sin_family = AF_INET;
-    endpoint.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, address.c_str(), &endpoint.sin_addr);
-    return endpoint;
-}
-
 // 127.a.b.(c + offset) for an address 127.a.b.c.
 std::string NeighbourAddress(const std::string& address, int offset) {
     const size_t dot = address.rfind('.');
@@ -101,7 +92,7 @@ class Sender {
     Sender(std::string name, const std::string& ownAddress, const sockaddr_in& target)
         : m_name(std::move(name)) {
         m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in own = Endpoint(ownAddress, 0);
+        const sockaddr_in own = ReplaySupport::LoopbackEndpoint(ownAddress, 0);
         m_ok = m_fd >= 0 && bind(m_fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
                connect(m_fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0;
         for (unsigned int i = 0; i < kItemLength; ++i) {
@@ -261,7 +252,7 @@ class RawRecvfromSink : public Sink {
     }
     bool Start() override {
         m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in own = Endpoint(m_address, kServerPort);
+        const sockaddr_in own = ReplaySupport::LoopbackEndpoint(m_address, kServerPort);
         timeval poll{0, 50000};
         return m_fd >= 0 && bind(m_fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
                setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &poll, sizeof poll) == 0;
@@ -347,7 +338,8 @@ ServerCounts ParseServerCounts(const std::string& status) {
 // last column of /proc/net/udp).
 uint64_t SocketDrops(const std::string& address, int port) {
     char wanted[32];
-    std::snprintf(wanted, sizeof wanted, "%08X:%04X", Endpoint(address, port).sin_addr.s_addr,
+    std::snprintf(wanted, sizeof wanted, "%08X:%04X",
+                  ReplaySupport::LoopbackEndpoint(address, port).sin_addr.s_addr,
                   static_cast<unsigned int>(port));
     std::FILE* table = std::fopen("/proc/net/udp", "r");
     if (table == nullptr) {
@@ -589,7 +581,7 @@ void RunIngest(benchmark::State& state, IngestSide side) {
         state.SkipWithError("cannot start the receiving side");
         return;
     }
-    const sockaddr_in target = Endpoint(sink->Address(), kServerPort);
+    const sockaddr_in target = ReplaySupport::LoopbackEndpoint(sink->Address(), kServerPort);
     std::vector<std::unique_ptr<Sender>> senders;
     for (int s = 0; s < clients; ++s) {
         char name[24];

@@ -1,6 +1,8 @@
 #ifndef SUPPORT_LOOPBACKADDRESS_H
 #define SUPPORT_LOOPBACKADDRESS_H
 
+#include <netinet/in.h>
+
 #include <string>
 
 namespace ReplaySupport {
@@ -9,6 +11,9 @@ namespace ReplaySupport {
 // each get server addresses of their own. The last octet lies in
 // [hostBase, 254 - hosts], leaving room for `hosts` neighbours above it.
 std::string RandomLoopbackAddress(int hostBase = 1, int hosts = 0);
+
+// The socket address of `dotted` (an IPv4 address) and `port`.
+sockaddr_in LoopbackEndpoint(const std::string& dotted, int port);
 
 }  // namespace ReplaySupport
 

@@ -11,12 +11,13 @@
 #include "libreplay/ReplayCore.h"
 #include "libreplay/multicore.h"
 #include "libreplay/server/ReplayLogger.h"
+#include "support/LoopbackAddress.h"
 #include "tests/support/RawRecordText.h"
 #include "tests/support/TestSupport.h"
 
 namespace ServerTest {
 
-inline constexpr auto& Address = ReplayTest::LoopbackAddress;
+inline constexpr auto& Address = ReplaySupport::LoopbackEndpoint;
 
 using ReplayTest::WithChecksum;  // appends the "%8x\n" checksum field
 

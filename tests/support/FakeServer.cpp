@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "support/LoopbackAddress.h"
 #include "tests/support/RawRecordText.h"
 #include "tests/support/TestSupport.h"
 
@@ -18,7 +19,7 @@ FakeServer::FakeServer(bool startReceiving, int port) {
             return;
         }
         const std::string address = RandomLoopbackAddress();
-        const sockaddr_in local = LoopbackAddress(address, port);
+        const sockaddr_in local = ReplaySupport::LoopbackEndpoint(address, port);
         if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0) {
             m_socket = fd;
             m_address = address;

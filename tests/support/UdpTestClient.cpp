@@ -1,18 +1,17 @@
 #include "tests/support/UdpTestClient.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "tests/support/RawRecordText.h"
+#include "support/LoopbackAddress.h"
 
 namespace ReplayTest {
 
 UdpTestClient::UdpTestClient(const std::string& ip, int port) {
     m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local = LoopbackAddress(ip, port);
+    sockaddr_in local = ReplaySupport::LoopbackEndpoint(ip, port);
     if (m_fd < 0 || bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
         if (m_fd >= 0) {
             close(m_fd);
@@ -32,7 +31,7 @@ UdpTestClient::~UdpTestClient() {
 }
 
 bool UdpTestClient::Send(const std::string& ip, int port, const std::string& text) const {
-    const sockaddr_in to = LoopbackAddress(ip, port);
+    const sockaddr_in to = ReplaySupport::LoopbackEndpoint(ip, port);
     return sendto(m_fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                   sizeof to) == static_cast<ssize_t>(text.size());
 }
